@@ -1,0 +1,36 @@
+#pragma once
+// The Bayeux 1.0 JSON wire codec.
+//
+// A frame is a JSON array of message objects; a single object is accepted too. Decoding never
+// throws: what cannot be understood is reported in `errors` and left out.
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "connector/bayeux/messages.h"
+
+namespace connector::bayeux::codec {
+
+struct Decoded {
+    std::vector<std::unique_ptr<BayeuxMessage>> messages;
+    std::vector<std::string> errors;
+};
+
+// Appends one message as a JSON object to `out`.
+void encodeInto(const BayeuxMessage& message, std::string& out);
+// A frame: a JSON array of the messages, in order.
+std::string encode(const std::vector<const BayeuxMessage*>& messages);
+std::string encode(const BayeuxMessage& message);
+
+// Decodes what a server sends to a client: a message with `successful` is a response, its class
+// chosen by channel (any non-meta channel gives a PublishResponse); a message on a non-meta
+// channel with `data` and no `successful` is a delivered PublishRequest.
+Decoded decodeFromServer(std::string_view frame);
+
+// Decodes what a client sends to a server: meta requests by channel, and PublishRequests.
+Decoded decodeFromClient(std::string_view frame);
+
+}  // namespace connector::bayeux::codec

@@ -1,0 +1,42 @@
+#pragma once
+// The Bayeux endpoint (the hub): serves an in-process BayeuxServer to remote Bayeux clients over
+// WebSocket and HTTP long-polling. Each remote client is a session of the server.
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "connector/bayeux/server.h"
+
+namespace connector::bayeux {
+
+struct EndpointOptions {
+    std::string host = "127.0.0.1";
+    std::uint16_t port = 0;  // 0: any free port
+    std::string path = "/bayeux";
+    std::string apiKey;      // when set, a handshake must carry ext.orvapikey equal to it
+    std::string certFile;    // PEM certificate and key: TLS when both are set
+    std::string keyFile;
+    std::size_t maxMessageBytes = 1024 * 1024;        // largest frame or HTTP body accepted
+    std::size_t maxQueuePerSession = 10000;           // messages queued for one session
+    std::size_t maxSessions = 100000;
+    std::chrono::milliseconds connectTimeout{25000};  // how long a /meta/connect is held
+    std::chrono::milliseconds sessionTimeout{45000};  // a session without connect expires
+};
+
+class BayeuxEndpoint {
+public:
+    virtual ~BayeuxEndpoint() = default;
+    virtual std::uint16_t port() const = 0;
+    virtual std::size_t sessionCount() const = 0;
+    // Closes every connection and stops the I/O threads; also done by the destructor.
+    virtual void stop() = 0;
+};
+
+// Starts serving at once; throws std::runtime_error when the address cannot be bound.
+std::unique_ptr<BayeuxEndpoint> startBayeuxEndpoint(std::shared_ptr<BayeuxServer> server,
+                                                    EndpointOptions options);
+
+}  // namespace connector::bayeux

@@ -1,0 +1,51 @@
+#pragma once
+// The in-process Bayeux server and the sessions that take part in it.
+//
+// Sessions register by weak reference. Subscribe and unsubscribe requests name their session by
+// client id; each is recorded in the channel tree at once and then announced to every registered
+// session. A published message is matched at once against the tree and queued for each matching
+// session; deliveries run on the server's own threads, never under its locks, in publication
+// order for each (publisher, subscriber) pair.
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "connector/bayeux/messages.h"
+
+namespace connector::bayeux {
+
+class BayeuxSession {
+public:
+    virtual ~BayeuxSession() = default;
+    virtual std::shared_ptr<common::ContextState> getContext() = 0;
+    virtual std::string getId() = 0;
+    virtual void deliver(const std::shared_ptr<const UnsubscribeRequest>& request) = 0;
+    virtual void deliver(const std::shared_ptr<const SubscribeRequest>& request) = 0;
+    // `channels` lists each of this session's patterns that matched the published channel once.
+    virtual void deliver(const std::vector<std::string>& channels,
+                         const std::shared_ptr<const PublishRequest>& request) = 0;
+};
+
+class BayeuxServer {
+public:
+    virtual ~BayeuxServer() = default;
+    virtual void registerSession(std::weak_ptr<BayeuxSession> session) = 0;
+    // Drops the session and every subscription it still holds, without announcing them.
+    virtual void unregisterSession(const std::shared_ptr<BayeuxSession>& session) = 0;
+    virtual void acceptUnsubscribe(std::shared_ptr<const UnsubscribeRequest> request) = 0;
+    virtual void acceptSubscribe(std::shared_ptr<const SubscribeRequest> request) = 0;
+    virtual void acceptPublish(std::shared_ptr<const PublishRequest> request) = 0;
+};
+
+struct BayeuxServerOptions {
+    // Delivery threads; 0 picks one per core, at most 4.
+    std::size_t threads = 0;
+};
+
+// A server delivering on threads of its own. Destroying it delivers what was accepted for live
+// sessions, then stops and joins its threads.
+std::shared_ptr<BayeuxServer> makeBayeuxServer(BayeuxServerOptions options = {});
+
+}  // namespace connector::bayeux

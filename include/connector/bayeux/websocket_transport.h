@@ -1,0 +1,28 @@
+#pragma once
+// The WebSocket Bayeux client transport (ws:// and wss://) as a Context service.
+
+#include <cstddef>
+#include <string>
+
+#include "connector/core.h"
+
+namespace connector::bayeux {
+
+// The address under which makeContext() registers the transport.
+Address webSocketTransportAddress();
+
+struct WebSocketTransportOptions {
+    // Largest frame accepted from the server; a larger one closes the connection.
+    std::size_t maxFrameBytes = 16 * 1024 * 1024;
+    // Verify the server's certificate and host name (wss://) against the system store.
+    bool verifyPeer = true;
+    // An extra CA certificate file (PEM) trusted beside the system store.
+    std::string caFile;
+    // Time allowed for resolving, connecting and the TLS and WebSocket handshakes.
+    std::size_t connectTimeoutMs = 10000;
+};
+
+// A handler answering ConnectTransport with a ConnectTransportResponse.
+ServiceHandler makeWebSocketTransport(WebSocketTransportOptions options = {});
+
+}  // namespace connector::bayeux

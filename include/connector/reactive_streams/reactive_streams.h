@@ -1,0 +1,38 @@
+#pragma once
+// Base classes of the reactive streams between the client services and their transports.
+
+#include <cstdint>
+#include <exception>
+#include <memory>
+
+#include "connector/future.h"
+
+namespace connector::reactive_streams {
+
+class Subscription {
+public:
+    virtual ~Subscription() = default;
+    virtual void request(std::uint64_t n) = 0;
+    virtual void cancel() = 0;
+};
+
+template <class T>
+class Subscriber {
+public:
+    virtual ~Subscriber() = default;
+    virtual void onSubscribe(std::shared_ptr<Subscription> subscription) = 0;
+    virtual void onComplete() = 0;
+    virtual Future<bool> done() = 0;
+    virtual void onNext(T&& value) = 0;
+    virtual void onError(std::exception_ptr error) = 0;
+};
+
+template <class T>
+class Publisher {
+public:
+    virtual ~Publisher() = default;
+    virtual Future<bool> done() = 0;
+    virtual void subscribe(std::shared_ptr<Subscriber<T>> subscriber) = 0;
+};
+
+}  // namespace connector::reactive_streams

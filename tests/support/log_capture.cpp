@@ -1,0 +1,72 @@
+#include "log_capture.h"
+
+#include <boost/log/attributes/value_extraction.hpp>
+#include <boost/log/core.hpp>
+#include <boost/log/sinks/basic_sink_backend.hpp>
+#include <boost/log/sinks/sync_frontend.hpp>
+
+#include "connector/log/diagnostic_logger.h"
+
+namespace orvale::test {
+
+namespace {
+
+class Backend : public boost::log::sinks::basic_sink_backend<boost::log::sinks::synchronized_feeding> {
+public:
+    void consume(const boost::log::record_view& rec) {
+        CapturedRecord r;
+        if (auto v = boost::log::extract<std::string>("Channel", rec)) r.channel = *v;
+        if (auto v = boost::log::extract<int>("Severity", rec)) r.severity = *v;
+        if (auto v = boost::log::extract<std::string>("Message", rec)) r.message = *v;
+        if (auto v = boost::log::extract<std::string>("Json", rec)) r.json = *v;
+        std::lock_guard<std::mutex> lock(mutex);
+        records.push_back(std::move(r));
+    }
+    mutable std::mutex mutex;  // guards records
+    std::vector<CapturedRecord> records;
+};
+
+}  // namespace
+
+struct LogCapture::Impl {
+    boost::shared_ptr<Backend> backend = boost::make_shared<Backend>();
+    boost::shared_ptr<boost::log::sinks::synchronous_sink<Backend>> sink =
+        boost::make_shared<boost::log::sinks::synchronous_sink<Backend>>(backend);
+    int previousMask = 0;
+};
+
+LogCapture::LogCapture() : impl_(std::make_unique<Impl>()) {
+    impl_->previousMask = foundation::log::getEnabledMask();
+    foundation::log::setEnabledMask(0x7FFF);
+    boost::log::core::get()->add_sink(impl_->sink);
+}
+
+LogCapture::~LogCapture() {
+    boost::log::core::get()->remove_sink(impl_->sink);
+    foundation::log::setEnabledMask(impl_->previousMask);
+}
+
+std::vector<CapturedRecord> LogCapture::records() const {
+    std::lock_guard<std::mutex> lock(impl_->backend->mutex);
+    return impl_->backend->records;
+}
+
+std::vector<CapturedRecord> LogCapture::find(const std::string& prefix) const {
+    std::vector<CapturedRecord> out;
+    for (auto& r : records())
+        if (r.message.compare(0, prefix.size(), prefix) == 0) out.push_back(r);
+    return out;
+}
+
+bool LogCapture::contains(const std::string& message) const {
+    for (auto& r : records())
+        if (r.message == message) return true;
+    return false;
+}
+
+void LogCapture::clear() {
+    std::lock_guard<std::mutex> lock(impl_->backend->mutex);
+    impl_->backend->records.clear();
+}
+
+}  // namespace orvale::test
