@@ -37,7 +37,7 @@ struct Slot<void> {};
 
 template <class T>
 class ContinuationBase {
-public:
+  public:
     virtual ~ContinuationBase() = default;
     virtual void run(Future<T>&& future) = 0;
 };
@@ -47,12 +47,12 @@ enum : std::uint32_t { kPending = 0, kValue = 1, kException = 2, kCancelled = 3 
 
 template <class T>
 class SharedFutureState : public std::enable_shared_from_this<SharedFutureState<T>> {
-public:
-    std::mutex mutex;                                          // guards every member below
-    std::condition_variable condition;                         // get() and waitFor() wait here
-    Slot<T> result;                                            // the value when status is 1
-    std::exception_ptr error;                                  // the exception when status is 2
-    std::unique_ptr<ContinuationBase<T>> continuation;         // run once on resolution
+  public:
+    std::mutex mutex;                                   // guards every member below
+    std::condition_variable condition;                  // get() and waitFor() wait here
+    Slot<T> result;                                     // the value when status is 1
+    std::exception_ptr error;                           // the exception when status is 2
+    std::unique_ptr<ContinuationBase<T>> continuation;  // run once on resolution
     std::uint32_t status = kPending;
     bool futureRetrieved = false;
     bool valueRetrieved = false;
@@ -61,15 +61,18 @@ public:
     template <class... A>
     void setValue(A&&... value) {
         std::unique_lock<std::mutex> lock(mutex);
-        if (!beginResolve()) return;
-        if constexpr (!std::is_void_v<T>) result.value.emplace(std::forward<A>(value)...);
+        if (!beginResolve())
+            return;
+        if constexpr (!std::is_void_v<T>)
+            result.value.emplace(std::forward<A>(value)...);
         status = kValue;
         finishResolve(lock);
     }
 
     void setException(std::exception_ptr e) {
         std::unique_lock<std::mutex> lock(mutex);
-        if (!beginResolve()) return;
+        if (!beginResolve())
+            return;
         error = std::move(e);
         status = kException;
         finishResolve(lock);
@@ -78,7 +81,8 @@ public:
     // Resolves a still pending state with the abandonment error; used by ~Promise.
     void abandon() {
         std::unique_lock<std::mutex> lock(mutex);
-        if (status != kPending) return;
+        if (status != kPending)
+            return;
         error = std::make_exception_ptr(
             std::runtime_error("Promise destroyed before it provided a value."));
         status = kException;
@@ -91,7 +95,8 @@ public:
         std::unique_ptr<ContinuationBase<T>> dropped;
         {
             std::lock_guard<std::mutex> lock(mutex);
-            if (status != kPending) return false;
+            if (status != kPending)
+                return false;
             status = kCancelled;
             dropped = std::move(continuation);
         }
@@ -137,10 +142,12 @@ public:
     template <class F>
     auto then(F&& fn);
 
-private:
+  private:
     bool beginResolve() {
-        if (status == kCancelled) return false;
-        if (status != kPending) throw std::runtime_error("Promise already resolved.");
+        if (status == kCancelled)
+            return false;
+        if (status != kPending)
+            throw std::runtime_error("Promise already resolved.");
         return true;
     }
 
@@ -150,7 +157,7 @@ private:
 
 template <class T, class F, class R>
 class Continuation final : public ContinuationBase<T> {
-public:
+  public:
     explicit Continuation(F&& fn) : fn_(std::move(fn)) {}
     explicit Continuation(const F& fn) : fn_(fn) {}
 
@@ -158,7 +165,7 @@ public:
 
     void run(Future<T>&& future) override;
 
-private:
+  private:
     F fn_;
     Promise<R> promise_;
 };
@@ -167,11 +174,12 @@ private:
 
 template <class T>
 class Future {
-public:
+  public:
     using value_type = T;
 
     Future() : valid_(false) {}
-    Future(Future&& other) noexcept : state_(std::move(other.state_)), valid_(other.valid_.exchange(false)) {}
+    Future(Future&& other) noexcept
+        : state_(std::move(other.state_)), valid_(other.valid_.exchange(false)) {}
     Future& operator=(Future&& other) noexcept {
         if (this != &other) {
             state_ = std::move(other.state_);
@@ -201,7 +209,7 @@ public:
     // Moves a pending state to cancelled: later values are dropped, get() throws.
     bool cancel() { return checked().cancel(); }
 
-private:
+  private:
     template <class>
     friend class Promise;
     template <class>
@@ -213,7 +221,8 @@ private:
         : state_(std::move(state)), valid_(true) {}
 
     detail::SharedFutureState<T>& checked() {
-        if (!valid_.load()) throw std::runtime_error("Future state isn't valid!");
+        if (!valid_.load())
+            throw std::runtime_error("Future state isn't valid!");
         return *state_;
     }
 
@@ -225,7 +234,7 @@ private:
 
 template <class T>
 class Promise {
-public:
+  public:
     Promise() : state_(std::make_shared<detail::SharedFutureState<T>>()), valid_(true) {}
     Promise(Promise&& other) noexcept
         : state_(std::move(other.state_)), valid_(other.valid_.exchange(false)) {}
@@ -247,7 +256,8 @@ public:
     Future<T> getFuture() {
         auto& state = checked();
         std::lock_guard<std::mutex> lock(state.mutex);
-        if (state.futureRetrieved) throw std::runtime_error("Promise already returned a future.");
+        if (state.futureRetrieved)
+            throw std::runtime_error("Promise already returned a future.");
         state.futureRetrieved = true;
         return Future<T>(state_);
     }
@@ -264,14 +274,16 @@ public:
         checked().setException(std::make_exception_ptr(std::forward<E>(e)));
     }
 
-private:
+  private:
     detail::SharedFutureState<T>& checked() {
-        if (!valid_.load()) throw std::runtime_error("Promise state isn't valid!");
+        if (!valid_.load())
+            throw std::runtime_error("Promise state isn't valid!");
         return *state_;
     }
 
     void abandon() {
-        if (valid_.exchange(false)) state_->abandon();
+        if (valid_.exchange(false))
+            state_->abandon();
     }
 
     std::shared_ptr<detail::SharedFutureState<T>> state_;
@@ -296,9 +308,52 @@ Future<T> makeFailedFuture(std::exception_ptr error) {
     return future;
 }
 
-template <class T, class E, class = std::enable_if_t<!std::is_same_v<std::decay_t<E>, std::exception_ptr>>>
+template <class T, class E,
+          class = std::enable_if_t<!std::is_same_v<std::decay_t<E>, std::exception_ptr>>>
 Future<T> makeFailedFuture(E&& error) {
     return makeFailedFuture<T>(std::make_exception_ptr(std::forward<E>(error)));
+}
+
+// The future of the inner future's outcome.
+template <class T>
+Future<T> flatten(Future<Future<T>>&& outer) {
+    auto promise = std::make_shared<Promise<T>>();
+    Future<T> result = promise->getFuture();
+    outer.then([promise](Future<Future<T>>&& resolved) {
+        Future<T> inner;
+        try {
+            inner = resolved.get();
+        } catch (...) {
+            promise->setException(std::current_exception());
+            return;
+        }
+        inner.then([promise](Future<T>&& done) {
+            std::exception_ptr error;
+            if constexpr (std::is_void_v<T>) {
+                try {
+                    done.get();
+                } catch (...) {
+                    error = std::current_exception();
+                }
+                if (error)
+                    promise->setException(error);
+                else
+                    promise->setValue();
+            } else {
+                std::optional<T> value;
+                try {
+                    value.emplace(done.get());
+                } catch (...) {
+                    error = std::current_exception();
+                }
+                if (error)
+                    promise->setException(error);
+                else
+                    promise->setValue(std::move(*value));
+            }
+        });
+    });
+    return result;
 }
 
 namespace detail {

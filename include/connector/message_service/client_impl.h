@@ -1,0 +1,110 @@
+#pragma once
+// A message service that speaks Bayeux to a remote endpoint through a transport service of the
+// Context: it opens the transport, handshakes, keeps one meta connect outstanding while it is
+// connected, and matches responses to its pending requests by message id.
+//
+// `mutex_` guards every member below it. No request is sent, no promise resolved and no
+// callback or listener run while it is held: the code copies under the lock, releases, then
+// calls. Continuations hold the instance only weakly. The client has no timers and no
+// automatic reconnection.
+
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "connector/bayeux/messages.h"
+#include "connector/log/diagnostic_logger.h"
+#include "connector/message_service/cached_value_publisher.h"
+#include "connector/message_service/message_service.h"
+
+namespace connector::message_service {
+
+class MessageServiceClientImpl : public MessageService,
+                                 public Unsubscribeable,
+                                 public std::enable_shared_from_this<MessageServiceClientImpl> {
+  public:
+    // Throws std::invalid_argument("No endpoint url option specified") without "endpoint".
+    MessageServiceClientImpl(const std::string& name, Options&& options,
+                             std::shared_ptr<Context> context, Address address);
+    ~MessageServiceClientImpl() override;
+
+    // Opens the transport and handshakes; the future holds the state reached.
+    Future<ConnectionState> connect();
+
+    // MessageService
+    std::string getName() override;
+    Future<std::shared_ptr<Subscription>> subscribe(
+        const std::string& channel, std::function<void(const JsonMessage&)> callback) override;
+    Future<PublishResult> publish(const std::string& channel, common::DataBuffer&& data) override;
+    Future<DisconnectResult> disconnect() override;
+    Future<std::shared_ptr<Subscription>> listenSubscribe(
+        const std::string& channelPattern,
+        std::function<void(const SubscribeEvent&)> callback) override;
+    Future<std::shared_ptr<Subscription>> listenUnsubscribe(
+        const std::string& channelPattern,
+        std::function<void(const UnsubscribeEvent&)> callback) override;
+    Future<std::shared_ptr<Subscription>> listenStateChange(
+        std::function<void(const StateChangeEvent&)> callback) override;
+    ConnectionState getState() override;
+    Future<PublishResult> publishWithContext(
+        const std::string& channel, common::DataBuffer&& data,
+        std::shared_ptr<common::ContextState>& context) override;
+    Future<std::shared_ptr<Subscription>> subscribeWithContext(
+        const std::string& channel, std::function<void(const JsonMessage&)> callback,
+        const std::shared_ptr<common::ContextState>& context) override;
+
+    // Unsubscribeable
+    Future<CancelResult> unsubscribeId(
+        std::uint64_t id, const std::shared_ptr<common::ContextState>& context) override;
+
+    // The Bayeux client id; "unset" before the first successful handshake.
+    std::string getId();
+
+  private:
+    using MessagePtr = std::unique_ptr<Message>;
+    using OutboundPublisher = reactive_streams::CachedValuePublisher<MessagePtr>;
+    using InboundSubscriber = reactive_streams::CallbackSubscriber<MessagePtr>;
+    using Holders = std::list<std::shared_ptr<SubscriptionHolder>>;
+
+    // Numbers the request, records its pending promise and pushes it to the transport.
+    template <class Resp, class Req>
+    Future<std::unique_ptr<Resp>> send(std::unique_ptr<Req> request);
+    void sendMetaConnect();
+    Future<ConnectionState> handle(std::unique_ptr<bayeux::ConnectTransportResponse>&& response);
+    void setState(ConnectionState newState, std::unique_lock<std::mutex>& lock);
+
+    void deliver(MessagePtr&& message);
+    void handle(std::unique_ptr<bayeux::BayeuxContainer>&& container);
+    void handle(std::unique_ptr<bayeux::PublishRequest>&& request);
+    // The transport of `generation` has gone: fail what is pending and become DISCONNECTED.
+    void transportEnded(std::uint64_t generation, const char* why);
+
+    const std::string& endpoint() const { return options_.at("endpoint"); }
+
+    std::mutex mutex_;
+    const std::string name_;
+    std::string clientId_;
+    const foundation::log::basic_diagnostic_logger<char> logger_;
+    const foundation::log::basic_diagnostic_logger<char, foundation::log::json_tagger> jsonLogger_;
+    const Options options_;
+    const std::shared_ptr<Context> context_;
+    const Address address_;
+    std::shared_ptr<OutboundPublisher> outboundPublisher_;  // empty: no transport connected
+    std::shared_ptr<InboundSubscriber> inboundSubscriber_;
+    std::uint64_t transportGeneration_ = 0;  // tells a current transport from a replaced one
+    std::vector<std::pair<std::string, Promise<MessagePtr>>> pendingRequests_;
+    std::unordered_map<std::string, Holders> subscriptions_;
+    std::vector<std::pair<std::uint64_t, std::function<void(const StateChangeEvent&)>>>
+        stateListeners_;
+    ConnectionState state_ = ConnectionState::DISCONNECTED;
+    std::atomic<std::uint64_t> nextMessageId_{0};
+    std::uint64_t nextSubscriptionId_ = 0;
+};
+
+}  // namespace connector::message_service

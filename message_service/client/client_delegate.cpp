@@ -1,0 +1,76 @@
+#include "connector/message_service/client_delegate.h"
+
+#include <chrono>
+#include <stdexcept>
+#include <vector>
+
+#include "connector/message_service/client_impl.h"
+#include "connector/message_service/factory_delegator.h"
+#include "connector/message_service/module_logger.h"
+
+namespace connector::message_service {
+
+MessageServiceFactoryClientDelegate::MessageServiceFactoryClientDelegate(
+    std::shared_ptr<Connector> connector)
+    : MessageServiceFactoryClientDelegate(connector->getContext()) {}
+
+MessageServiceFactoryClientDelegate::MessageServiceFactoryClientDelegate(
+    std::shared_ptr<Context> context)
+    : transportAddress_("connector/bayeux/webSocket/client", "connector/http/client"),
+      context_(std::move(context)) {}
+
+MessageServiceFactoryClientDelegate::~MessageServiceFactoryClientDelegate() {
+    moduleLogger().log(foundation::log::trace, "Destructing the message service factory");
+    std::vector<std::shared_ptr<MessageService>> live;
+    {
+        std::lock_guard<std::mutex> lock(instancesMutex_);
+        for (auto& entry : instances_)
+            if (auto instance = entry.second.lock())
+                live.push_back(std::move(instance));
+    }
+    for (auto& instance : live) {
+        try {
+            instance->disconnect().waitFor(std::chrono::milliseconds(200));
+        } catch (...) {
+            // A disconnect that cannot even start leaves nothing to wait for.
+        }
+    }
+}
+
+Future<std::shared_ptr<MessageService>> MessageServiceFactoryClientDelegate::createMessageService(
+    const std::string& name, const Options& options) {
+    using Result = std::shared_ptr<MessageService>;
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (auto error = checkServiceName(name))
+        return makeFailedFuture<Result>(error);
+    {
+        std::lock_guard<std::mutex> registry(instancesMutex_);
+        if (auto existing = instances_[name].lock())
+            return makeReadyFuture<Result>(std::move(existing));
+    }
+    Options copy = options;
+    auto instance = std::make_shared<MessageServiceClientImpl>(name, std::move(copy), context_,
+                                                               transportAddress_);
+    std::weak_ptr<MessageServiceFactoryClientDelegate> weak = shared_from_this();
+    return instance->connect().then(
+        [weak, name, instance](Future<ConnectionState>&& connected) -> Result {
+            auto self = weak.lock();
+            const ConnectionState state = connected.get();
+            if (!self || state != ConnectionState::CONNECTED)
+                throw std::runtime_error("Unknown error connecting message service.");
+            {
+                std::lock_guard<std::mutex> registry(self->instancesMutex_);
+                self->instances_[name] = instance;
+            }
+            return instance;
+        });
+}
+
+std::shared_ptr<MessageService> MessageServiceFactoryClientDelegate::getMessageService(
+    const std::string& name) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> registry(instancesMutex_);
+    return instances_[name].lock();
+}
+
+}  // namespace connector::message_service

@@ -1,0 +1,81 @@
+// Inbound delivery of the client service: responses complete pending requests, batches are
+// unpacked in order, and published messages reach the matching subscription callbacks.
+
+#include "connector/message_service/callback_runner.h"
+#include "connector/message_service/channel_rules.h"
+#include "connector/message_service/client_impl.h"
+#include "connector/message_service/module_logger.h"
+
+namespace connector::message_service {
+
+namespace log = foundation::log;
+
+void MessageServiceClientImpl::deliver(MessagePtr&& message) {
+    logger_.log(log::trace, "Message received: ", log::typeName(*message));
+    if (auto* response = dynamic_cast<bayeux::BayeuxResponse*>(message.get())) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        for (auto pending = pendingRequests_.begin(); pending != pendingRequests_.end();
+             ++pending) {
+            if (pending->first != response->getId())
+                continue;
+            Promise<MessagePtr> promise = std::move(pending->second);
+            pendingRequests_.erase(pending);
+            lock.unlock();
+            if (!response->isSuccessful())
+                promise.setException(std::runtime_error("Bayeux message " + response->getId() +
+                                                        " failed, error: " + response->getError()));
+            else
+                promise.setValue(std::move(message));
+            return;
+        }
+    }
+    if (auto* publish = dynamic_cast<bayeux::PublishRequest*>(message.get());
+        publish && typeid(*publish) == typeid(bayeux::PublishRequest)) {
+        message.release();
+        handle(std::unique_ptr<bayeux::PublishRequest>(publish));
+    } else if (auto* container = dynamic_cast<bayeux::BayeuxContainer*>(message.get())) {
+        message.release();
+        handle(std::unique_ptr<bayeux::BayeuxContainer>(container));
+    } else {
+        logger_.log(log::error, "Unexpected message: ", log::typeName(*message));
+    }
+}
+
+void MessageServiceClientImpl::handle(std::unique_ptr<bayeux::BayeuxContainer>&& container) {
+    for (auto& message : container->messages())
+        if (message)
+            deliver(std::move(message));
+}
+
+void MessageServiceClientImpl::handle(std::unique_ptr<bayeux::PublishRequest>&& request) {
+    const std::string& wire = request->getChannel();
+    std::vector<std::shared_ptr<SubscriptionHolder>> holders;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto collect = [&](const std::string& key) {
+            auto found = subscriptions_.find(key);
+            if (found != subscriptions_.end())
+                holders.insert(holders.end(), found->second.begin(), found->second.end());
+        };
+        // Shallower wildcard keys first, "/*" before "/**" at each depth, the channel itself last.
+        std::string prefix;
+        std::size_t start = 0;
+        while (start < wire.size()) {
+            const std::size_t slash = wire.find('/', start);
+            const std::size_t end = slash == std::string::npos ? wire.size() : slash;
+            if (end > start) {
+                collect(prefix + "/*");
+                collect(prefix + "/**");
+                prefix.append("/").append(wire, start, end - start);
+            }
+            start = end + 1;
+        }
+        collect(wire);
+    }
+    const JsonMessage message(wire.substr(kWirePrefixLength),
+                              std::shared_ptr<const bayeux::PublishRequest>(std::move(request)));
+    logger_.log(log::trace, "Publish request callbacks: ", holders.size());
+    runSubscriptionCallbacks(holders, message, CallbackLoggers{&logger_, nullptr});
+}
+
+}  // namespace connector::message_service

@@ -1,0 +1,281 @@
+// The client service: construction, state and listeners, connecting the transport, the
+// handshake and the meta-connect loop.
+
+#include "connector/message_service/client_impl.h"
+
+#include <stdexcept>
+
+#include "client_request.h"
+#include "connector/message_service/module_logger.h"
+
+namespace connector::message_service {
+
+namespace log = foundation::log;
+using bayeux::ConnectTransportResponse;
+
+namespace {
+
+Options requireEndpoint(Options&& options, const log::basic_diagnostic_logger<char>& logger) {
+    auto endpoint = options.find("endpoint");
+    if (endpoint == options.end()) {
+        logger.log(log::trace, "No message service client endpoint url option specified");
+        throw std::invalid_argument("No endpoint url option specified");
+    }
+    logger.log(log::trace, "Created new message service client instance: ", endpoint->second);
+    return std::move(options);
+}
+
+}  // namespace
+
+MessageServiceClientImpl::MessageServiceClientImpl(const std::string& name, Options&& options,
+                                                   std::shared_ptr<Context> context,
+                                                   Address address)
+    : name_(name),
+      clientId_("unset"),
+      logger_(instanceLoggerName(name)),
+      jsonLogger_(instanceLoggerName(name)),
+      options_(requireEndpoint(std::move(options), logger_)),
+      context_(std::move(context)),
+      address_(std::move(address)) {}
+
+MessageServiceClientImpl::~MessageServiceClientImpl() {
+    logger_.log(log::trace, "Destructing message service server instance");
+    try {
+        disconnect();
+    } catch (const std::exception& e) {
+        logger_.log(log::error,
+                    "Error while destructing MessageServiceClientImpl instance: ", e.what());
+    } catch (...) {
+        logger_.log(log::error,
+                    "Unknown error while destructing MessageServiceClientImpl instance");
+    }
+}
+
+std::string MessageServiceClientImpl::getName() {
+    return name_;
+}
+
+std::string MessageServiceClientImpl::getId() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return clientId_;
+}
+
+ConnectionState MessageServiceClientImpl::getState() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return state_;
+}
+
+void MessageServiceClientImpl::setState(ConnectionState newState,
+                                        std::unique_lock<std::mutex>& lock) {
+    const ConnectionState previous = state_;
+    state_ = newState;
+    auto listeners = stateListeners_;
+    lock.unlock();
+    logger_.log(log::trace, "Setting state to: ", newState, ", current state: ", previous);
+    const StateChangeEvent event{previous, newState};
+    for (const auto& listener : listeners) {
+        try {
+            listener.second(event);
+        } catch (const std::exception& e) {
+            logger_.log(log::error, "Error executing state change listener: ", previous, "->",
+                        newState, ", ", e.what());
+        } catch (...) {
+            logger_.log(log::error, "Unknown error executing state change listener: ", previous,
+                        "->", newState);
+        }
+    }
+}
+
+Future<std::shared_ptr<Subscription>> MessageServiceClientImpl::listenStateChange(
+    std::function<void(const StateChangeEvent&)> callback) {
+    std::weak_ptr<Unsubscribeable> self =
+        std::static_pointer_cast<Unsubscribeable>(shared_from_this());
+    std::unique_lock<std::mutex> lock(mutex_);
+    const std::uint64_t id = nextSubscriptionId_++;
+    stateListeners_.emplace_back(id, std::move(callback));
+    lock.unlock();
+    return makeReadyFuture<std::shared_ptr<Subscription>>(
+        std::make_shared<SubscriptionImpl2>(id, std::move(self), nullptr));
+}
+
+Future<ConnectionState> MessageServiceClientImpl::connect() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (state_ == ConnectionState::CONNECTED)
+        return makeReadyFuture<ConnectionState>(state_);
+    setState(ConnectionState::CONNECTING, lock);
+
+    logger_.log(log::trace, "Connecting transport to: ", endpoint());
+    auto apiKey = options_.find("orvapikey");
+    if (apiKey != options_.end())
+        context_->getState()->set("orvapikey", std::any(std::string(apiKey->second)),
+                                  ContextScope::Session);
+
+    std::weak_ptr<MessageServiceClientImpl> weak = shared_from_this();
+    auto transport =
+        context_->deliver(address_, std::make_unique<bayeux::ConnectTransport>(endpoint()));
+    return flatten(
+        transport.then([weak](Future<MessagePtr>&& connected) -> Future<ConnectionState> {
+            MessagePtr message;
+            try {
+                message = connected.get();
+            } catch (const std::exception& e) {
+                moduleLogger().log(log::error, "Transport connection error: ", e.what());
+                throw;
+            }
+            auto self = weak.lock();
+            if (!self)
+                throw std::runtime_error("Transport connected but MessageService instance is gone");
+            return self->handle(castResponse<ConnectTransportResponse>(std::move(message)));
+        }));
+}
+
+Future<ConnectionState> MessageServiceClientImpl::handle(
+    std::unique_ptr<ConnectTransportResponse>&& response) {
+    logger_.log(log::trace, "Transport connected");
+    if (!response->getInbound() || !response->getOutbound())
+        throw std::runtime_error("Transport connected without message streams: " + endpoint());
+    std::weak_ptr<MessageServiceClientImpl> weak = shared_from_this();
+    std::unique_lock<std::mutex> lock(mutex_);
+    const std::uint64_t generation = ++transportGeneration_;
+    auto outbound = std::make_shared<OutboundPublisher>(
+        [weak, generation] {
+            if (auto self = weak.lock())
+                self->transportEnded(generation, "Cached publisher done");
+        },
+        -1);
+    auto inbound = std::make_shared<InboundSubscriber>([weak](MessagePtr message) {
+        auto self = weak.lock();
+        if (!self) {
+            moduleLogger().log(log::trace, "Message received but MessageService is gone");
+            return;
+        }
+        try {
+            self->deliver(std::move(message));
+        } catch (const std::exception& e) {
+            // A malformed message from the network must not take the transport thread down.
+            self->logger_.log(log::error, "Error handling inbound message: ", e.what());
+        }
+    });
+    outboundPublisher_ = outbound;
+    inboundSubscriber_ = inbound;
+    lock.unlock();
+
+    // The transport is called with no lock held: it may deliver at once on its own thread.
+    outbound->subscribe(response->getOutbound());
+    inbound->done().then([weak, generation](Future<bool>&& done) {
+        bool ended = true;
+        try {
+            ended = done.get();
+        } catch (...) {
+        }
+        if (!ended)
+            return;  // cancelled by this side: the instance is going or reconnecting
+        if (auto self = weak.lock())
+            self->transportEnded(generation, "Inbound stream completed");
+    });
+    response->getInbound()->subscribe(inbound);
+
+    auto handshake = std::make_unique<bayeux::HandshakeRequest>(
+        "1.0", "1.0", std::vector<std::string>{"websocket"});
+    logger_.log(log::trace, "Sending handshake");
+    return send<bayeux::HandshakeResponse>(std::move(handshake))
+        .then([weak](Future<std::unique_ptr<bayeux::HandshakeResponse>>&& answered) {
+            auto self = weak.lock();
+            if (!self)
+                throw std::runtime_error("Error disconnecting but MessageService instance is gone");
+            try {
+                auto reply = answered.get();
+                std::unique_lock<std::mutex> lock(self->mutex_);
+                self->clientId_ = reply->getClientId();
+                self->setState(ConnectionState::CONNECTED, lock);
+                self->sendMetaConnect();
+                self->logger_.log(log::trace, "Handshake successful");
+                return self->getState();
+            } catch (const std::exception& e) {
+                self->logger_.log(log::error, "Handshake error: ", e.what());
+                std::unique_lock<std::mutex> lock(self->mutex_);
+                self->setState(ConnectionState::DISCONNECTED, lock);
+                throw;
+            }
+        });
+}
+
+void MessageServiceClientImpl::sendMetaConnect() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (state_ != ConnectionState::CONNECTED) {
+        lock.unlock();
+        logger_.log(log::trace, "Not connected, not sending meta connect request");
+        return;
+    }
+    auto request = std::make_unique<bayeux::ConnectRequest>("websocket");
+    request->setClientId(clientId_);
+    lock.unlock();
+    logger_.log(log::trace, "Sending meta connect");
+
+    std::weak_ptr<MessageServiceClientImpl> weak = shared_from_this();
+    send<bayeux::ConnectStreamResponse>(std::move(request))
+        .then([weak](Future<std::unique_ptr<bayeux::ConnectStreamResponse>>&& answered) {
+            auto self = weak.lock();
+            if (!self)
+                throw std::runtime_error("Error disconnecting but MessageService instance is gone");
+            try {
+                answered.get();
+            } catch (const std::exception& e) {
+                self->logger_.log(log::error, "Meta connect error: ", e.what());
+                throw;
+            }
+            self->sendMetaConnect();
+        });
+}
+
+void MessageServiceClientImpl::transportEnded(std::uint64_t generation, const char* why) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (generation != transportGeneration_ || !outboundPublisher_)
+        return;
+    // Later sends fail at once instead of waiting for a socket that is gone.
+    auto publisher = std::move(outboundPublisher_);
+    auto pending = std::move(pendingRequests_);
+    pendingRequests_.clear();
+    const bool change = state_ != ConnectionState::DISCONNECTED;
+    if (change)
+        setState(ConnectionState::DISCONNECTED, lock);
+    else
+        lock.unlock();
+    logger_.log(log::trace, why);
+    const std::string text = "Connection to " + endpoint() + " closed";
+    for (auto& entry : pending)
+        entry.second.setException(std::runtime_error(text));
+}
+
+Future<DisconnectResult> MessageServiceClientImpl::disconnect() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (state_ == ConnectionState::DISCONNECTED)
+        return makeReadyFuture<DisconnectResult>(true);
+    logger_.log(log::trace, "Disconnecting from: ", endpoint(), ", ", clientId_);
+    // The drained subscriptions are released once the disconnect has been answered.
+    auto drained = std::make_shared<std::vector<std::pair<std::string, Holders>>>();
+    for (auto& entry : subscriptions_)
+        drained->emplace_back(entry.first, std::move(entry.second));
+    subscriptions_.clear();
+    auto request = std::make_unique<bayeux::DisconnectRequest>(clientId_);
+    std::weak_ptr<MessageServiceClientImpl> weak = weak_from_this();
+    setState(ConnectionState::DISCONNECTING, lock);
+
+    return send<bayeux::DisconnectResponse>(std::move(request))
+        .then([weak, drained](Future<std::unique_ptr<bayeux::DisconnectResponse>>&& answered) {
+            try {
+                answered.get();
+            } catch (const std::exception& e) {
+                moduleLogger().log(log::error, "Error disconnecting: ", e.what());
+                throw;
+            }
+            auto self = weak.lock();
+            if (!self)
+                throw std::runtime_error("Disconnected but MessageService instance is gone");
+            std::unique_lock<std::mutex> lock(self->mutex_);
+            self->setState(ConnectionState::DISCONNECTED, lock);
+            return DisconnectResult(true);
+        });
+}
+
+}  // namespace connector::message_service

@@ -1,0 +1,51 @@
+#pragma once
+// The request path of the client service, shared by its source files: numbering, pending
+// promises and the response type check.
+
+#include <stdexcept>
+#include <string>
+
+#include "connector/log/diagnostic_logger.h"
+#include "connector/message_service/client_impl.h"
+
+namespace connector::message_service {
+
+template <class Resp, class Req>
+Future<std::unique_ptr<Resp>> MessageServiceClientImpl::send(std::unique_ptr<Req> request) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (!outboundPublisher_)
+        return makeFailedFuture<std::unique_ptr<Resp>>(
+            std::runtime_error("Failed to send message, not connected"));
+    std::string id = std::to_string(nextMessageId_.fetch_add(1));
+    Promise<MessagePtr> promise;
+    Future<MessagePtr> response = promise.getFuture();
+    pendingRequests_.emplace_back(id, std::move(promise));
+    request->setClientId(clientId_);
+    request->setId(id);
+    auto publisher = outboundPublisher_;
+    lock.unlock();
+
+    publisher->next(std::move(request));
+    return response.then([id = std::move(id)](Future<MessagePtr>&& arrived) {
+        MessagePtr message = arrived.get();
+        if (auto* typed = dynamic_cast<Resp*>(message.get())) {
+            message.release();
+            return std::unique_ptr<Resp>(typed);
+        }
+        throw std::runtime_error("Incorrect response message type, id: " + id);
+    });
+}
+
+// Casts a response to the expected type, naming both types when it is something else.
+template <class Expected>
+std::unique_ptr<Expected> castResponse(std::unique_ptr<Message>&& message) {
+    if (auto* typed = dynamic_cast<Expected*>(message.get())) {
+        message.release();
+        return std::unique_ptr<Expected>(typed);
+    }
+    const std::string actual = message ? foundation::log::typeName(*message) : "null";
+    throw std::runtime_error("Unable to cast response message type: " + actual + " to " +
+                             foundation::log::demangle(typeid(Expected).name()));
+}
+
+}  // namespace connector::message_service

@@ -1,0 +1,119 @@
+// Channel subscriptions of the client service, mirrored on the remote server.
+
+#include <stdexcept>
+
+#include "client_request.h"
+#include "connector/message_service/channel_rules.h"
+#include "connector/message_service/client_impl.h"
+#include "connector/message_service/module_logger.h"
+
+namespace connector::message_service {
+
+namespace log = foundation::log;
+
+Future<std::shared_ptr<Subscription>> MessageServiceClientImpl::subscribe(
+    const std::string& channel, std::function<void(const JsonMessage&)> callback) {
+    return subscribeWithContext(channel, std::move(callback), nullptr);
+}
+
+Future<std::shared_ptr<Subscription>> MessageServiceClientImpl::subscribeWithContext(
+    const std::string& channel, std::function<void(const JsonMessage&)> callback,
+    const std::shared_ptr<common::ContextState>& context) {
+    using Result = std::shared_ptr<Subscription>;
+    if (!isValidChannelPattern(channel))
+        return makeFailedFuture<Result>(
+            std::invalid_argument("Channel pattern is invalid: " + channel));
+    std::weak_ptr<MessageServiceClientImpl> weak = shared_from_this();
+
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (state_ != ConnectionState::CONNECTED)
+        return makeFailedFuture<Result>(std::runtime_error("MessageService is not connected."));
+    const std::uint64_t id = nextSubscriptionId_++;
+    std::string key = toWireChannel(channel);
+    // Held before the server answers, so messages arriving ahead of the answer are delivered.
+    subscriptions_[key].push_back(std::make_shared<SubscriptionHolder>(id, std::move(callback)));
+    auto request = std::make_unique<bayeux::SubscribeRequest>(std::move(key), clientId_);
+    request->setContextState(context);
+    lock.unlock();
+    logger_.log(log::trace, "Subscribe: ", channel, ", ", id);
+
+    return send<bayeux::SubscribeResponse>(std::move(request))
+        .then([weak, channel, id,
+               context](Future<std::unique_ptr<bayeux::SubscribeResponse>>&& answered) -> Result {
+            auto self = weak.lock();
+            if (!self)
+                throw std::runtime_error("Subscribing to: " + channel +
+                                         ", but MessageService instance is gone");
+            try {
+                answered.get();
+            } catch (const std::exception& e) {
+                self->logger_.log(log::error, "Error subscribing to: ", channel, ", ", e.what());
+                throw;
+            }
+            std::weak_ptr<Unsubscribeable> service =
+                std::static_pointer_cast<Unsubscribeable>(self);
+            return std::make_shared<SubscriptionImpl2>(id, std::move(service), context);
+        });
+}
+
+Future<CancelResult> MessageServiceClientImpl::unsubscribeId(
+    std::uint64_t id, const std::shared_ptr<common::ContextState>& context) {
+    logger_.log(log::trace, "Unsubscribe: ", id);
+    std::vector<std::pair<std::string, std::shared_ptr<SubscriptionHolder>>> removed;
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (auto entry = subscriptions_.begin(); entry != subscriptions_.end();) {
+        auto& holders = entry->second;
+        for (auto holder = holders.begin(); holder != holders.end();) {
+            if ((*holder)->id == id) {
+                removed.emplace_back(entry->first, std::move(*holder));
+                holder = holders.erase(holder);
+            } else {
+                ++holder;
+            }
+        }
+        entry = holders.empty() ? subscriptions_.erase(entry) : std::next(entry);
+    }
+    stateListeners_.erase(
+        std::remove_if(stateListeners_.begin(), stateListeners_.end(),
+                       [id](const auto& listener) { return listener.first == id; }),
+        stateListeners_.end());
+    if (state_ != ConnectionState::CONNECTED || removed.empty()) {
+        lock.unlock();
+        return makeReadyFuture<CancelResult>(true);
+    }
+    const std::string clientId = clientId_;
+    lock.unlock();
+
+    Future<CancelResult> last;
+    for (const auto& entry : removed) {
+        auto request = std::make_unique<bayeux::UnsubscribeRequest>(entry.first, clientId);
+        request->setContextState(context);
+        last = send<bayeux::UnsubscribeResponse>(std::move(request))
+                   .then([key = entry.first](
+                             Future<std::unique_ptr<bayeux::UnsubscribeResponse>>&& answered) {
+                       try {
+                           answered.get();
+                       } catch (const std::exception& e) {
+                           moduleLogger().log(log::error, "Error unsubscribing: ", key, ", ",
+                                              e.what());
+                           throw;
+                       }
+                       return CancelResult(true);
+                   });
+    }
+    return last;
+}
+
+Future<std::shared_ptr<Subscription>> MessageServiceClientImpl::listenSubscribe(
+    const std::string&, std::function<void(const SubscribeEvent&)>) {
+    return makeFailedFuture<std::shared_ptr<Subscription>>(
+        std::runtime_error("Subscriptions listeners are not supported for client instances"));
+}
+
+Future<std::shared_ptr<Subscription>> MessageServiceClientImpl::listenUnsubscribe(
+    const std::string&, std::function<void(const UnsubscribeEvent&)>) {
+    return makeFailedFuture<std::shared_ptr<Subscription>>(
+        std::runtime_error("Subscriptions listeners are not supported for client instances"));
+}
+
+}  // namespace connector::message_service

@@ -1,0 +1,64 @@
+// Publishing into the in-process server, and the server's deliveries to this service's
+// subscriptions with the slow-callback watchdog.
+
+#include <boost/container/small_vector.hpp>
+#include <stdexcept>
+
+#include "connector/message_service/callback_runner.h"
+#include "connector/message_service/channel_rules.h"
+#include "connector/message_service/module_logger.h"
+#include "connector/message_service/server_impl.h"
+
+namespace connector::message_service {
+
+namespace log = foundation::log;
+
+Future<PublishResult> MessageServiceServerImpl::publish(const std::string& channel,
+                                                        common::DataBuffer&& data) {
+    std::shared_ptr<common::ContextState> context = context_;
+    return publishWithContext(channel, std::move(data), context);
+}
+
+Future<PublishResult> MessageServiceServerImpl::publishWithContext(
+    const std::string& channel, common::DataBuffer&& data,
+    std::shared_ptr<common::ContextState>& context) {
+    const bool valid = name_ == kSharedServiceName ? isValidSharedPublishChannel(channel)
+                                                   : isValidPublishChannel(channel);
+    if (!valid)
+        return makeFailedFuture<PublishResult>(
+            std::invalid_argument("Channel is invalid: " + channel));
+    if (getState() != ConnectionState::CONNECTED)
+        return makeFailedFuture<PublishResult>(
+            std::runtime_error("MessageService is not connected."));
+    if (jsonLogger_.enabled(log::trace))
+        jsonLogger_.log(log::trace, {{"operation", "Publish"}, {"channel", channel}},
+                        data.toString());
+
+    auto request =
+        std::make_shared<bayeux::PublishRequest>(toWireChannel(channel), std::move(data));
+    request->setClientId(id_);
+    request->setContextState(context);
+    bayeuxServer_->acceptPublish(std::move(request));
+    return makeReadyFuture<PublishResult>(PublishResult(true));
+}
+
+void MessageServiceServerImpl::deliver(
+    const std::vector<std::string>& channels,
+    const std::shared_ptr<const bayeux::PublishRequest>& request) {
+    // Inline room for the common case keeps delivery free of heap allocation.
+    boost::container::small_vector<std::shared_ptr<SubscriptionHolder>, 4> holders;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const auto& name : channels) {
+            auto found = subscriptions_.find(name);
+            if (found != subscriptions_.end())
+                holders.insert(holders.end(), found->second.begin(), found->second.end());
+        }
+    }
+    const std::string channel = request->getChannel().substr(kWirePrefixLength);
+    const JsonMessage message(channel, request);
+
+    runSubscriptionCallbacks(holders, message, CallbackLoggers{&logger_, &moduleLogger()});
+}
+
+}  // namespace connector::message_service

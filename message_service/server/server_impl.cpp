@@ -1,0 +1,278 @@
+#include "connector/message_service/server_impl.h"
+
+#include <stdexcept>
+
+#include <algorithm>
+
+#include "connector/common/delay.h"
+#include "connector/message_service/channel_rules.h"
+#include "connector/message_service/module_logger.h"
+
+namespace connector::message_service {
+
+namespace log = foundation::log;
+
+namespace {
+
+template <class T>
+Future<T> invalidArgument(const std::string& text) {
+    return makeFailedFuture<T>(std::invalid_argument(text));
+}
+
+}  // namespace
+
+MessageServiceServerImpl::MessageServiceServerImpl(const std::string& name,
+                                                   std::shared_ptr<bayeux::BayeuxServer> server)
+    : name_(name),
+      id_(common::randomString(16)),
+      logger_(instanceLoggerName(name)),
+      jsonLogger_(instanceLoggerName(name)),
+      bayeuxServer_(std::move(server)) {
+    logger_.log(log::trace, "Created new message service instance: ", id_);
+    if (!bayeuxServer_)
+        throw std::invalid_argument("No bayeux server instance provided");
+}
+
+MessageServiceServerImpl::~MessageServiceServerImpl() {
+    logger_.log(log::trace, "Destructing message service instance");
+    doDisconnect(false);
+}
+
+ConnectionState MessageServiceServerImpl::getState() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return state_;
+}
+
+void MessageServiceServerImpl::ensureRegisteredWithService(std::unique_lock<std::mutex>& lock) {
+    if (registered_) {
+        lock.unlock();
+        // Waits for a registration another thread may still be making.
+        std::lock_guard<std::mutex> registering(registerMutex_);
+        return;
+    }
+    registered_ = true;
+    std::weak_ptr<bayeux::BayeuxSession> self =
+        std::static_pointer_cast<bayeux::BayeuxSession>(shared_from_this());
+    std::lock_guard<std::mutex> registering(registerMutex_);
+    lock.unlock();
+    bayeuxServer_->registerSession(std::move(self));
+}
+
+void MessageServiceServerImpl::setState(ConnectionState newState,
+                                        std::unique_lock<std::mutex>& lock) {
+    const ConnectionState previous = state_;
+    state_ = newState;
+    std::vector<StateListenerRecord> listeners = stateListeners_;
+    lock.unlock();
+    const StateChangeEvent event{previous, newState};
+    for (const auto& listener : listeners) {
+        try {
+            listener.callback(event);
+        } catch (const std::exception& e) {
+            logger_.log(log::error, "Error executing state change listener: ", previous, "->",
+                        newState, ", ", e.what());
+        } catch (...) {
+            logger_.log(log::error, "Unknown error executing state change listener: ", previous,
+                        "->", newState);
+        }
+    }
+}
+
+Future<std::shared_ptr<Subscription>> MessageServiceServerImpl::listenStateChange(
+    std::function<void(const StateChangeEvent&)> callback) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    const std::uint64_t id = nextId_++;
+    stateListeners_.push_back({std::move(callback), id});
+    lock.unlock();
+    std::weak_ptr<Unsubscribeable> self =
+        std::static_pointer_cast<Unsubscribeable>(shared_from_this());
+    return makeReadyFuture<std::shared_ptr<Subscription>>(
+        std::make_shared<SubscriptionImpl2>(id, std::move(self), context_));
+}
+
+Future<DisconnectResult> MessageServiceServerImpl::disconnect() {
+    doDisconnect(true);
+    return makeReadyFuture<DisconnectResult>(DisconnectResult(true));
+}
+
+void MessageServiceServerImpl::doDisconnect(bool unregister) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    std::vector<std::pair<std::string, std::shared_ptr<SubscriptionHolder>>> removed;
+    for (auto& [channel, holders] : subscriptions_)
+        for (auto& holder : holders)
+            removed.emplace_back(channel, std::move(holder));
+    subscriptions_.clear();
+    setState(ConnectionState::DISCONNECTING, lock);
+
+    for (const auto& [channel, holder] : removed)
+        bayeuxServer_->acceptUnsubscribe(
+            std::make_shared<bayeux::UnsubscribeRequest>(channel, id_));
+    removed.clear();
+
+    if (unregister) {
+        bayeuxServer_->unregisterSession(shared_from_this());
+        lock.lock();
+        registered_ = false;
+        lock.unlock();
+    }
+    lock.lock();
+    setState(ConnectionState::DISCONNECTED, lock);
+}
+
+Future<std::shared_ptr<Subscription>> MessageServiceServerImpl::subscribe(
+    const std::string& channel, std::function<void(const JsonMessage&)> callback) {
+    return subscribeWithContext(channel, std::move(callback), context_);
+}
+
+Future<std::shared_ptr<Subscription>> MessageServiceServerImpl::subscribeWithContext(
+    const std::string& channel, std::function<void(const JsonMessage&)> callback,
+    const std::shared_ptr<common::ContextState>& context) {
+    const bool valid = name_ == kSharedServiceName ? isValidSharedChannelPattern(channel)
+                                                   : isValidChannelPattern(channel);
+    if (!valid)
+        return invalidArgument<std::shared_ptr<Subscription>>("Channel pattern is invalid: " +
+                                                              channel);
+
+    std::weak_ptr<Unsubscribeable> self =
+        std::static_pointer_cast<Unsubscribeable>(shared_from_this());
+    std::string full = toWireChannel(channel);
+    std::unique_lock<std::mutex> lock(mutex_);
+    const std::uint64_t id = nextId_++;
+    subscriptions_[full].push_back(std::make_shared<SubscriptionHolder>(id, std::move(callback)));
+    ensureRegisteredWithService(lock);
+    logger_.log(log::trace, "Subscribe: ", channel, ", ", id);
+
+    auto request = std::make_shared<bayeux::SubscribeRequest>(std::move(full), id_);
+    request->setContextState(context);
+    bayeuxServer_->acceptSubscribe(std::move(request));
+    return makeReadyFuture<std::shared_ptr<Subscription>>(
+        std::make_shared<SubscriptionImpl2>(id, std::move(self), context));
+}
+
+Future<CancelResult> MessageServiceServerImpl::unsubscribeId(
+    std::uint64_t id, const std::shared_ptr<common::ContextState>& /*context*/) {
+    logger_.log(log::trace, "Unsubscribe: ", id);
+    std::vector<std::pair<std::string, std::shared_ptr<SubscriptionHolder>>> removed;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (auto it = subscriptions_.begin(); it != subscriptions_.end();) {
+            auto& holders = it->second;
+            for (auto holder = holders.begin(); holder != holders.end();) {
+                if ((*holder)->id == id) {
+                    removed.emplace_back(it->first, std::move(*holder));
+                    holder = holders.erase(holder);
+                } else {
+                    ++holder;
+                }
+            }
+            it = holders.empty() ? subscriptions_.erase(it) : std::next(it);
+        }
+        auto dropId = [id](auto& list) {
+            list.erase(std::remove_if(list.begin(), list.end(),
+                                      [id](const auto& r) { return r.id == id; }),
+                       list.end());
+        };
+        dropId(subscribeListeners_);
+        dropId(unsubscribeListeners_);
+        dropId(stateListeners_);
+    }
+    for (const auto& [channel, holder] : removed)
+        bayeuxServer_->acceptUnsubscribe(
+            std::make_shared<bayeux::UnsubscribeRequest>(channel, id_));
+    return makeReadyFuture<CancelResult>(CancelResult(true));
+}
+
+template <class Event>
+Future<std::shared_ptr<Subscription>> MessageServiceServerImpl::addListener(
+    std::vector<ListenerRecord<Event>>& list, const std::string& pattern,
+    std::function<void(const Event&)> callback) {
+    if (!isValidChannelPattern(pattern))
+        return invalidArgument<std::shared_ptr<Subscription>>("Channel pattern is invalid: " +
+                                                              pattern);
+    std::weak_ptr<Unsubscribeable> self =
+        std::static_pointer_cast<Unsubscribeable>(shared_from_this());
+    std::unique_lock<std::mutex> lock(mutex_);
+    const std::uint64_t id = nextId_++;
+    list.push_back({toWireChannel(pattern), std::move(callback), id});
+    ensureRegisteredWithService(lock);
+    return makeReadyFuture<std::shared_ptr<Subscription>>(
+        std::make_shared<SubscriptionImpl2>(id, std::move(self), context_));
+}
+
+Future<std::shared_ptr<Subscription>> MessageServiceServerImpl::listenSubscribe(
+    const std::string& channelPattern, std::function<void(const SubscribeEvent&)> callback) {
+    return addListener(subscribeListeners_, channelPattern, std::move(callback));
+}
+
+Future<std::shared_ptr<Subscription>> MessageServiceServerImpl::listenUnsubscribe(
+    const std::string& channelPattern, std::function<void(const UnsubscribeEvent&)> callback) {
+    return addListener(unsubscribeListeners_, channelPattern, std::move(callback));
+}
+
+bool MessageServiceServerImpl::matches(const std::string& channel, const std::string& pattern) {
+    if (channel == pattern)
+        return true;
+    auto split = [](const std::string& text) {
+        std::vector<std::string> segments;
+        std::size_t start = 0;
+        while (start <= text.size()) {
+            const std::size_t slash = text.find('/', start);
+            const std::size_t end = slash == std::string::npos ? text.size() : slash;
+            segments.push_back(text.substr(start, end - start));
+            if (slash == std::string::npos)
+                break;
+            start = slash + 1;
+        }
+        return segments;
+    };
+    const auto c = split(channel);
+    const auto p = split(pattern);
+    if (p.empty())
+        return false;
+    const bool prefixEqual = c.size() >= p.size() && std::equal(p.begin(), p.end() - 1, c.begin());
+    if (p.back() == "*")
+        return c.size() == p.size() && prefixEqual;
+    if (p.back() == "**")
+        return prefixEqual;
+    return false;
+}
+
+template <class Event, class Request>
+void MessageServiceServerImpl::notifyListeners(const std::vector<ListenerRecord<Event>>& list,
+                                               const Request& request, const char* errorText,
+                                               const char* unknownErrorText) {
+    std::vector<std::function<void(const Event&)>> callbacks;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const auto& record : list)
+            if (matches(request.getChannel(), record.channel))
+                callbacks.push_back(record.callback);
+    }
+    if (request.getChannel().size() <= kWirePrefixLength || callbacks.empty())
+        return;
+    const std::string channel = request.getChannel().substr(kWirePrefixLength);
+    const Event event(channel);
+    for (const auto& callback : callbacks) {
+        try {
+            callback(event);
+        } catch (const std::exception& e) {
+            logger_.log(log::error, errorText, channel, ", ", e.what());
+        } catch (...) {
+            logger_.log(log::error, unknownErrorText, channel);
+        }
+    }
+}
+
+void MessageServiceServerImpl::deliver(
+    const std::shared_ptr<const bayeux::SubscribeRequest>& request) {
+    notifyListeners(subscribeListeners_, *request, "Error executing subscribe listener: ",
+                    "Unknown error executing subscribe listener: ");
+}
+
+void MessageServiceServerImpl::deliver(
+    const std::shared_ptr<const bayeux::UnsubscribeRequest>& request) {
+    notifyListeners(unsubscribeListeners_, *request, "Error executing unsubscribe listener: ",
+                    "Unknown error executing unsubscribe listener: ");
+}
+
+}  // namespace connector::message_service
