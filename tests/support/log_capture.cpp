@@ -11,14 +11,19 @@ namespace orvale::test {
 
 namespace {
 
-class Backend : public boost::log::sinks::basic_sink_backend<boost::log::sinks::synchronized_feeding> {
-public:
+class Backend
+    : public boost::log::sinks::basic_sink_backend<boost::log::sinks::synchronized_feeding> {
+  public:
     void consume(const boost::log::record_view& rec) {
         CapturedRecord r;
-        if (auto v = boost::log::extract<std::string>("Channel", rec)) r.channel = *v;
-        if (auto v = boost::log::extract<int>("Severity", rec)) r.severity = *v;
-        if (auto v = boost::log::extract<std::string>("Message", rec)) r.message = *v;
-        if (auto v = boost::log::extract<std::string>("Json", rec)) r.json = *v;
+        if (auto v = boost::log::extract<std::string>("Channel", rec))
+            r.channel = *v;
+        if (auto v = boost::log::extract<int>("Severity", rec))
+            r.severity = *v;
+        if (auto v = boost::log::extract<std::string>("Message", rec))
+            r.message = *v;
+        if (auto v = boost::log::extract<std::string>("Json", rec))
+            r.json = *v;
         std::lock_guard<std::mutex> lock(mutex);
         records.push_back(std::move(r));
     }
@@ -54,13 +59,15 @@ std::vector<CapturedRecord> LogCapture::records() const {
 std::vector<CapturedRecord> LogCapture::find(const std::string& prefix) const {
     std::vector<CapturedRecord> out;
     for (auto& r : records())
-        if (r.message.compare(0, prefix.size(), prefix) == 0) out.push_back(r);
+        if (r.message.compare(0, prefix.size(), prefix) == 0)
+            out.push_back(r);
     return out;
 }
 
 bool LogCapture::contains(const std::string& message) const {
     for (auto& r : records())
-        if (r.message == message) return true;
+        if (r.message == message)
+            return true;
     return false;
 }
 

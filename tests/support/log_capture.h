@@ -20,7 +20,7 @@ struct CapturedRecord {
 
 // Adds a sink to the Boost.Log core for its lifetime and turns on every severity.
 class LogCapture {
-public:
+  public:
     LogCapture();
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;
@@ -33,7 +33,7 @@ public:
     bool contains(const std::string& message) const;
     void clear();
 
-private:
+  private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };
@@ -43,7 +43,8 @@ inline bool waitUntil(const std::function<bool()>& predicate,
                       std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (!predicate()) {
-        if (std::chrono::steady_clock::now() >= deadline) return predicate();
+        if (std::chrono::steady_clock::now() >= deadline)
+            return predicate();
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;

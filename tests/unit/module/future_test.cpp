@@ -1,0 +1,225 @@
+#include "connector/future.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace connector {
+namespace {
+
+std::string errorText(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    return "no exception";
+}
+
+TEST(Future, ValueAndExceptionReachGet) {
+    Promise<std::string> promise;
+    auto future = promise.getFuture();
+    promise.setValue("hello");
+    EXPECT_EQ(future.get(), "hello");
+
+    Promise<int> failing;
+    auto failed = failing.getFuture();
+    failing.setException(std::make_exception_ptr(std::invalid_argument("bad")));
+    EXPECT_THROW(failed.get(), std::invalid_argument);
+}
+
+TEST(Future, MisuseTextsAreExact) {
+    Promise<int> promise;
+    auto future = promise.getFuture();
+    EXPECT_EQ(errorText([&] { promise.getFuture(); }), "Promise already returned a future.");
+    promise.setValue(1);
+    EXPECT_EQ(errorText([&] { promise.setValue(2); }), "Promise already resolved.");
+    EXPECT_EQ(errorText([&] { promise.setException(std::runtime_error("x")); }),
+              "Promise already resolved.");
+    EXPECT_EQ(future.get(), 1);
+    EXPECT_EQ(errorText([&] { future.get(); }),
+              "Future already returned it's value or has an associated continuation.");
+    EXPECT_EQ(errorText([&] { future.then([](Future<int>&&) {}); }),
+              "Future already has returned it's value or has an associated continuation.");
+
+    Promise<int> chained;
+    auto withContinuation = chained.getFuture();
+    withContinuation.then([](Future<int>&& f) { return f.get(); });
+    EXPECT_EQ(errorText([&] { withContinuation.then([](Future<int>&&) {}); }),
+              "Future already has returned it's value or has an associated continuation.");
+    EXPECT_EQ(errorText([&] { withContinuation.get(); }),
+              "Future already returned it's value or has an associated continuation.");
+
+    Future<int> moved = std::move(withContinuation);
+    EXPECT_EQ(errorText([&] { withContinuation.get(); }), "Future state isn't valid!");
+    Promise<int> movedPromise = std::move(chained);
+    EXPECT_EQ(errorText([&] { chained.setValue(3); }), "Promise state isn't valid!");
+    EXPECT_EQ(errorText([&] { Future<int>().waitFor(std::chrono::milliseconds(1)); }),
+              "Future state isn't valid!");
+}
+
+TEST(Future, AbandonedPromiseFailsTheFutureAndRunsContinuation) {
+    Future<int> future;
+    {
+        Promise<int> promise;
+        future = promise.getFuture();
+    }
+    EXPECT_EQ(errorText([&] { future.get(); }), "Promise destroyed before it provided a value.");
+
+    std::string seen;
+    {
+        Promise<int> promise;
+        promise.getFuture().then([&](Future<int>&& f) { seen = errorText([&] { f.get(); }); });
+    }
+    EXPECT_EQ(seen, "Promise destroyed before it provided a value.");
+
+    // A resolved promise is destroyed silently.
+    Future<int> kept;
+    {
+        Promise<int> promise;
+        kept = promise.getFuture();
+        promise.setValue(7);
+    }
+    EXPECT_EQ(kept.get(), 7);
+}
+
+TEST(Future, ThenOnResolvedStateRunsBeforeReturningOnCallingThread) {
+    auto future = makeReadyFuture<int>(20);
+    std::thread::id ranOn;
+    auto next = future.then([&](Future<int>&& f) {
+        ranOn = std::this_thread::get_id();
+        return f.get() + 1;
+    });
+    EXPECT_EQ(ranOn, std::this_thread::get_id());
+    ASSERT_TRUE(next.waitFor(std::chrono::milliseconds(0)));
+    EXPECT_EQ(next.get(), 21);
+}
+
+TEST(Future, ContinuationRunsOnResolvingThreadAndChains) {
+    Promise<int> promise;
+    std::thread::id ranOn;
+    auto chained = promise.getFuture()
+                       .then([&](Future<int>&& f) {
+                           ranOn = std::this_thread::get_id();
+                           return std::to_string(f.get());
+                       })
+                       .then([](Future<std::string>&& f) { return f.get() + "!"; });
+    std::thread resolver([&] { promise.setValue(5); });
+    const auto resolverId = resolver.get_id();
+    resolver.join();
+    EXPECT_EQ(ranOn, resolverId);
+    EXPECT_EQ(chained.get(), "5!");
+}
+
+TEST(Future, ThrowingContinuationFailsItsFutureWithThatException) {
+    struct Custom : std::runtime_error {
+        using std::runtime_error::runtime_error;
+    };
+    auto result = makeReadyFuture<int>(1).then([](Future<int>&&) -> int { throw Custom("boom"); });
+    EXPECT_THROW(result.get(), Custom);
+
+    // An upstream failure passes through a continuation that calls get().
+    auto passed =
+        makeFailedFuture<int>(std::invalid_argument("upstream")).then([](Future<int>&& f) {
+            return f.get();
+        });
+    EXPECT_EQ(errorText([&] { passed.get(); }), "upstream");
+}
+
+TEST(Future, CancelledStateDropsValuesAndGetThrows) {
+    Promise<int> promise;
+    auto future = promise.getFuture();
+    EXPECT_TRUE(future.cancel());
+    EXPECT_NO_THROW(promise.setValue(3));
+    EXPECT_EQ(errorText([&] { future.get(); }), "Future has been cancelled.");
+    EXPECT_FALSE(makeReadyFuture<int>(1).cancel());
+
+    // A continuation dropped by cancellation fails its own future instead of hanging.
+    Promise<int> upstream;
+    auto head = upstream.getFuture();
+    auto tail = head.then([](Future<int>&& f) { return f.get(); });
+    head.cancel();
+    EXPECT_EQ(errorText([&] { tail.get(); }), "Promise destroyed before it provided a value.");
+}
+
+TEST(Future, VoidAndMoveOnlyValues) {
+    Promise<void> done;
+    auto future = done.getFuture();
+    done.setValue();
+    EXPECT_NO_THROW(future.get());
+
+    auto pointer = makeReadyFuture<std::unique_ptr<int>>(std::make_unique<int>(9));
+    auto doubled = pointer.then([](Future<std::unique_ptr<int>>&& f) { return *f.get() * 2; });
+    EXPECT_EQ(doubled.get(), 18);
+}
+
+TEST(Future, WaitForIsBoundedAndConsumesNothing) {
+    Promise<int> promise;
+    auto future = promise.getFuture();
+    EXPECT_FALSE(future.waitFor(std::chrono::milliseconds(10)));
+    promise.setValue(4);
+    EXPECT_TRUE(future.waitFor(std::chrono::milliseconds(10)));
+    EXPECT_EQ(future.get(), 4);
+}
+
+TEST(Future, FlattenUnwrapsValueAndBothFailures) {
+    Promise<Future<int>> outer;
+    auto flat = flatten(outer.getFuture());
+    Promise<int> inner;
+    outer.setValue(inner.getFuture());
+    EXPECT_FALSE(flat.waitFor(std::chrono::milliseconds(0)));
+    inner.setValue(11);
+    EXPECT_EQ(flat.get(), 11);
+
+    auto outerFailed = flatten(makeFailedFuture<Future<int>>(std::runtime_error("outer")));
+    EXPECT_EQ(errorText([&] { outerFailed.get(); }), "outer");
+    auto innerFailed =
+        flatten(makeReadyFuture<Future<int>>(makeFailedFuture<int>(std::runtime_error("inner"))));
+    EXPECT_EQ(errorText([&] { innerFailed.get(); }), "inner");
+}
+
+// Resolution races attachment: every continuation runs exactly once with the value.
+TEST(Future, ResolveAndAttachOnDifferentThreadsManyTimes) {
+    constexpr int rounds = 2000;
+    std::atomic<int> ran{0};
+    std::atomic<long> sum{0};
+    for (int i = 0; i < rounds; ++i) {
+        Promise<int> promise;
+        auto future = promise.getFuture();
+        std::thread resolver([&promise, i] { promise.setValue(i); });
+        if (i % 2 == 0) {
+            future.then([&](Future<int>&& f) {
+                sum += f.get();
+                ++ran;
+            });
+        } else {
+            sum += future.get();
+            ++ran;
+        }
+        resolver.join();
+    }
+    EXPECT_EQ(ran.load(), rounds);
+    EXPECT_EQ(sum.load(), static_cast<long>(rounds) * (rounds - 1) / 2);
+}
+
+TEST(Future, ManyWaitersAreAllWoken) {
+    Promise<void> gate;
+    auto future = gate.getFuture();
+    std::vector<std::thread> waiters;
+    std::atomic<int> woken{0};
+    for (int i = 0; i < 4; ++i)
+        waiters.emplace_back([&] {
+            if (future.waitFor(std::chrono::seconds(5)))
+                ++woken;
+        });
+    gate.setValue();
+    for (auto& t : waiters)
+        t.join();
+    EXPECT_EQ(woken.load(), 4);
+}
+
+}  // namespace
+}  // namespace connector
