@@ -1,0 +1,159 @@
+// The channel tree: one path walk per publish, reference-counted holds per (session, pattern).
+
+#include "channel_tree.h"
+
+#include <utility>
+
+namespace connector::bayeux::detail {
+
+namespace {
+
+// Fills the pattern texts of a node from its channel path ("" for the root).
+void nameSlots(ChannelNode& node, std::string path) {
+    node.one.text = path + "/*";
+    node.any.text = path + "/**";
+    node.exact.text = std::move(path);
+    node.exact.node = node.one.node = node.any.node = &node;
+}
+
+void appendMembers(const PatternSlot& slot, std::vector<Match>& out) {
+    for (SessionRecord* record : slot.members)
+        out.push_back(Match{record, &slot.text});
+}
+
+}  // namespace
+
+ChannelTree::ChannelTree() : root_(std::make_unique<ChannelNode>()) {
+    nameSlots(*root_, "");
+}
+
+PatternSlot* ChannelTree::findSlot(std::string_view pattern, bool create) {
+    if (pattern.empty() || pattern.front() != '/')
+        return nullptr;
+    std::string_view rest = pattern.substr(1);
+
+    // A wildcard counts only as the whole last segment; anywhere else it is a plain name.
+    const auto lastSlash = rest.rfind('/');
+    const std::string_view last =
+        lastSlash == std::string_view::npos ? rest : rest.substr(lastSlash + 1);
+    PatternSlot ChannelNode::*member = &ChannelNode::exact;
+    if (last == "*" || last == "**") {
+        member = last == "*" ? &ChannelNode::one : &ChannelNode::any;
+        if (lastSlash == std::string_view::npos)
+            return &(root_.get()->*member);
+        rest = rest.substr(0, lastSlash);
+    }
+
+    ChannelNode* node = root_.get();
+    while (true) {
+        const auto slash = rest.find('/');
+        const std::string_view segment = rest.substr(0, slash);
+        auto it = node->children.find(segment);
+        if (it == node->children.end()) {
+            if (!create)
+                return nullptr;
+            auto child = std::make_unique<ChannelNode>();
+            child->parent = node;
+            child->segment = std::string(segment);
+            nameSlots(*child, node->exact.text + "/" + child->segment);
+            const std::string_view key = child->segment;  // views the child's own string
+            it = node->children.emplace(key, std::move(child)).first;
+            ++nodes_;
+        }
+        node = it->second.get();
+        if (slash == std::string_view::npos)
+            break;
+        rest = rest.substr(slash + 1);
+    }
+    return &(node->*member);
+}
+
+bool ChannelTree::subscribe(SessionRecord& record, std::string_view pattern) {
+    PatternSlot* slot = findSlot(pattern, true);
+    if (!slot)
+        return false;
+    auto [it, added] = record.held.try_emplace(slot);
+    if (added) {
+        it->second.index = static_cast<std::uint32_t>(slot->members.size());
+        slot->members.push_back(&record);
+    }
+    ++it->second.count;
+    return true;
+}
+
+bool ChannelTree::unsubscribe(SessionRecord& record, std::string_view pattern,
+                              std::vector<std::unique_ptr<ChannelNode>>& retired) {
+    PatternSlot* slot = findSlot(pattern, false);
+    if (!slot)
+        return false;
+    auto it = record.held.find(slot);
+    if (it == record.held.end())
+        return false;
+    if (--it->second.count > 0)
+        return true;
+    const std::uint32_t index = it->second.index;
+    record.held.erase(it);
+    removeMember(*slot, index);
+    prune(slot->node, retired);
+    return true;
+}
+
+void ChannelTree::removeAll(SessionRecord& record,
+                            std::vector<std::unique_ptr<ChannelNode>>& retired) {
+    std::vector<ChannelNode*> touched;
+    touched.reserve(record.held.size());
+    for (auto& [slot, hold] : record.held) {
+        removeMember(*slot, hold.index);
+        touched.push_back(slot->node);
+    }
+    record.held.clear();
+    for (ChannelNode* node : touched)
+        prune(node, retired);
+}
+
+void ChannelTree::match(std::string_view channel, std::vector<Match>& out) const {
+    if (channel.empty() || channel.front() != '/')
+        return;
+    std::string_view rest = channel.substr(1);
+    const ChannelNode* node = root_.get();
+    while (true) {
+        const auto slash = rest.find('/');
+        const bool last = slash == std::string_view::npos;
+        appendMembers(node->any, out);
+        if (last)
+            appendMembers(node->one, out);
+        auto it = node->children.find(rest.substr(0, slash));
+        if (it == node->children.end())
+            return;
+        node = it->second.get();
+        if (last) {
+            appendMembers(node->exact, out);
+            return;
+        }
+        rest = rest.substr(slash + 1);
+    }
+}
+
+void ChannelTree::removeMember(PatternSlot& slot, std::uint32_t index) {
+    auto& members = slot.members;
+    SessionRecord* moved = members.back();
+    members[index] = moved;
+    members.pop_back();
+    if (index < members.size())
+        moved->held[&slot].index = index;
+}
+
+void ChannelTree::prune(ChannelNode* node, std::vector<std::unique_ptr<ChannelNode>>& retired) {
+    while (node != root_.get() && node->unused()) {
+        ChannelNode* parent = node->parent;
+        auto it = parent->children.find(node->segment);
+        if (it == parent->children.end() || it->second.get() != node)
+            return;  // retired already
+        retired.push_back(std::move(it->second));
+        parent->children.erase(it);
+        --nodes_;
+        node = parent;
+    }
+}
+
+}  // namespace connector::bayeux::detail

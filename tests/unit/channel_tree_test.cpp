@@ -1,0 +1,128 @@
+#include "channel_tree.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+using connector::bayeux::detail::ChannelNode;
+using connector::bayeux::detail::ChannelTree;
+using connector::bayeux::detail::Match;
+using connector::bayeux::detail::SessionRecord;
+
+using Retired = std::vector<std::unique_ptr<ChannelNode>>;
+
+class ChannelTreeTest : public ::testing::Test {
+  protected:
+    SessionRecord& record(const std::string& id) {
+        auto& slot = records_[id];
+        if (!slot)
+            slot = std::make_unique<SessionRecord>(
+                std::weak_ptr<connector::bayeux::BayeuxSession>(), nullptr, id, 0);
+        return *slot;
+    }
+
+    // "id pattern" for each match, sorted.
+    std::multiset<std::string> matches(const std::string& channel) const {
+        std::vector<Match> out;
+        tree_.match(channel, out);
+        std::multiset<std::string> pairs;
+        for (const Match& m : out)
+            pairs.insert(m.record->id + " " + *m.pattern);
+        return pairs;
+    }
+
+    ChannelTree tree_;
+    std::map<std::string, std::unique_ptr<SessionRecord>> records_;
+};
+
+TEST_F(ChannelTreeTest, MatchesExactSingleAndDeepWildcards) {
+    for (const char* pattern :
+         {"/a/b", "/a/*", "/a/**", "/*", "/**", "/a/*/c", "/a/b*", "/a/b/c/d"}) {
+        ASSERT_TRUE(tree_.subscribe(record(pattern), pattern)) << pattern;
+    }
+    using Set = std::multiset<std::string>;
+    EXPECT_EQ(matches("/a/b"), (Set{"/a/b /a/b", "/a/* /a/*", "/a/** /a/**", "/** /**"}));
+    EXPECT_EQ(matches("/a/b/c"), (Set{"/a/** /a/**", "/** /**"}));
+    EXPECT_EQ(matches("/a"), (Set{"/* /*", "/** /**"}));
+    EXPECT_EQ(matches("/x"), (Set{"/* /*", "/** /**"}));
+    EXPECT_EQ(matches("/x/y/z"), (Set{"/** /**"}));
+    EXPECT_EQ(matches("/a/bc"), (Set{"/a/* /a/*", "/a/** /a/**", "/** /**"}));
+    // A wildcard that is not the whole last segment is an ordinary name.
+    EXPECT_EQ(matches("/a/z/c"), (Set{"/a/** /a/**", "/** /**"}));
+    EXPECT_EQ(matches("/a/*/c"), (Set{"/a/*/c /a/*/c", "/a/** /a/**", "/** /**"}));
+    EXPECT_EQ(matches("/a/b*"), (Set{"/a/b* /a/b*", "/a/* /a/*", "/a/** /a/**", "/** /**"}));
+    EXPECT_EQ(matches("/a/b/c/d"), (Set{"/a/b/c/d /a/b/c/d", "/a/** /a/**", "/** /**"}));
+    EXPECT_TRUE(matches("a/b").empty()) << "not a channel name";
+    EXPECT_TRUE(matches("").empty());
+}
+
+TEST_F(ChannelTreeTest, OneMatchPerSessionAndPatternHowOftenItIsHeld) {
+    auto& s = record("s");
+    tree_.subscribe(s, "/a/b");
+    tree_.subscribe(s, "/a/b");
+    tree_.subscribe(s, "/a/*");
+    tree_.subscribe(record("t"), "/a/b");
+    EXPECT_EQ(matches("/a/b"), (std::multiset<std::string>{"s /a/b", "s /a/*", "t /a/b"}));
+}
+
+TEST_F(ChannelTreeTest, HoldsAreCountedAndNodesPrunedWhenUnused) {
+    auto& s = record("s");
+    Retired retired;
+    ASSERT_TRUE(tree_.subscribe(s, "/a/b/c"));
+    ASSERT_TRUE(tree_.subscribe(s, "/a/b/c"));
+    ASSERT_TRUE(tree_.subscribe(s, "/a/x"));
+    EXPECT_EQ(tree_.nodeCount(), 5u);  // root, a, b, c, x
+
+    EXPECT_TRUE(tree_.unsubscribe(s, "/a/b/c", retired));
+    EXPECT_EQ(matches("/a/b/c").size(), 1u) << "held twice, released once";
+    EXPECT_TRUE(retired.empty());
+
+    EXPECT_TRUE(tree_.unsubscribe(s, "/a/b/c", retired));
+    EXPECT_TRUE(matches("/a/b/c").empty());
+    EXPECT_FALSE(tree_.unsubscribe(s, "/a/b/c", retired)) << "nothing left to release";
+    EXPECT_EQ(retired.size(), 2u) << "c and b; a still leads to x";
+    EXPECT_EQ(tree_.nodeCount(), 3u);
+    // Retired nodes still hold their pattern texts for deliveries queued before.
+    EXPECT_EQ(retired.front()->exact.text, "/a/b/c");
+
+    EXPECT_FALSE(tree_.unsubscribe(s, "/never", retired));
+    EXPECT_FALSE(tree_.unsubscribe(record("other"), "/a/x", retired));
+    EXPECT_FALSE(tree_.subscribe(s, "no/slash"));
+}
+
+TEST_F(ChannelTreeTest, RemoveAllReleasesEveryHoldAndKeepsOtherSessionsIntact) {
+    std::vector<SessionRecord*> many;
+    for (int i = 0; i < 6; ++i) {
+        many.push_back(&record("m" + std::to_string(i)));
+        tree_.subscribe(*many.back(), "/shared/**");
+    }
+    auto& s = record("s");
+    tree_.subscribe(s, "/shared/**");
+    tree_.subscribe(s, "/own/deep/channel");
+    tree_.subscribe(s, "/own/*");
+    tree_.subscribe(s, "/**");
+
+    Retired retired;
+    tree_.removeAll(s, retired);
+    EXPECT_TRUE(s.held.empty());
+    EXPECT_EQ(tree_.nodeCount(), 2u);  // root and "shared"
+    EXPECT_EQ(retired.size(), 3u);     // own, deep, channel
+    EXPECT_EQ(matches("/shared/x").size(), 6u);
+
+    // Removing from the middle of a slot keeps the positions of the others right.
+    tree_.removeAll(*many[2], retired);
+    tree_.removeAll(*many[0], retired);
+    Retired more;
+    for (int i : {5, 1, 3, 4})
+        EXPECT_TRUE(tree_.unsubscribe(*many[i], "/shared/**", more));
+    EXPECT_TRUE(matches("/shared/x").empty());
+    EXPECT_EQ(tree_.nodeCount(), 1u);
+}
+
+}  // namespace
