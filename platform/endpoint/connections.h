@@ -1,0 +1,28 @@
+#pragma once
+// The client connections of the endpoint, started by the listener: an HTTP connection serves
+// long-polling requests and hands a WebSocket upgrade over to a WebSocket connection. Both come
+// in plain and TLS forms. Private to the endpoint's own .cpp files.
+
+#include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/http/message.hpp>
+#include <boost/beast/http/string_body.hpp>
+#include <boost/beast/ssl/ssl_stream.hpp>
+#include <memory>
+
+namespace connector::bayeux::endpoint {
+
+class Hub;
+
+using PlainStream = boost::beast::tcp_stream;
+using TlsStream = boost::beast::ssl_stream<boost::beast::tcp_stream>;
+using HttpRequest = boost::beast::http::request<boost::beast::http::string_body>;
+
+// Serves HTTP on a freshly accepted stream; a TLS stream is handshaken first.
+void serveHttp(PlainStream stream, std::shared_ptr<Hub> hub);
+void serveHttp(TlsStream stream, std::shared_ptr<Hub> hub);
+
+// Accepts the WebSocket upgrade `request` read from `stream`, then serves Bayeux frames.
+void serveWebSocket(PlainStream stream, HttpRequest request, std::shared_ptr<Hub> hub);
+void serveWebSocket(TlsStream stream, HttpRequest request, std::shared_ptr<Hub> hub);
+
+}  // namespace connector::bayeux::endpoint

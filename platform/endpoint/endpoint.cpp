@@ -1,0 +1,233 @@
+// The Bayeux endpoint: the listening socket, the I/O threads, the timer that sweeps sessions,
+// and orderly shutdown.
+//
+// Each I/O thread runs its own io_context, so a connection lives on one thread and needs no
+// strand; accepted sockets are spread over the threads in turn. stop() first ends every session
+// (after which no session posts to a connection), then stops and joins the threads, then
+// destroys the io_contexts, which frees every connection still waiting on one.
+
+#include "connector/bayeux/endpoint.h"
+
+#include <algorithm>
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl/context.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "connections.h"
+#include "connector/log/diagnostic_logger.h"
+#include "hub.h"
+
+namespace connector::bayeux {
+
+namespace {
+
+namespace asio = boost::asio;
+namespace log = foundation::log;
+using tcp = asio::ip::tcp;
+using error_code = boost::system::error_code;
+using endpoint::Hub;
+
+const log::basic_diagnostic_logger<char> logger("connector::bayeux::endpoint");
+
+// A failed accept (out of descriptors, say) is retried after this pause.
+constexpr std::chrono::milliseconds kAcceptRetry{100};
+
+std::chrono::milliseconds sweepInterval(const EndpointOptions& options) {
+    const auto shortest = std::min(options.connectTimeout, options.sessionTimeout);
+    return std::clamp(shortest / 10, std::chrono::milliseconds(5), std::chrono::milliseconds(500));
+}
+
+std::shared_ptr<asio::ssl::context> makeTls(const EndpointOptions& options) {
+    if (options.certFile.empty() && options.keyFile.empty())
+        return nullptr;
+    if (options.certFile.empty() || options.keyFile.empty())
+        throw std::runtime_error("TLS needs both a certificate file and a key file");
+    auto tls = std::make_shared<asio::ssl::context>(asio::ssl::context::tls_server);
+    tls->set_options(asio::ssl::context::default_workarounds | asio::ssl::context::no_sslv2 |
+                     asio::ssl::context::no_sslv3 | asio::ssl::context::no_tlsv1 |
+                     asio::ssl::context::no_tlsv1_1);
+    error_code ec;
+    tls->use_certificate_chain_file(options.certFile, ec);
+    if (ec)
+        throw std::runtime_error("Cannot load the certificate " + options.certFile + ": " +
+                                 ec.message());
+    tls->use_private_key_file(options.keyFile, asio::ssl::context::pem, ec);
+    if (ec)
+        throw std::runtime_error("Cannot load the key " + options.keyFile + ": " + ec.message());
+    return tls;
+}
+
+class Loop {
+  public:
+    Loop() : work_(asio::make_work_guard(io_)) {
+        thread_ = std::thread([this] { run(); });
+    }
+    asio::io_context& io() { return io_; }
+    void stop() {
+        io_.stop();
+        if (thread_.joinable())
+            thread_.join();
+    }
+
+  private:
+    void run() {
+        for (;;) {
+            try {
+                io_.run();
+                return;
+            } catch (const std::exception& e) {
+                logger.log(log::error, "An endpoint I/O handler failed: ", e.what());
+            } catch (...) {
+                logger.log(log::error, "An endpoint I/O handler failed");
+            }
+        }
+    }
+
+    asio::io_context io_{1};
+    asio::executor_work_guard<asio::io_context::executor_type> work_;
+    std::thread thread_;
+};
+
+class EndpointImpl final : public BayeuxEndpoint {
+  public:
+    EndpointImpl(std::shared_ptr<BayeuxServer> server, EndpointOptions options)
+        : tls_(makeTls(options)), sweepEvery_(sweepInterval(options)) {
+        if (!server)
+            throw std::invalid_argument("The endpoint needs a Bayeux server");
+        hub_ = std::make_shared<Hub>(std::move(server), options);
+        const unsigned threads = std::clamp(std::thread::hardware_concurrency(), 1u, 2u);
+        for (unsigned i = 0; i < threads; ++i)
+            loops_.push_back(std::make_unique<Loop>());
+        try {
+            listen(options.host, options.port);
+        } catch (...) {
+            stop();
+            throw;
+        }
+        sweepTimer_.emplace(loops_[0]->io());
+        asio::post(loops_[0]->io(), [this] {
+            accept();
+            scheduleSweep();
+        });
+        logger.log(log::trace, "Serving Bayeux at ", tls_ ? "wss" : "ws", "://", options.host, ":",
+                   port_, options.path);
+    }
+
+    ~EndpointImpl() override { stop(); }
+
+    std::uint16_t port() const override { return port_; }
+    std::size_t sessionCount() const override { return hub_->sessionCount(); }
+
+    void stop() override {
+        std::lock_guard<std::mutex> lock(stopMutex_);
+        if (stopped_)
+            return;
+        stopped_ = true;
+        hub_->shutdown();
+        for (auto& loop : loops_)
+            loop->stop();
+        acceptor_.reset();
+        sweepTimer_.reset();
+        retryTimer_.reset();
+        loops_.clear();
+    }
+
+  private:
+    void listen(const std::string& host, std::uint16_t port) {
+        error_code ec;
+        tcp::resolver resolver(loops_[0]->io());
+        auto results = resolver.resolve(host, std::to_string(port), tcp::resolver::passive, ec);
+        if (ec || results.empty())
+            throw std::runtime_error("Cannot resolve " + host + ": " +
+                                     (ec ? ec.message() : "no address"));
+        const tcp::endpoint where = results.begin()->endpoint();
+        acceptor_.emplace(loops_[0]->io());
+        acceptor_->open(where.protocol(), ec);
+        if (!ec)
+            acceptor_->set_option(asio::socket_base::reuse_address(true), ec);
+        if (!ec)
+            acceptor_->bind(where, ec);
+        if (!ec)
+            acceptor_->listen(asio::socket_base::max_listen_connections, ec);
+        if (ec)
+            throw std::runtime_error("Cannot listen on " + host + ":" + std::to_string(port) +
+                                     ": " + ec.message());
+        port_ = acceptor_->local_endpoint().port();
+    }
+
+    void accept() {
+        asio::io_context& target = loops_[nextLoop_++ % loops_.size()]->io();
+        acceptor_->async_accept(target, [this](error_code ec, tcp::socket socket) {
+            onAccepted(ec, std::move(socket));
+        });
+    }
+
+    void onAccepted(error_code ec, tcp::socket socket) {
+        if (ec == asio::error::operation_aborted)
+            return;
+        if (ec) {
+            logger.log(log::warning, "Accepting a connection failed: ", ec.message());
+            retryTimer_.emplace(loops_[0]->io());
+            retryTimer_->expires_after(kAcceptRetry);
+            retryTimer_->async_wait([this](error_code ec) {
+                if (!ec)
+                    accept();
+            });
+            return;
+        }
+        error_code ignored;
+        socket.set_option(tcp::no_delay(true), ignored);
+        try {
+            if (tls_)
+                endpoint::serveHttp(endpoint::TlsStream(std::move(socket), *tls_), hub_);
+            else
+                endpoint::serveHttp(endpoint::PlainStream(std::move(socket)), hub_);
+        } catch (const std::exception& e) {
+            logger.log(log::error, "Cannot serve a new connection: ", e.what());
+        }
+        accept();
+    }
+
+    void scheduleSweep() {
+        sweepTimer_->expires_after(sweepEvery_);
+        sweepTimer_->async_wait([this](error_code ec) {
+            if (ec)
+                return;
+            try {
+                hub_->sweep(endpoint::Clock::now());
+            } catch (const std::exception& e) {
+                logger.log(log::error, "Sweeping sessions failed: ", e.what());
+            }
+            scheduleSweep();
+        });
+    }
+
+    // Declared first so that it outlives every TLS stream, which are freed with loops_.
+    const std::shared_ptr<asio::ssl::context> tls_;
+    const std::chrono::milliseconds sweepEvery_;
+    std::shared_ptr<Hub> hub_;
+    std::vector<std::unique_ptr<Loop>> loops_;
+    // On loops_[0]; reset before the loops go.
+    std::optional<tcp::acceptor> acceptor_;
+    std::optional<asio::steady_timer> sweepTimer_;
+    std::optional<asio::steady_timer> retryTimer_;
+    std::size_t nextLoop_ = 0;  // touched on loops_[0] only
+    std::uint16_t port_ = 0;
+    std::mutex stopMutex_;  // serialises stop()
+    bool stopped_ = false;
+};
+
+}  // namespace
+
+std::unique_ptr<BayeuxEndpoint> startBayeuxEndpoint(std::shared_ptr<BayeuxServer> server,
+                                                    EndpointOptions options) {
+    return std::make_unique<EndpointImpl>(std::move(server), std::move(options));
+}
+
+}  // namespace connector::bayeux

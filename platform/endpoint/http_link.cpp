@@ -1,0 +1,209 @@
+// A client's HTTP connection to the hub: long-polling requests and WebSocket upgrades.
+//
+// Everything here runs on the connection's I/O thread. One request is served at a time; a POST
+// whose /meta/connect is held waits, with its other replies, until the session releases it
+// through the Link. An upgrade hands the stream over to a WebSocket link.
+
+#include <boost/asio/post.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http/read.hpp>
+#include <boost/beast/http/write.hpp>
+#include <boost/beast/websocket/rfc6455.hpp>
+#include <chrono>
+#include <optional>
+
+#include "connections.h"
+#include "connector/log/diagnostic_logger.h"
+#include "hub.h"
+
+namespace connector::bayeux::endpoint {
+
+namespace {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+namespace log = foundation::log;
+using error_code = boost::system::error_code;
+
+const log::basic_diagnostic_logger<char> logger("connector::bayeux::endpoint");
+
+// Time allowed for the TLS handshake, for a whole request to arrive (an idle keep-alive
+// connection included) and for a response to be written.
+constexpr std::chrono::seconds kHandshakeTimeout{30};
+constexpr std::chrono::seconds kRequestTimeout{60};
+constexpr std::chrono::seconds kWriteTimeout{30};
+constexpr std::uint32_t kHeaderLimit = 16 * 1024;
+
+template <class Stream>
+constexpr bool kSecure = std::is_same_v<Stream, TlsStream>;
+
+template <class Stream>
+class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink<Stream>> {
+  public:
+    HttpLink(Stream&& stream, std::shared_ptr<Hub> hub)
+        : stream_(std::move(stream)), hub_(std::move(hub)) {}
+
+    void start() {
+        if constexpr (kSecure<Stream>) {
+            beast::get_lowest_layer(stream_).expires_after(kHandshakeTimeout);
+            stream_.async_handshake(
+                asio::ssl::stream_base::server, [self = this->shared_from_this()](error_code ec) {
+                    if (ec)
+                        logger.log(log::trace, "TLS handshake failed: ", ec.message());
+                    else
+                        self->readRequest();
+                });
+        } else {
+            readRequest();
+        }
+    }
+
+    // Long-polling sessions never take deliveries through a link; they come with the connect.
+    void deliveriesReady(std::shared_ptr<RemoteSession>) override {}
+
+    void connectReleased(std::shared_ptr<RemoteSession> session, ConnectRelease release) override {
+        asio::post(stream_.get_executor(),
+                   [self = this->shared_from_this(), session = std::move(session),
+                    release = std::move(release)]() mutable {
+                       self->onConnectReleased(session, release);
+                   });
+    }
+
+  private:
+    void readRequest() {
+        parser_.emplace();
+        parser_->body_limit(hub_->options().maxMessageBytes);
+        parser_->header_limit(kHeaderLimit);
+        beast::get_lowest_layer(stream_).expires_after(kRequestTimeout);
+        http::async_read(
+            stream_, buffer_, *parser_,
+            [self = this->shared_from_this()](error_code ec, std::size_t) { self->onRequest(ec); });
+    }
+
+    void onRequest(error_code ec) {
+        if (ec == http::error::body_limit) {
+            logger.log(log::warning, "Refused an HTTP body over ", hub_->options().maxMessageBytes,
+                       " bytes");
+            keepAlive_ = false;
+            return respond(http::status::payload_too_large, "", "text/plain");
+        }
+        if (ec) {
+            if (ec != http::error::end_of_stream && ec != asio::error::operation_aborted)
+                logger.log(log::trace, "HTTP connection ended: ", ec.message());
+            return close();
+        }
+        HttpRequest& request = parser_->get();
+        keepAlive_ = request.keep_alive();
+        version_ = request.version();
+        const beast::string_view target = request.target();
+        const beast::string_view path = target.substr(0, target.find('?'));
+        if (path != hub_->options().path)
+            return respond(http::status::not_found, "", "text/plain");
+        if (beast::websocket::is_upgrade(request)) {
+            serveWebSocket(std::move(stream_), parser_->release(), hub_);
+            return;
+        }
+        if (request.method() != http::verb::post)
+            return respond(http::status::method_not_allowed, "", "text/plain");
+
+        FrameBuilder out;
+        FrameOutcome outcome;
+        try {
+            outcome = hub_->handleFrame(request.body(), self(), Transport::LongPolling, out);
+        } catch (const std::exception& e) {
+            logger.log(log::error, "Closing an HTTP connection after a failure: ", e.what());
+            return close();
+        }
+        parser_.reset();  // the body is not needed while a connect is held
+        if (outcome.heldSession) {
+            heldSession_ = std::move(outcome.heldSession);
+            heldToken_ = outcome.heldToken;
+            heldReplies_ = std::move(out);
+            beast::get_lowest_layer(stream_).expires_never();
+            return;
+        }
+        respond(outcome.unreadable ? http::status::bad_request : http::status::ok, out.close(),
+                "application/json;charset=UTF-8");
+    }
+
+    void onConnectReleased(const std::shared_ptr<RemoteSession>& session,
+                           const ConnectRelease& release) {
+        if (session != heldSession_ || release.token != heldToken_)
+            return;  // answered already, or a connect this connection no longer holds
+        heldSession_.reset();
+        FrameBuilder out = std::move(heldReplies_);
+        heldReplies_ = FrameBuilder();
+        try {
+            hub_->appendConnectAnswer(*session, self(), Transport::LongPolling, release, out);
+        } catch (const std::exception& e) {
+            logger.log(log::error, "Closing an HTTP connection after a failure: ", e.what());
+            return close();
+        }
+        respond(http::status::ok, out.close(), "application/json;charset=UTF-8");
+    }
+
+    void respond(http::status status, std::string body, const char* contentType) {
+        response_.emplace(status, version_);
+        response_->set(http::field::content_type, contentType);
+        response_->set(http::field::cache_control, "no-cache, no-store");
+        response_->keep_alive(keepAlive_);
+        response_->body() = std::move(body);
+        response_->prepare_payload();
+        beast::get_lowest_layer(stream_).expires_after(kWriteTimeout);
+        http::async_write(
+            stream_, *response_,
+            [self = this->shared_from_this()](error_code ec, std::size_t) { self->onWritten(ec); });
+    }
+
+    void onWritten(error_code ec) {
+        response_.reset();
+        if (ec) {
+            logger.log(log::trace, "Writing an HTTP response failed: ", ec.message());
+            return close();
+        }
+        if (!keepAlive_)
+            return close();
+        if (buffer_.capacity() > 16 * 1024)
+            buffer_.shrink_to_fit();
+        readRequest();
+    }
+
+    void close() {
+        error_code ignored;
+        auto& socket = beast::get_lowest_layer(stream_).socket();
+        socket.shutdown(asio::ip::tcp::socket::shutdown_send, ignored);
+        socket.close(ignored);
+    }
+
+    std::shared_ptr<Link> self() { return this->shared_from_this(); }
+
+    Stream stream_;
+    const std::shared_ptr<Hub> hub_;
+    beast::flat_buffer buffer_;
+    std::optional<http::request_parser<http::string_body>> parser_;
+    std::optional<http::response<http::string_body>> response_;
+    unsigned version_ = 11;
+    bool keepAlive_ = true;
+    std::shared_ptr<RemoteSession> heldSession_;  // whose connect this request waits for
+    std::uint64_t heldToken_ = 0;
+    FrameBuilder heldReplies_;  // the other replies of the request being held
+};
+
+template <class Stream>
+void start(Stream&& stream, std::shared_ptr<Hub>&& hub) {
+    auto link = std::make_shared<HttpLink<Stream>>(std::move(stream), std::move(hub));
+    link->start();
+}
+
+}  // namespace
+
+void serveHttp(PlainStream stream, std::shared_ptr<Hub> hub) {
+    start(std::move(stream), std::move(hub));
+}
+
+void serveHttp(TlsStream stream, std::shared_ptr<Hub> hub) {
+    start(std::move(stream), std::move(hub));
+}
+
+}  // namespace connector::bayeux::endpoint

@@ -1,0 +1,331 @@
+// The Bayeux side of the endpoint: sessions and the handling of each client message.
+
+#include "hub.h"
+
+#include <algorithm>
+#include <mutex>
+
+#include "connector/bayeux/codec.h"
+#include "connector/common/delay.h"
+#include "connector/log/diagnostic_logger.h"
+
+namespace connector::bayeux::endpoint {
+
+namespace {
+
+namespace log = foundation::log;
+
+const log::basic_diagnostic_logger<char> logger("connector::bayeux::endpoint");
+
+constexpr std::uint8_t kClientIdLength = 24;
+// How long a client refused for lack of room waits before handshaking again.
+constexpr std::int64_t kRetryHandshakeMs = 1000;
+
+// Compares without an early exit, so the time taken says nothing about the key.
+bool sameKey(const std::string& given, const std::string& expected) {
+    unsigned char difference = given.size() == expected.size() ? 0 : 1;
+    for (std::size_t i = 0; i < expected.size(); ++i)
+        difference |= static_cast<unsigned char>(expected[i]) ^
+                      static_cast<unsigned char>(i < given.size() ? given[i] : 0);
+    return difference == 0;
+}
+
+// The response class answering `request`, with its id (and subscription) echoed.
+std::unique_ptr<BayeuxResponse> responseFor(const BayeuxMessage& request) {
+    std::unique_ptr<BayeuxResponse> response;
+    switch (request.kind()) {
+        case Kind::HandshakeRequest:
+            response = std::make_unique<HandshakeResponse>();
+            break;
+        case Kind::ConnectRequest:
+            response = std::make_unique<ConnectStreamResponse>();
+            break;
+        case Kind::DisconnectRequest:
+            response = std::make_unique<DisconnectResponse>();
+            break;
+        case Kind::SubscribeRequest:
+            response = std::make_unique<SubscribeResponse>(
+                static_cast<const SubscribeRequest&>(request).getChannel(), std::string());
+            break;
+        case Kind::UnsubscribeRequest:
+            response = std::make_unique<UnsubscribeResponse>(
+                static_cast<const UnsubscribeRequest&>(request).getChannel(), std::string());
+            break;
+        default:
+            response = std::make_unique<PublishResponse>(request.bayeuxChannel());
+            break;
+    }
+    response->setId(request.getId());
+    return response;
+}
+
+void appendError(FrameBuilder& out, const BayeuxMessage& request, std::string error,
+                 std::optional<Advice> advice = std::nullopt) {
+    auto response = responseFor(request);
+    response->setSuccessful(false);
+    response->setError(std::move(error));
+    if (advice)
+        response->setAdvice(std::move(*advice));
+    appendMessage(out, *response);
+}
+
+void appendUnknownClient(FrameBuilder& out, const BayeuxMessage& request) {
+    appendError(out, request, "402::Unknown client", Advice{"handshake", 0, -1});
+}
+
+// The reply to a subscription change or publish on a channel this client may not use, if any.
+std::optional<std::string> channelProblem(const std::string& channel, bool pattern) {
+    if (isMetaChannel(channel))
+        return "403:" + channel + ":Forbidden channel";
+    if (!isValidChannel(channel, pattern))
+        return "405:" + channel + ":Invalid channel";
+    return std::nullopt;
+}
+
+bool frameLevel(const std::string& problem) {
+    return problem.compare(0, 8, "message ") != 0;
+}
+
+}  // namespace
+
+Hub::Hub(std::shared_ptr<BayeuxServer> server, EndpointOptions options)
+    : server_(std::move(server)), options_(std::move(options)) {}
+
+Advice Hub::connectAdvice() const {
+    return Advice{"retry", 0, static_cast<std::int64_t>(options_.connectTimeout.count())};
+}
+
+FrameOutcome Hub::handleFrame(std::string_view frame, const std::shared_ptr<Link>& link,
+                              Transport transport, FrameBuilder& out) {
+    FrameOutcome outcome;
+    codec::Decoded decoded = codec::decodeFromClient(frame);
+    if (!decoded.errors.empty()) {
+        outcome.unreadable = std::any_of(decoded.errors.begin(), decoded.errors.end(), frameLevel);
+        logger.log(log::trace, "Refused what a client sent: ", decoded.errors.front());
+        appendDecodeFailures(out, frame, decoded.errors);
+    }
+    for (auto& message : decoded.messages) {
+        const Kind kind = message->kind();
+        if (kind == Kind::HandshakeRequest) {
+            handshake(static_cast<const HandshakeRequest&>(*message), out);
+            continue;
+        }
+        std::shared_ptr<RemoteSession> session = find(message->getClientId());
+        if (!session) {
+            appendUnknownClient(out, *message);
+            continue;
+        }
+        switch (kind) {
+            case Kind::ConnectRequest:
+                connect(static_cast<const ConnectRequest&>(*message), session, link, transport, out,
+                        outcome);
+                break;
+            case Kind::DisconnectRequest:
+                disconnect(static_cast<const DisconnectRequest&>(*message), session, out);
+                break;
+            case Kind::SubscribeRequest:
+                changeSubscription<SubscribeRequest, SubscribeResponse>(
+                    static_cast<const SubscribeRequest&>(*message), session, out);
+                break;
+            case Kind::UnsubscribeRequest:
+                changeSubscription<UnsubscribeRequest, UnsubscribeResponse>(
+                    static_cast<const UnsubscribeRequest&>(*message), session, out);
+                break;
+            case Kind::PublishRequest:
+                publish(std::unique_ptr<PublishRequest>(
+                            static_cast<PublishRequest*>(message.release())),
+                        out);
+                break;
+            default:
+                appendError(out, *message, "400::Not a client message");
+                break;
+        }
+    }
+    return outcome;
+}
+
+void Hub::handshake(const HandshakeRequest& request, FrameBuilder& out) {
+    if (!options_.apiKey.empty() && !sameKey(apiKeyOf(request.getExt()), options_.apiKey)) {
+        logger.log(log::warning, "Refused a handshake without the right API key");
+        appendError(out, request, "403::Unauthorized", Advice{"none", 0, -1});
+        return;
+    }
+    std::shared_ptr<RemoteSession> session;
+    {
+        std::unique_lock<std::shared_mutex> lock(mutex_);
+        if (!accepting_) {
+            lock.unlock();
+            appendError(out, request, "503::Shutting down", Advice{"none", 0, -1});
+            return;
+        }
+        if (sessions_.size() >= options_.maxSessions) {
+            lock.unlock();
+            logger.log(log::warning, "Refused a handshake: ", options_.maxSessions,
+                       " sessions already");
+            appendError(out, request, "503::Too many sessions",
+                        Advice{"handshake", kRetryHandshakeMs, -1});
+            return;
+        }
+        std::string id;
+        do {
+            id = common::randomString(kClientIdLength);
+        } while (sessions_.count(id) != 0);
+        session = std::make_shared<RemoteSession>(id, options_.maxQueuePerSession, Clock::now());
+        sessions_.emplace(std::move(id), session);
+    }
+    session->runServerCalls(*server_);
+    logger.log(log::trace, "Session ", session->id(), " opened");
+
+    HandshakeResponse response;
+    response.setId(request.getId());
+    response.setClientId(session->id());
+    response.setVersion("1.0");
+    response.setSupportedConnectionTypes({"websocket", "long-polling"});
+    response.setAdvice(connectAdvice());
+    appendMessage(out, response);
+}
+
+void Hub::connect(const ConnectRequest& request, const std::shared_ptr<RemoteSession>& session,
+                  const std::shared_ptr<Link>& link, Transport transport, FrameBuilder& out,
+                  FrameOutcome& outcome) {
+    std::chrono::milliseconds hold = options_.connectTimeout;
+    if (request.getAdvice() && request.getAdvice()->timeout >= 0)
+        hold = std::min(hold, std::chrono::milliseconds(request.getAdvice()->timeout));
+    std::uint64_t token = 0;
+    const auto answer = session->connect(link, transport == Transport::WebSocket, request.getId(),
+                                         hold, Clock::now(), token);
+    switch (answer) {
+        case RemoteSession::ConnectAnswer::Closed:
+            appendUnknownClient(out, request);
+            break;
+        case RemoteSession::ConnectAnswer::Held:
+            outcome.heldSession = session;
+            outcome.heldToken = token;
+            break;
+        case RemoteSession::ConnectAnswer::Now:
+            appendConnectAnswer(*session, link, transport,
+                                ConnectRelease{request.getId(), token, ReleaseReason::Due}, out);
+            break;
+    }
+}
+
+void Hub::appendConnectAnswer(RemoteSession& session, const std::shared_ptr<Link>& link,
+                              Transport transport, const ConnectRelease& release,
+                              FrameBuilder& out) const {
+    if (transport == Transport::LongPolling) {
+        std::vector<Delivery> deliveries;
+        session.takeDeliveries(link, true, deliveries);
+        for (const auto& delivery : deliveries)
+            appendDelivery(out, *delivery);
+    } else {
+        appendDeliveries(session, link, out);
+    }
+    ConnectStreamResponse response;
+    response.setId(release.id);
+    response.setClientId(session.id());
+    response.setAdvice(release.reason == ReleaseReason::Ended ? Advice{"none", 0, -1}
+                                                              : connectAdvice());
+    appendMessage(out, response);
+}
+
+void Hub::appendDeliveries(RemoteSession& session, const std::shared_ptr<Link>& link,
+                           FrameBuilder& out) {
+    std::vector<Delivery> deliveries;
+    session.takeDeliveries(link, false, deliveries);
+    for (const auto& delivery : deliveries)
+        appendDelivery(out, *delivery);
+}
+
+void Hub::disconnect(const DisconnectRequest& request,
+                     const std::shared_ptr<RemoteSession>& session, FrameBuilder& out) {
+    remove(session, "disconnected");
+    DisconnectResponse response;
+    response.setId(request.getId());
+    response.setClientId(session->id());
+    appendMessage(out, response);
+}
+
+template <class Request, class Response>
+void Hub::changeSubscription(const Request& request, const std::shared_ptr<RemoteSession>& session,
+                             FrameBuilder& out) {
+    const std::string& channel = request.getChannel();
+    if (auto problem = channelProblem(channel, true)) {
+        appendError(out, request, std::move(*problem));
+        return;
+    }
+    const auto change = std::is_same_v<Request, SubscribeRequest> ? session->subscribe(channel)
+                                                                  : session->unsubscribe(channel);
+    if (change == RemoteSession::Change::Closed) {
+        appendUnknownClient(out, request);
+        return;
+    }
+    if (change == RemoteSession::Change::Done)
+        session->runServerCalls(*server_);
+    Response response(channel, session->id());
+    response.setId(request.getId());
+    appendMessage(out, response);
+}
+
+void Hub::publish(std::unique_ptr<PublishRequest> request, FrameBuilder& out) {
+    if (auto problem = channelProblem(request->getChannel(), false)) {
+        appendError(out, *request, std::move(*problem));
+        return;
+    }
+    PublishResponse response(request->getChannel());
+    response.setId(request->getId());
+    server_->acceptPublish(std::shared_ptr<const PublishRequest>(std::move(request)));
+    appendMessage(out, response);
+}
+
+std::shared_ptr<RemoteSession> Hub::find(const std::string& id) const {
+    if (id.empty())
+        return nullptr;
+    std::shared_lock<std::shared_mutex> lock(mutex_);
+    auto it = sessions_.find(id);
+    return it == sessions_.end() ? nullptr : it->second;
+}
+
+void Hub::remove(const std::shared_ptr<RemoteSession>& session, const char* why) {
+    if (!session->close())
+        return;
+    {
+        std::unique_lock<std::shared_mutex> lock(mutex_);
+        auto it = sessions_.find(session->id());
+        if (it != sessions_.end() && it->second == session)
+            sessions_.erase(it);
+    }
+    session->runServerCalls(*server_);
+    logger.log(log::trace, "Session ", session->id(), " ", why);
+}
+
+void Hub::sweep(Clock::time_point now) {
+    std::vector<std::shared_ptr<RemoteSession>> expired;
+    {
+        std::shared_lock<std::shared_mutex> lock(mutex_);
+        for (const auto& entry : sessions_)
+            if (entry.second->sweep(now, options_.sessionTimeout))
+                expired.push_back(entry.second);
+    }
+    for (const auto& session : expired)
+        remove(session, "expired");
+}
+
+void Hub::shutdown() {
+    std::unordered_map<std::string, std::shared_ptr<RemoteSession>> sessions;
+    {
+        std::unique_lock<std::shared_mutex> lock(mutex_);
+        accepting_ = false;
+        sessions.swap(sessions_);
+    }
+    for (const auto& entry : sessions) {
+        if (entry.second->close())
+            entry.second->runServerCalls(*server_);
+    }
+}
+
+std::size_t Hub::sessionCount() const {
+    std::shared_lock<std::shared_mutex> lock(mutex_);
+    return sessions_.size();
+}
+
+}  // namespace connector::bayeux::endpoint

@@ -1,0 +1,37 @@
+#pragma once
+// What a remote session sees of a client connection: somewhere to send its deliveries and the
+// answer to its held /meta/connect. Both calls only post work to the connection's I/O thread,
+// so a session may make them while holding its own lock.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace connector::bayeux::endpoint {
+
+class RemoteSession;
+
+// Why a held /meta/connect is being answered.
+enum class ReleaseReason {
+    Due,       // deliveries are waiting (long-polling) or its time is up
+    Replaced,  // a newer connect of the same client arrived
+    Ended,     // the session was disconnected or expired
+};
+
+struct ConnectRelease {
+    std::string id;       // the id of the connect being answered
+    std::uint64_t token;  // tells this connect from a later one on the same connection
+    ReleaseReason reason;
+};
+
+class Link {
+  public:
+    virtual ~Link() = default;
+    // Deliveries are queued in `session`; the link takes them when its socket is free.
+    virtual void deliveriesReady(std::shared_ptr<RemoteSession> session) = 0;
+    // The connect the link is holding for `session` is to be answered now.
+    virtual void connectReleased(std::shared_ptr<RemoteSession> session,
+                                 ConnectRelease release) = 0;
+};
+
+}  // namespace connector::bayeux::endpoint

@@ -1,0 +1,244 @@
+// A remote client's session: its delivery queue, its held connect and its subscriptions.
+
+#include "remote_session.h"
+
+#include "connector/log/diagnostic_logger.h"
+
+namespace connector::bayeux::endpoint {
+
+namespace {
+
+const foundation::log::basic_diagnostic_logger<char> logger("connector::bayeux::endpoint");
+
+bool sameLink(const std::weak_ptr<Link>& a, const std::shared_ptr<Link>& b) {
+    return b && !a.owner_before(b) && !b.owner_before(a);
+}
+
+// A queue this much larger than its content is compacted.
+constexpr std::size_t kCompactAfter = 64;
+
+}  // namespace
+
+RemoteSession::RemoteSession(std::string id, std::size_t maxQueue, Clock::time_point now)
+    : id_(std::move(id)), maxQueue_(maxQueue == 0 ? 1 : maxQueue), lastConnect_(now) {
+    calls_.emplace_back(Call::Register, std::string());
+}
+
+std::shared_ptr<common::ContextState> RemoteSession::getContext() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!context_)
+        context_ = std::make_shared<common::ContextState>();
+    return context_;
+}
+
+void RemoteSession::deliver(const std::vector<std::string>&,
+                            const std::shared_ptr<const PublishRequest>& request) {
+    bool startedDropping = false;
+    std::shared_ptr<Link> released;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (closed_)
+            return;
+        if (sizeLocked() >= maxQueue_) {
+            queue_[head_++].reset();
+            ++dropped_;
+            startedDropping = !dropping_;
+            dropping_ = true;
+            if (head_ >= kCompactAfter && head_ * 2 >= queue_.size()) {
+                queue_.erase(queue_.begin(), queue_.begin() + static_cast<std::ptrdiff_t>(head_));
+                head_ = 0;
+            }
+        }
+        queue_.push_back(request);
+        if (held_ && !held_->webSocket)
+            released = releaseLocked(ReleaseReason::Due, Clock::now());
+        else
+            wakeLocked();
+    }
+    if (startedDropping)
+        logger.log(foundation::log::warning, "Session ", id_, " holds ", maxQueue_,
+                   " undelivered messages; dropping the oldest");
+}
+
+void RemoteSession::wakeLocked() {
+    if (wakePosted_ || sizeLocked() == 0)
+        return;
+    if (std::shared_ptr<Link> link = target_.lock()) {
+        wakePosted_ = true;
+        link->deliveriesReady(shared_from_this());
+    } else {
+        target_.reset();
+    }
+}
+
+std::shared_ptr<Link> RemoteSession::releaseLocked(ReleaseReason reason, Clock::time_point now) {
+    if (!held_)
+        return nullptr;
+    Held held = std::move(*held_);
+    held_.reset();
+    lastConnect_ = now;
+    if (std::shared_ptr<Link> link = held.link.lock())
+        link->connectReleased(shared_from_this(),
+                              ConnectRelease{std::move(held.id), held.token, reason});
+    return std::move(held.keep);
+}
+
+RemoteSession::ConnectAnswer RemoteSession::connect(const std::shared_ptr<Link>& link,
+                                                    bool webSocket, std::string id,
+                                                    std::chrono::milliseconds holdFor,
+                                                    Clock::time_point now, std::uint64_t& token) {
+    std::shared_ptr<Link> released;
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (closed_)
+        return ConnectAnswer::Closed;
+    lastConnect_ = now;
+    released = releaseLocked(ReleaseReason::Replaced, now);
+    if (webSocket) {
+        if (!sameLink(target_, link)) {
+            target_ = link;
+            wakePosted_ = false;
+        }
+        wakeLocked();
+    } else {
+        target_.reset();
+        wakePosted_ = false;
+    }
+    if (holdFor.count() <= 0 || (!webSocket && sizeLocked() > 0))
+        return ConnectAnswer::Now;
+    token = ++nextToken_;
+    held_ = Held{link, webSocket ? nullptr : link, std::move(id), token, now + holdFor, webSocket};
+    return ConnectAnswer::Held;
+}
+
+void RemoteSession::takeDeliveries(const std::shared_ptr<Link>& link, bool answeringConnect,
+                                   std::vector<Delivery>& out) {
+    std::vector<Delivery> taken;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const bool target = sameLink(target_, link);
+        if (!answeringConnect && !target)
+            return;
+        if (target)
+            wakePosted_ = false;
+        if (head_ == 0) {
+            taken.swap(queue_);
+        } else {
+            taken.assign(
+                std::make_move_iterator(queue_.begin() + static_cast<std::ptrdiff_t>(head_)),
+                std::make_move_iterator(queue_.end()));
+            queue_.clear();
+            queue_.shrink_to_fit();
+            head_ = 0;
+        }
+        dropping_ = false;
+    }
+    // Released outside the lock: dropping the last reference frees the payload.
+    if (out.empty())
+        out.swap(taken);
+    else
+        out.insert(out.end(), std::make_move_iterator(taken.begin()),
+                   std::make_move_iterator(taken.end()));
+}
+
+RemoteSession::Change RemoteSession::subscribe(const std::string& channel) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (closed_)
+        return Change::Closed;
+    if (!subscriptions_.insert(channel).second)
+        return Change::Unchanged;
+    calls_.emplace_back(Call::Subscribe, channel);
+    return Change::Done;
+}
+
+RemoteSession::Change RemoteSession::unsubscribe(const std::string& channel) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (closed_)
+        return Change::Closed;
+    if (subscriptions_.erase(channel) == 0)
+        return Change::Unchanged;
+    calls_.emplace_back(Call::Unsubscribe, channel);
+    return Change::Done;
+}
+
+bool RemoteSession::close() {
+    std::vector<Delivery> dropped;
+    std::shared_ptr<Link> released;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (closed_)
+            return false;
+        closed_ = true;
+        released = releaseLocked(ReleaseReason::Ended, Clock::now());
+        dropped.swap(queue_);
+        head_ = 0;
+        target_.reset();
+        for (const std::string& channel : subscriptions_)
+            calls_.emplace_back(Call::Unsubscribe, channel);
+        subscriptions_.clear();
+        calls_.emplace_back(Call::Unregister, std::string());
+    }
+    return true;
+}
+
+bool RemoteSession::closed() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return closed_;
+}
+
+void RemoteSession::runServerCalls(BayeuxServer& server) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (callsRunning_)
+        return;
+    callsRunning_ = true;
+    while (!calls_.empty()) {
+        std::vector<std::pair<Call, std::string>> calls;
+        calls.swap(calls_);
+        lock.unlock();
+        for (auto& [call, channel] : calls) {
+            switch (call) {
+                case Call::Register:
+                    server.registerSession(weak_from_this());
+                    break;
+                case Call::Subscribe:
+                    server.acceptSubscribe(
+                        std::make_shared<SubscribeRequest>(std::move(channel), id_));
+                    break;
+                case Call::Unsubscribe:
+                    server.acceptUnsubscribe(
+                        std::make_shared<UnsubscribeRequest>(std::move(channel), id_));
+                    break;
+                case Call::Unregister:
+                    server.unregisterSession(shared_from_this());
+                    break;
+            }
+        }
+        lock.lock();
+    }
+    callsRunning_ = false;
+}
+
+bool RemoteSession::sweep(Clock::time_point now, std::chrono::milliseconds sessionTimeout) {
+    std::shared_ptr<Link> released;
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (closed_)
+        return false;
+    if (held_) {
+        if (now >= held_->deadline || held_->link.expired())
+            released = releaseLocked(ReleaseReason::Due, now);
+        else
+            return false;
+    }
+    return now - lastConnect_ >= sessionTimeout;
+}
+
+std::uint64_t RemoteSession::droppedCount() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return dropped_;
+}
+
+std::size_t RemoteSession::queuedCount() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return sizeLocked();
+}
+
+}  // namespace connector::bayeux::endpoint

@@ -1,0 +1,129 @@
+#pragma once
+// One remote Bayeux client as a session of the in-process server.
+//
+// The session outlives any one connection: a client may handshake over long-polling and go on
+// over a WebSocket, so the session only keeps weak references to the link its deliveries go to
+// (the WebSocket that sent its latest connect) and to the link holding its connect.
+//
+// Deliveries from the server are queued here, at most `maxQueue` of them; when a slow client
+// lets the queue fill, the oldest message is dropped to make room (counted, with one warning per
+// episode). A WebSocket link is woken once and takes everything queued when its socket is free,
+// so one frame carries many messages; a long-polling client gets them with its held connect.
+//
+// The server is called (acceptSubscribe, acceptUnsubscribe, unregisterSession) in the order the
+// changes were recorded, never under the lock: changes are queued under `mutex_` and run by
+// runServerCalls() on whichever thread finds nobody else running them.
+//
+// `mutex_` guards every member below it. Under it the session only posts to links (Link's calls
+// never block); it calls no listener, promise or server.
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "connector/bayeux/server.h"
+#include "link.h"
+
+namespace connector::bayeux::endpoint {
+
+using Clock = std::chrono::steady_clock;
+using Delivery = std::shared_ptr<const PublishRequest>;
+
+class RemoteSession final : public BayeuxSession,
+                            public std::enable_shared_from_this<RemoteSession> {
+  public:
+    // The registration with the server is the first queued server call.
+    RemoteSession(std::string id, std::size_t maxQueue, Clock::time_point now);
+
+    // BayeuxSession
+    std::shared_ptr<common::ContextState> getContext() override;
+    std::string getId() override { return id_; }
+    void deliver(const std::shared_ptr<const UnsubscribeRequest>&) override {}
+    void deliver(const std::shared_ptr<const SubscribeRequest>&) override {}
+    void deliver(const std::vector<std::string>& channels,
+                 const std::shared_ptr<const PublishRequest>& request) override;
+
+    const std::string& id() const { return id_; }
+
+    enum class ConnectAnswer { Now, Held, Closed };
+    // A /meta/connect with message id `id` arrived over `link`. A WebSocket link becomes the
+    // target of deliveries; a long-polling one stops any WebSocket target. An older held
+    // connect is answered (Replaced). The new one is held until `holdFor` passes unless
+    // `holdFor` is zero or, over long-polling, deliveries are already waiting (Now). `token`
+    // receives the number the link will see again in connectReleased.
+    ConnectAnswer connect(const std::shared_ptr<Link>& link, bool webSocket, std::string id,
+                          std::chrono::milliseconds holdFor, Clock::time_point now,
+                          std::uint64_t& token);
+
+    // Moves the queued deliveries into `out`. A WebSocket link gets them only while it is the
+    // session's target; `answeringConnect` takes them for a long-polling connect answer.
+    void takeDeliveries(const std::shared_ptr<Link>& link, bool answeringConnect,
+                        std::vector<Delivery>& out);
+
+    enum class Change { Done, Unchanged, Closed };
+    // Record a subscription change and queue the server call that makes it.
+    Change subscribe(const std::string& channel);
+    Change unsubscribe(const std::string& channel);
+
+    // Ends the session: answers a held connect (Ended), drops the queue and queues one
+    // unsubscribe per subscription, then the unregistration. False when already ended.
+    bool close();
+    bool closed() const;
+
+    // Runs the queued server calls in order unless another thread is running them.
+    void runServerCalls(BayeuxServer& server);
+
+    // Answers a held connect whose time is up or whose link is gone. True when the session has
+    // had no connect for `sessionTimeout` and holds none: it has expired.
+    bool sweep(Clock::time_point now, std::chrono::milliseconds sessionTimeout);
+
+    // Messages dropped because the queue was full, since the session began.
+    std::uint64_t droppedCount() const;
+    std::size_t queuedCount() const;
+
+  private:
+    struct Held {
+        std::weak_ptr<Link> link;
+        // A long-polling request has no read pending while it waits: the session keeps it.
+        std::shared_ptr<Link> keep;
+        std::string id;
+        std::uint64_t token = 0;
+        Clock::time_point deadline;
+        bool webSocket = false;
+    };
+    enum class Call { Register, Subscribe, Unsubscribe, Unregister };
+
+    // Answers the held connect, if any. Returns the reference that kept its link, for the
+    // caller to drop once the lock is released.
+    [[nodiscard]] std::shared_ptr<Link> releaseLocked(ReleaseReason reason, Clock::time_point now);
+    void wakeLocked();
+    std::size_t sizeLocked() const { return queue_.size() - head_; }
+
+    const std::string id_;
+    const std::size_t maxQueue_;
+
+    mutable std::mutex mutex_;
+    bool closed_ = false;
+    std::vector<Delivery> queue_;  // waiting deliveries from index head_ on
+    std::size_t head_ = 0;
+    std::uint64_t dropped_ = 0;
+    bool dropping_ = false;       // the queue overflowed since it was last emptied
+    std::weak_ptr<Link> target_;  // the WebSocket deliveries go to
+    bool wakePosted_ = false;     // target_ has been woken and has not taken the queue yet
+    std::optional<Held> held_;
+    std::uint64_t nextToken_ = 0;
+    Clock::time_point lastConnect_;  // the last connect received or answered
+    std::set<std::string> subscriptions_;
+    std::vector<std::pair<Call, std::string>> calls_;  // server calls not yet made
+    bool callsRunning_ = false;
+    std::shared_ptr<common::ContextState> context_;  // made on first use
+};
+
+}  // namespace connector::bayeux::endpoint

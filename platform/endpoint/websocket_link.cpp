@@ -1,0 +1,211 @@
+// A client's WebSocket connection to the hub.
+//
+// Everything here runs on the connection's I/O thread; sessions reach it only through the Link
+// calls, which post. Frames are read one at a time; replies and deliveries collect in `out_`
+// and leave as one JSON array per write, so a busy socket batches whatever arrives meanwhile.
+// Reading pauses while too much output waits, so a client that sends faster than it reads is
+// held back by its own backlog.
+
+#include <boost/asio/post.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/websocket/ssl.hpp>
+#include <boost/beast/websocket/stream.hpp>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include "connections.h"
+#include "connector/log/diagnostic_logger.h"
+#include "hub.h"
+
+namespace connector::bayeux::endpoint {
+
+namespace {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace websocket = beast::websocket;
+namespace log = foundation::log;
+using error_code = boost::system::error_code;
+
+const log::basic_diagnostic_logger<char> logger("connector::bayeux::endpoint");
+
+// Output waiting beyond this stops reading until a write completes.
+constexpr std::size_t kHighWater = 1024 * 1024;
+// Buffers larger than this are given back once their frame has gone.
+constexpr std::size_t kKeptBuffer = 16 * 1024;
+
+template <class Stream>
+class WebSocketLink final : public Link,
+                            public std::enable_shared_from_this<WebSocketLink<Stream>> {
+  public:
+    WebSocketLink(Stream&& stream, std::shared_ptr<Hub> hub)
+        : ws_(std::move(stream)), hub_(std::move(hub)) {}
+
+    void start(HttpRequest request) {
+        beast::get_lowest_layer(ws_).expires_never();
+        ws_.set_option(websocket::stream_base::timeout::suggested(beast::role_type::server));
+        ws_.read_message_max(hub_->options().maxMessageBytes);
+        ws_.auto_fragment(false);
+        ws_.text(true);
+        upgrade_.emplace(std::move(request));
+        ws_.async_accept(
+            *upgrade_, [self = this->shared_from_this()](error_code ec) { self->onAccepted(ec); });
+    }
+
+    void deliveriesReady(std::shared_ptr<RemoteSession> session) override {
+        asio::post(ws_.get_executor(),
+                   [self = this->shared_from_this(), session = std::move(session)]() mutable {
+                       self->onDeliveriesReady(std::move(session));
+                   });
+    }
+
+    void connectReleased(std::shared_ptr<RemoteSession> session, ConnectRelease release) override {
+        asio::post(ws_.get_executor(),
+                   [self = this->shared_from_this(), session = std::move(session),
+                    release = std::move(release)]() mutable {
+                       self->onConnectReleased(*session, release);
+                   });
+    }
+
+  private:
+    void onAccepted(error_code ec) {
+        upgrade_.reset();
+        if (ec) {
+            logger.log(log::trace, "WebSocket upgrade failed: ", ec.message());
+            closed_ = true;
+            return;
+        }
+        read();
+    }
+
+    void read() {
+        ws_.async_read(readBuffer_, [self = this->shared_from_this()](error_code ec, std::size_t) {
+            self->onRead(ec);
+        });
+    }
+
+    void onRead(error_code ec) {
+        if (ec) {
+            if (ec == websocket::error::message_too_big)
+                logger.log(log::warning, "Closed a WebSocket that sent a frame over ",
+                           hub_->options().maxMessageBytes, " bytes");
+            else if (ec != websocket::error::closed)
+                logger.log(log::trace, "WebSocket ended: ", ec.message());
+            closed_ = true;
+            ready_.clear();
+            return;
+        }
+        const std::string_view frame(static_cast<const char*>(readBuffer_.data().data()),
+                                     readBuffer_.size());
+        try {
+            hub_->handleFrame(frame, self(), Transport::WebSocket, out_);
+        } catch (const std::exception& e) {
+            // Only resource exhaustion gets here; this client is dropped, the hub goes on.
+            logger.log(log::error, "Closing a WebSocket after a failure: ", e.what());
+            abort();
+            return;
+        }
+        readBuffer_.consume(readBuffer_.size());
+        if (readBuffer_.capacity() > kKeptBuffer)
+            readBuffer_.shrink_to_fit();
+        flush();
+        if (writing_ && out_.bytes() > kHighWater)
+            readPaused_ = true;
+        else
+            read();
+    }
+
+    void onDeliveriesReady(std::shared_ptr<RemoteSession> session) {
+        if (closed_)
+            return;
+        ready_.push_back(std::move(session));
+        flush();
+    }
+
+    void onConnectReleased(RemoteSession& session, const ConnectRelease& release) {
+        if (closed_)
+            return;
+        hub_->appendConnectAnswer(session, self(), Transport::WebSocket, release, out_);
+        flush();
+    }
+
+    // Sends everything waiting as one frame unless a write is under way.
+    void flush() {
+        if (writing_ || closed_)
+            return;
+        if (!ready_.empty()) {
+            const std::shared_ptr<Link> link = self();
+            for (const auto& session : ready_)
+                Hub::appendDeliveries(*session, link, out_);
+            ready_.clear();
+        }
+        if (out_.empty())
+            return;
+        writeBuffer_ = out_.close(std::move(spare_));
+        writing_ = true;
+        ws_.async_write(
+            asio::buffer(writeBuffer_),
+            [self = this->shared_from_this()](error_code ec, std::size_t) { self->onWritten(ec); });
+    }
+
+    void onWritten(error_code ec) {
+        writing_ = false;
+        spare_ = std::move(writeBuffer_);
+        spare_.clear();
+        if (spare_.capacity() > kKeptBuffer)
+            spare_ = std::string();
+        if (ec) {
+            logger.log(log::trace, "Writing to a WebSocket failed: ", ec.message());
+            closed_ = true;
+            ready_.clear();
+            return;
+        }
+        flush();
+        if (!writing_)
+            out_.trim(kKeptBuffer);
+        if (readPaused_ && out_.bytes() <= kHighWater) {
+            readPaused_ = false;
+            read();
+        }
+    }
+
+    void abort() {
+        closed_ = true;
+        ready_.clear();
+        error_code ignored;
+        beast::get_lowest_layer(ws_).socket().close(ignored);
+    }
+
+    std::shared_ptr<Link> self() { return this->shared_from_this(); }
+
+    websocket::stream<Stream> ws_;
+    const std::shared_ptr<Hub> hub_;
+    std::optional<HttpRequest> upgrade_;  // the upgrade request, until it has been answered
+    beast::flat_buffer readBuffer_;
+    FrameBuilder out_;                                   // replies and deliveries not yet written
+    std::string writeBuffer_;                            // the frame being written
+    std::string spare_;                                  // storage for the next frame
+    std::vector<std::shared_ptr<RemoteSession>> ready_;  // sessions whose deliveries wait
+    bool writing_ = false;
+    bool readPaused_ = false;
+    bool closed_ = false;
+};
+
+template <class Stream>
+void start(Stream&& stream, HttpRequest&& request, std::shared_ptr<Hub>&& hub) {
+    auto link = std::make_shared<WebSocketLink<Stream>>(std::move(stream), std::move(hub));
+    link->start(std::move(request));
+}
+
+}  // namespace
+
+void serveWebSocket(PlainStream stream, HttpRequest request, std::shared_ptr<Hub> hub) {
+    start(std::move(stream), std::move(request), std::move(hub));
+}
+
+void serveWebSocket(TlsStream stream, HttpRequest request, std::shared_ptr<Hub> hub) {
+    start(std::move(stream), std::move(request), std::move(hub));
+}
+
+}  // namespace connector::bayeux::endpoint

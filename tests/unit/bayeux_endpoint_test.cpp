@@ -1,0 +1,758 @@
+// The Bayeux endpoint against raw WebSocket and HTTP clients written over Boost.Beast, with
+// server services on the same in-process server: the protocol as remote clients see it over
+// both transports, its errors, its limits, and the sessions as the server sees them.
+
+#include "connector/bayeux/endpoint.h"
+
+#include <gtest/gtest.h>
+
+#include <boost/asio/ssl/context.hpp>
+#include <boost/beast/ssl/ssl_stream.hpp>
+#include <boost/beast/websocket/ssl.hpp>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+
+#include "connector/message_service.h"
+#include "endpoint_clients.h"
+#include "log_capture.h"
+
+namespace connector::bayeux {
+namespace {
+
+using namespace std::chrono_literals;
+using message_service::JsonMessage;
+using message_service::MessageService;
+using orvale::test::HttpReply;
+using orvale::test::LogCapture;
+using orvale::test::onChannel;
+using orvale::test::RawHttp;
+using orvale::test::RawWebSocket;
+using orvale::test::str;
+using orvale::test::waitUntil;
+using orvale::test::withId;
+namespace json = boost::json;
+
+// ---------------------------------------------------------------------------------------------
+// Bayeux frames as clients send them.
+
+std::string quote(const std::string& text) {
+    return json::serialize(json::value(json::string_view(text.data(), text.size())));
+}
+
+std::string handshake(const std::string& id, const std::string& ext = "") {
+    return R"([{"channel":"/meta/handshake","id":")" + id +
+           R"(","version":"1.0","minimumVersion":"1.0","supportedConnectionTypes":["websocket","long-polling"])" +
+           (ext.empty() ? "" : ",\"ext\":" + ext) + "}]";
+}
+
+std::string connect(const std::string& clientId, const std::string& id, int timeout = -1,
+                    const std::string& type = "websocket") {
+    return R"([{"channel":"/meta/connect","clientId":)" + quote(clientId) + R"(,"id":")" + id +
+           R"(","connectionType":")" + type + "\"" +
+           (timeout >= 0 ? ",\"advice\":{\"timeout\":" + std::to_string(timeout) + "}" : "") + "}]";
+}
+
+std::string subscription(const char* meta, const std::string& clientId, const std::string& id,
+                         const std::string& channel) {
+    return std::string(R"([{"channel":")") + meta + R"(","clientId":)" + quote(clientId) +
+           R"(,"id":")" + id + R"(","subscription":)" + quote(channel) + "}]";
+}
+
+std::string subscribe(const std::string& clientId, const std::string& id,
+                      const std::string& channel) {
+    return subscription("/meta/subscribe", clientId, id, channel);
+}
+
+std::string unsubscribe(const std::string& clientId, const std::string& id,
+                        const std::string& channel) {
+    return subscription("/meta/unsubscribe", clientId, id, channel);
+}
+
+std::string publish(const std::string& clientId, const std::string& id, const std::string& channel,
+                    const std::string& data) {
+    return R"([{"channel":)" + quote(channel) + R"(,"clientId":)" + quote(clientId) + R"(,"id":")" +
+           id + R"(","data":)" + data + "}]";
+}
+
+std::string disconnect(const std::string& clientId, const std::string& id) {
+    return R"([{"channel":"/meta/disconnect","clientId":)" + quote(clientId) + R"(,"id":")" + id +
+           "\"}]";
+}
+
+bool successful(const std::optional<json::object>& message) {
+    if (!message)
+        return false;
+    const json::value* v = message->if_contains("successful");
+    return v && v->is_bool() && v->get_bool();
+}
+
+std::string error(const std::optional<json::object>& message) {
+    return message ? str(*message, "error") : "(no reply)";
+}
+
+std::string advice(const std::optional<json::object>& message, const char* field) {
+    if (!message || !message->contains("advice"))
+        return "";
+    return json::serialize(message->at("advice").as_object().contains(field)
+                               ? message->at("advice").at(field)
+                               : json::value());
+}
+
+bool isDelivery(const json::object& m) {
+    return m.contains("data") && !m.contains("successful");
+}
+
+std::optional<json::object> find(const std::vector<json::object>& messages,
+                                 const std::function<bool(const json::object&)>& predicate) {
+    for (const auto& m : messages)
+        if (predicate(m))
+            return m;
+    return std::nullopt;
+}
+
+// ---------------------------------------------------------------------------------------------
+
+// Collects what a server service hears, from any thread.
+struct Heard {
+    void add(std::string item) {
+        std::lock_guard<std::mutex> lock(mutex);
+        items.push_back(std::move(item));
+    }
+    std::vector<std::string> snapshot() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return items;
+    }
+    bool has(const std::string& item) {
+        auto all = snapshot();
+        return std::find(all.begin(), all.end(), item) != all.end();
+    }
+    std::mutex mutex;
+    std::vector<std::string> items;
+};
+
+class EndpointTest : public ::testing::Test {
+  protected:
+    static EndpointOptions defaults() {
+        EndpointOptions options;
+        options.connectTimeout = 20s;
+        options.sessionTimeout = 30s;
+        return options;
+    }
+
+    void start(EndpointOptions options = defaults()) {
+        endpoint = startBayeuxEndpoint(server, std::move(options));
+        port = endpoint->port();
+    }
+
+    std::string open(RawWebSocket& ws) {
+        auto reply = ws.call(handshake("hs"), "hs");
+        return successful(reply) ? str(*reply, "clientId") : std::string();
+    }
+
+    std::string open(RawHttp& http) {
+        auto reply = http.post(handshake("hs"));
+        if (!reply || reply->status != 200)
+            return {};
+        auto messages = reply->messages();
+        return messages.size() == 1 && successful(messages[0]) ? str(messages[0], "clientId")
+                                                               : std::string();
+    }
+
+    std::shared_ptr<MessageService> service(const std::string& name) {
+        return services->createMessageService(name, {}).get();
+    }
+
+    // One delivery thread: what a session is handed follows publication order across sessions.
+    std::shared_ptr<BayeuxServer> server = makeBayeuxServer(BayeuxServerOptions{1});
+    std::unique_ptr<BayeuxEndpoint> endpoint;
+    std::uint16_t port = 0;
+    std::shared_ptr<message_service::MessageServiceFactoryServerDelegate> services =
+        std::make_shared<message_service::MessageServiceFactoryServerDelegate>(server);
+};
+
+// ---------------------------------------------------------------------------------------------
+
+TEST_F(EndpointTest, WebSocketSessionFromHandshakeToDisconnect) {
+    start();
+    RawWebSocket ws(port);
+    auto hello = ws.call(handshake("1"), "1");
+    ASSERT_TRUE(successful(hello)) << error(hello);
+    const std::string id = str(*hello, "clientId");
+    EXPECT_EQ(id.size(), 24u);
+    EXPECT_EQ(str(*hello, "channel"), "/meta/handshake");
+    EXPECT_EQ(str(*hello, "version"), "1.0");
+    EXPECT_EQ(json::serialize(hello->at("supportedConnectionTypes")),
+              R"(["websocket","long-polling"])");
+    EXPECT_EQ(advice(hello, "reconnect"), "\"retry\"");
+    EXPECT_EQ(advice(hello, "interval"), "0");
+    EXPECT_EQ(advice(hello, "timeout"), "20000");
+    EXPECT_EQ(endpoint->sessionCount(), 1u);
+
+    // A connect asking for no wait is answered at once; the next one is held.
+    auto first = ws.call(connect(id, "2", 0), "2");
+    ASSERT_TRUE(successful(first)) << error(first);
+    EXPECT_EQ(str(*first, "clientId"), id);
+    EXPECT_EQ(advice(first, "timeout"), "20000");
+    ASSERT_TRUE(ws.send(connect(id, "3")));
+
+    auto subscribed = ws.call(subscribe(id, "4", "/chat/a"), "4");
+    ASSERT_TRUE(successful(subscribed)) << error(subscribed);
+    EXPECT_EQ(str(*subscribed, "channel"), "/meta/subscribe");
+    EXPECT_EQ(str(*subscribed, "subscription"), "/chat/a");
+
+    auto published = ws.call(publish(id, "5", "/chat/a", R"({"n":1})"), "5");
+    ASSERT_TRUE(successful(published)) << error(published);
+    EXPECT_EQ(str(*published, "channel"), "/chat/a");
+    auto delivered = ws.await(isDelivery);
+    ASSERT_TRUE(delivered);
+    EXPECT_EQ(str(*delivered, "channel"), "/chat/a");
+    EXPECT_EQ(json::serialize(delivered->at("data")), R"({"n":1})");
+    // Subscribers never learn who published, nor the publisher's message ids.
+    EXPECT_FALSE(delivered->contains("clientId"));
+    EXPECT_FALSE(delivered->contains("id"));
+
+    auto unsubscribed = ws.call(unsubscribe(id, "6", "/chat/a"), "6");
+    ASSERT_TRUE(successful(unsubscribed)) << error(unsubscribed);
+    EXPECT_EQ(str(*unsubscribed, "subscription"), "/chat/a");
+    ASSERT_TRUE(successful(ws.call(publish(id, "7", "/chat/a", "2"), "7")));
+    ASSERT_TRUE(successful(ws.call(subscribe(id, "8", "/chat/b"), "8")));
+    ASSERT_TRUE(successful(ws.call(publish(id, "9", "/chat/b", "3"), "9")));
+    // Deliveries keep publication order, so the next one shows /chat/a was not delivered.
+    delivered = ws.await(isDelivery);
+    ASSERT_TRUE(delivered);
+    EXPECT_EQ(str(*delivered, "channel"), "/chat/b");
+
+    // Disconnecting answers the held connect and forgets the client.
+    auto bye = ws.call(disconnect(id, "10"), "10");
+    ASSERT_TRUE(successful(bye)) << error(bye);
+    EXPECT_EQ(str(*bye, "channel"), "/meta/disconnect");
+    auto held = ws.await(withId("3"));
+    ASSERT_TRUE(successful(held)) << error(held);
+    EXPECT_EQ(advice(held, "reconnect"), "\"none\"");
+    EXPECT_EQ(endpoint->sessionCount(), 0u);
+    auto after = ws.call(connect(id, "11", 0), "11");
+    ASSERT_TRUE(after);
+    EXPECT_FALSE(successful(after));
+    EXPECT_EQ(error(after), "402::Unknown client");
+    EXPECT_EQ(advice(after, "reconnect"), "\"handshake\"");
+}
+
+TEST_F(EndpointTest, LongPollingSessionAndHeldConnects) {
+    start();
+    RawHttp poll(port);
+    RawHttp other(port);
+    const std::string id = open(poll);
+    ASSERT_FALSE(id.empty());
+    auto subscribed = other.post(subscribe(id, "2", "/lp"));
+    ASSERT_TRUE(subscribed);
+    EXPECT_EQ(subscribed->status, 200u);
+    ASSERT_TRUE(successful(subscribed->messages().at(0)));
+
+    // A connect that finds nothing waiting is held until a delivery releases it.
+    poll.start(connect(id, "3", -1, "long-polling"));
+    auto published = other.post(publish(id, "4", "/lp", "\"hello\""));
+    ASSERT_TRUE(published);
+    EXPECT_TRUE(successful(published->messages().at(0)));
+    auto released = poll.finish();
+    ASSERT_TRUE(released);
+    auto messages = released->messages();
+    ASSERT_EQ(messages.size(), 2u) << released->body;
+    EXPECT_EQ(str(messages[0], "channel"), "/lp");
+    EXPECT_EQ(json::serialize(messages[0].at("data")), "\"hello\"");
+    EXPECT_EQ(str(messages[1], "channel"), "/meta/connect");
+    EXPECT_EQ(str(messages[1], "id"), "3");
+    EXPECT_TRUE(successful(messages[1]));
+
+    // Several deliveries come with one connect answer.
+    ASSERT_TRUE(other.post(publish(id, "5", "/lp", "1")));
+    ASSERT_TRUE(other.post(publish(id, "6", "/lp", "2")));
+    std::vector<std::string> data;
+    for (int round = 0; round < 3 && data.size() < 2; ++round) {
+        auto answer = poll.post(connect(id, "c" + std::to_string(round), -1, "long-polling"));
+        ASSERT_TRUE(answer);
+        for (const auto& m : answer->messages())
+            if (isDelivery(m))
+                data.push_back(json::serialize(m.at("data")));
+    }
+    EXPECT_EQ(data, (std::vector<std::string>{"1", "2"}));
+
+    // Disconnecting answers the held connect.
+    poll.start(connect(id, "7", -1, "long-polling"));
+    auto bye = other.post(disconnect(id, "8"));
+    ASSERT_TRUE(bye);
+    EXPECT_TRUE(successful(bye->messages().at(0)));
+    auto held = poll.finish();
+    ASSERT_TRUE(held);
+    auto connectAnswer = find(held->messages(), withId("7"));
+    EXPECT_TRUE(successful(connectAnswer));
+    EXPECT_EQ(endpoint->sessionCount(), 0u);
+
+    // Only POST on the endpoint's path is Bayeux.
+    auto get = other.post("", "/bayeux", orvale::test::http::verb::get);
+    ASSERT_TRUE(get);
+    EXPECT_EQ(get->status, 405u);
+    auto elsewhere = other.post(handshake("1"), "/elsewhere");
+    ASSERT_TRUE(elsewhere);
+    EXPECT_EQ(elsewhere->status, 404u);
+}
+
+TEST_F(EndpointTest, HeldConnectsEndWithTheirTimeoutOrANewerConnect) {
+    auto options = defaults();
+    options.connectTimeout = 300ms;
+    start(options);
+
+    RawWebSocket ws(port);
+    const std::string wsId = open(ws);
+    ASSERT_FALSE(wsId.empty());
+    auto began = std::chrono::steady_clock::now();
+    auto answered = ws.call(connect(wsId, "2"), "2");
+    ASSERT_TRUE(successful(answered)) << error(answered);
+    EXPECT_GE(std::chrono::steady_clock::now() - began, 250ms);
+
+    RawHttp poll(port);
+    const std::string pollId = open(poll);
+    ASSERT_FALSE(pollId.empty());
+    began = std::chrono::steady_clock::now();
+    auto polled = poll.post(connect(pollId, "3", -1, "long-polling"));
+    ASSERT_TRUE(polled);
+    EXPECT_TRUE(successful(find(polled->messages(), withId("3"))));
+    EXPECT_GE(std::chrono::steady_clock::now() - began, 250ms);
+}
+
+TEST_F(EndpointTest, ANewerConnectAnswersTheOlderAcrossTransports) {
+    start();
+    RawHttp first(port);
+    RawHttp second(port);
+    const std::string id = open(first);
+    ASSERT_FALSE(id.empty());
+    first.start(connect(id, "2", -1, "long-polling"));
+    second.start(connect(id, "3", -1, "long-polling"));
+    auto older = first.finish();
+    ASSERT_TRUE(older);
+    EXPECT_TRUE(successful(find(older->messages(), withId("2"))));
+
+    // The client moves to a WebSocket with the same session, as some clients do after a
+    // long-polling handshake; its held long-polling connect is answered.
+    RawWebSocket ws(port);
+    ASSERT_TRUE(ws.send(connect(id, "4")));
+    auto replaced = second.finish();
+    ASSERT_TRUE(replaced);
+    EXPECT_TRUE(successful(find(replaced->messages(), withId("3"))));
+    ASSERT_TRUE(successful(ws.call(subscribe(id, "5", "/moved"), "5")));
+    ASSERT_TRUE(successful(ws.call(publish(id, "6", "/moved", "1"), "6")));
+    EXPECT_TRUE(ws.await(isDelivery));
+}
+
+TEST_F(EndpointTest, DeliveriesToAWebSocketAreBatchedIntoFrames) {
+    start();
+    RawWebSocket ws(port);
+    const std::string id = open(ws);
+    ASSERT_FALSE(id.empty());
+    ASSERT_TRUE(successful(ws.call(subscribe(id, "2", "/orvale/burst"), "2")));
+    ASSERT_TRUE(successful(ws.call(connect(id, "3", 0), "3")));
+    auto publisher = service("publisher");
+    constexpr int count = 2000;
+    for (int i = 0; i < count; ++i)
+        publisher->publish("/burst", std::to_string(i));
+    ASSERT_TRUE(ws.awaitCount(3 + count));
+    int expected = 0;
+    for (const auto& m : ws.inbox()) {
+        if (!isDelivery(m))
+            continue;
+        EXPECT_EQ(json::serialize(m.at("data")), std::to_string(expected));
+        ++expected;
+    }
+    EXPECT_EQ(expected, count);
+    const auto& frames = ws.frameSizes();
+    EXPECT_LT(frames.size(), static_cast<std::size_t>(count));
+    EXPECT_GT(*std::max_element(frames.begin(), frames.end()), 1u);
+}
+
+TEST_F(EndpointTest, ErrorRepliesNameTheProblem) {
+    start();
+    RawWebSocket ws(port);
+    const std::string id = open(ws);
+    ASSERT_FALSE(id.empty());
+
+    // Unknown clients are told to handshake again, whatever they send.
+    for (const auto& frame : {connect("nobody", "u1", 0), subscribe("nobody", "u1", "/a"),
+                              publish("nobody", "u1", "/a", "1"), publish("", "u1", "/a", "1")}) {
+        auto reply = ws.call(frame, "u1");
+        EXPECT_FALSE(successful(reply)) << frame;
+        EXPECT_EQ(error(reply), "402::Unknown client") << frame;
+        EXPECT_EQ(advice(reply, "reconnect"), "\"handshake\"") << frame;
+    }
+
+    struct Case {
+        std::string frame;
+        std::string error;
+        std::string channel;
+    };
+    const std::vector<Case> cases = {
+        {publish(id, "e", "/a/*", "1"), "405:/a/*:Invalid channel", "/a/*"},
+        {publish(id, "e", "/a/**", "1"), "405:/a/**:Invalid channel", "/a/**"},
+        {publish(id, "e", "/a//b", "1"), "405:/a//b:Invalid channel", "/a//b"},
+        {publish(id, "e", "nochannel", "1"), "405:nochannel:Invalid channel", "nochannel"},
+        {publish(id, "e", "/meta/custom", "1"), "403:/meta/custom:Forbidden channel",
+         "/meta/custom"},
+        {subscribe(id, "e", "/meta/**"), "403:/meta/**:Forbidden channel", "/meta/subscribe"},
+        {subscribe(id, "e", "/meta/connect"), "403:/meta/connect:Forbidden channel",
+         "/meta/subscribe"},
+        {subscribe(id, "e", "/a/*/b"), "405:/a/*/b:Invalid channel", "/meta/subscribe"},
+        {unsubscribe(id, "e", "a"), "405:a:Invalid channel", "/meta/unsubscribe"},
+    };
+    for (const auto& c : cases) {
+        auto reply = ws.call(c.frame, "e");
+        ASSERT_TRUE(reply) << c.frame;
+        EXPECT_FALSE(successful(reply)) << c.frame;
+        EXPECT_EQ(error(reply), c.error) << c.frame;
+        EXPECT_EQ(str(*reply, "channel"), c.channel) << c.frame;
+    }
+
+    // A message the hub cannot read gets an error echoing its id; the rest of its frame is
+    // handled as usual.
+    ASSERT_TRUE(ws.send(R"([{"channel":"/x","clientId":")" + id + R"(","id":"m1"},7,)" +
+                        R"({"channel":"/meta/connect","clientId":")" + id +
+                        R"(","id":"m2","advice":{"timeout":0}}])"));
+    auto missingData = ws.await(withId("m1"));
+    EXPECT_FALSE(successful(missingData));
+    EXPECT_EQ(error(missingData).substr(0, 5), "400::");
+    EXPECT_EQ(str(*missingData, "channel"), "/x");
+    auto notAnObject = ws.await([](const json::object& m) {
+        return !m.contains("id") && str(m, "error").substr(0, 5) == "400::";
+    });
+    EXPECT_TRUE(notAnObject);
+    EXPECT_TRUE(successful(ws.await(withId("m2"))));
+
+    // Text that is not JSON gets an error; the connection goes on serving.
+    ASSERT_TRUE(ws.send("{not json"));
+    auto garbage = ws.await([](const json::object& m) { return m.contains("error"); });
+    ASSERT_TRUE(garbage);
+    EXPECT_EQ(error(garbage).substr(0, 5), "400::");
+    EXPECT_TRUE(successful(ws.call(handshake("again"), "again")));
+
+    RawHttp http(port);
+    auto bad = http.post("{not json");
+    ASSERT_TRUE(bad);
+    EXPECT_EQ(bad->status, 400u);
+    EXPECT_EQ(str(bad->messages().at(0), "error").substr(0, 5), "400::");
+}
+
+TEST_F(EndpointTest, TheApiKeyGuardsHandshakes) {
+    auto options = defaults();
+    options.apiKey = "s3cret";
+    start(options);
+    LogCapture log;
+    RawWebSocket ws(port);
+    for (const std::string& ext :
+         {std::string(), std::string(R"({"orvapikey":"wrong"})"),
+          std::string(R"({"orvapikey":"s3cre"})"), std::string(R"({"orvapikey":7})")}) {
+        auto refused = ws.call(handshake("1", ext), "1");
+        EXPECT_FALSE(successful(refused)) << ext;
+        EXPECT_EQ(error(refused), "403::Unauthorized") << ext;
+        EXPECT_FALSE(refused->contains("clientId"));
+    }
+    EXPECT_EQ(endpoint->sessionCount(), 0u);
+    EXPECT_EQ(log.count("Refused a handshake without the right API key"), 4u);
+    auto accepted = ws.call(handshake("2", R"({"orvapikey":"s3cret"})"), "2");
+    EXPECT_TRUE(successful(accepted)) << error(accepted);
+    EXPECT_EQ(endpoint->sessionCount(), 1u);
+}
+
+TEST_F(EndpointTest, OversizedFramesAndBodiesAreRefused) {
+    auto options = defaults();
+    options.maxMessageBytes = 4096;
+    start(options);
+    LogCapture log;
+    RawWebSocket big(port);
+    const std::string id = open(big);
+    ASSERT_FALSE(id.empty());
+    big.send(publish(id, "2", "/big", quote(std::string(8000, 'x'))));
+    EXPECT_TRUE(big.awaitClosed());
+    EXPECT_TRUE(waitUntil(
+        [&] { return log.count("Closed a WebSocket that sent a frame over 4096") == 1; }));
+
+    RawHttp http(port);
+    auto refused = http.post(publish(id, "3", "/big", quote(std::string(8000, 'x'))));
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->status, 413u);
+
+    // Everyone else is still served, the same session included.
+    RawWebSocket small(port);
+    EXPECT_TRUE(
+        successful(small.call(publish(id, "4", "/big", quote(std::string(100, 'x'))), "4")));
+}
+
+TEST_F(EndpointTest, HandshakesBeyondMaxSessionsAreRefused) {
+    auto options = defaults();
+    options.maxSessions = 2;
+    start(options);
+    RawWebSocket ws(port);
+    const std::string first = open(ws);
+    ASSERT_FALSE(first.empty());
+    ASSERT_FALSE(open(ws).empty());
+    auto refused = ws.call(handshake("3"), "3");
+    EXPECT_FALSE(successful(refused));
+    EXPECT_EQ(error(refused), "503::Too many sessions");
+    EXPECT_EQ(advice(refused, "reconnect"), "\"handshake\"");
+    EXPECT_EQ(endpoint->sessionCount(), 2u);
+    ASSERT_TRUE(successful(ws.call(disconnect(first, "4"), "4")));
+    EXPECT_FALSE(open(ws).empty());
+}
+
+// The documented overflow policy: a full queue drops its oldest message for each new one.
+TEST_F(EndpointTest, AFullQueueDropsItsOldestMessages) {
+    auto options = defaults();
+    options.maxQueuePerSession = 5;
+    start(options);
+    LogCapture log;
+    RawHttp poll(port);
+    const std::string id = open(poll);
+    ASSERT_FALSE(id.empty());
+    ASSERT_TRUE(successful(poll.post(subscribe(id, "2", "/orvale/q/data"))->messages().at(0)));
+
+    auto feeder = service("feeder");
+    auto watcher = service("watcher");
+    std::atomic<bool> synced{false};
+    auto sync = watcher->subscribe("/q/sync", [&](const JsonMessage&) { synced = true; }).get();
+    for (int i = 0; i < 20; ++i)
+        feeder->publish("/q/data", std::to_string(i));
+    feeder->publish("/q/sync", "0");
+    // With one delivery thread, the watcher hears the marker after the client got the rest.
+    ASSERT_TRUE(waitUntil([&] { return synced.load(); }));
+
+    auto answer = poll.post(connect(id, "3", -1, "long-polling"));
+    ASSERT_TRUE(answer);
+    std::vector<std::string> data;
+    for (const auto& m : answer->messages())
+        if (isDelivery(m))
+            data.push_back(json::serialize(m.at("data")));
+    EXPECT_EQ(data, (std::vector<std::string>{"15", "16", "17", "18", "19"}));
+    EXPECT_EQ(log.count("Session " + id + " holds 5 undelivered messages; dropping the oldest"),
+              1u);
+}
+
+TEST_F(EndpointTest, ExpiredSessionsLoseTheirSubscriptions) {
+    auto options = defaults();
+    options.sessionTimeout = 300ms;
+    start(options);
+    LogCapture log;
+    auto watcher = service("watcher");
+    Heard heard;
+    auto onSubscribe = watcher
+                           ->listenSubscribe("/exp/**",
+                                             [&](const message_service::SubscribeEvent& e) {
+                                                 heard.add("+" + e.getChannel());
+                                             })
+                           .get();
+    auto onUnsubscribe = watcher
+                             ->listenUnsubscribe("/exp/**",
+                                                 [&](const message_service::UnsubscribeEvent& e) {
+                                                     heard.add("-" + e.getChannel());
+                                                 })
+                             .get();
+
+    // A long-polling client that never connects.
+    RawHttp poll(port);
+    const std::string quiet = open(poll);
+    ASSERT_FALSE(quiet.empty());
+    ASSERT_TRUE(poll.post(subscribe(quiet, "2", "/orvale/exp/a")));
+    ASSERT_TRUE(poll.post(subscribe(quiet, "3", "/orvale/exp/b")));
+
+    // A WebSocket client whose connection dies with its connect held.
+    auto ws = std::make_unique<RawWebSocket>(port);
+    const std::string gone = open(*ws);
+    ASSERT_FALSE(gone.empty());
+    ASSERT_TRUE(successful(ws->call(subscribe(gone, "2", "/orvale/exp/c"), "2")));
+    ASSERT_TRUE(ws->send(connect(gone, "3")));
+    ASSERT_TRUE(waitUntil([&] { return heard.has("+/exp/c"); }));
+    ws.reset();
+
+    ASSERT_TRUE(waitUntil([&] { return endpoint->sessionCount() == 0; }));
+    ASSERT_TRUE(waitUntil([&] { return heard.snapshot().size() == 6; }));
+    for (const char* item : {"+/exp/a", "+/exp/b", "+/exp/c", "-/exp/a", "-/exp/b", "-/exp/c"})
+        EXPECT_TRUE(heard.has(item)) << item;
+    EXPECT_EQ(log.count("Session " + quiet + " expired"), 1u);
+    EXPECT_EQ(log.count("Session " + gone + " expired"), 1u);
+    auto late = poll.post(connect(quiet, "4", 0, "long-polling"));
+    ASSERT_TRUE(late);
+    EXPECT_EQ(error(late->messages().at(0)), "402::Unknown client");
+}
+
+TEST_F(EndpointTest, ServerServicesAndRemoteClientsExchangeBothWays) {
+    start();
+    auto desk = service("desk");
+    Heard heard;
+    auto listener = desk->listenSubscribe("/chat/**",
+                                          [&](const message_service::SubscribeEvent& e) {
+                                              heard.add("+" + e.getChannel());
+                                          })
+                        .get();
+    auto inbound = desk->subscribe("/chat/in",
+                                   [&](const JsonMessage& m) {
+                                       heard.add(m.getChannel() + " " + m.getJson());
+                                   })
+                       .get();
+
+    RawWebSocket ws(port);
+    const std::string id = open(ws);
+    ASSERT_FALSE(id.empty());
+    ASSERT_TRUE(successful(ws.call(connect(id, "2", 0), "2")));
+    ASSERT_TRUE(successful(ws.call(subscribe(id, "3", "/orvale/chat/out"), "3")));
+    ASSERT_TRUE(waitUntil([&] { return heard.has("+/chat/out"); }));
+
+    ASSERT_TRUE(
+        successful(ws.call(publish(id, "4", "/orvale/chat/in", R"({"from":"remote"})"), "4")));
+    EXPECT_TRUE(waitUntil([&] { return heard.has(R"(/chat/in {"from":"remote"})"); }));
+
+    ASSERT_TRUE(desk->publish("/chat/out", R"({"from":"desk"})").get().success);
+    auto delivered = ws.await(isDelivery);
+    ASSERT_TRUE(delivered);
+    EXPECT_EQ(str(*delivered, "channel"), "/orvale/chat/out");
+    EXPECT_EQ(json::serialize(delivered->at("data")), R"({"from":"desk"})");
+}
+
+TEST_F(EndpointTest, StoppingEndsEverySession) {
+    start();
+    auto watcher = service("watcher");
+    Heard heard;
+    auto listener = watcher
+                        ->listenUnsubscribe("/**",
+                                            [&](const message_service::UnsubscribeEvent& e) {
+                                                heard.add("-" + e.getChannel());
+                                            })
+                        .get();
+    RawWebSocket ws(port);
+    const std::string id = open(ws);
+    ASSERT_FALSE(id.empty());
+    ASSERT_TRUE(successful(ws.call(subscribe(id, "2", "/orvale/stop"), "2")));
+    ASSERT_TRUE(ws.send(connect(id, "3")));
+    const auto servedPort = endpoint->port();
+    endpoint->stop();
+    EXPECT_EQ(endpoint->sessionCount(), 0u);
+    EXPECT_EQ(endpoint->port(), servedPort);
+    EXPECT_TRUE(waitUntil([&] { return heard.has("-/stop"); }));
+    EXPECT_TRUE(ws.awaitClosed());
+    EXPECT_THROW(RawWebSocket again(servedPort), std::runtime_error);
+}
+
+TEST_F(EndpointTest, BurstsAndGarbageLeaveOtherClientsServed) {
+    start();
+    RawWebSocket noisy(port);
+    const std::string id = open(noisy);
+    ASSERT_FALSE(id.empty());
+    // Five thousand publishes in one frame are all acknowledged, in one frame or a few.
+    std::string frame = "[";
+    constexpr int count = 5000;
+    for (int i = 0; i < count; ++i) {
+        if (i)
+            frame += ",";
+        frame += R"({"channel":"/noise","clientId":")" + id + R"(","id":"n)" + std::to_string(i) +
+                 R"(","data":)" + std::to_string(i) + "}";
+    }
+    frame += "]";
+    ASSERT_TRUE(noisy.send(frame));
+    for (int i = 0; i < 200; ++i)
+        ASSERT_TRUE(noisy.send("\x01\x02 garbage"));
+    RawWebSocket quiet(port);
+    EXPECT_FALSE(open(quiet).empty());
+    ASSERT_TRUE(noisy.awaitCount(1 + count + 200));
+    EXPECT_LT(noisy.frameSizes().size(), 1u + 200u + count);
+    EXPECT_TRUE(successful(noisy.call(handshake("after"), "after")));
+}
+
+// ---------------------------------------------------------------------------------------------
+// TLS: the same protocol over wss://, with a certificate made for the test.
+
+class TlsEndpointTest : public EndpointTest {
+  protected:
+    void SetUp() override {
+        dir = std::filesystem::temp_directory_path() /
+              ("orvale-tls-" + std::to_string(::getpid()) + "-" +
+               ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        std::filesystem::create_directories(dir);
+        const std::string command =
+            "openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 -keyout '" +
+            (dir / "key.pem").string() + "' -out '" + (dir / "cert.pem").string() +
+            "' >/dev/null 2>&1";
+        ASSERT_EQ(std::system(command.c_str()), 0) << "openssl could not make a certificate";
+    }
+    void TearDown() override { std::filesystem::remove_all(dir); }
+    std::filesystem::path dir;
+};
+
+TEST_F(TlsEndpointTest, HandshakeOverSecureWebSocket) {
+    auto options = defaults();
+    options.certFile = (dir / "cert.pem").string();
+    options.keyFile = (dir / "key.pem").string();
+    start(options);
+
+    namespace asio = boost::asio;
+    namespace beast = boost::beast;
+    asio::io_context io;
+    asio::ssl::context tls(asio::ssl::context::tls_client);
+    tls.load_verify_file(options.certFile);
+    beast::websocket::stream<beast::ssl_stream<beast::tcp_stream>> ws(io, tls);
+    ws.next_layer().set_verify_mode(asio::ssl::verify_peer);
+    orvale::test::connectSocket(io, beast::get_lowest_layer(ws), port);
+    bool done = false;
+    beast::error_code failure;
+    std::string reply;
+    beast::flat_buffer buffer;
+    const std::string request = handshake("1");
+    ws.next_layer().async_handshake(asio::ssl::stream_base::client, [&](beast::error_code ec) {
+        if (ec) {
+            failure = ec;
+            done = true;
+            return;
+        }
+        ws.async_handshake("127.0.0.1", "/bayeux", [&](beast::error_code ec) {
+            if (ec) {
+                failure = ec;
+                done = true;
+                return;
+            }
+            ws.async_write(asio::buffer(request), [&](beast::error_code ec, std::size_t) {
+                if (ec) {
+                    failure = ec;
+                    done = true;
+                    return;
+                }
+                ws.async_read(buffer, [&](beast::error_code ec, std::size_t) {
+                    failure = ec;
+                    reply = beast::buffers_to_string(buffer.data());
+                    done = true;
+                });
+            });
+        });
+    });
+    ASSERT_TRUE(orvale::test::runUntil(
+        io, [&] { return done; }, orvale::test::kWait));
+    ASSERT_FALSE(failure) << failure.message();
+    auto messages = orvale::test::parseMessages(reply);
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_TRUE(successful(messages[0])) << reply;
+
+    // Plain text on the TLS port gets nowhere, and the hub goes on.
+    RawHttp plain(port);
+    EXPECT_FALSE(plain.post(handshake("2")));
+    EXPECT_EQ(endpoint->sessionCount(), 1u);
+}
+
+TEST(EndpointStartTest, ImpossibleSettingsThrow) {
+    auto server = makeBayeuxServer();
+    EndpointOptions taken;
+    auto first = startBayeuxEndpoint(server, taken);
+    taken.port = first->port();
+    EXPECT_THROW(startBayeuxEndpoint(server, taken), std::runtime_error);
+    EndpointOptions halfTls;
+    halfTls.certFile = "/nonexistent/cert.pem";
+    EXPECT_THROW(startBayeuxEndpoint(server, halfTls), std::runtime_error);
+    halfTls.keyFile = "/nonexistent/key.pem";
+    EXPECT_THROW(startBayeuxEndpoint(server, halfTls), std::runtime_error);
+    EXPECT_THROW(startBayeuxEndpoint(nullptr, EndpointOptions{}), std::invalid_argument);
+}
+
+}  // namespace
+}  // namespace connector::bayeux

@@ -1,0 +1,266 @@
+#pragma once
+// Raw Bayeux clients for the endpoint tests, written directly over Boost.Beast so that the tests
+// see exactly what goes over the wire. Each client owns an io_context that runs only while the
+// test waits on it (bounded), so a client needs no thread of its own.
+
+#include <boost/asio/connect.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core/buffers_to_string.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/beast/websocket/stream.hpp>
+#include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
+#include <boost/json/value.hpp>
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace orvale::test {
+
+namespace json = boost::json;
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+namespace websocket = beast::websocket;
+using tcp = asio::ip::tcp;
+
+using Clock = std::chrono::steady_clock;
+using Millis = std::chrono::milliseconds;
+using Predicate = std::function<bool(const json::object&)>;
+
+inline constexpr Millis kWait{5000};
+
+// The messages of a frame: an array of objects, or a single object.
+inline std::vector<json::object> parseMessages(const std::string& text) {
+    std::vector<json::object> out;
+    json::error_code ec;
+    json::value value = json::parse(text, ec);
+    if (ec)
+        throw std::runtime_error("not JSON: " + text);
+    if (value.is_object()) {
+        out.push_back(value.get_object());
+    } else if (value.is_array()) {
+        for (auto& element : value.get_array())
+            if (element.is_object())
+                out.push_back(element.get_object());
+    }
+    return out;
+}
+
+inline std::string str(const json::object& message, const char* name) {
+    const json::value* v = message.if_contains(name);
+    return v && v->is_string() ? std::string(v->get_string()) : std::string();
+}
+
+inline bool isChannel(const json::object& message, const std::string& channel) {
+    return str(message, "channel") == channel;
+}
+
+inline Predicate onChannel(std::string channel) {
+    return [channel](const json::object& m) { return isChannel(m, channel); };
+}
+
+inline Predicate withId(std::string id) {
+    return [id](const json::object& m) { return str(m, "id") == id; };
+}
+
+// Runs `io` until `done` holds or `timeout` passes.
+inline bool runUntil(asio::io_context& io, const std::function<bool()>& done, Millis timeout) {
+    const auto deadline = Clock::now() + timeout;
+    while (!done()) {
+        if (Clock::now() >= deadline)
+            return false;
+        io.restart();
+        io.run_for(Millis(5));
+    }
+    return true;
+}
+
+inline void connectSocket(asio::io_context& io, beast::tcp_stream& stream, std::uint16_t port) {
+    bool done = false;
+    beast::error_code error;
+    stream.async_connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), port),
+                         [&](beast::error_code ec) {
+                             error = ec;
+                             done = true;
+                         });
+    if (!runUntil(
+            io, [&] { return done; }, kWait) ||
+        error)
+        throw std::runtime_error("cannot connect: " + error.message());
+}
+
+class RawWebSocket {
+  public:
+    explicit RawWebSocket(std::uint16_t port, const std::string& path = "/bayeux") : ws_(io_) {
+        connectSocket(io_, beast::get_lowest_layer(ws_), port);
+        ws_.read_message_max(std::size_t{64} << 20);
+        bool done = false;
+        beast::error_code error;
+        ws_.async_handshake("127.0.0.1:" + std::to_string(port), path, [&](beast::error_code ec) {
+            error = ec;
+            done = true;
+        });
+        if (!runUntil(
+                io_, [&] { return done; }, kWait) ||
+            error)
+            throw std::runtime_error("WebSocket handshake failed: " + error.message());
+        readNext();
+    }
+
+    // Writes one text frame; false when it could not be written in time.
+    bool send(const std::string& frame) {
+        bool done = false;
+        beast::error_code error;
+        outgoing_ = frame;
+        ws_.async_write(asio::buffer(outgoing_), [&](beast::error_code ec, std::size_t) {
+            error = ec;
+            done = true;
+        });
+        return runUntil(
+                   io_, [&] { return done; }, kWait) &&
+               !error;
+    }
+
+    // Removes and returns the first received message matching `predicate`, waiting for it.
+    std::optional<json::object> await(const Predicate& predicate, Millis timeout = kWait) {
+        std::optional<json::object> found;
+        runUntil(
+            io_,
+            [&] {
+                for (auto it = inbox_.begin(); it != inbox_.end(); ++it) {
+                    if (predicate(*it)) {
+                        found = std::move(*it);
+                        inbox_.erase(it);
+                        return true;
+                    }
+                }
+                return closed_;
+            },
+            timeout);
+        return found;
+    }
+
+    // Sends `frame` and waits for the reply carrying message id `id`.
+    std::optional<json::object> call(const std::string& frame, const std::string& id) {
+        if (!send(frame))
+            return std::nullopt;
+        return await(withId(id));
+    }
+
+    // Waits until `count` messages have arrived in total.
+    bool awaitCount(std::size_t count, Millis timeout = kWait) {
+        return runUntil(
+                   io_, [&] { return received_ >= count || closed_; }, timeout) &&
+               received_ >= count;
+    }
+
+    bool awaitClosed(Millis timeout = kWait) {
+        return runUntil(
+            io_, [&] { return closed_; }, timeout);
+    }
+
+    const std::deque<json::object>& inbox() const { return inbox_; }
+    std::deque<json::object> takeInbox() { return std::exchange(inbox_, {}); }
+    // How many messages each frame received so far carried.
+    const std::vector<std::size_t>& frameSizes() const { return frameSizes_; }
+    bool closed() const { return closed_; }
+
+  private:
+    void readNext() {
+        ws_.async_read(buffer_, [this](beast::error_code ec, std::size_t) {
+            if (ec) {
+                closed_ = true;
+                return;
+            }
+            const std::string text = beast::buffers_to_string(buffer_.data());
+            buffer_.consume(buffer_.size());
+            auto messages = parseMessages(text);
+            frameSizes_.push_back(messages.size());
+            received_ += messages.size();
+            for (auto& m : messages)
+                inbox_.push_back(std::move(m));
+            readNext();
+        });
+    }
+
+    asio::io_context io_;
+    websocket::stream<beast::tcp_stream> ws_;
+    beast::flat_buffer buffer_;
+    std::string outgoing_;
+    std::deque<json::object> inbox_;
+    std::vector<std::size_t> frameSizes_;
+    std::size_t received_ = 0;
+    bool closed_ = false;
+};
+
+struct HttpReply {
+    unsigned status = 0;
+    std::string body;
+    std::vector<json::object> messages() const { return parseMessages(body); }
+};
+
+// One keep-alive HTTP connection; a request may be started and its reply awaited later.
+class RawHttp {
+  public:
+    explicit RawHttp(std::uint16_t port) : stream_(io_) { connectSocket(io_, stream_, port); }
+
+    void start(const std::string& body, const std::string& target = "/bayeux",
+               http::verb verb = http::verb::post) {
+        request_ = {verb, target, 11};
+        request_.set(http::field::host, "127.0.0.1");
+        request_.set(http::field::content_type, "application/json");
+        request_.body() = body;
+        request_.prepare_payload();
+        done_ = false;
+        error_ = {};
+        response_ = {};
+        http::async_write(stream_, request_, [this](beast::error_code ec, std::size_t) {
+            if (ec) {
+                error_ = ec;
+                done_ = true;
+                return;
+            }
+            http::async_read(stream_, buffer_, response_,
+                             [this](beast::error_code ec, std::size_t) {
+                                 error_ = ec;
+                                 done_ = true;
+                             });
+        });
+    }
+
+    // The reply of the started request, or nothing when it did not come in time.
+    std::optional<HttpReply> finish(Millis timeout = kWait) {
+        if (!runUntil(
+                io_, [&] { return done_; }, timeout) ||
+            error_)
+            return std::nullopt;
+        return HttpReply{response_.result_int(), response_.body()};
+    }
+
+    std::optional<HttpReply> post(const std::string& body, const std::string& target = "/bayeux",
+                                  http::verb verb = http::verb::post) {
+        start(body, target, verb);
+        return finish();
+    }
+
+    bool done() const { return done_; }
+
+  private:
+    asio::io_context io_;
+    beast::tcp_stream stream_;
+    beast::flat_buffer buffer_;
+    http::request<http::string_body> request_;
+    http::response<http::string_body> response_;
+    beast::error_code error_;
+    bool done_ = false;
+};
+
+}  // namespace orvale::test
