@@ -1,0 +1,196 @@
+// The inbound stream of a WebSocket connection.
+
+#include "inbound_publisher.h"
+
+#include <exception>
+#include <limits>
+#include <stdexcept>
+
+#include "connector/log/diagnostic_logger.h"
+
+namespace connector::bayeux::transport {
+
+namespace {
+
+const foundation::log::basic_diagnostic_logger<char> logger("connector::bayeux::transport");
+constexpr std::uint64_t kUnbounded = std::numeric_limits<std::uint64_t>::max();
+
+class NoSubscription : public reactive_streams::Subscription {
+  public:
+    void request(std::uint64_t) override {}
+    void cancel() override {}
+};
+
+}  // namespace
+
+// Handed to the subscriber; holds the publisher weakly so the subscriber never keeps it alive.
+class InboundPublisher::StreamSubscription : public reactive_streams::Subscription {
+  public:
+    explicit StreamSubscription(std::weak_ptr<InboundPublisher> publisher)
+        : publisher_(std::move(publisher)) {}
+    void request(std::uint64_t n) override {
+        if (auto publisher = publisher_.lock())
+            publisher->request(n);
+    }
+    void cancel() override {
+        if (auto publisher = publisher_.lock())
+            publisher->cancel();
+    }
+
+  private:
+    std::weak_ptr<InboundPublisher> publisher_;
+};
+
+InboundPublisher::InboundPublisher(Executor executor, std::function<void()> onCancel)
+    : executor_(std::move(executor)), onCancel_(std::move(onCancel)) {}
+
+Future<bool> InboundPublisher::done() {
+    return done_.future();
+}
+
+void InboundPublisher::subscribe(std::shared_ptr<Subscriber> subscriber) {
+    if (!subscriber)
+        throw std::invalid_argument("subscribe() needs a subscriber");
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!subscribed_) {
+            subscribed_ = true;
+            subscriber_ = std::move(subscriber);
+            subscription_ = std::make_shared<StreamSubscription>(weak_from_this());
+        }
+    }
+    if (subscriber) {
+        subscriber->onSubscribe(std::make_shared<NoSubscription>());
+        subscriber->onError(std::make_exception_ptr(
+            std::logic_error("the inbound stream of a connection accepts one subscriber")));
+        return;
+    }
+    scheduleDrain();
+}
+
+void InboundPublisher::push(MessagePtr message) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (cancelled_ || completed_)
+            return;
+        queue_.push_back(std::move(message));
+    }
+    scheduleDrain();
+}
+
+void InboundPublisher::complete(bool clean) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (completed_)
+            return;
+        completed_ = true;
+        clean_ = clean;
+    }
+    scheduleDrain();
+}
+
+void InboundPublisher::request(std::uint64_t n) {
+    if (n == 0)
+        return;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (cancelled_)
+            return;
+        demand_ = (kUnbounded - demand_ <= n) ? kUnbounded : demand_ + n;
+    }
+    scheduleDrain();
+}
+
+void InboundPublisher::cancel() {
+    std::shared_ptr<Subscriber> released;
+    std::deque<MessagePtr> dropped;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (cancelled_)
+            return;
+        cancelled_ = true;
+        released = std::move(subscriber_);
+        dropped.swap(queue_);
+    }
+    if (onCancel_)
+        onCancel_();
+    done_.resolve(true);
+}
+
+void InboundPublisher::scheduleDrain() {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (drainScheduled_ || !subscriber_)
+            return;
+        drainScheduled_ = true;
+    }
+    executor_([self = shared_from_this()] { self->drain(); });
+}
+
+void InboundPublisher::drain() {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        drainScheduled_ = false;
+        if (draining_)
+            return;  // the running drain sees the new state before it stops
+        draining_ = true;
+    }
+    for (;;) {
+        std::shared_ptr<Subscriber> subscriber;
+        std::shared_ptr<StreamSubscription> subscription;
+        MessagePtr message;
+        bool completing = false;
+        bool clean = true;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (!subscriber_ || cancelled_) {
+                draining_ = false;
+                return;
+            }
+            if (!started_) {
+                started_ = true;
+                subscriber = subscriber_;
+                subscription = subscription_;
+            } else if (!queue_.empty() && demand_ > 0) {
+                message = std::move(queue_.front());
+                queue_.pop_front();
+                if (demand_ != kUnbounded)
+                    --demand_;
+                subscriber = subscriber_;
+            } else if (queue_.empty() && completed_) {
+                completing = true;
+                clean = clean_;
+                subscriber = std::move(subscriber_);
+                subscription_.reset();
+                draining_ = false;
+            } else {
+                draining_ = false;
+                return;
+            }
+        }
+        try {
+            if (subscription) {
+                subscriber->onSubscribe(subscription);
+            } else if (completing) {
+                subscriber->onComplete();
+            } else {
+                subscriber->onNext(std::move(message));
+            }
+        } catch (const std::exception& e) {
+            logger.log(foundation::log::error, "Inbound subscriber threw: ", e.what(),
+                       "; cancelling the stream");
+            if (!completing)
+                cancel();
+        } catch (...) {
+            logger.log(foundation::log::error, "Inbound subscriber threw; cancelling the stream");
+            if (!completing)
+                cancel();
+        }
+        if (completing) {
+            done_.resolve(clean);
+            return;
+        }
+    }
+}
+
+}  // namespace connector::bayeux::transport

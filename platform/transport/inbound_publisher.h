@@ -1,0 +1,68 @@
+#pragma once
+// The inbound stream of a connection: what the server sent, one element per frame.
+//
+// The connection pushes on its I/O thread; the publisher queues until its one subscriber asks
+// for more with request(n), and delivers onSubscribe, onNext and onComplete on the executor's
+// thread (the I/O thread), one at a time. Completion follows the messages already queued, so a
+// reply that arrives just before the server closes the socket is still delivered. cancel()
+// drops the queue, stops all signals and tells the connection to close.
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+#include "connector/bayeux/messages.h"
+#include "connector/reactive_streams/reactive_streams.h"
+#include "done_signal.h"
+
+namespace connector::bayeux::transport {
+
+class InboundPublisher : public reactive_streams::Publisher<MessagePtr>,
+                         public std::enable_shared_from_this<InboundPublisher> {
+  public:
+    using Subscriber = reactive_streams::Subscriber<MessagePtr>;
+    // Runs a task later on the delivering thread; never inline.
+    using Executor = std::function<void(std::function<void()>)>;
+
+    // `onCancel` is called, with no lock held, when the subscriber cancels.
+    InboundPublisher(Executor executor, std::function<void()> onCancel);
+
+    // Resolves once the stream has ended for its subscriber: completion delivered (its value
+    // says whether the socket closed cleanly) or the subscription cancelled (true).
+    Future<bool> done() override;
+    // Accepts one subscriber; a second one gets onSubscribe and then onError.
+    void subscribe(std::shared_ptr<Subscriber> subscriber) override;
+
+    // Producer side.
+    void push(MessagePtr message);
+    void complete(bool clean);
+
+  private:
+    class StreamSubscription;
+
+    void request(std::uint64_t n);
+    void cancel();
+    void scheduleDrain();
+    void drain();
+
+    const Executor executor_;
+    const std::function<void()> onCancel_;
+    DoneSignal done_;
+
+    std::mutex mutex_;  // guards every member below
+    std::deque<MessagePtr> queue_;
+    std::uint64_t demand_ = 0;  // UINT64_MAX: unbounded
+    std::shared_ptr<Subscriber> subscriber_;
+    std::shared_ptr<StreamSubscription> subscription_;
+    bool subscribed_ = false;  // a subscriber was accepted, ever
+    bool started_ = false;     // its onSubscribe was delivered
+    bool completed_ = false;   // the producer ended the stream
+    bool clean_ = true;
+    bool cancelled_ = false;
+    bool drainScheduled_ = false;
+    bool draining_ = false;
+};
+
+}  // namespace connector::bayeux::transport

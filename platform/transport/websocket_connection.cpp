@@ -1,0 +1,462 @@
+// One client WebSocket connection (ws:// or wss://) over Boost.Beast.
+//
+// Every member without a lock note is touched only on the I/O thread, which is the one strand of
+// the connection. send() and close() may come from any thread: they queue under mutex_ and post.
+
+#include "websocket_connection.h"
+
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+
+#include <boost/asio/ip/address.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl/host_name_verification.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/ssl/ssl_stream.hpp>
+#include <boost/beast/websocket/ssl.hpp>
+#include <boost/beast/websocket/stream.hpp>
+#include <chrono>
+#include <mutex>
+#include <string_view>
+#include <vector>
+
+#include "../bayeux/json_text.h"
+#include "connector/bayeux/codec.h"
+#include "connector/log/diagnostic_logger.h"
+#include "inbound_publisher.h"
+#include "io_thread.h"
+#include "outbound_subscriber.h"
+
+namespace connector::bayeux::transport {
+
+namespace {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace websocket = beast::websocket;
+using tcp = asio::ip::tcp;
+using error_code = boost::system::error_code;
+
+const foundation::log::basic_diagnostic_logger<char> logger("connector::bayeux::transport");
+
+// A peer that does not answer our close frame is cut off after this long.
+constexpr std::chrono::seconds kCloseTimeout{3};
+// Bytes of an undecodable frame quoted in the log line.
+constexpr std::size_t kQuotedFrameBytes = 200;
+// The read buffer is given back after a frame larger than this.
+constexpr std::size_t kKeptReadBuffer = 64 * 1024;
+
+// What the client holds as the inbound publisher: the connection's publisher plus the keeper
+// that closes the connection once the client lets go of both of its streams.
+class InboundHandle : public reactive_streams::Publisher<MessagePtr> {
+  public:
+    InboundHandle(std::shared_ptr<InboundPublisher> publisher,
+                  std::shared_ptr<CloseOnRelease> keeper)
+        : publisher_(std::move(publisher)), keeper_(std::move(keeper)) {}
+    Future<bool> done() override { return publisher_->done(); }
+    void subscribe(std::shared_ptr<reactive_streams::Subscriber<MessagePtr>> subscriber) override {
+        publisher_->subscribe(std::move(subscriber));
+    }
+
+  private:
+    const std::shared_ptr<InboundPublisher> publisher_;
+    const std::shared_ptr<CloseOnRelease> keeper_;
+};
+
+template <class NextLayer>
+constexpr bool kSecure = !std::is_same_v<NextLayer, beast::tcp_stream>;
+
+template <class NextLayer>
+class WebSocketConnection final
+    : public Connection,
+      public std::enable_shared_from_this<WebSocketConnection<NextLayer>> {
+  public:
+    template <class... StreamArgs>
+    WebSocketConnection(ConnectionSettings settings, Promise<MessagePtr> promise,
+                        StreamArgs&&... streamArgs)
+        : io_(settings.io),
+          settings_(std::move(settings)),
+          resolver_(io_->context()),
+          ws_(std::forward<StreamArgs>(streamArgs)...),
+          timer_(io_->context()),
+          connectPromise_(std::move(promise)),
+          closed_(std::make_shared<DoneSignal>()) {
+        ws_.read_message_max(settings_.options.maxFrameBytes);
+        ws_.auto_fragment(false);
+        ws_.text(true);
+        websocket::stream_base::timeout timeouts{};
+        // The connect and close deadlines are our own timer's; Beast's would only duplicate them.
+        timeouts.handshake_timeout = websocket::stream_base::none();
+        timeouts.idle_timeout = websocket::stream_base::none();
+        timeouts.keep_alive_pings = false;
+        ws_.set_option(timeouts);
+    }
+
+    void start() {
+        std::weak_ptr<WebSocketConnection> weak = this->weak_from_this();
+        inbound_ = std::make_shared<InboundPublisher>(
+            [io = io_](std::function<void()> task) { io->post(std::move(task)); },
+            [weak] {
+                if (auto self = weak.lock())
+                    self->close();
+            });
+        io_->post([self = this->shared_from_this()] { self->beginConnect(); });
+    }
+
+    void send(MessagePtr message) override {
+        bool post = false;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (closeRequested_)
+                return;  // the message is released after the lock
+            pending_.push_back(std::move(message));
+            post = !flushPosted_;
+            flushPosted_ = true;
+        }
+        if (post)
+            io_->post([self = this->shared_from_this()] { self->flush(); });
+    }
+
+    void close() override {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (closeRequested_)
+                return;
+            closeRequested_ = true;
+        }
+        io_->post([self = this->shared_from_this()] { self->onCloseRequested(); });
+    }
+
+  private:
+    enum class Phase { Connecting, Open, Closing, Closed };
+
+    // ---- connecting
+
+    void beginConnect() {
+        if (phase_ != Phase::Connecting)
+            return;
+        timer_.expires_after(std::chrono::milliseconds(settings_.options.connectTimeoutMs));
+        timer_.async_wait([self = this->shared_from_this()](error_code ec) {
+            if (ec || self->phase_ != Phase::Connecting)
+                return;
+            self->timedOut_ = true;
+            self->interruptConnect();
+        });
+        resolver_.async_resolve(
+            settings_.parts.host, settings_.parts.port,
+            [self = this->shared_from_this()](error_code ec, tcp::resolver::results_type results) {
+                self->onResolved(ec, std::move(results));
+            });
+    }
+
+    void interruptConnect() {
+        resolver_.cancel();
+        error_code ignored;
+        beast::get_lowest_layer(ws_).socket().close(ignored);
+    }
+
+    void onResolved(error_code ec, const tcp::resolver::results_type& results) {
+        if (ec || interrupted())
+            return failConnect(ec);
+        beast::get_lowest_layer(ws_).async_connect(
+            results, [self = this->shared_from_this()](error_code ec, const tcp::endpoint&) {
+                self->onConnected(ec);
+            });
+    }
+
+    void onConnected(error_code ec) {
+        if (ec || interrupted())
+            return failConnect(ec);
+        error_code ignored;
+        beast::get_lowest_layer(ws_).socket().set_option(tcp::no_delay(true), ignored);
+        if constexpr (kSecure<NextLayer>) {
+            auto& tls = ws_.next_layer();
+            const std::string& host = settings_.parts.host;
+            error_code notAnAddress;
+            asio::ip::make_address(host, notAnAddress);
+            // Server name indication carries names only, never addresses.
+            if (notAnAddress)
+                SSL_set_tlsext_host_name(tls.native_handle(), host.c_str());
+            if (settings_.options.verifyPeer) {
+                tls.set_verify_mode(asio::ssl::verify_peer);
+                tls.set_verify_callback(asio::ssl::host_name_verification(host));
+            } else {
+                tls.set_verify_mode(asio::ssl::verify_none);
+            }
+            tls.async_handshake(
+                asio::ssl::stream_base::client,
+                [self = this->shared_from_this()](error_code ec) { self->onTlsHandshake(ec); });
+        } else {
+            onTlsHandshake(ec);
+        }
+    }
+
+    void onTlsHandshake(error_code ec) {
+        if (ec || interrupted())
+            return failConnect(ec);
+        ws_.async_handshake(
+            settings_.parts.hostHeader, settings_.parts.target,
+            [self = this->shared_from_this()](error_code ec) { self->onHandshake(ec); });
+    }
+
+    void onHandshake(error_code ec) {
+        if (ec || interrupted())
+            return failConnect(ec);
+        timer_.cancel();
+        phase_ = Phase::Open;
+        std::weak_ptr<Connection> weak = this->weak_from_this();
+        auto keeper = std::make_shared<CloseOnRelease>(weak);
+        auto outbound = std::make_shared<OutboundSubscriber>(weak, keeper, closed_);
+        outbound_ = outbound;
+        auto inbound = std::make_shared<InboundHandle>(inbound_, keeper);
+        logger.log(foundation::log::trace, "Connected to ", settings_.url);
+        readNext();
+        connectPromise_.setValue(
+            std::make_unique<ConnectTransportResponse>(std::move(inbound), std::move(outbound)));
+    }
+
+    bool interrupted() const { return timedOut_ || aborted_; }
+
+    void failConnect(error_code ec) {
+        std::string cause;
+        if (timedOut_)
+            cause = "timed out after " + std::to_string(settings_.options.connectTimeoutMs) + " ms";
+        else if (aborted_)
+            cause = "the transport was shut down";
+        else
+            cause = describe(ec);
+        phase_ = Phase::Closed;
+        timer_.cancel();
+        error_code ignored;
+        beast::get_lowest_layer(ws_).socket().close(ignored);
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            closeRequested_ = true;
+        }
+        closed_->resolve(false);
+        logger.log(foundation::log::trace, "Cannot connect to ", settings_.url, ": ", cause);
+        connectPromise_.setException(
+            std::runtime_error("Cannot connect to " + settings_.url + ": " + cause));
+    }
+
+    std::string describe(error_code ec) {
+        std::string text = ec.message();
+        if constexpr (kSecure<NextLayer>) {
+            if (ec.category() == asio::error::get_ssl_category()) {
+                const long result = SSL_get_verify_result(ws_.next_layer().native_handle());
+                if (result != X509_V_OK)
+                    text += std::string(" (") + X509_verify_cert_error_string(result) + ")";
+            }
+        }
+        return text;
+    }
+
+    // ---- reading
+
+    void readNext() {
+        ws_.async_read(readBuffer_, [self = this->shared_from_this()](error_code ec, std::size_t) {
+            self->onRead(ec);
+        });
+    }
+
+    void onRead(error_code ec) {
+        if (ec) {
+            if (ec == websocket::error::message_too_big)
+                logger.log(foundation::log::error, "A frame from ", settings_.url,
+                           " is larger than ", settings_.options.maxFrameBytes,
+                           " bytes; closing the connection");
+            else if (phase_ == Phase::Open && ec != websocket::error::closed)
+                logger.log(foundation::log::trace, "Connection to ", settings_.url,
+                           " lost: ", ec.message());
+            // While closing, the close handshake or its deadline ends the connection.
+            if (phase_ != Phase::Closing)
+                finish(ec == websocket::error::closed);
+            return;
+        }
+        const std::string_view frame(static_cast<const char*>(readBuffer_.data().data()),
+                                     readBuffer_.size());
+        codec::Decoded decoded = codec::decodeFromServer(frame);
+        for (const auto& problem : decoded.errors)
+            logger.log(foundation::log::error, "Dropped what could not be decoded from ",
+                       settings_.url, ": ", problem,
+                       "; frame: ", frame.substr(0, kQuotedFrameBytes));
+        readBuffer_.consume(readBuffer_.size());
+        if (readBuffer_.capacity() > kKeptReadBuffer)
+            readBuffer_.shrink_to_fit();
+
+        if (decoded.messages.size() == 1) {
+            inbound_->push(std::move(decoded.messages.front()));
+        } else if (decoded.messages.size() > 1) {
+            auto container = std::make_unique<BayeuxContainer>();
+            container->messages().reserve(decoded.messages.size());
+            for (auto& message : decoded.messages)
+                container->messages().push_back(std::move(message));
+            inbound_->push(std::move(container));
+        }
+        if (phase_ == Phase::Open || phase_ == Phase::Closing)
+            readNext();
+    }
+
+    // ---- writing
+
+    // Sends everything queued as one frame, or begins the close once nothing is left.
+    void flush() {
+        std::vector<MessagePtr> batch;
+        bool closeNow = false;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            flushPosted_ = false;
+            if (writing_ || phase_ != Phase::Open)
+                return;
+            batch.swap(pending_);
+            closeNow = closeRequested_;
+        }
+        std::vector<const BayeuxMessage*> messages;
+        messages.reserve(batch.size());
+        for (auto& message : batch)
+            collect(message.get(), messages);
+        if (messages.empty()) {
+            if (closeNow)
+                beginClose();
+            return;
+        }
+        writeBuffer_ = codec::encode(messages);
+        writing_ = true;
+        ws_.async_write(
+            asio::buffer(writeBuffer_),
+            [self = this->shared_from_this()](error_code ec, std::size_t) { self->onWritten(ec); });
+    }
+
+    void collect(Message* message, std::vector<const BayeuxMessage*>& out) {
+        if (!message)
+            return;
+        if (auto* bayeux = dynamic_cast<BayeuxMessage*>(message)) {
+            if (bayeux->kind() == Kind::HandshakeRequest)
+                addApiKey(*bayeux);
+            out.push_back(bayeux);
+        } else if (auto* container = dynamic_cast<BayeuxContainer*>(message)) {
+            for (auto& inner : container->messages())
+                collect(inner.get(), out);
+        } else {
+            logger.log(foundation::log::error, "Dropped an outbound ",
+                       foundation::log::typeName(*message), " to ", settings_.url,
+                       ": not a Bayeux message");
+        }
+    }
+
+    // The API key is read at send time so that a key stored after connecting still counts.
+    void addApiKey(BayeuxMessage& handshake) {
+        if (!settings_.state)
+            return;
+        const auto key = settings_.state->getString("orvapikey");
+        if (!key)
+            return;
+        std::string quoted;
+        codec::appendQuoted(quoted, *key);
+        handshake.setExt(codec::withExtMember(handshake.getExt(), "orvapikey", quoted));
+    }
+
+    void onWritten(error_code ec) {
+        writing_ = false;
+        if (ec) {
+            if (phase_ == Phase::Open) {
+                logger.log(foundation::log::trace, "Writing to ", settings_.url,
+                           " failed: ", ec.message());
+                finish(false);
+            }
+            return;
+        }
+        flush();
+    }
+
+    // ---- closing
+
+    void onCloseRequested() {
+        if (phase_ == Phase::Connecting) {
+            aborted_ = true;
+            interruptConnect();
+        } else if (phase_ == Phase::Open && !writing_) {
+            flush();  // sends what is still queued first; the write's completion closes
+        }
+    }
+
+    void beginClose() {
+        if (phase_ != Phase::Open)
+            return;
+        phase_ = Phase::Closing;
+        timer_.expires_after(kCloseTimeout);
+        timer_.async_wait([self = this->shared_from_this()](error_code ec) {
+            if (!ec)
+                self->finish(false);
+        });
+        ws_.async_close(websocket::close_code::normal,
+                        [self = this->shared_from_this()](error_code ec) { self->finish(!ec); });
+    }
+
+    // Ends the connection once: closes the socket, completes the inbound stream, resolves
+    // done() and cancels the client's outbound subscription.
+    void finish(bool clean) {
+        if (phase_ == Phase::Closed)
+            return;
+        phase_ = Phase::Closed;
+        timer_.cancel();
+        error_code ignored;
+        beast::get_lowest_layer(ws_).socket().close(ignored);
+        std::vector<MessagePtr> dropped;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            closeRequested_ = true;
+            dropped.swap(pending_);
+        }
+        logger.log(foundation::log::trace, "Connection to ", settings_.url, " closed",
+                   clean ? "" : " uncleanly");
+        inbound_->complete(clean);
+        closed_->resolve(clean);
+        if (auto outbound = outbound_.lock())
+            outbound->connectionClosed();
+    }
+
+    const std::shared_ptr<IoThread> io_;  // first member: the io_context outlives the socket
+    const ConnectionSettings settings_;
+    tcp::resolver resolver_;
+    websocket::stream<NextLayer> ws_;
+    asio::steady_timer timer_;  // the connect deadline, then the close deadline
+    beast::flat_buffer readBuffer_;
+    std::string writeBuffer_;  // the frame being written
+    Promise<MessagePtr> connectPromise_;
+    std::shared_ptr<InboundPublisher> inbound_;
+    std::weak_ptr<OutboundSubscriber> outbound_;
+    const std::shared_ptr<DoneSignal> closed_;
+    Phase phase_ = Phase::Connecting;
+    bool writing_ = false;
+    bool timedOut_ = false;
+    bool aborted_ = false;
+
+    std::mutex mutex_;  // guards pending_, flushPosted_ and closeRequested_
+    std::vector<MessagePtr> pending_;
+    bool flushPosted_ = false;
+    bool closeRequested_ = false;
+};
+
+}  // namespace
+
+std::shared_ptr<Connection> openWebSocketConnection(ConnectionSettings settings,
+                                                    Promise<MessagePtr> promise) {
+    auto& io = settings.io->context();
+    if (settings.parts.secure) {
+        auto tls = settings.tls;
+        auto connection =
+            std::make_shared<WebSocketConnection<beast::ssl_stream<beast::tcp_stream>>>(
+                std::move(settings), std::move(promise), io, *tls);
+        connection->start();
+        return connection;
+    }
+    auto connection = std::make_shared<WebSocketConnection<beast::tcp_stream>>(
+        std::move(settings), std::move(promise), io);
+    connection->start();
+    return connection;
+}
+
+}  // namespace connector::bayeux::transport
