@@ -96,9 +96,7 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
         HttpRequest& request = parser_->get();
         keepAlive_ = request.keep_alive();
         version_ = request.version();
-        const beast::string_view target = request.target();
-        const beast::string_view path = target.substr(0, target.find('?'));
-        if (path != hub_->options().path)
+        if (!servesPath(request.target()))
             return respond(http::status::not_found, "", "text/plain");
         if (beast::websocket::is_upgrade(request)) {
             serveWebSocket(std::move(stream_), parser_->release(), hub_);
@@ -125,6 +123,17 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
         }
         respond(outcome.unreadable ? http::status::bad_request : http::status::ok, out.close(),
                 "application/json;charset=UTF-8");
+    }
+
+    // The endpoint's path, or below it: some long-polling clients append the meta channel
+    // (/bayeux/connect, say) when a request carries only one meta message.
+    bool servesPath(beast::string_view target) const {
+        const std::string& path = hub_->options().path;
+        const beast::string_view requested = target.substr(0, target.find('?'));
+        if (requested.substr(0, path.size()) != path)
+            return false;
+        return requested.size() == path.size() || path.back() == '/' ||
+               requested[path.size()] == '/';
     }
 
     void onConnectReleased(const std::shared_ptr<RemoteSession>& session,

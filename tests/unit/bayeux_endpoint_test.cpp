@@ -288,13 +288,19 @@ TEST_F(EndpointTest, LongPollingSessionAndHeldConnects) {
     EXPECT_TRUE(successful(connectAnswer));
     EXPECT_EQ(endpoint->sessionCount(), 0u);
 
-    // Only POST on the endpoint's path is Bayeux.
+    // Only POST on the endpoint's path, or below it as some clients send, is Bayeux.
+    auto below = other.post(handshake("1"), "/bayeux/handshake?x=1");
+    ASSERT_TRUE(below);
+    EXPECT_EQ(below->status, 200u);
+    EXPECT_TRUE(successful(below->messages().at(0)));
     auto get = other.post("", "/bayeux", orvale::test::http::verb::get);
     ASSERT_TRUE(get);
     EXPECT_EQ(get->status, 405u);
-    auto elsewhere = other.post(handshake("1"), "/elsewhere");
-    ASSERT_TRUE(elsewhere);
-    EXPECT_EQ(elsewhere->status, 404u);
+    for (const char* target : {"/elsewhere", "/bayeuxx", "/"}) {
+        auto elsewhere = other.post(handshake("1"), target);
+        ASSERT_TRUE(elsewhere) << target;
+        EXPECT_EQ(elsewhere->status, 404u) << target;
+    }
 }
 
 TEST_F(EndpointTest, HeldConnectsEndWithTheirTimeoutOrANewerConnect) {

@@ -212,6 +212,7 @@ class RawHttp {
   public:
     explicit RawHttp(std::uint16_t port) : stream_(io_) { connectSocket(io_, stream_, port); }
 
+    // Writes a request whose reply finish() awaits.
     void start(const std::string& body, const std::string& target = "/bayeux",
                http::verb verb = http::verb::post) {
         request_ = {verb, target, 11};
@@ -220,9 +221,11 @@ class RawHttp {
         request_.body() = body;
         request_.prepare_payload();
         done_ = false;
+        written_ = false;
         error_ = {};
         response_ = {};
         http::async_write(stream_, request_, [this](beast::error_code ec, std::size_t) {
+            written_ = true;
             if (ec) {
                 error_ = ec;
                 done_ = true;
@@ -234,6 +237,8 @@ class RawHttp {
                                  done_ = true;
                              });
         });
+        runUntil(
+            io_, [&] { return written_; }, kWait);
     }
 
     // The reply of the started request, or nothing when it did not come in time.
@@ -260,6 +265,7 @@ class RawHttp {
     http::request<http::string_body> request_;
     http::response<http::string_body> response_;
     beast::error_code error_;
+    bool written_ = false;
     bool done_ = false;
 };
 

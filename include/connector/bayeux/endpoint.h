@@ -16,18 +16,21 @@ struct EndpointOptions {
     std::string host = "127.0.0.1";
     std::uint16_t port = 0;  // 0: any free port
     std::string path = "/bayeux";
-    std::string apiKey;      // when set, a handshake must carry ext.orvapikey equal to it
-    std::string certFile;    // PEM certificate and key: TLS when both are set
+    std::string apiKey;    // when set, a handshake must carry ext.orvapikey equal to it
+    std::string certFile;  // PEM certificate and key: TLS when both are set
     std::string keyFile;
-    std::size_t maxMessageBytes = 1024 * 1024;        // largest frame or HTTP body accepted
-    std::size_t maxQueuePerSession = 10000;           // messages queued for one session
+    std::size_t maxMessageBytes = 1024 * 1024;  // largest frame or HTTP body accepted
+    // Messages queued for one session. A slow client whose queue is full loses its oldest
+    // message for each new one (a warning is logged when the dropping starts); it stays
+    // connected and gets the newest messages.
+    std::size_t maxQueuePerSession = 10000;
     std::size_t maxSessions = 100000;
     std::chrono::milliseconds connectTimeout{25000};  // how long a /meta/connect is held
     std::chrono::milliseconds sessionTimeout{45000};  // a session without connect expires
 };
 
 class BayeuxEndpoint {
-public:
+  public:
     virtual ~BayeuxEndpoint() = default;
     virtual std::uint16_t port() const = 0;
     virtual std::size_t sessionCount() const = 0;
