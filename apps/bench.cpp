@@ -1,0 +1,179 @@
+// orvale bench: the same load against `orvale serve` and a Faye server, side by side.
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <optional>
+
+#include "cli.h"
+#include "commands.h"
+#include "load.h"
+#include "process.h"
+
+#ifndef ORVALE_SOURCE_DIR
+#define ORVALE_SOURCE_DIR "."
+#endif
+
+namespace orvale::app {
+
+using namespace std::chrono_literals;
+
+namespace {
+
+const char* const kUsage =
+    R"(usage: orvale bench [--messages N] [--rate N] [--seconds N] [--sessions N]
+                   [--no-faye] [--node PATH] [--faye-script FILE]
+
+Runs the same load, made by orvale client services, against `orvale serve` and against a Faye
+server, each in a process of its own, and prints a table:
+  - deliveries per second with one publisher and one subscriber, then four subscribers
+    (N messages each, default 20000);
+  - latency p50 and p99 with one subscriber at a fixed rate (default 10000 msg/s for 3 s);
+  - the hub's resident memory per idle session with its connect held (default 5000 sessions).
+
+  --no-faye          run against orvale serve only
+  --node PATH        the Node.js executable (default: node)
+  --faye-script FILE the Faye server script (default: tests/interop/faye_server.js of the
+                     source tree, or $ORVALE_SOURCE_DIR/tests/interop/faye_server.js)
+)";
+
+struct Figures {
+    double oneToOne = 0;
+    double oneToFour = 0;
+    Latency latency;
+    double bytesPerSession = 0;
+};
+
+struct Settings {
+    std::size_t messages;
+    std::size_t rate;
+    std::chrono::milliseconds duration;
+    std::size_t sessions;
+};
+
+// How to start one kind of hub and find its URL.
+struct Target {
+    std::string name;
+    std::vector<std::string> argv;
+    // The URL from the first line the process prints.
+    std::string (*url)(const std::string& firstLine);
+};
+
+std::string orvaleUrl(const std::string& line) {
+    return line;
+}
+
+std::string fayeUrl(const std::string& line) {
+    return "ws://127.0.0.1:" + line + "/bayeux";
+}
+
+Figures measure(const Target& target, const Settings& settings) {
+    Figures figures;
+    {
+        ChildProcess hub(target.argv);
+        LoadRunner load(target.url(hub.firstLine(10s)));
+        std::cerr << "bench: " << target.name << ": warming up\n";
+        load.throughput(1, std::min<std::size_t>(settings.messages, 2000));
+        std::cerr << "bench: " << target.name << ": 1 -> 1\n";
+        figures.oneToOne = load.throughput(1, settings.messages);
+        std::cerr << "bench: " << target.name << ": 1 -> 4\n";
+        figures.oneToFour = load.throughput(4, settings.messages);
+        std::cerr << "bench: " << target.name << ": latency\n";
+        figures.latency = load.latency(settings.rate, settings.duration);
+    }
+    // A fresh process, so that memory left from the runs above does not count.
+    ChildProcess hub(target.argv);
+    LoadRunner load(target.url(hub.firstLine(10s)));
+    std::cerr << "bench: " << target.name << ": " << settings.sessions << " idle sessions\n";
+    figures.bytesPerSession = load.memoryPerSession(settings.sessions, hub);
+    return figures;
+}
+
+std::string fixed(double value, int decimals) {
+    char buffer[64];
+    std::snprintf(buffer, sizeof buffer, "%.*f", decimals, value);
+    return buffer;
+}
+
+std::string ratio(double ours, double theirs, bool higherIsBetter) {
+    if (ours <= 0 || theirs <= 0)
+        return "";
+    return fixed(higherIsBetter ? ours / theirs : theirs / ours, 1) + "x";
+}
+
+void row(const std::string& label, const std::string& ours, const std::string& theirs,
+         const std::string& better) {
+    std::printf("%-40s %14s %14s %10s\n", label.c_str(), ours.c_str(), theirs.c_str(),
+                better.c_str());
+}
+
+std::string defaultFayeScript() {
+    if (const char* dir = std::getenv("ORVALE_SOURCE_DIR"))
+        return std::string(dir) + "/tests/interop/faye_server.js";
+    return std::string(ORVALE_SOURCE_DIR) + "/tests/interop/faye_server.js";
+}
+
+}  // namespace
+
+int runBench(const Words& words) {
+    const Args args(words,
+                    {"--messages", "--rate", "--seconds", "--sessions", "--node", "--faye-script"},
+                    {"--help", "--no-faye"});
+    if (args.has("--help")) {
+        std::cout << kUsage;
+        return 0;
+    }
+    if (!args.positional().empty())
+        throw UsageError("unexpected argument '" + args.positional().front() + "'");
+    const Settings settings{args.number("--messages", 20000, 100, 100000000),
+                            args.number("--rate", 10000, 1, 1000000),
+                            std::chrono::seconds(args.number("--seconds", 3, 1, 3600)),
+                            args.number("--sessions", 5000, 1, 100000)};
+    const bool withFaye = !args.has("--no-faye");
+    const std::string script = args.value("--faye-script", defaultFayeScript());
+    if (withFaye && !std::filesystem::exists(script))
+        throw Failure("no Faye server script at " + script + " (give --faye-script or --no-faye)");
+
+    const Target orvale{"orvale serve",
+                        {selfExecutable(), "serve", "--port", "0", "--max-sessions", "1000000"},
+                        orvaleUrl};
+    const Target faye{"faye", {args.value("--node", "node"), script, "--timeout", "25"}, fayeUrl};
+
+    const Figures ours = measure(orvale, settings);
+    std::optional<Figures> theirs;
+    if (withFaye)
+        theirs = measure(faye, settings);
+
+    auto other = [&](auto field, int decimals) {
+        return theirs ? fixed(field(*theirs), decimals) : std::string("-");
+    };
+    auto better = [&](auto field, bool higherIsBetter) {
+        return theirs ? ratio(field(ours), field(*theirs), higherIsBetter) : std::string();
+    };
+    const auto oneToOne = [](const Figures& f) { return f.oneToOne; };
+    const auto oneToFour = [](const Figures& f) { return f.oneToFour; };
+    const auto p50 = [](const Figures& f) { return f.latency.p50Micros; };
+    const auto p99 = [](const Figures& f) { return f.latency.p99Micros; };
+    const auto kib = [](const Figures& f) { return f.bytesPerSession / 1024.0; };
+
+    std::printf(
+        "orvale bench: %zu messages per throughput run; latency at %zu msg/s for %lld s; "
+        "%zu idle sessions\n",
+        settings.messages, settings.rate, static_cast<long long>(settings.duration.count() / 1000),
+        settings.sessions);
+    row("", "orvale serve", "faye", "orvale is");
+    row("deliveries/s, 1 publisher -> 1 subscriber", fixed(ours.oneToOne, 0), other(oneToOne, 0),
+        better(oneToOne, true));
+    row("deliveries/s, 1 publisher -> 4 subscribers", fixed(ours.oneToFour, 0), other(oneToFour, 0),
+        better(oneToFour, true));
+    row("latency p50 at " + std::to_string(settings.rate) + " msg/s (us)", fixed(p50(ours), 0),
+        other(p50, 0), better(p50, false));
+    row("latency p99 at " + std::to_string(settings.rate) + " msg/s (us)", fixed(p99(ours), 0),
+        other(p99, 0), better(p99, false));
+    row("memory per idle session (KiB)", fixed(kib(ours), 1), other(kib, 1), better(kib, false));
+    std::fflush(stdout);
+    return 0;
+}
+
+}  // namespace orvale::app

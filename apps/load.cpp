@@ -1,0 +1,190 @@
+// Client message services as load: publishers, counting subscribers, and idle sessions.
+
+#include "load.h"
+
+#include <algorithm>
+#include <atomic>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "cli.h"
+#include "client_factory.h"
+#include "process.h"
+
+namespace orvale::app {
+
+namespace ms = connector::message_service;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+// Publishes that may be unanswered at once during a throughput run.
+constexpr std::size_t kWindow = 2000;
+// A run gives up once nothing has arrived for this long.
+constexpr auto kStall = 10s;
+// Idle sessions opened at once.
+constexpr std::size_t kOpenAtOnce = 200;
+
+std::int64_t nowNanos() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch())
+        .count();
+}
+
+// The "t" member of {"seq":N,"t":T}.
+std::int64_t sentAt(const std::string& json) {
+    const auto at = json.find("\"t\":");
+    return at == std::string::npos ? 0 : std::stoll(json.substr(at + 4));
+}
+
+std::string payload(std::size_t seq) {
+    return "{\"seq\":" + std::to_string(seq) + ",\"t\":" + std::to_string(nowNanos()) + "}";
+}
+
+void disconnectAll(std::vector<std::shared_ptr<ms::MessageService>>& services) {
+    std::vector<connector::Future<ms::DisconnectResult>> pending;
+    pending.reserve(services.size());
+    for (auto& service : services)
+        pending.push_back(service->disconnect());
+    for (auto& future : pending)
+        future.waitFor(2s);
+    services.clear();
+}
+
+}  // namespace
+
+LoadRunner::LoadRunner(std::string url) : url_(std::move(url)) {}
+LoadRunner::~LoadRunner() = default;
+
+double LoadRunner::throughput(std::size_t subscribers, std::size_t messages) {
+    ClientFactory factory;
+    const std::string tag = std::to_string(run_++);
+    const std::string channel = "/bench/tp" + tag;
+    std::vector<std::shared_ptr<ms::MessageService>> services;
+    std::vector<std::shared_ptr<ms::Subscription>> subscriptions;
+    std::atomic<std::size_t> received{0};
+    std::atomic<std::int64_t> last{0};
+    for (std::size_t i = 0; i < subscribers; ++i) {
+        auto service = factory.connect("tp" + tag + "-sub" + std::to_string(i), url_);
+        auto subscribed = service->subscribe(channel, [&](const ms::JsonMessage&) {
+            last.store(nowNanos(), std::memory_order_relaxed);
+            received.fetch_add(1, std::memory_order_relaxed);
+        });
+        subscriptions.push_back(await(subscribed, 10s, "cannot subscribe"));
+        services.push_back(std::move(service));
+    }
+    auto publisher = factory.connect("tp" + tag + "-pub", url_);
+    std::vector<connector::Future<ms::PublishResult>> window(kWindow);
+    std::vector<bool> used(kWindow, false);
+    const std::int64_t start = nowNanos();
+    for (std::size_t i = 0; i < messages; ++i) {
+        const std::size_t slot = i % kWindow;
+        if (used[slot])
+            await(window[slot], kStall, "a publish was not answered");
+        window[slot] = publisher->publish(channel, payload(i));
+        used[slot] = true;
+    }
+    const std::size_t expected = messages * subscribers;
+    std::size_t seen = 0;
+    auto progress = Clock::now();
+    while (received.load() < expected) {
+        if (received.load() != seen) {
+            seen = received.load();
+            progress = Clock::now();
+        } else if (Clock::now() - progress > kStall) {
+            break;
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+    const double seconds = static_cast<double>(last.load() - start) / 1e9;
+    const std::size_t got = received.load();
+    subscriptions.clear();
+    services.push_back(publisher);
+    disconnectAll(services);
+    if (got < expected)
+        throw Failure("only " + std::to_string(got) + " of " + std::to_string(expected) +
+                      " deliveries arrived from " + url_);
+    return seconds > 0 ? static_cast<double>(got) / seconds : 0;
+}
+
+Latency LoadRunner::latency(std::size_t rate, std::chrono::milliseconds duration) {
+    ClientFactory factory;
+    const std::string tag = std::to_string(run_++);
+    const std::string channel = "/bench/lat" + tag;
+    const std::size_t messages = static_cast<std::size_t>(rate * duration.count() / 1000);
+    const std::size_t warmUp = messages / 10;
+    std::mutex mutex;
+    std::vector<std::int64_t> samples;  // guarded by mutex
+    samples.reserve(messages);
+    std::atomic<std::size_t> received{0};
+    auto subscriber = factory.connect("lat" + tag + "-sub", url_);
+    auto subscribed = subscriber->subscribe(channel, [&](const ms::JsonMessage& message) {
+        const std::int64_t delay = nowNanos() - sentAt(message.getJson());
+        if (received.fetch_add(1) >= warmUp) {
+            std::lock_guard<std::mutex> lock(mutex);
+            samples.push_back(delay);
+        }
+    });
+    auto subscription = await(subscribed, 10s, "cannot subscribe");
+    auto publisher = factory.connect("lat" + tag + "-pub", url_);
+
+    const auto interval = std::chrono::nanoseconds(1000000000 / rate);
+    const auto start = Clock::now();
+    for (std::size_t i = 0; i < messages; ++i) {
+        std::this_thread::sleep_until(start + i * interval);
+        publisher->publish(channel, payload(i));
+    }
+    auto progress = Clock::now();
+    std::size_t seen = 0;
+    while (received.load() < messages && Clock::now() - progress < kStall) {
+        if (received.load() != seen) {
+            seen = received.load();
+            progress = Clock::now();
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+    subscription.reset();
+    std::vector<std::shared_ptr<ms::MessageService>> services{subscriber, publisher};
+    disconnectAll(services);
+    std::vector<std::int64_t> sorted;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        sorted = samples;
+    }
+    if (sorted.empty())
+        throw Failure("no message arrived from " + url_);
+    std::sort(sorted.begin(), sorted.end());
+    auto percentile = [&](double p) {
+        const auto index = static_cast<std::size_t>(p * static_cast<double>(sorted.size() - 1));
+        return static_cast<double>(sorted[index]) / 1000.0;
+    };
+    return Latency{percentile(0.5), percentile(0.99), sorted.size()};
+}
+
+double LoadRunner::memoryPerSession(std::size_t sessions, const ChildProcess& hub) {
+    ClientFactory factory;
+    const std::string tag = std::to_string(run_++);
+    std::vector<std::shared_ptr<ms::MessageService>> services;
+    services.reserve(sessions);
+    // A first few sessions warm the hub up, so that what is measured is per session.
+    for (std::size_t i = 0; i < 10; ++i)
+        services.push_back(factory.connect("warm" + tag + "-" + std::to_string(i), url_));
+    std::this_thread::sleep_for(500ms);
+    const std::size_t before = hub.residentBytes();
+    for (std::size_t opened = 0; opened < sessions;) {
+        std::vector<connector::Future<std::shared_ptr<ms::MessageService>>> batch;
+        for (std::size_t i = 0; i < kOpenAtOnce && opened < sessions; ++i, ++opened)
+            batch.push_back(factory.start("idle" + tag + "-" + std::to_string(opened), url_));
+        for (auto& future : batch)
+            services.push_back(await(future, 30s, "cannot open an idle session"));
+    }
+    // Every client sends its connect right after its handshake; give the last ones time to land.
+    std::this_thread::sleep_for(1s);
+    const std::size_t after = hub.residentBytes();
+    disconnectAll(services);
+    return after > before ? static_cast<double>(after - before) / static_cast<double>(sessions)
+                          : 0.0;
+}
+
+}  // namespace orvale::app

@@ -1,0 +1,41 @@
+#pragma once
+// The load of `orvale bench`, made by client message services against any Bayeux endpoint:
+// deliveries per second with one publisher and one or four subscribers, latency at a fixed
+// publication rate, and the hub's memory per idle session.
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+
+namespace orvale::app {
+
+class ChildProcess;
+
+struct Latency {
+    double p50Micros = 0;
+    double p99Micros = 0;
+    std::size_t samples = 0;
+};
+
+class LoadRunner {
+  public:
+    explicit LoadRunner(std::string url);
+    ~LoadRunner();
+
+    // One publisher sends `messages` as fast as the window of unanswered publishes allows;
+    // returns deliveries per second over all `subscribers`, from the first publish to the last
+    // delivery.
+    double throughput(std::size_t subscribers, std::size_t messages);
+    // One publisher at `rate` messages per second for `duration`, one subscriber; the first
+    // tenth of the run warms up and is not counted.
+    Latency latency(std::size_t rate, std::chrono::milliseconds duration);
+    // Opens `sessions` idle client services, each with its connect held by the hub, and returns
+    // the growth of `hub`'s resident memory divided by `sessions`.
+    double memoryPerSession(std::size_t sessions, const ChildProcess& hub);
+
+  private:
+    std::string url_;
+    std::size_t run_ = 0;  // makes service names unique across runs
+};
+
+}  // namespace orvale::app

@@ -1,0 +1,127 @@
+#include "process.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <thread>
+
+#include "cli.h"
+
+extern char** environ;
+
+namespace orvale::app {
+
+ChildProcess::ChildProcess(const std::vector<std::string>& argv) : description_(argv.at(0)) {
+    int in[2];
+    int out[2];
+    if (pipe2(in, O_CLOEXEC) != 0)
+        throw Failure("cannot make a pipe: " + std::string(std::strerror(errno)));
+    if (pipe2(out, O_CLOEXEC) != 0) {
+        ::close(in[0]);
+        ::close(in[1]);
+        throw Failure("cannot make a pipe: " + std::string(std::strerror(errno)));
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+    // The child starts with the default signal mask, whatever this process blocks.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+    std::vector<char*> args;
+    for (const auto& arg : argv)
+        args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+    const int result = posix_spawnp(&pid_, args[0], &actions, &attributes, args.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+    ::close(in[0]);
+    ::close(out[1]);
+    if (result != 0) {
+        ::close(in[1]);
+        ::close(out[0]);
+        pid_ = -1;
+        throw Failure("cannot start " + description_ + ": " + std::strerror(result));
+    }
+    stdinFd_ = in[1];
+    stdoutFd_ = out[0];
+}
+
+ChildProcess::~ChildProcess() {
+    if (stdinFd_ >= 0)
+        ::close(stdinFd_);
+    if (stdoutFd_ >= 0)
+        ::close(stdoutFd_);
+    if (pid_ <= 0)
+        return;
+    ::kill(pid_, SIGTERM);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (::waitpid(pid_, nullptr, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+std::string ChildProcess::firstLine(std::chrono::milliseconds timeout) {
+    std::string line;
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (true) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0)
+            throw Failure(description_ + " did not start in time");
+        pollfd pfd{stdoutFd_, POLLIN, 0};
+        const int ready = ::poll(&pfd, 1, static_cast<int>(left.count()));
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready <= 0)
+            continue;
+        char c = 0;
+        const ssize_t n = ::read(stdoutFd_, &c, 1);
+        if (n <= 0)
+            throw Failure(description_ + " exited before it was ready");
+        if (c == '\n')
+            return line;
+        line.push_back(c);
+    }
+}
+
+std::size_t ChildProcess::residentBytes() const {
+    std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
+    std::string key;
+    while (status >> key) {
+        if (key == "VmRSS:") {
+            std::size_t kib = 0;
+            status >> kib;
+            return kib * 1024;
+        }
+        std::string rest;
+        std::getline(status, rest);
+    }
+    throw Failure("cannot read the memory of " + description_);
+}
+
+std::string selfExecutable() {
+    char buffer[4096];
+    const ssize_t n = ::readlink("/proc/self/exe", buffer, sizeof buffer - 1);
+    if (n <= 0)
+        throw Failure("cannot find the orvale executable");
+    return std::string(buffer, static_cast<std::size_t>(n));
+}
+
+}  // namespace orvale::app

@@ -1,0 +1,79 @@
+// orvale serve: a Bayeux hub until SIGINT or SIGTERM.
+
+#include <iostream>
+
+#include "cli.h"
+#include "commands.h"
+#include "connector/bayeux/endpoint.h"
+#include "signals.h"
+
+namespace orvale::app {
+
+namespace {
+
+const char* const kUsage =
+    R"(usage: orvale serve [--host H] [--port P] [--path /bayeux] [--api-key K]
+                   [--cert FILE --key FILE] [--connect-timeout MS] [--session-timeout MS]
+                   [--max-sessions N]
+
+Serves Bayeux clients (CometD, Faye, orvale client services) over WebSocket and HTTP
+long-polling at ws://H:P/path, printing that URL on the first line of stdout, until SIGINT or
+SIGTERM.
+
+  --host H               address to listen on (default 127.0.0.1)
+  --port P               port (default 8080; 0 picks a free one)
+  --path /bayeux         path of the endpoint (default /bayeux)
+  --api-key K            handshakes must carry ext.orvapikey equal to K
+  --cert, --key          PEM certificate and key: serve wss:// and https://
+  --connect-timeout MS   how long a /meta/connect is held (default 25000)
+  --session-timeout MS   a session without /meta/connect for this long ends (default 45000)
+  --max-sessions N       handshakes beyond N sessions are refused (default 100000)
+)";
+
+}  // namespace
+
+int runServe(const Words& words) {
+    const Args args(words,
+                    {"--host", "--port", "--path", "--api-key", "--cert", "--key",
+                     "--connect-timeout", "--session-timeout", "--max-sessions"},
+                    {"--help"});
+    if (args.has("--help")) {
+        std::cout << kUsage;
+        return 0;
+    }
+    if (!args.positional().empty())
+        throw UsageError("unexpected argument '" + args.positional().front() + "'");
+    connector::bayeux::EndpointOptions options;
+    options.host = args.value("--host", options.host);
+    options.port = static_cast<std::uint16_t>(args.number("--port", 8080, 0, 65535));
+    options.path = args.value("--path", options.path);
+    if (options.path.empty() || options.path[0] != '/')
+        throw UsageError("--path must start with '/'");
+    options.apiKey = args.value("--api-key", "");
+    options.certFile = args.value("--cert", "");
+    options.keyFile = args.value("--key", "");
+    if (options.certFile.empty() != options.keyFile.empty())
+        throw UsageError("--cert and --key go together");
+    options.connectTimeout = std::chrono::milliseconds(
+        args.number("--connect-timeout", options.connectTimeout.count(), 0, 3600000));
+    options.sessionTimeout = std::chrono::milliseconds(
+        args.number("--session-timeout", options.sessionTimeout.count(), 1, 86400000));
+    options.maxSessions = args.number("--max-sessions", options.maxSessions, 1, 10000000);
+
+    auto server = connector::bayeux::makeBayeuxServer();
+    std::unique_ptr<connector::bayeux::BayeuxEndpoint> endpoint;
+    try {
+        endpoint = connector::bayeux::startBayeuxEndpoint(server, options);
+    } catch (const std::exception& e) {
+        throw Failure(e.what());
+    }
+    const bool secure = !options.certFile.empty();
+    std::cout << (secure ? "wss://" : "ws://") << options.host << ":" << endpoint->port()
+              << options.path << std::endl;
+    const std::atomic<bool> never{false};
+    waitForStop(never);
+    endpoint->stop();
+    return 0;
+}
+
+}  // namespace orvale::app
