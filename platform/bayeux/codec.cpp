@@ -119,6 +119,11 @@ void appendDouble(std::string& out, double value) {
         out.append("null");
         return;
     }
+    // "-0" would read back as the integer 0; the fraction keeps it a negative zero.
+    if (value == 0 && std::signbit(value)) {
+        out.append("-0.0");
+        return;
+    }
     char buffer[64];
     auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
     out.append(buffer, result.ptr);
@@ -190,10 +195,149 @@ bool isMetaChannel(std::string_view channel) {
     return channel.compare(0, 6, "/meta/") == 0 || channel == "/meta";
 }
 
+// The source text of the `data` and `ext` members of one element. They are handed on as the
+// peer wrote them: re-serializing would cost time, and this Boost.JSON release does not always
+// parse long or large decimals to the nearest double, so their values could drift on each hop.
+struct RawMembers {
+    std::optional<std::string_view> data;
+    std::optional<std::string_view> ext;
+};
+
+// Walks a frame that Boost.JSON has already accepted, so it only needs to find boundaries.
+class RawScanner {
+  public:
+    explicit RawScanner(std::string_view text) : text_(text) {}
+
+    // One entry per element of a top-level array, or one for a top-level object.
+    std::vector<RawMembers> elements() {
+        std::vector<RawMembers> out;
+        skipSpace();
+        if (at('{')) {
+            out.push_back(members());
+        } else if (at('[')) {
+            ++pos_;
+            skipSpace();
+            while (pos_ < text_.size() && !at(']')) {
+                if (at('{'))
+                    out.push_back(members());
+                else {
+                    skipValue();
+                    out.emplace_back();
+                }
+                skipSpace();
+                if (at(','))
+                    ++pos_;
+                skipSpace();
+            }
+        }
+        return out;
+    }
+
+  private:
+    bool at(char c) const { return pos_ < text_.size() && text_[pos_] == c; }
+
+    void skipSpace() {
+        while (pos_ < text_.size() && (text_[pos_] == ' ' || text_[pos_] == '\t' ||
+                                       text_[pos_] == '\n' || text_[pos_] == '\r'))
+            ++pos_;
+    }
+
+    // From an opening quote to just past the closing one.
+    void skipString() {
+        ++pos_;
+        while (pos_ < text_.size() && text_[pos_] != '"')
+            pos_ += text_[pos_] == '\\' ? 2 : 1;
+        ++pos_;
+    }
+
+    // Any value; containers by counting brackets, so depth costs no recursion.
+    void skipValue() {
+        if (at('"'))
+            return skipString();
+        if (at('{') || at('[')) {
+            std::size_t depth = 0;
+            do {
+                const char c = text_[pos_];
+                if (c == '"') {
+                    skipString();
+                    continue;
+                }
+                if (c == '{' || c == '[')
+                    ++depth;
+                if (c == '}' || c == ']')
+                    --depth;
+                ++pos_;
+            } while (depth > 0 && pos_ < text_.size());
+            return;
+        }
+        while (pos_ < text_.size() && text_[pos_] != ',' && text_[pos_] != '}' &&
+               text_[pos_] != ']' && text_[pos_] != ' ' && text_[pos_] != '\t' &&
+               text_[pos_] != '\n' && text_[pos_] != '\r')
+            ++pos_;
+    }
+
+    // The key at pos_ decoded, as far as telling "data" and "ext" apart needs.
+    std::string key() {
+        const std::size_t start = pos_ + 1;
+        skipString();
+        std::string_view raw = text_.substr(start, pos_ - start - 1);
+        if (raw.find('\\') == std::string_view::npos)
+            return std::string(raw);
+        std::string decoded;
+        for (std::size_t i = 0; i < raw.size(); ++i) {
+            if (raw[i] != '\\' || i + 1 >= raw.size()) {
+                decoded.push_back(raw[i]);
+                continue;
+            }
+            const char e = raw[++i];
+            if (e == 'u' && i + 4 < raw.size()) {
+                unsigned value = 0;
+                std::from_chars(raw.data() + i + 1, raw.data() + i + 5, value, 16);
+                decoded.push_back(value < 0x80 ? static_cast<char>(value) : '?');
+                i += 4;
+            } else {
+                decoded.push_back(e == '"' || e == '\\' || e == '/' ? e : '?');
+            }
+        }
+        return decoded;
+    }
+
+    RawMembers members() {
+        RawMembers out;
+        ++pos_;
+        skipSpace();
+        while (pos_ < text_.size() && at('"')) {
+            const std::string name = key();
+            skipSpace();
+            if (at(':'))
+                ++pos_;
+            skipSpace();
+            const std::size_t start = pos_;
+            skipValue();
+            const std::string_view value = text_.substr(start, pos_ - start);
+            // A repeated member counts once, the last one, as for every other member.
+            if (name == "data")
+                out.data = value;
+            if (name == "ext")
+                out.ext = value;
+            skipSpace();
+            if (at(','))
+                ++pos_;
+            skipSpace();
+        }
+        if (at('}'))
+            ++pos_;
+        return out;
+    }
+
+    std::string_view text_;
+    std::size_t pos_ = 0;
+};
+
 // Typed access to the members of one message object; a mistyped member is a Problem.
 class Fields {
   public:
-    explicit Fields(const json::object& object) : object_(object) {}
+    Fields(const json::object& object, const RawMembers& raw) : object_(object), raw_(raw) {}
 
     const json::value* find(std::string_view name) const { return object_.if_contains(name); }
     bool has(std::string_view name) const { return find(name) != nullptr; }
@@ -255,6 +399,49 @@ class Fields {
 
     // A subscription is a pattern or an array of them; a message holds one, so the first is kept.
     std::string subscription(bool required) const {
+        std::string pattern = firstSubscription(required);
+        if (required && pattern.empty())
+            throw Problem("subscription is empty");
+        return pattern;
+    }
+
+    std::optional<Advice> advice() const {
+        const json::value* v = find("advice");
+        if (!v)
+            return std::nullopt;
+        if (!v->is_object())
+            throw Problem("advice is not an object");
+        const json::object& object = v->get_object();
+        Advice advice;
+        if (const json::value* r = object.if_contains("reconnect")) {
+            if (!r->is_string())
+                throw Problem("advice.reconnect is not a string");
+            advice.reconnect = toStdString(r->get_string());
+        }
+        advice.interval = milliseconds(object, "interval");
+        advice.timeout = milliseconds(object, "timeout");
+        return advice;
+    }
+
+    std::string ext() const {
+        if (!raw_.ext)
+            return {};
+        if (raw_.ext->empty() || raw_.ext->front() != '{')
+            throw Problem("ext is not an object");
+        return std::string(*raw_.ext);
+    }
+
+    std::string data(bool required) const {
+        if (!raw_.data) {
+            if (required)
+                throw Problem("missing data");
+            return {};
+        }
+        return std::string(*raw_.data);
+    }
+
+  private:
+    std::string firstSubscription(bool required) const {
         const json::value* v = find("subscription");
         if (!v) {
             if (required)
@@ -277,44 +464,6 @@ class Fields {
         throw Problem("subscription is neither a string nor an array");
     }
 
-    std::optional<Advice> advice() const {
-        const json::value* v = find("advice");
-        if (!v)
-            return std::nullopt;
-        if (!v->is_object())
-            throw Problem("advice is not an object");
-        const json::object& object = v->get_object();
-        Advice advice;
-        if (const json::value* r = object.if_contains("reconnect")) {
-            if (!r->is_string())
-                throw Problem("advice.reconnect is not a string");
-            advice.reconnect = toStdString(r->get_string());
-        }
-        advice.interval = milliseconds(object, "interval");
-        advice.timeout = milliseconds(object, "timeout");
-        return advice;
-    }
-
-    std::string ext() const {
-        const json::value* v = find("ext");
-        if (!v)
-            return {};
-        if (!v->is_object())
-            throw Problem("ext is not an object");
-        return toText(*v);
-    }
-
-    std::string data(bool required) const {
-        const json::value* v = find("data");
-        if (!v) {
-            if (required)
-                throw Problem("missing data");
-            return {};
-        }
-        return toText(*v);
-    }
-
-  private:
     static std::int64_t milliseconds(const json::object& advice, std::string_view name) {
         const json::value* v = advice.if_contains(name);
         if (!v)
@@ -335,6 +484,7 @@ class Fields {
     }
 
     const json::object& object_;
+    const RawMembers& raw_;
 };
 
 // Fields every message may carry.
@@ -346,8 +496,9 @@ void readCommon(const Fields& fields, BayeuxMessage& message) {
         message.setAdvice(std::move(*advice));
 }
 
-std::unique_ptr<BayeuxMessage> decodeServerMessage(const json::object& object) {
-    Fields fields(object);
+std::unique_ptr<BayeuxMessage> decodeServerMessage(const json::object& object,
+                                                   const RawMembers& raw) {
+    Fields fields(object, raw);
     std::string channel = fields.channel();
     std::unique_ptr<BayeuxMessage> message;
     if (fields.has("successful")) {
@@ -389,8 +540,9 @@ std::unique_ptr<BayeuxMessage> decodeServerMessage(const json::object& object) {
     return message;
 }
 
-std::unique_ptr<BayeuxMessage> decodeClientMessage(const json::object& object) {
-    Fields fields(object);
+std::unique_ptr<BayeuxMessage> decodeClientMessage(const json::object& object,
+                                                   const RawMembers& raw) {
+    Fields fields(object, raw);
     std::string channel = fields.channel();
     std::unique_ptr<BayeuxMessage> message;
     if (channel == meta::handshake) {
@@ -423,16 +575,16 @@ std::unique_ptr<BayeuxMessage> decodeClientMessage(const json::object& object) {
     return message;
 }
 
-using ElementDecoder = std::unique_ptr<BayeuxMessage> (*)(const json::object&);
+using ElementDecoder = std::unique_ptr<BayeuxMessage> (*)(const json::object&, const RawMembers&);
 
-void decodeElement(const json::value& element, std::size_t index, ElementDecoder decoder,
-                   Decoded& out) {
+void decodeElement(const json::value& element, const RawMembers& raw, std::size_t index,
+                   ElementDecoder decoder, Decoded& out) {
     if (!element.is_object()) {
         out.errors.push_back("message " + std::to_string(index) + ": not an object");
         return;
     }
     try {
-        out.messages.push_back(decoder(element.get_object()));
+        out.messages.push_back(decoder(element.get_object(), raw));
     } catch (const Problem& problem) {
         out.errors.push_back("message " + std::to_string(index) + ": " + problem.what());
     }
@@ -458,15 +610,22 @@ Decoded decodeFrame(std::string_view frame, ElementDecoder decoder) {
             out.errors.push_back("invalid JSON: " + ec.message());
             return out;
         }
+        if (!root.is_array() && !root.is_object()) {
+            out.errors.push_back("frame is neither an array nor an object");
+            return out;
+        }
+        const std::vector<RawMembers> raw = RawScanner(frame).elements();
         if (root.is_array()) {
             const json::array& elements = root.get_array();
+            if (raw.size() != elements.size()) {
+                out.errors.push_back("frame could not be scanned");  // cannot happen to valid JSON
+                return out;
+            }
             out.messages.reserve(elements.size());
             for (std::size_t i = 0; i < elements.size(); ++i)
-                decodeElement(elements[i], i, decoder, out);
-        } else if (root.is_object()) {
-            decodeElement(root, 0, decoder, out);
-        } else {
-            out.errors.push_back("frame is neither an array nor an object");
+                decodeElement(elements[i], raw[i], i, decoder, out);
+        } else if (raw.size() == 1) {
+            decodeElement(root, raw[0], 0, decoder, out);
         }
     } catch (const std::exception& e) {
         // Only allocation failure gets here; what decoded so far is kept.
