@@ -33,9 +33,9 @@ void MessageServiceClientImpl::deliver(MessagePtr&& message) {
         publish && typeid(*publish) == typeid(bayeux::PublishRequest)) {
         message.release();
         handle(std::unique_ptr<bayeux::PublishRequest>(publish));
-    } else if (auto* container = dynamic_cast<bayeux::BayeuxContainer*>(message.get())) {
-        message.release();
-        handle(std::unique_ptr<bayeux::BayeuxContainer>(container));
+    } else if (typeid(*message) == typeid(bayeux::BayeuxContainer)) {
+        handle(std::unique_ptr<bayeux::BayeuxContainer>(
+            static_cast<bayeux::BayeuxContainer*>(message.release())));
     } else {
         logger_.log(log::error, "Unexpected message: ", log::typeName(*message));
     }

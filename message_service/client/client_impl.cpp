@@ -4,6 +4,7 @@
 #include "connector/message_service/client_impl.h"
 
 #include <stdexcept>
+#include <utility>
 
 #include "client_request.h"
 #include "connector/message_service/module_logger.h"
@@ -156,9 +157,13 @@ Future<ConnectionState> MessageServiceClientImpl::handle(
             self->logger_.log(log::error, "Error handling inbound message: ", e.what());
         }
     });
-    outboundPublisher_ = outbound;
-    inboundSubscriber_ = inbound;
+    // A transport replaced by a new connect goes away only after the lock is released: its
+    // teardown calls into the old transport and back into this instance.
+    auto replacedOutbound = std::exchange(outboundPublisher_, outbound);
+    auto replacedInbound = std::exchange(inboundSubscriber_, inbound);
     lock.unlock();
+    replacedInbound.reset();
+    replacedOutbound.reset();
 
     // The transport is called with no lock held: it may deliver at once on its own thread.
     outbound->subscribe(response->getOutbound());
@@ -263,15 +268,16 @@ Future<DisconnectResult> MessageServiceClientImpl::disconnect() {
 
     return send<bayeux::DisconnectResponse>(std::move(request))
         .then([weak, drained](Future<std::unique_ptr<bayeux::DisconnectResponse>>&& answered) {
+            // A disconnect started by the destructor ends here, its pending answer abandoned.
+            auto self = weak.lock();
+            if (!self)
+                throw std::runtime_error("Disconnected but MessageService instance is gone");
             try {
                 answered.get();
             } catch (const std::exception& e) {
                 moduleLogger().log(log::error, "Error disconnecting: ", e.what());
                 throw;
             }
-            auto self = weak.lock();
-            if (!self)
-                throw std::runtime_error("Disconnected but MessageService instance is gone");
             std::unique_lock<std::mutex> lock(self->mutex_);
             self->setState(ConnectionState::DISCONNECTED, lock);
             return DisconnectResult(true);

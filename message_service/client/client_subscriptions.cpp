@@ -6,6 +6,7 @@
 #include "connector/message_service/channel_rules.h"
 #include "connector/message_service/client_impl.h"
 #include "connector/message_service/module_logger.h"
+#include "connector/message_service/take_if.h"
 
 namespace connector::message_service {
 
@@ -73,10 +74,9 @@ Future<CancelResult> MessageServiceClientImpl::unsubscribeId(
         }
         entry = holders.empty() ? subscriptions_.erase(entry) : std::next(entry);
     }
-    stateListeners_.erase(
-        std::remove_if(stateListeners_.begin(), stateListeners_.end(),
-                       [id](const auto& listener) { return listener.first == id; }),
-        stateListeners_.end());
+    // Cancelled listeners are destroyed after the unlock: what they capture may call back in.
+    auto cancelledListeners =
+        takeIf(stateListeners_, [id](const auto& l) { return l.first == id; });
     if (state_ != ConnectionState::CONNECTED || removed.empty()) {
         lock.unlock();
         return makeReadyFuture<CancelResult>(true);

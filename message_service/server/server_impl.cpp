@@ -7,6 +7,7 @@
 #include "connector/common/delay.h"
 #include "connector/message_service/channel_rules.h"
 #include "connector/message_service/module_logger.h"
+#include "connector/message_service/take_if.h"
 
 namespace connector::message_service {
 
@@ -153,6 +154,10 @@ Future<CancelResult> MessageServiceServerImpl::unsubscribeId(
     std::uint64_t id, const std::shared_ptr<common::ContextState>& /*context*/) {
     logger_.log(log::trace, "Unsubscribe: ", id);
     std::vector<std::pair<std::string, std::shared_ptr<SubscriptionHolder>>> removed;
+    // Cancelled listeners are destroyed after the unlock: what they capture may call back in.
+    decltype(subscribeListeners_) cancelledSubscribe;
+    decltype(unsubscribeListeners_) cancelledUnsubscribe;
+    decltype(stateListeners_) cancelledState;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         for (auto it = subscriptions_.begin(); it != subscriptions_.end();) {
@@ -167,14 +172,10 @@ Future<CancelResult> MessageServiceServerImpl::unsubscribeId(
             }
             it = holders.empty() ? subscriptions_.erase(it) : std::next(it);
         }
-        auto dropId = [id](auto& list) {
-            list.erase(std::remove_if(list.begin(), list.end(),
-                                      [id](const auto& r) { return r.id == id; }),
-                       list.end());
-        };
-        dropId(subscribeListeners_);
-        dropId(unsubscribeListeners_);
-        dropId(stateListeners_);
+        auto matchesId = [id](const auto& record) { return record.id == id; };
+        cancelledSubscribe = takeIf(subscribeListeners_, matchesId);
+        cancelledUnsubscribe = takeIf(unsubscribeListeners_, matchesId);
+        cancelledState = takeIf(stateListeners_, matchesId);
     }
     for (const auto& [channel, holder] : removed)
         bayeuxServer_->acceptUnsubscribe(

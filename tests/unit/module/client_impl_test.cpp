@@ -394,6 +394,33 @@ TEST_F(ClientTest, ClosedTransportFailsPendingRequestsAndDisconnects) {
     EXPECT_EQ(client->getState(), ConnectionState::CONNECTED);
 }
 
+TEST_F(ClientTest, ReconnectingReplacesAnOpenTransport) {
+    auto client = make();
+    connect(client);
+    auto done = client->disconnect();
+    answer<bx::DisconnectResponse>(2);
+    ASSERT_TRUE(done.get().success);
+    // The first transport is still open; connecting again replaces it without deadlocking.
+    connect(client);
+    EXPECT_EQ(transport->connects(), 2);
+    EXPECT_EQ(client->getState(), ConnectionState::CONNECTED);
+}
+
+TEST_F(ClientTest, CancellingAListenerThatHoldsAHandleOfTheSameService) {
+    auto client = make();
+    connect(client);
+    auto pending = client->subscribe("/a", [](const JsonMessage&) {});
+    answer<bx::SubscribeResponse>(2);
+    std::shared_ptr<Subscription> channel = pending.get();
+    // The listener owns the only reference to the channel handle: cancelling the listener
+    // destroys it, which cancels the channel subscription through the same service.
+    auto listener = client->listenStateChange([channel](const StateChangeEvent&) {}).get();
+    channel.reset();
+    listener->unsubscribe();
+    ASSERT_TRUE(transport->waitSent(4));
+    EXPECT_NE(transport->sent<bx::UnsubscribeRequest>(3), nullptr);
+}
+
 TEST_F(ClientTest, StateListenersCancelAndThrowSafely) {
     orvale::test::LogCapture capture;
     auto client = make();

@@ -187,6 +187,16 @@ TEST_F(ServerImplTest, StateListenerIdCancelsThroughUnsubscribeId) {
     EXPECT_EQ(calls, 0);
 }
 
+TEST_F(ServerImplTest, CancellingAListenerThatHoldsAHandleOfTheSameService) {
+    auto service = make();
+    auto channel = service->subscribe("/a", [](const JsonMessage&) {}).get();
+    auto listener = service->listenSubscribe("/b", [channel](const SubscribeEvent&) {}).get();
+    channel.reset();
+    listener->unsubscribe().get();
+    ASSERT_EQ(server->unsubscribes.size(), 1u);
+    EXPECT_EQ(server->unsubscribes[0]->getChannel(), "/orvale/a");
+}
+
 TEST_F(ServerImplTest, ChannelChecksOfOrdinaryAndSharedServices) {
     auto ordinary = make();
     auto shared = make("shared");
