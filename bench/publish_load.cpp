@@ -13,32 +13,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
-#include <new>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "allocation_counter.h"
 #include "connector/message_service.h"
-
-namespace {
-
-// Every heap allocation of the process, to count allocations per message.
-std::atomic<long> allocations{0};
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void* p = std::malloc(size ? size : 1))
-        return p;
-    throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-    std::free(p);
-}
 
 namespace {
 
@@ -153,7 +133,8 @@ double throughput(int publishers, int subscribers, long perPublisher, long* allo
     const long expected = perPublisher * publishers * subscribers;
     const std::string payload = "{\"n\":12345}";
 
-    const long allocatedBefore = allocations.load();
+    if (allocationsPerMessage)
+        orvale::bench::startCountingAllocations();
     const auto start = Clock::now();
     std::vector<std::thread> threads;
     for (int p = 0; p < publishers; ++p)
@@ -169,7 +150,8 @@ double throughput(int publishers, int subscribers, long perPublisher, long* allo
     if (allocationsPerMessage) {
         // The payload's own std::string is one allocation per publish; it is not counted.
         const long messages = perPublisher * publishers;
-        *allocationsPerMessage = (allocations.load() - allocatedBefore) / messages - 1;
+        const auto counted = static_cast<long>(orvale::bench::stopCountingAllocations());
+        *allocationsPerMessage = counted / messages - 1;
     }
     return expected / elapsed;
 }

@@ -73,18 +73,7 @@ void MessageServiceClientImpl::setState(ConnectionState newState,
     auto listeners = stateListeners_;
     lock.unlock();
     logger_.log(log::trace, "Setting state to: ", newState, ", current state: ", previous);
-    const StateChangeEvent event{previous, newState};
-    for (const auto& listener : listeners) {
-        try {
-            listener.second(event);
-        } catch (const std::exception& e) {
-            logger_.log(log::error, "Error executing state change listener: ", previous, "->",
-                        newState, ", ", e.what());
-        } catch (...) {
-            logger_.log(log::error, "Unknown error executing state change listener: ", previous,
-                        "->", newState);
-        }
-    }
+    notifyStateListeners(listeners, previous, newState, logger_);
 }
 
 Future<std::shared_ptr<Subscription>> MessageServiceClientImpl::listenStateChange(
@@ -93,7 +82,7 @@ Future<std::shared_ptr<Subscription>> MessageServiceClientImpl::listenStateChang
         std::static_pointer_cast<Unsubscribeable>(shared_from_this());
     std::unique_lock<std::mutex> lock(mutex_);
     const std::uint64_t id = nextSubscriptionId_++;
-    stateListeners_.emplace_back(id, std::move(callback));
+    stateListeners_.push_back({std::move(callback), id});
     lock.unlock();
     return makeReadyFuture<std::shared_ptr<Subscription>>(
         std::make_shared<SubscriptionImpl2>(id, std::move(self), nullptr));
@@ -258,10 +247,7 @@ Future<DisconnectResult> MessageServiceClientImpl::disconnect() {
         return makeReadyFuture<DisconnectResult>(true);
     logger_.log(log::trace, "Disconnecting from: ", endpoint(), ", ", clientId_);
     // The drained subscriptions are released once the disconnect has been answered.
-    auto drained = std::make_shared<std::vector<std::pair<std::string, Holders>>>();
-    for (auto& entry : subscriptions_)
-        drained->emplace_back(entry.first, std::move(entry.second));
-    subscriptions_.clear();
+    auto drained = std::make_shared<TakenHolders>(takeAllHolders(subscriptions_));
     auto request = std::make_unique<bayeux::DisconnectRequest>(clientId_);
     std::weak_ptr<MessageServiceClientImpl> weak = weak_from_this();
     setState(ConnectionState::DISCONNECTING, lock);

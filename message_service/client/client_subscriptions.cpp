@@ -60,23 +60,10 @@ Future<std::shared_ptr<Subscription>> MessageServiceClientImpl::subscribeWithCon
 Future<CancelResult> MessageServiceClientImpl::unsubscribeId(
     std::uint64_t id, const std::shared_ptr<common::ContextState>& context) {
     logger_.log(log::trace, "Unsubscribe: ", id);
-    std::vector<std::pair<std::string, std::shared_ptr<SubscriptionHolder>>> removed;
     std::unique_lock<std::mutex> lock(mutex_);
-    for (auto entry = subscriptions_.begin(); entry != subscriptions_.end();) {
-        auto& holders = entry->second;
-        for (auto holder = holders.begin(); holder != holders.end();) {
-            if ((*holder)->id == id) {
-                removed.emplace_back(entry->first, std::move(*holder));
-                holder = holders.erase(holder);
-            } else {
-                ++holder;
-            }
-        }
-        entry = holders.empty() ? subscriptions_.erase(entry) : std::next(entry);
-    }
+    TakenHolders removed = takeHolders(subscriptions_, id);
     // Cancelled listeners are destroyed after the unlock: what they capture may call back in.
-    auto cancelledListeners =
-        takeIf(stateListeners_, [id](const auto& l) { return l.first == id; });
+    auto cancelledListeners = takeIf(stateListeners_, [id](const auto& l) { return l.id == id; });
     if (state_ != ConnectionState::CONNECTED || removed.empty()) {
         lock.unlock();
         return makeReadyFuture<CancelResult>(true);

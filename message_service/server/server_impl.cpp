@@ -65,18 +65,7 @@ void MessageServiceServerImpl::setState(ConnectionState newState,
     state_ = newState;
     std::vector<StateListenerRecord> listeners = stateListeners_;
     lock.unlock();
-    const StateChangeEvent event{previous, newState};
-    for (const auto& listener : listeners) {
-        try {
-            listener.callback(event);
-        } catch (const std::exception& e) {
-            logger_.log(log::error, "Error executing state change listener: ", previous, "->",
-                        newState, ", ", e.what());
-        } catch (...) {
-            logger_.log(log::error, "Unknown error executing state change listener: ", previous,
-                        "->", newState);
-        }
-    }
+    notifyStateListeners(listeners, previous, newState, logger_);
 }
 
 Future<std::shared_ptr<Subscription>> MessageServiceServerImpl::listenStateChange(
@@ -98,11 +87,7 @@ Future<DisconnectResult> MessageServiceServerImpl::disconnect() {
 
 void MessageServiceServerImpl::doDisconnect(bool unregister) {
     std::unique_lock<std::mutex> lock(mutex_);
-    std::vector<std::pair<std::string, std::shared_ptr<SubscriptionHolder>>> removed;
-    for (auto& [channel, holders] : subscriptions_)
-        for (auto& holder : holders)
-            removed.emplace_back(channel, std::move(holder));
-    subscriptions_.clear();
+    TakenHolders removed = takeAllHolders(subscriptions_);
     setState(ConnectionState::DISCONNECTING, lock);
 
     for (const auto& [channel, holder] : removed)
@@ -153,25 +138,14 @@ Future<std::shared_ptr<Subscription>> MessageServiceServerImpl::subscribeWithCon
 Future<CancelResult> MessageServiceServerImpl::unsubscribeId(
     std::uint64_t id, const std::shared_ptr<common::ContextState>& /*context*/) {
     logger_.log(log::trace, "Unsubscribe: ", id);
-    std::vector<std::pair<std::string, std::shared_ptr<SubscriptionHolder>>> removed;
+    TakenHolders removed;
     // Cancelled listeners are destroyed after the unlock: what they capture may call back in.
     decltype(subscribeListeners_) cancelledSubscribe;
     decltype(unsubscribeListeners_) cancelledUnsubscribe;
     decltype(stateListeners_) cancelledState;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        for (auto it = subscriptions_.begin(); it != subscriptions_.end();) {
-            auto& holders = it->second;
-            for (auto holder = holders.begin(); holder != holders.end();) {
-                if ((*holder)->id == id) {
-                    removed.emplace_back(it->first, std::move(*holder));
-                    holder = holders.erase(holder);
-                } else {
-                    ++holder;
-                }
-            }
-            it = holders.empty() ? subscriptions_.erase(it) : std::next(it);
-        }
+        removed = takeHolders(subscriptions_, id);
         auto matchesId = [id](const auto& record) { return record.id == id; };
         cancelledSubscribe = takeIf(subscribeListeners_, matchesId);
         cancelledUnsubscribe = takeIf(unsubscribeListeners_, matchesId);

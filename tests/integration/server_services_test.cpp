@@ -8,11 +8,13 @@
 #include <thread>
 
 #include "connector/message_service.h"
+#include "inbox.h"
 #include "log_capture.h"
 
 namespace connector::message_service {
 namespace {
 
+using orvale::test::Inbox;
 using orvale::test::waitUntil;
 
 class ServerServicesTest : public ::testing::Test {
@@ -28,28 +30,13 @@ class ServerServicesTest : public ::testing::Test {
             std::make_shared<MessageServiceFactoryClientDelegate>(std::make_shared<Context>()));
 };
 
-// Collects delivered messages from any thread.
-struct Inbox {
-    void add(const JsonMessage& m) {
-        std::lock_guard<std::mutex> lock(mutex);
-        items.push_back(m.getChannel() + " " + m.getJson());
-    }
-    std::vector<std::string> snapshot() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return items;
-    }
-    std::size_t size() { return snapshot().size(); }
-    std::mutex mutex;
-    std::vector<std::string> items;
-};
-
 TEST_F(ServerServicesTest, ExactAndWildcardSubscriptionsAcrossServices) {
     auto alice = create("alice");
     auto bob = create("bob");
     Inbox exact, one, deep;
-    auto s1 = bob->subscribe("/news/sport", [&](const JsonMessage& m) { exact.add(m); }).get();
-    auto s2 = bob->subscribe("/news/*", [&](const JsonMessage& m) { one.add(m); }).get();
-    auto s3 = bob->subscribe("/news/**", [&](const JsonMessage& m) { deep.add(m); }).get();
+    auto s1 = bob->subscribe("/news/sport", exact.sink()).get();
+    auto s2 = bob->subscribe("/news/*", one.sink()).get();
+    auto s3 = bob->subscribe("/news/**", deep.sink()).get();
     alice->publish("/news/sport", "{\"goal\":1}").get();
     alice->publish("/news/sport/live", "2").get();
     alice->publish("/weather", "3").get();
@@ -101,12 +88,12 @@ TEST_F(ServerServicesTest, DisconnectThenResubscribe) {
     auto publisher = create("pub");
     auto service = create("sub");
     Inbox inbox;
-    auto before = service->subscribe("/a", [&](const JsonMessage& m) { inbox.add(m); }).get();
+    auto before = service->subscribe("/a", inbox.sink()).get();
     EXPECT_TRUE(service->disconnect().get().success);
     EXPECT_EQ(service->getState(), ConnectionState::DISCONNECTED);
     publisher->publish("/a", "lost").get();
     // Subscribing works again after a disconnect (the service registers anew) ...
-    auto after = service->subscribe("/a", [&](const JsonMessage& m) { inbox.add(m); }).get();
+    auto after = service->subscribe("/a", inbox.sink()).get();
     publisher->publish("/a", "kept").get();
     ASSERT_TRUE(waitUntil([&] { return inbox.size() == 1; }));
     EXPECT_EQ(inbox.snapshot()[0], "/a kept");
@@ -122,7 +109,7 @@ TEST_F(ServerServicesTest, SharedInstanceAndExistingInstancesThroughTheDelegator
     EXPECT_EQ(create("a"), a);
     EXPECT_EQ(delegator->getMessageService("a"), a);
     Inbox inbox;
-    auto sub = a->subscribe("/free", [&](const JsonMessage& m) { inbox.add(m); }).get();
+    auto sub = a->subscribe("/free", inbox.sink()).get();
     shared->publish("/free", "1").get();
     ASSERT_TRUE(waitUntil([&] { return inbox.size() == 1; }));
 }

@@ -6,32 +6,18 @@
 #include <map>
 
 #include "connector/message_service.h"
+#include "inbox.h"
 #include "log_capture.h"
 #include "node_process.h"
 
 namespace connector::message_service {
 namespace {
 
+using orvale::test::Inbox;
 using orvale::test::NodeProcess;
 using orvale::test::waitUntil;
 using namespace std::chrono_literals;
 
-// Collects what a subscription receives, from the transport thread.
-struct Inbox {
-    std::function<void(const JsonMessage&)> sink() {
-        return [this](const JsonMessage& m) {
-            std::lock_guard<std::mutex> lock(mutex);
-            items.push_back(m.getChannel() + " " + m.getJson());
-        };
-    }
-    std::vector<std::string> snapshot() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return items;
-    }
-    std::size_t size() { return snapshot().size(); }
-    std::mutex mutex;
-    std::vector<std::string> items;
-};
 
 class ClientServiceWithFaye : public ::testing::Test {
   protected:

@@ -22,6 +22,7 @@
 #include "connector/log/diagnostic_logger.h"
 #include "connector/message_service/cached_value_publisher.h"
 #include "connector/message_service/message_service.h"
+#include "connector/message_service/service_records.h"
 
 namespace connector::message_service {
 
@@ -70,7 +71,6 @@ class MessageServiceClientImpl : public MessageService,
     using MessagePtr = std::unique_ptr<Message>;
     using OutboundPublisher = reactive_streams::CachedValuePublisher<MessagePtr>;
     using InboundSubscriber = reactive_streams::CallbackSubscriber<MessagePtr>;
-    using Holders = std::list<std::shared_ptr<SubscriptionHolder>>;
 
     // Numbers the request, records its pending promise and pushes it to the transport.
     template <class Resp, class Req>
@@ -99,9 +99,8 @@ class MessageServiceClientImpl : public MessageService,
     std::shared_ptr<InboundSubscriber> inboundSubscriber_;
     std::uint64_t transportGeneration_ = 0;  // tells a current transport from a replaced one
     std::vector<std::pair<std::string, Promise<MessagePtr>>> pendingRequests_;
-    std::unordered_map<std::string, Holders> subscriptions_;
-    std::vector<std::pair<std::uint64_t, std::function<void(const StateChangeEvent&)>>>
-        stateListeners_;
+    SubscriptionTable subscriptions_;
+    std::vector<StateListenerRecord> stateListeners_;
     ConnectionState state_ = ConnectionState::DISCONNECTED;
     std::atomic<std::uint64_t> nextMessageId_{0};
     std::uint64_t nextSubscriptionId_ = 0;

@@ -20,6 +20,7 @@
 #include "connector/bayeux/server.h"
 #include "connector/log/diagnostic_logger.h"
 #include "connector/message_service/message_service.h"
+#include "connector/message_service/service_records.h"
 
 namespace connector::message_service {
 
@@ -76,10 +77,6 @@ class MessageServiceServerImpl : public MessageService,
         std::function<void(const Event&)> callback;
         std::uint64_t id;
     };
-    struct StateListenerRecord {
-        std::function<void(const StateChangeEvent&)> callback;
-        std::uint64_t id;
-    };
 
     void ensureRegisteredWithService(std::unique_lock<std::mutex>& lock);
     void setState(ConnectionState newState, std::unique_lock<std::mutex>& lock);
@@ -99,7 +96,7 @@ class MessageServiceServerImpl : public MessageService,
     const foundation::log::basic_diagnostic_logger<char> logger_;
     const foundation::log::basic_diagnostic_logger<char, foundation::log::json_tagger> jsonLogger_;
     const std::shared_ptr<bayeux::BayeuxServer> bayeuxServer_;
-    std::unordered_map<std::string, std::list<std::shared_ptr<SubscriptionHolder>>> subscriptions_;
+    SubscriptionTable subscriptions_;
     std::vector<ListenerRecord<SubscribeEvent>> subscribeListeners_;
     std::vector<ListenerRecord<UnsubscribeEvent>> unsubscribeListeners_;
     std::vector<StateListenerRecord> stateListeners_;

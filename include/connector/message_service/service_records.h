@@ -1,0 +1,42 @@
+#pragma once
+// What both kinds of service keep about their registrations, and the steps they share on it:
+// the channel subscription table and the state-change listeners.
+
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "connector/log/diagnostic_logger.h"
+#include "connector/message_service/subscription.h"
+#include "connector/message_service/types.h"
+
+namespace connector::message_service {
+
+// Wire channel ("/orvale" + pattern) to its holders, in subscription order. A key exists only
+// while its list is not empty.
+using SubscriptionTable =
+    std::unordered_map<std::string, std::list<std::shared_ptr<SubscriptionHolder>>>;
+// (wire channel, holder) pairs taken out of a table, in table order.
+using TakenHolders = std::vector<std::pair<std::string, std::shared_ptr<SubscriptionHolder>>>;
+
+// Takes every holder with `id` out of `table`, erasing keys that become empty.
+TakenHolders takeHolders(SubscriptionTable& table, std::uint64_t id);
+// Takes every holder out of `table`, which is empty afterwards.
+TakenHolders takeAllHolders(SubscriptionTable& table);
+
+struct StateListenerRecord {
+    std::function<void(const StateChangeEvent&)> callback;
+    std::uint64_t id;
+};
+
+// Calls each listener with one event; a listener that throws is logged and the others still run.
+void notifyStateListeners(const std::vector<StateListenerRecord>& listeners,
+                          ConnectionState previous, ConnectionState next,
+                          const foundation::log::basic_diagnostic_logger<char>& logger);
+
+}  // namespace connector::message_service

@@ -1,0 +1,50 @@
+#include "connector/message_service/service_records.h"
+
+namespace connector::message_service {
+
+namespace log = foundation::log;
+
+TakenHolders takeHolders(SubscriptionTable& table, std::uint64_t id) {
+    TakenHolders taken;
+    for (auto entry = table.begin(); entry != table.end();) {
+        auto& holders = entry->second;
+        for (auto holder = holders.begin(); holder != holders.end();) {
+            if ((*holder)->id == id) {
+                taken.emplace_back(entry->first, std::move(*holder));
+                holder = holders.erase(holder);
+            } else {
+                ++holder;
+            }
+        }
+        entry = holders.empty() ? table.erase(entry) : std::next(entry);
+    }
+    return taken;
+}
+
+TakenHolders takeAllHolders(SubscriptionTable& table) {
+    TakenHolders taken;
+    for (auto& [channel, holders] : table)
+        for (auto& holder : holders)
+            taken.emplace_back(channel, std::move(holder));
+    table.clear();
+    return taken;
+}
+
+void notifyStateListeners(const std::vector<StateListenerRecord>& listeners,
+                          ConnectionState previous, ConnectionState next,
+                          const log::basic_diagnostic_logger<char>& logger) {
+    const StateChangeEvent event{previous, next};
+    for (const auto& listener : listeners) {
+        try {
+            listener.callback(event);
+        } catch (const std::exception& e) {
+            logger.log(log::error, "Error executing state change listener: ", previous, "->", next,
+                       ", ", e.what());
+        } catch (...) {
+            logger.log(log::error, "Unknown error executing state change listener: ", previous,
+                       "->", next);
+        }
+    }
+}
+
+}  // namespace connector::message_service
