@@ -23,7 +23,7 @@ class InboundPublisher : public reactive_streams::Publisher<MessagePtr>,
                          public std::enable_shared_from_this<InboundPublisher> {
   public:
     using Subscriber = reactive_streams::Subscriber<MessagePtr>;
-    // Runs a task later on the delivering thread; never inline.
+    // Runs a task later on the delivering thread; inline only once that thread is gone for good.
     using Executor = std::function<void(std::function<void()>)>;
 
     // `onCancel` is called, with no lock held, when the subscriber cancels.

@@ -33,8 +33,7 @@ IoThread::IoThread()
 }
 
 IoThread::~IoThread() {
-    // No connection is left (each holds this object), so once the work guard goes run() returns
-    // after the handlers already queued.
+    // Once the work guard goes, run() returns as soon as nothing is queued or in progress.
     work_.reset();
     if (onThisThread())
         thread_.detach();

@@ -1,9 +1,10 @@
 #pragma once
 // The one I/O thread of a WebSocket transport service and the io_context it runs.
 //
-// Shared by the service and every connection it opened, so the thread lives while any of them
-// does. The last owner lets run() return and joins the thread; when that owner is a handler on
-// the I/O thread itself the thread is detached instead and ends as soon as that handler returns.
+// Owned by the service alone; connections post through a weak reference and keep only the
+// io_context object alive (their sockets must not outlive it). The destructor lets run() return
+// once no work is left, which the service ensures by closing its connections first, and joins
+// the thread; on the I/O thread itself, where joining is impossible, it detaches it instead.
 // Only included by the transport's own .cpp files.
 
 #include <boost/asio/executor_work_guard.hpp>
@@ -21,7 +22,7 @@ class IoThread {
     IoThread(const IoThread&) = delete;
     IoThread& operator=(const IoThread&) = delete;
 
-    boost::asio::io_context& context() { return *io_; }
+    const std::shared_ptr<boost::asio::io_context>& context() const { return io_; }
     bool onThisThread() const { return std::this_thread::get_id() == id_; }
     // Runs `task` on the I/O thread, never inline.
     void post(std::function<void()> task);

@@ -42,7 +42,7 @@ using error_code = boost::system::error_code;
 const foundation::log::basic_diagnostic_logger<char> logger("connector::bayeux::transport");
 
 // A peer that does not answer our close frame is cut off after this long.
-constexpr std::chrono::seconds kCloseTimeout{3};
+constexpr std::chrono::seconds kCloseTimeout{2};
 // Bytes of an undecodable frame quoted in the log line.
 constexpr std::size_t kQuotedFrameBytes = 200;
 // The read buffer is given back after a frame larger than this.
@@ -76,11 +76,12 @@ class WebSocketConnection final
     template <class... StreamArgs>
     WebSocketConnection(ConnectionSettings settings, Promise<MessagePtr> promise,
                         StreamArgs&&... streamArgs)
-        : io_(settings.io),
+        : context_(settings.context),
+          io_(settings.io),
           settings_(std::move(settings)),
-          resolver_(io_->context()),
+          resolver_(*context_),
           ws_(std::forward<StreamArgs>(streamArgs)...),
-          timer_(io_->context()),
+          timer_(*context_),
           connectPromise_(std::move(promise)),
           closed_(std::make_shared<DoneSignal>()) {
         ws_.read_message_max(settings_.options.maxFrameBytes);
@@ -97,26 +98,32 @@ class WebSocketConnection final
     void start() {
         std::weak_ptr<WebSocketConnection> weak = this->weak_from_this();
         inbound_ = std::make_shared<InboundPublisher>(
-            [io = io_](std::function<void()> task) { io->post(std::move(task)); },
+            // Once the service and its thread are gone, what is left is delivered inline.
+            [io = io_](std::function<void()> task) {
+                if (auto thread = io.lock())
+                    thread->post(std::move(task));
+                else
+                    task();
+            },
             [weak] {
                 if (auto self = weak.lock())
                     self->close();
             });
-        io_->post([self = this->shared_from_this()] { self->beginConnect(); });
+        post([self = this->shared_from_this()] { self->beginConnect(); });
     }
 
     void send(MessagePtr message) override {
-        bool post = false;
+        bool schedule = false;
         {
             std::lock_guard<std::mutex> lock(mutex_);
             if (closeRequested_)
                 return;  // the message is released after the lock
             pending_.push_back(std::move(message));
-            post = !flushPosted_;
+            schedule = !flushPosted_;
             flushPosted_ = true;
         }
-        if (post)
-            io_->post([self = this->shared_from_this()] { self->flush(); });
+        if (schedule)
+            post([self = this->shared_from_this()] { self->flush(); });
     }
 
     void close() override {
@@ -126,11 +133,18 @@ class WebSocketConnection final
                 return;
             closeRequested_ = true;
         }
-        io_->post([self = this->shared_from_this()] { self->onCloseRequested(); });
+        post([self = this->shared_from_this()] { self->onCloseRequested(); });
     }
 
   private:
     enum class Phase { Connecting, Open, Closing, Closed };
+
+    // Runs `task` on the I/O thread; nothing runs once the service has stopped it, since the
+    // service closed every connection before.
+    void post(std::function<void()> task) {
+        if (auto thread = io_.lock())
+            thread->post(std::move(task));
+    }
 
     // ---- connecting
 
@@ -418,7 +432,9 @@ class WebSocketConnection final
             outbound->connectionClosed();
     }
 
-    const std::shared_ptr<IoThread> io_;  // first member: the io_context outlives the socket
+    // First member: the io_context object outlives the socket, resolver and timer below.
+    const std::shared_ptr<asio::io_context> context_;
+    const std::weak_ptr<IoThread> io_;
     const ConnectionSettings settings_;
     tcp::resolver resolver_;
     websocket::stream<NextLayer> ws_;
@@ -444,7 +460,7 @@ class WebSocketConnection final
 
 std::shared_ptr<Connection> openWebSocketConnection(ConnectionSettings settings,
                                                     Promise<MessagePtr> promise) {
-    auto& io = settings.io->context();
+    auto& io = *settings.context;
     if (settings.parts.secure) {
         auto tls = settings.tls;
         auto connection =

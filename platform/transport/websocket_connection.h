@@ -11,9 +11,12 @@
 #include "connector/bayeux/websocket_transport.h"
 #include "ws_url.h"
 
-namespace boost::asio::ssl {
+namespace boost::asio {
+class io_context;
+namespace ssl {
 class context;
 }
+}  // namespace boost::asio
 
 namespace connector::bayeux::transport {
 
@@ -23,8 +26,9 @@ struct ConnectionSettings {
     std::string url;  // as the client gave it, for messages
     WebSocketUrl parts;
     WebSocketTransportOptions options;
-    std::shared_ptr<IoThread> io;
-    std::shared_ptr<boost::asio::ssl::context> tls;  // set for wss://
+    std::weak_ptr<IoThread> io;                        // where to post; gone with the service
+    std::shared_ptr<boost::asio::io_context> context;  // what the sockets are bound to
+    std::shared_ptr<boost::asio::ssl::context> tls;    // set for wss://
     // Where the handshake's API key is read when the handshake is sent.
     std::shared_ptr<common::ContextState> state;
 };

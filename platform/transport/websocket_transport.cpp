@@ -2,7 +2,8 @@
 //
 // The service starts its I/O thread with the first connection and builds its TLS context with
 // the first wss:// URL. When the service itself goes (its Context is destroyed) it closes the
-// connections it opened, so that nothing stays connected behind a context that is gone.
+// connections it opened and joins its thread once they have finished closing, so nothing stays
+// connected or running behind a context that is gone.
 
 #include "connector/bayeux/websocket_transport.h"
 
@@ -66,6 +67,7 @@ class TransportService {
             if (!io_)
                 io_ = std::make_shared<IoThread>();
             settings.io = io_;
+            settings.context = io_->context();
             if (settings.parts.secure) {
                 if (!tls_) {
                     try {

@@ -13,6 +13,7 @@
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/websocket/stream.hpp>
 #include <deque>
+#include <filesystem>
 #include <future>
 #include <thread>
 
@@ -577,6 +578,70 @@ TEST(WebSocketTransport, ReleasingTheStreamsOrTheContextClosesTheConnection) {
         client = Client{};
         EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
     }
+}
+
+std::size_t threadCount() {
+    std::size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        (void)entry;
+        ++count;
+    }
+    return count;
+}
+
+// Asks for nothing until told, and notes the thread of each signal.
+class LateSubscriber : public reactive_streams::Subscriber<MessagePtr> {
+  public:
+    void onSubscribe(std::shared_ptr<reactive_streams::Subscription> subscription) override {
+        this->subscription = std::move(subscription);
+        threads.push_back(std::this_thread::get_id());
+    }
+    void onNext(MessagePtr&&) override {
+        ++received;
+        threads.push_back(std::this_thread::get_id());
+    }
+    void onComplete() override {
+        completed = true;
+        threads.push_back(std::this_thread::get_id());
+    }
+    void onError(std::exception_ptr) override {}
+    Future<bool> done() override { return makeReadyFuture<bool>(true); }
+
+    std::shared_ptr<reactive_streams::Subscription> subscription;
+    int received = 0;
+    bool completed = false;
+    std::vector<std::thread::id> threads;
+};
+
+// The service joins its I/O thread when its context goes; what the connection received before
+// is still handed to a subscriber that comes later, on that subscriber's own thread.
+TEST(WebSocketTransport, ContextDestructionJoinsTheThreadAndKeepsWhatArrived) {
+    TestServer server;
+    const std::size_t before = threadCount();
+    auto context = contextWith();
+    auto future = connectTo(context, server.url());
+    ASSERT_TRUE(future.waitFor(5s));
+    auto response = future.get();
+    auto& open = dynamic_cast<ConnectTransportResponse&>(*response);
+    auto session = server.nextSession();
+    ASSERT_TRUE(session);
+    EXPECT_GT(threadCount(), before);
+
+    auto closed = open.getOutbound()->done();
+    session->send(R"([{"channel":"/kept","data":1}])");
+    session->close();
+    ASSERT_TRUE(closed.waitFor(5s));  // the frame was read before the close
+    context.reset();
+    EXPECT_EQ(threadCount(), before);
+
+    auto late = std::make_shared<LateSubscriber>();
+    open.getInbound()->subscribe(late);
+    ASSERT_TRUE(late->subscription);
+    late->subscription->request(10);
+    EXPECT_EQ(late->received, 1);
+    EXPECT_TRUE(late->completed);
+    for (auto id : late->threads)
+        EXPECT_EQ(id, std::this_thread::get_id());
 }
 
 TEST(WebSocketTransport, ConnectFailuresNameTheUrlAndTheCause) {
