@@ -294,8 +294,8 @@ void Hub::remove(const std::shared_ptr<RemoteSession>& session, const char* why)
         if (it != sessions_.end() && it->second == session)
             sessions_.erase(it);
     }
-    session->runServerCalls(*server_);
     logger.log(log::trace, "Session ", session->id(), " ", why);
+    session->runServerCalls(*server_);
 }
 
 void Hub::sweep(Clock::time_point now) {
