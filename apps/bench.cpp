@@ -32,6 +32,7 @@ server, each in a process of its own, and prints a table:
   - latency p50 and p99 with one subscriber at a fixed rate (default 10000 msg/s for 3 s);
   - the hub's resident memory per idle session with its connect held (default 5000 sessions).
 
+  --window N         publishes left unanswered at most during a throughput run (default 100)
   --no-faye          run against orvale serve only
   --node PATH        the Node.js executable (default: node)
   --faye-script FILE the Faye server script (default: tests/interop/faye_server.js of the
@@ -46,6 +47,7 @@ struct Figures {
 };
 
 struct Settings {
+    std::size_t window;
     std::size_t messages;
     std::size_t rate;
     std::chrono::milliseconds duration;
@@ -72,7 +74,7 @@ Figures measure(const Target& target, const Settings& settings) {
     Figures figures;
     {
         ChildProcess hub(target.argv);
-        LoadRunner load(target.url(hub.firstLine(10s)));
+        LoadRunner load(target.url(hub.firstLine(10s)), settings.window);
         std::cerr << "bench: " << target.name << ": warming up\n";
         load.throughput(1, std::min<std::size_t>(settings.messages, 2000));
         std::cerr << "bench: " << target.name << ": 1 -> 1\n";
@@ -84,7 +86,7 @@ Figures measure(const Target& target, const Settings& settings) {
     }
     // A fresh process, so that memory left from the runs above does not count.
     ChildProcess hub(target.argv);
-    LoadRunner load(target.url(hub.firstLine(10s)));
+    LoadRunner load(target.url(hub.firstLine(10s)), settings.window);
     std::cerr << "bench: " << target.name << ": " << settings.sessions << " idle sessions\n";
     figures.bytesPerSession = load.memoryPerSession(settings.sessions, hub);
     return figures;
@@ -117,16 +119,18 @@ std::string defaultFayeScript() {
 }  // namespace
 
 int runBench(const Words& words) {
-    const Args args(words,
-                    {"--messages", "--rate", "--seconds", "--sessions", "--node", "--faye-script"},
-                    {"--help", "--no-faye"});
+    const Args args(
+        words,
+        {"--messages", "--rate", "--seconds", "--sessions", "--window", "--node", "--faye-script"},
+        {"--help", "--no-faye"});
     if (args.has("--help")) {
         std::cout << kUsage;
         return 0;
     }
     if (!args.positional().empty())
         throw UsageError("unexpected argument '" + args.positional().front() + "'");
-    const Settings settings{args.number("--messages", 20000, 100, 100000000),
+    const Settings settings{args.number("--window", 100, 1, 100000),
+                            args.number("--messages", 20000, 100, 100000000),
                             args.number("--rate", 10000, 1, 1000000),
                             std::chrono::seconds(args.number("--seconds", 3, 1, 3600)),
                             args.number("--sessions", 5000, 1, 100000)};

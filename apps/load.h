@@ -19,7 +19,10 @@ struct Latency {
 
 class LoadRunner {
   public:
-    explicit LoadRunner(std::string url);
+    // `window`: publishes that may be unanswered at once in a throughput run. The client
+    // service matches each answer against its pending requests one by one, so a deep window
+    // costs the load more than the hub.
+    LoadRunner(std::string url, std::size_t window);
     ~LoadRunner();
 
     // One publisher sends `messages` as fast as the window of unanswered publishes allows;
@@ -35,6 +38,7 @@ class LoadRunner {
 
   private:
     std::string url_;
+    std::size_t window_;
     std::size_t run_ = 0;  // makes service names unique across runs
 };
 
