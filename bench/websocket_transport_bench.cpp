@@ -55,8 +55,10 @@ class EchoServer {
 
   private:
     static void echo(tcp::socket socket) {
-        websocket::stream<tcp::socket> ws(std::move(socket));
         beast::error_code ec;
+        // Without it, Nagle's algorithm and delayed acknowledgements stall back-to-back echoes.
+        socket.set_option(tcp::no_delay(true), ec);
+        websocket::stream<tcp::socket> ws(std::move(socket));
         ws.accept(ec);
         beast::flat_buffer buffer;
         while (!ec) {
@@ -172,6 +174,7 @@ void BM_BareBeastRoundTrip(benchmark::State& state) {
     asio::io_context io;
     websocket::stream<tcp::socket> ws(io);
     ws.next_layer().connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), server.port()));
+    ws.next_layer().set_option(tcp::no_delay(true));
     ws.handshake("127.0.0.1", "/bayeux");
     ws.text(true);
     const std::string frame = R"([{"channel":"/orvale/bench","data":{"n":1,"text":"hello"}}])";
