@@ -277,6 +277,20 @@ TEST_F(EndpointTest, LongPollingSessionAndHeldConnects) {
     }
     EXPECT_EQ(data, (std::vector<std::string>{"1", "2"}));
 
+    // Unsubscribed, the client gets only what it still subscribes to.
+    auto unsubscribed = other.post(unsubscribe(id, "u", "/lp"));
+    ASSERT_TRUE(unsubscribed);
+    EXPECT_TRUE(successful(unsubscribed->messages().at(0)));
+    EXPECT_EQ(str(unsubscribed->messages().at(0), "subscription"), "/lp");
+    ASSERT_TRUE(successful(other.post(subscribe(id, "s", "/lp2"))->messages().at(0)));
+    ASSERT_TRUE(other.post(publish(id, "p1", "/lp", "\"gone\"")));
+    ASSERT_TRUE(other.post(publish(id, "p2", "/lp2", "\"kept\"")));
+    auto only = poll.post(connect(id, "c", -1, "long-polling"));
+    ASSERT_TRUE(only);
+    auto first = find(only->messages(), isDelivery);
+    ASSERT_TRUE(first) << only->body;
+    EXPECT_EQ(str(*first, "channel"), "/lp2");
+
     // Disconnecting answers the held connect.
     poll.start(connect(id, "7", -1, "long-polling"));
     auto bye = other.post(disconnect(id, "8"));
