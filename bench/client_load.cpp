@@ -1,0 +1,667 @@
+// Load of our client services against a real Faye server, side by side in one run with Faye's
+// own Node client and with a bare WebSocket client that shows what the server itself can carry.
+//
+//   client_load [MESSAGES [WINDOW [ROUNDS]]]      (defaults 40000, 500, 5000)
+//
+// One Faye server (node tests/interop/faye_server.js) serves every row:
+//   - raw: Bayeux frames written by hand over Boost.Beast sockets, publishes sent in frames of
+//     up to 50, at most WINDOW unanswered; the cheapest client there can be, so its rate is
+//     the server's ceiling;
+//   - orvale: a publisher service and subscriber services, each a client service of its own
+//     made by the delegator over makeContext(), all in this process;
+//   - faye: faye.Client over WebSocket, one publisher and the subscribers in one Node process
+//     (tests/interop/faye_client_load.js).
+// Every row runs the same load: deliveries/s 1->1 (MESSAGES published) and 1->4 (MESSAGES/4
+// published), at most WINDOW publishes unanswered; publish -> receive latency with one message
+// in flight (ROUNDS after a warm-up); client CPU seconds per 10,000 published messages over each
+// throughput phase (getrusage here, process.cpuUsage() in Node) and the server's CPU over the
+// same phase (/proc/<pid>/stat). Prints one table; nothing here asserts a figure.
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <boost/asio/connect.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/websocket/stream.hpp>
+#include <boost/json/parse.hpp>
+#include <boost/json/value.hpp>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <mutex>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "connector/message_service.h"
+#include "node_process.h"
+
+#ifndef ORVALE_SOURCE_DIR
+#define ORVALE_SOURCE_DIR "."
+#endif
+
+namespace {
+
+using namespace connector;
+using namespace connector::message_service;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+// Bound on any one wait: a stalled server ends the run with a message, never a hang.
+constexpr auto kStallBound = 20s;
+
+double seconds(Clock::duration d) {
+    return std::chrono::duration<double>(d).count();
+}
+
+// User + system CPU seconds of this process, every thread.
+double ownCpuSeconds() {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    auto toSeconds = [](const timeval& t) { return t.tv_sec + t.tv_usec / 1e6; };
+    return toSeconds(usage.ru_utime) + toSeconds(usage.ru_stime);
+}
+
+// User + system CPU seconds another process has used so far, from /proc/<pid>/stat.
+double processCpuSeconds(pid_t pid) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+    const std::string stat((std::istreambuf_iterator<char>(file)), {});
+    // The command name is parenthesised and may hold spaces; utime and stime are the 14th and
+    // 15th fields, the 12th and 13th after it.
+    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+    std::string skipped;
+    for (int i = 0; i < 11; ++i)
+        fields >> skipped;
+    long user = 0, system = 0;
+    fields >> user >> system;
+    return static_cast<double>(user + system) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
+struct Percentiles {
+    double p50 = 0, p99 = 0;
+};
+Percentiles percentiles(std::vector<double> samples) {
+    if (samples.empty())
+        return {};
+    std::sort(samples.begin(), samples.end());
+    return {samples[samples.size() / 2], samples[samples.size() * 99 / 100]};
+}
+
+// One throughput phase of one client.
+struct Phase {
+    double rate = 0;       // deliveries per second, first publish to last delivery
+    double clientCpu = 0;  // CPU seconds of the client over the phase
+    double serverCpu = 0;  // CPU seconds of the server over the phase
+    double wall = 0;       // seconds of the phase
+    long messages = 0;     // published
+};
+
+struct Row {
+    std::string label;
+    Phase oneToOne, oneToFour;
+    std::optional<Percentiles> latency;
+};
+
+// Counts arrivals from any thread; only the one that completes the count takes the lock.
+class Countdown {
+  public:
+    explicit Countdown(long target) : target_(target) {}
+    void arrive(long n = 1) {
+        if (count_.fetch_add(n) + n != target_)
+            return;
+        std::lock_guard<std::mutex> lock(mutex_);
+        finished_ = Clock::now();
+        done_ = true;
+        changed_.notify_all();
+    }
+    // The time of the last arrival, or nothing when the count was not reached within `bound`.
+    std::optional<Clock::time_point> wait(Clock::duration bound) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (!changed_.wait_for(lock, bound, [&] { return done_; }))
+            return std::nullopt;
+        return finished_;
+    }
+    long count() const { return count_.load(); }
+
+  private:
+    const long target_;
+    std::atomic<long> count_{0};
+    std::mutex mutex_;  // guards done_ and finished_
+    std::condition_variable changed_;
+    bool done_ = false;
+    Clock::time_point finished_;
+};
+
+// ---------------------------------------------------------------------------------------------
+// The bare client: Bayeux frames written by hand over a blocking Beast WebSocket.
+
+namespace raw {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace websocket = beast::websocket;
+using tcp = asio::ip::tcp;
+
+long occurrences(std::string_view text, std::string_view what) {
+    long n = 0;
+    for (auto at = text.find(what); at != std::string_view::npos; at = text.find(what, at + 1))
+        ++n;
+    return n;
+}
+
+class Client {
+  public:
+    Client(const std::string& port, const std::string& path) : ws_(io_) {
+        tcp::resolver resolver(io_);
+        asio::connect(ws_.next_layer(), resolver.resolve("127.0.0.1", port));
+        ws_.next_layer().set_option(tcp::no_delay(true));
+        ws_.handshake("127.0.0.1:" + port, path);
+        ws_.text(true);
+    }
+
+    void send(const std::string& frame) { ws_.write(asio::buffer(frame)); }
+
+    // The next frame; a held connect coming back in it is answered with the next connect.
+    std::string_view read() {
+        buffer_.consume(buffer_.size());
+        ws_.read(buffer_);
+        const std::string_view frame(static_cast<const char*>(buffer_.data().data()),
+                                     buffer_.size());
+        if (!clientId_.empty() && frame.find("\"/meta/connect\"") != std::string_view::npos)
+            sendConnect();
+        return frame;
+    }
+
+    // Handshakes and sends the first connect, which makes the server push on this socket.
+    void handshake() {
+        send(R"([{"channel":"/meta/handshake","version":"1.0",)"
+             R"("supportedConnectionTypes":["websocket"]}])");
+        const std::string_view reply = read();
+        const std::string_view key = "\"clientId\":\"";
+        const auto at = reply.find(key);
+        if (at == std::string_view::npos)
+            throw std::runtime_error("handshake refused: " + std::string(reply));
+        const auto start = at + key.size();
+        clientId_ = std::string(reply.substr(start, reply.find('"', start) - start));
+        sendConnect();
+    }
+
+    void subscribe(const std::string& channel) {
+        send(R"([{"channel":"/meta/subscribe","clientId":")" + clientId_ + R"(","subscription":")" +
+             channel + "\"}]");
+        for (;;) {
+            const std::string_view reply = read();
+            if (reply.find("\"/meta/subscribe\"") == std::string_view::npos)
+                continue;
+            if (reply.find("\"successful\":true") == std::string_view::npos)
+                throw std::runtime_error("subscribe refused: " + std::string(reply));
+            return;
+        }
+    }
+
+    // `count` publishes on `channel` in one frame.
+    std::string publishFrame(const std::string& channel, long first, long count) const {
+        std::string frame = "[";
+        for (long i = 0; i < count; ++i) {
+            if (i)
+                frame += ',';
+            frame += R"({"channel":")" + channel + R"(","clientId":")" + clientId_ +
+                     R"(","data":{"n":)" + std::to_string(first + i) + "}}";
+        }
+        return frame + "]";
+    }
+
+    // Unblocks a read or write in progress on another thread, for the watchdog.
+    void interrupt() {
+        boost::system::error_code ignored;
+        ws_.next_layer().shutdown(tcp::socket::shutdown_both, ignored);
+    }
+
+  private:
+    void sendConnect() {
+        send(R"([{"channel":"/meta/connect","connectionType":"websocket","clientId":")" +
+             clientId_ + "\"}]");
+    }
+
+    asio::io_context io_;
+    websocket::stream<tcp::socket> ws_;
+    beast::flat_buffer buffer_;
+    std::string clientId_;
+};
+
+// Interrupts the given clients if it is not dismissed within the stall bound, so that blocking
+// reads on a stalled server end in an error rather than a hang.
+class Watchdog {
+  public:
+    explicit Watchdog(std::vector<Client*> clients)
+        : thread_([this, clients = std::move(clients)] {
+              std::unique_lock<std::mutex> lock(mutex_);
+              if (changed_.wait_for(lock, kStallBound, [&] { return dismissed_; }))
+                  return;
+              fired_ = true;
+              lock.unlock();
+              for (auto* client : clients)
+                  client->interrupt();
+          }) {}
+    ~Watchdog() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            dismissed_ = true;
+        }
+        changed_.notify_all();
+        thread_.join();
+    }
+    bool fired() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return fired_;
+    }
+
+  private:
+    std::mutex mutex_;  // guards dismissed_ and fired_
+    std::condition_variable changed_;
+    bool dismissed_ = false;
+    bool fired_ = false;
+    std::thread thread_;  // last: starts once the members above exist
+};
+
+constexpr long kBatch = 50;  // publishes per frame
+
+Phase throughput(const std::string& port, pid_t server, int subscribers, long messages, long window,
+                 const std::string& channel) {
+    std::vector<std::unique_ptr<Client>> subs;
+    for (int s = 0; s < subscribers; ++s) {
+        subs.push_back(std::make_unique<Client>(port, "/bayeux"));
+        subs.back()->handshake();
+        subs.back()->subscribe(channel);
+    }
+    Client publisher(port, "/bayeux");
+    publisher.handshake();
+    std::vector<Client*> all{&publisher};
+    for (auto& sub : subs)
+        all.push_back(sub.get());
+
+    Countdown delivered(messages * subscribers);
+    std::atomic<bool> failed{false};
+    const double cpuBefore = ownCpuSeconds();
+    const double serverBefore = processCpuSeconds(server);
+    const auto start = Clock::now();
+    Watchdog watchdog(all);
+    std::vector<std::thread> readers;
+    for (auto& sub : subs)
+        readers.emplace_back([&, client = sub.get()] {
+            try {
+                for (long got = 0; got < messages;) {
+                    const long n = occurrences(client->read(), "\"data\"");
+                    got += n;
+                    delivered.arrive(n);
+                }
+            } catch (const std::exception&) {
+                failed = true;
+            }
+        });
+    const std::string quoted = "\"" + channel + "\"";
+    std::string error;
+    try {
+        long sent = 0, answered = 0;
+        while (answered < messages) {
+            while (sent < messages && sent - answered + kBatch <= window) {
+                const long count = std::min(kBatch, messages - sent);
+                publisher.send(publisher.publishFrame(channel, sent, count));
+                sent += count;
+            }
+            answered += occurrences(publisher.read(), quoted);
+        }
+    } catch (const std::exception& e) {
+        error = e.what();
+    }
+    const auto finished = delivered.wait(kStallBound);
+    const double cpuAfter = ownCpuSeconds();
+    const double serverAfter = processCpuSeconds(server);
+    if (!finished)
+        for (auto* client : all)
+            client->interrupt();
+    for (auto& reader : readers)
+        reader.join();
+    if (!finished || failed || !error.empty() || watchdog.fired())
+        throw std::runtime_error("raw client: " + std::to_string(delivered.count()) + " of " +
+                                 std::to_string(messages * subscribers) + " delivered " + error);
+    return {messages * subscribers / seconds(*finished - start), cpuAfter - cpuBefore,
+            serverAfter - serverBefore, seconds(*finished - start), messages};
+}
+
+// Publish -> receive with one message in flight: the publish goes out, the subscriber's socket
+// is read until the delivery, then the publisher's until the answer.
+Percentiles latency(const std::string& port, int rounds, int warmUp) {
+    Client subscriber(port, "/bayeux");
+    subscriber.handshake();
+    subscriber.subscribe("/raw/latency");
+    Client publisher(port, "/bayeux");
+    publisher.handshake();
+    Watchdog watchdog({&subscriber, &publisher});
+    std::vector<double> samples;
+    for (int i = 0; i < rounds + warmUp; ++i) {
+        const std::string frame = publisher.publishFrame("/raw/latency", i, 1);
+        const auto sent = Clock::now();
+        publisher.send(frame);
+        while (occurrences(subscriber.read(), "\"data\"") == 0) {
+        }
+        if (i >= warmUp)
+            samples.push_back(
+                std::chrono::duration<double, std::micro>(Clock::now() - sent).count());
+        while (occurrences(publisher.read(), "\"/raw/latency\"") == 0) {
+        }
+    }
+    return percentiles(samples);
+}
+
+}  // namespace raw
+
+// ---------------------------------------------------------------------------------------------
+// Our client services.
+
+namespace ours {
+
+// A delegator with its own context: every service it makes is a client service.
+struct Services {
+    explicit Services(std::string endpoint) : endpoint(std::move(endpoint)) {}
+
+    std::shared_ptr<MessageService> create(const std::string& name) {
+        auto future = delegator->createMessageService(name, {{"endpoint", endpoint}});
+        if (!future.waitFor(kStallBound))
+            throw std::runtime_error("creating " + name + " timed out");
+        return future.get();
+    }
+
+    const std::string endpoint;
+    std::shared_ptr<Context> context = makeContext();
+    std::shared_ptr<MessageServiceFactoryDelegatorImpl> delegator =
+        std::make_shared<MessageServiceFactoryDelegatorImpl>(
+            std::make_shared<MessageServiceFactoryServerDelegate>(bayeux::makeBayeuxServer()),
+            std::make_shared<MessageServiceFactoryClientDelegate>(context));
+};
+
+template <class T>
+T await(Future<T>&& future, const char* what) {
+    if (!future.waitFor(kStallBound))
+        throw std::runtime_error(std::string(what) + " timed out");
+    return future.get();
+}
+
+void disconnectAll(const std::vector<std::shared_ptr<MessageService>>& services) {
+    std::vector<Future<DisconnectResult>> pending;
+    for (const auto& service : services)
+        pending.push_back(service->disconnect());
+    for (auto& done : pending)
+        done.waitFor(kStallBound);
+}
+
+// At most `size` publishes unanswered. The publishing thread sleeps once the window is full
+// and wakes when half of it has been answered, not at every answer, as a host streaming
+// messages would do it. The counts live in a shared state, since an answer may still arrive
+// after a failed run has given up on the window.
+class PublishWindow {
+  public:
+    explicit PublishWindow(long size) : state_(std::make_shared<State>(size)) {}
+
+    // Waits for room for one more publish.
+    void acquire() { state_->wait(state_->size - 1, "room in the window"); }
+
+    // Counts the publish as unanswered until its future resolves.
+    void release(Future<PublishResult>&& answer) {
+        {
+            std::lock_guard<std::mutex> lock(state_->mutex);
+            ++state_->unanswered;
+        }
+        answer.then([state = state_](Future<PublishResult>&& answered) {
+            std::string error;
+            try {
+                answered.get();
+            } catch (const std::exception& e) {
+                error = e.what();
+            }
+            std::lock_guard<std::mutex> lock(state->mutex);
+            --state->unanswered;
+            if (!error.empty() && state->error.empty())
+                state->error = error;
+            if (state->unanswered <= state->wakeAt || !state->error.empty())
+                state->changed.notify_one();
+        });
+    }
+
+    // Waits until every publish is answered.
+    void drain() { state_->wait(0, "the last answers"); }
+
+  private:
+    struct State {
+        explicit State(long size) : size(size) {}
+
+        // Waits until at most `most` publishes are unanswered; from a full window, until half
+        // of it is free.
+        void wait(long most, const char* what) {
+            std::unique_lock<std::mutex> lock(mutex);
+            if (unanswered > most) {
+                wakeAt = std::min(most, size / 2);
+                const bool done = changed.wait_for(
+                    lock, kStallBound, [&] { return unanswered <= wakeAt || !error.empty(); });
+                wakeAt = -1;
+                if (!done)
+                    throw std::runtime_error(std::string("orvale: waiting for ") + what +
+                                             " timed out");
+            }
+            if (!error.empty())
+                throw std::runtime_error("orvale: a publish failed: " + error);
+        }
+
+        const long size;
+        std::mutex mutex;  // guards every member below
+        std::condition_variable changed;
+        long unanswered = 0;
+        long wakeAt = -1;   // the count at which the waiting thread wants waking; -1: none
+        std::string error;  // the first failure
+    };
+
+    const std::shared_ptr<State> state_;
+};
+
+Phase throughput(const std::string& endpoint, pid_t server, int subscribers, long messages,
+                 long window, const std::string& channel) {
+    Services services(endpoint);
+    Countdown delivered(messages * subscribers);
+    std::vector<std::shared_ptr<MessageService>> all;
+    std::vector<std::shared_ptr<Subscription>> handles;
+    for (int s = 0; s < subscribers; ++s) {
+        all.push_back(services.create("sub" + std::to_string(s)));
+        handles.push_back(
+            await(all.back()->subscribe(channel, [&](const JsonMessage&) { delivered.arrive(); }),
+                  "subscribing"));
+    }
+    auto publisher = services.create("pub");
+    all.push_back(publisher);
+
+    const double cpuBefore = ownCpuSeconds();
+    const double serverBefore = processCpuSeconds(server);
+    const auto start = Clock::now();
+    PublishWindow unanswered(window);
+    for (long i = 0; i < messages; ++i) {
+        unanswered.acquire();
+        unanswered.release(publisher->publish(channel, "{\"n\":" + std::to_string(i) + "}"));
+    }
+    unanswered.drain();
+    const auto finished = delivered.wait(kStallBound);
+    const double cpuAfter = ownCpuSeconds();
+    const double serverAfter = processCpuSeconds(server);
+    handles.clear();
+    disconnectAll(all);
+    if (!finished)
+        throw std::runtime_error("orvale: " + std::to_string(delivered.count()) + " of " +
+                                 std::to_string(messages * subscribers) + " delivered");
+    return {messages * subscribers / seconds(*finished - start), cpuAfter - cpuBefore,
+            serverAfter - serverBefore, seconds(*finished - start), messages};
+}
+
+// Publish -> callback with one message in flight, in microseconds.
+Percentiles latency(const std::string& endpoint, int rounds, int warmUp) {
+    Services services(endpoint);
+    auto publisher = services.create("pub");
+    auto subscriber = services.create("sub");
+    std::mutex mutex;
+    std::condition_variable cv;
+    bool arrived = false;  // guarded by mutex, like sent
+    Clock::time_point sent;
+    std::vector<double> samples;
+    auto handle = await(
+        subscriber->subscribe(
+            "/load/latency",
+            [&](const JsonMessage&) {
+                const auto now = Clock::now();
+                std::lock_guard<std::mutex> lock(mutex);
+                samples.push_back(std::chrono::duration<double, std::micro>(now - sent).count());
+                arrived = true;
+                cv.notify_one();
+            }),
+        "subscribing");
+    for (int i = 0; i < rounds + warmUp; ++i) {
+        std::unique_lock<std::mutex> lock(mutex);
+        arrived = false;
+        sent = Clock::now();
+        lock.unlock();
+        publisher->publish("/load/latency", "1");
+        lock.lock();
+        if (!cv.wait_for(lock, kStallBound, [&] { return arrived; }))
+            throw std::runtime_error("orvale: no delivery in a latency round");
+    }
+    handle.reset();
+    disconnectAll({publisher, subscriber});
+    std::lock_guard<std::mutex> lock(mutex);
+    return percentiles(std::vector<double>(samples.begin() + warmUp, samples.end()));
+}
+
+}  // namespace ours
+
+// ---------------------------------------------------------------------------------------------
+// Faye's Node client, run by tests/interop/faye_client_load.js.
+
+Phase phaseOf(const boost::json::object& object) {
+    auto number = [&](const char* name) {
+        const auto* v = object.if_contains(name);
+        return v && v->is_number() ? v->to_number<double>() : 0.0;
+    };
+    return {number("rate"), number("cpuSeconds"), number("serverCpuSeconds"), number("seconds"),
+            static_cast<long>(number("messages"))};
+}
+
+Row fayeClient(const std::string& port, pid_t server, long messages, long window, int rounds) {
+    orvale::test::NodeProcess node(
+        "faye_client_load.js",
+        {"http://127.0.0.1:" + port + "/bayeux", "--messages", std::to_string(messages), "--window",
+         std::to_string(window), "--rounds", std::to_string(rounds), "--server-pid",
+         std::to_string(server)},
+        std::chrono::minutes(2));
+    boost::json::error_code ec;
+    const auto value = boost::json::parse(node.firstLine(), ec);
+    const auto* object = value.if_object();
+    const auto* result = object ? object->if_contains("result") : nullptr;
+    if (ec || !result || !result->is_string() || result->get_string() != "ok")
+        throw std::runtime_error("faye client: " + node.firstLine());
+    Row row{"faye.Client (Node)", phaseOf(object->at("oneToOne").as_object()),
+            phaseOf(object->at("oneToFour").as_object()), std::nullopt};
+    const auto& latency = object->at("latency").as_object();
+    row.latency = Percentiles{latency.at("p50Micros").to_number<double>(),
+                              latency.at("p99Micros").to_number<double>()};
+    return row;
+}
+
+// ---------------------------------------------------------------------------------------------
+
+double per10k(double cpu, long messages) {
+    return messages ? cpu * 10000.0 / static_cast<double>(messages) : 0;
+}
+
+void printRow(const Row& row) {
+    const auto& a = row.oneToOne;
+    const auto& b = row.oneToFour;
+    char p50[16] = "-", p99[16] = "-";
+    if (row.latency) {
+        std::snprintf(p50, sizeof p50, "%.0f", row.latency->p50);
+        std::snprintf(p99, sizeof p99, "%.0f", row.latency->p99);
+    }
+    std::printf("%-24s %9.0f %9.0f %7s %7s %9.3f %9.3f %9.3f %9.3f %6.0f%%\n", row.label.c_str(),
+                a.rate, b.rate, p50, p99, per10k(a.clientCpu, a.messages),
+                per10k(b.clientCpu, b.messages), per10k(a.serverCpu, a.messages),
+                per10k(b.serverCpu, b.messages), a.wall > 0 ? 100.0 * a.serverCpu / a.wall : 0);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const long messages = argc > 1 ? std::atol(argv[1]) : 40000;
+    const long window = argc > 2 ? std::atol(argv[2]) : 500;
+    const int rounds = argc > 3 ? std::atoi(argv[3]) : 5000;
+    if (messages < 4 || window < 1 || rounds < 1) {
+        std::fprintf(stderr, "usage: client_load [MESSAGES>=4 [WINDOW>=1 [ROUNDS>=1]]]\n");
+        return 2;
+    }
+    ::setenv("ORVALE_SOURCE_DIR", ORVALE_SOURCE_DIR, 0);
+    if (auto why = orvale::test::nodeUnavailable()) {
+        std::fprintf(stderr, "client_load: %s (run scripts/bootstrap)\n", why->c_str());
+        return 1;
+    }
+    const int warmUp = std::min(1000, rounds);
+    try {
+        orvale::test::NodeProcess faye("faye_server.js", {"--timeout", "2"});
+        const std::string port = faye.firstLine();
+        const pid_t server = faye.pid();
+        const std::string endpoint = "ws://127.0.0.1:" + port + "/bayeux";
+
+        // Warms the server (and both kinds of client) before anything is measured.
+        raw::throughput(port, server, 1, std::min(10000L, messages), window, "/raw/warm");
+        ours::throughput(endpoint, server, 1, std::min(10000L, messages), window, "/load/warm");
+
+        std::vector<Row> rows;
+        Row bare{"raw WebSocket (Beast)",
+                 raw::throughput(port, server, 1, messages, window, "/raw/one"),
+                 raw::throughput(port, server, 4, messages / 4, window, "/raw/four"),
+                 raw::latency(port, rounds, warmUp)};
+        Row orvale{"orvale client services",
+                   ours::throughput(endpoint, server, 1, messages, window, "/load/one"),
+                   ours::throughput(endpoint, server, 4, messages / 4, window, "/load/four"),
+                   ours::latency(endpoint, rounds, warmUp)};
+        Row node = fayeClient(port, server, messages, window, rounds);
+
+        std::printf(
+            "Faye server (node %s), %ld messages 1->1, %ld 1->4, window %ld, %d latency "
+            "rounds\n",
+            "tests/interop/faye_server.js", messages, messages / 4, window, rounds);
+        std::printf("%-24s %9s %9s %7s %7s %9s %9s %9s %9s %7s\n", "", "deliv/s", "deliv/s",
+                    "lat us", "lat us", "client", "client", "server", "server", "server");
+        std::printf("%-24s %9s %9s %7s %7s %9s %9s %9s %9s %7s\n", "client", "1->1", "1->4", "p50",
+                    "p99", "cpu 1->1", "cpu 1->4", "cpu 1->1", "cpu 1->4", "busy");
+        std::printf("%-24s %9s %9s %7s %7s %39s %7s\n", "", "", "", "", "",
+                    "(CPU seconds per 10,000 published)", "1->1");
+        for (const Row* row : {&bare, &orvale, &node})
+            printRow(*row);
+
+        const double cpuRatio =
+            per10k(orvale.oneToOne.clientCpu, orvale.oneToOne.messages) /
+            std::max(1e-9, per10k(node.oneToOne.clientCpu, node.oneToOne.messages));
+        std::printf(
+            "orvale 1->1 reaches %.0f%% of the raw client's rate and %.0f%% of "
+            "faye.Client's, at %.2f times faye.Client's CPU per message\n",
+            100.0 * orvale.oneToOne.rate / bare.oneToOne.rate,
+            100.0 * orvale.oneToOne.rate / node.oneToOne.rate, cpuRatio);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "client_load: %s\n", e.what());
+        return 1;
+    }
+    return 0;
+}
