@@ -79,13 +79,18 @@ void InboundPublisher::push(MessagePtr message) {
 }
 
 void InboundPublisher::complete(bool clean) {
+    bool unheard;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (completed_)
             return;
         completed_ = true;
         clean_ = clean;
+        unheard = !subscribed_;
     }
+    // With nobody subscribed yet the stream is over now; a later subscriber still gets the rest.
+    if (unheard)
+        done_.resolve(clean);
     scheduleDrain();
 }
 

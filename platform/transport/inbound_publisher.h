@@ -30,7 +30,8 @@ class InboundPublisher : public reactive_streams::Publisher<MessagePtr>,
     InboundPublisher(Executor executor, std::function<void()> onCancel);
 
     // Resolves once the stream has ended for its subscriber: completion delivered (its value
-    // says whether the socket closed cleanly) or the subscription cancelled (true).
+    // says whether the socket closed cleanly) or the subscription cancelled (true); or at
+    // completion when nobody has subscribed.
     Future<bool> done() override;
     // Accepts one subscriber; a second one gets onSubscribe and then onError.
     void subscribe(std::shared_ptr<Subscriber> subscriber) override;

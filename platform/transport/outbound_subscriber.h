@@ -3,8 +3,9 @@
 //
 // It asks for unbounded demand and hands every message to the connection, which batches what
 // accumulates during a write into one frame. The end of the client's stream (onComplete,
-// onError) closes the connection gracefully; when the connection closes first, the client's
-// subscription is cancelled so its publisher stops producing.
+// onError) closes the connection gracefully. Once the connection has closed and the inbound
+// stream has delivered what arrived before, the client's subscription is cancelled so its
+// publisher stops producing, and done() resolves.
 
 #include <memory>
 #include <mutex>
@@ -29,7 +30,7 @@ class OutboundSubscriber : public reactive_streams::Subscriber<MessagePtr> {
     // Resolves when the connection is closed: true after a clean close.
     Future<bool> done() override;
 
-    // Called by the connection once its socket is closed.
+    // Called by the connection once its socket is closed and its inbound stream has ended.
     void connectionClosed();
 
   private:

@@ -18,6 +18,7 @@
 #include <boost/beast/websocket/ssl.hpp>
 #include <boost/beast/websocket/stream.hpp>
 #include <chrono>
+#include <deque>
 #include <mutex>
 #include <string_view>
 #include <vector>
@@ -225,6 +226,20 @@ class WebSocketConnection final
         auto outbound = std::make_shared<OutboundSubscriber>(weak, keeper, closed_);
         outbound_ = outbound;
         auto inbound = std::make_shared<InboundHandle>(inbound_, keeper);
+        // The client hears of the close from the outbound side only after the inbound stream
+        // has handed over what arrived before it: a reply must never lose the race against
+        // the end of the connection it came on.
+        inbound_->done().then([closed = closed_, weakOutbound = outbound_](Future<bool>&& ended) {
+            bool clean = false;
+            try {
+                clean = ended.get();
+            } catch (...) {
+                // The publisher went without resolving: an unclean end.
+            }
+            closed->resolve(clean);
+            if (auto outbound = weakOutbound.lock())
+                outbound->connectionClosed();
+        });
         logger.log(foundation::log::trace, "Connected to ", settings_.url);
         readNext();
         connectPromise_.setValue(
@@ -315,8 +330,13 @@ class WebSocketConnection final
 
     // ---- writing
 
-    // Sends everything queued as one frame, or begins the close once nothing is left.
+    // Sends everything queued as one frame, or begins the close once nothing is left. A meta
+    // connect always travels in a frame of its own: servers answer a frame only when all of it
+    // is answered, and they hold a connect for up to their timeout, so anything batched with it
+    // would wait that long (and a disconnect beside it would never be answered at all).
     void flush() {
+        if (!outgoing_.empty())
+            return writeNext();
         std::vector<MessagePtr> batch;
         bool closeNow = false;
         {
@@ -331,15 +351,33 @@ class WebSocketConnection final
         messages.reserve(batch.size());
         for (auto& message : batch)
             collect(message.get(), messages);
-        if (messages.empty()) {
+        std::vector<const BayeuxMessage*> frame;
+        for (const BayeuxMessage* message : messages) {
+            if (message->kind() == Kind::ConnectRequest) {
+                if (!frame.empty())
+                    outgoing_.push_back(codec::encode(frame));
+                frame.clear();
+                outgoing_.push_back(codec::encode(*message));
+            } else {
+                frame.push_back(message);
+            }
+        }
+        if (!frame.empty())
+            outgoing_.push_back(codec::encode(frame));
+        if (outgoing_.empty()) {
             if (closeNow)
                 beginClose();
             return;
         }
-        writeBuffer_ = codec::encode(messages);
+        writeNext();
+    }
+
+    void writeNext() {
+        if (writing_ || phase_ != Phase::Open)
+            return;
         writing_ = true;
         ws_.async_write(
-            asio::buffer(writeBuffer_),
+            asio::buffer(outgoing_.front()),
             [self = this->shared_from_this()](error_code ec, std::size_t) { self->onWritten(ec); });
     }
 
@@ -374,6 +412,7 @@ class WebSocketConnection final
 
     void onWritten(error_code ec) {
         writing_ = false;
+        outgoing_.pop_front();
         if (ec) {
             if (phase_ == Phase::Open) {
                 logger.log(foundation::log::trace, "Writing to ", settings_.url,
@@ -409,8 +448,7 @@ class WebSocketConnection final
                         [self = this->shared_from_this()](error_code ec) { self->finish(!ec); });
     }
 
-    // Ends the connection once: closes the socket, completes the inbound stream, resolves
-    // done() and cancels the client's outbound subscription.
+    // Ends the connection once: closes the socket and completes the inbound stream.
     void finish(bool clean) {
         if (phase_ == Phase::Closed)
             return;
@@ -426,10 +464,7 @@ class WebSocketConnection final
         }
         logger.log(foundation::log::trace, "Connection to ", settings_.url, " closed",
                    clean ? "" : " uncleanly");
-        inbound_->complete(clean);
-        closed_->resolve(clean);
-        if (auto outbound = outbound_.lock())
-            outbound->connectionClosed();
+        inbound_->complete(clean);  // its end then ends the outbound side too
     }
 
     // First member: the io_context object outlives the socket, resolver and timer below.
@@ -440,7 +475,7 @@ class WebSocketConnection final
     websocket::stream<NextLayer> ws_;
     asio::steady_timer timer_;  // the connect deadline, then the close deadline
     beast::flat_buffer readBuffer_;
-    std::string writeBuffer_;  // the frame being written
+    std::deque<std::string> outgoing_;  // encoded frames; the front one is being written
     Promise<MessagePtr> connectPromise_;
     std::shared_ptr<InboundPublisher> inbound_;
     std::weak_ptr<OutboundSubscriber> outbound_;

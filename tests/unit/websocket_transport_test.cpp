@@ -386,16 +386,21 @@ TEST(WebSocketTransport, BatchesWhatIsQueuedDuringAWrite) {
     ASSERT_TRUE(waitUntil([&] { return session->unread() > 0; }));
     for (int i = 0; i < 5; ++i)
         client.send(publish("/queued/" + std::to_string(i)));
+    // A meta connect goes alone: a server answers a frame only once a held connect returns.
+    client.send(std::make_unique<ConnectRequest>("websocket"));
+    client.send(publish("/after/connect"));
     session->startReading();
 
-    ASSERT_TRUE(waitUntil([&] { return session->frames().size() >= 2; }, 10s));
+    ASSERT_TRUE(waitUntil([&] { return session->frames().size() >= 4; }, 10s));
     const auto frames = session->frames();
-    ASSERT_EQ(frames.size(), 2u);
+    ASSERT_EQ(frames.size(), 4u);
     EXPECT_EQ(frames[0].size(), big.size() + std::string(R"([{"channel":"/big","data":}])").size());
     auto second = codec::decodeFromClient(frames[1]);
     ASSERT_EQ(second.messages.size(), 5u);
     for (int i = 0; i < 5; ++i)
         EXPECT_EQ(second.messages[i]->bayeuxChannel(), "/queued/" + std::to_string(i));
+    EXPECT_EQ(frames[2], R"([{"channel":"/meta/connect","connectionType":"websocket"}])");
+    EXPECT_EQ(frames[3], R"([{"channel":"/after/connect","data":1}])");
 }
 
 TEST(WebSocketTransport, FrameLargerThanTheLimitClosesTheConnection) {
