@@ -277,9 +277,14 @@ class Collector : public reactive_streams::Subscriber<MessagePtr> {
 class Upstream : public reactive_streams::Subscription {
   public:
     void request(std::uint64_t n) override { requested = n; }
-    void cancel() override { cancelled = true; }
+    void cancel() override {
+        if (onCancel)
+            onCancel();
+        cancelled = true;
+    }
     std::atomic<std::uint64_t> requested{0};
     std::atomic<bool> cancelled{false};
+    std::function<void()> onCancel;  // set before the connection can end
 };
 
 struct Client {
@@ -540,6 +545,10 @@ TEST(WebSocketTransport, ServerClosingOrDyingCompletesTheInboundStream) {
     ASSERT_TRUE(first && second);
     auto gracefulDone = graceful.inbound->done();
     auto abruptDone = abrupt.inbound->done();
+    // The client learns of the end through its outbound subscription only after the inbound
+    // stream has handed over the reply that came before it.
+    std::atomic<std::size_t> seenAtCancel{99};
+    graceful.upstream->onCancel = [&] { seenAtCancel = graceful.collector->count(); };
 
     first->send(R"([{"channel":"/meta/disconnect","successful":true}])");
     first->close();
@@ -547,6 +556,8 @@ TEST(WebSocketTransport, ServerClosingOrDyingCompletesTheInboundStream) {
     ASSERT_TRUE(waitUntil([&] { return graceful.collector->completed_.load(); }));
     ASSERT_TRUE(waitUntil([&] { return abrupt.collector->completed_.load(); }));
     EXPECT_EQ(graceful.collector->count(), 1u);  // the reply sent before closing still arrives
+    ASSERT_TRUE(waitUntil([&] { return graceful.upstream->cancelled.load(); }));
+    EXPECT_EQ(seenAtCancel.load(), 1u);
     ASSERT_TRUE(gracefulDone.waitFor(5s));
     EXPECT_TRUE(gracefulDone.get());
     ASSERT_TRUE(abruptDone.waitFor(5s));
