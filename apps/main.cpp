@@ -1,5 +1,6 @@
 // The orvale program: a Bayeux hub, command-line clients, a demo and a benchmark.
 
+#include <cstdio>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -32,6 +33,13 @@ std::string oneLine(std::string text) {
         if (c == '\n' || c == '\r')
             c = ' ';
     return text;
+}
+
+// Writes the line in one piece: readers of stderr never see half of it.
+void report(const std::string& line) {
+    const std::string text = line + "\n";
+    std::fwrite(text.data(), 1, text.size(), stderr);
+    std::fflush(stderr);
 }
 
 }  // namespace
@@ -71,15 +79,13 @@ int main(int argc, char** argv) {
             return runDemo(rest);
         if (command == "bench")
             return runBench(rest);
-        std::cerr << "orvale: unknown command '" << oneLine(command)
-                  << "' (orvale --help lists them)\n";
+        report("orvale: unknown command '" + oneLine(command) + "' (orvale --help lists them)");
         return 2;
     } catch (const UsageError& e) {
-        std::cerr << "orvale " << command << ": " << oneLine(e.what()) << " (orvale " << command
-                  << " --help)\n";
+        report("orvale " + command + ": " + oneLine(e.what()) + " (orvale " + command + " --help)");
         return 2;
     } catch (const std::exception& e) {
-        std::cerr << "orvale " << command << ": " << oneLine(e.what()) << "\n";
+        report("orvale " + command + ": " + oneLine(e.what()));
         return 1;
     }
 }

@@ -32,6 +32,8 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv) : description_(
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+    // The load's own sockets stay with the load.
+    posix_spawn_file_actions_addclosefrom_np(&actions, 3);
     // The child starts with the default signal mask, whatever this process blocks.
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);

@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -98,24 +99,28 @@ class ChildProcess {
         return waitLine([](const std::string&) { return true; }, timeout);
     }
 
-    // The exit status (or 128 + signal) once the child has ended, waiting at most `timeout`.
+    // The exit status (or 128 + signal) once the child has ended and all it wrote has been
+    // read, waiting at most `timeout`.
     std::optional<int> waitExit(std::chrono::milliseconds timeout) {
         const auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (true) {
-            {
-                std::lock_guard<std::mutex> lock(mutex_);
-                if (exitStatus_)
-                    return exitStatus_;
-                int status = 0;
-                if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-                    exitStatus_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-                    return exitStatus_;
-                }
+        std::unique_lock<std::mutex> lock(mutex_);
+        while (!exitStatus_) {
+            int status = 0;
+            if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+                exitStatus_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+                break;
             }
             if (std::chrono::steady_clock::now() >= deadline)
                 return std::nullopt;
+            lock.unlock();
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            lock.lock();
         }
+        // The pipes close once the child has gone, unless a descendant of it holds them.
+        const auto drained =
+            std::max(deadline, std::chrono::steady_clock::now() + std::chrono::seconds(1));
+        changed_.wait_until(lock, drained, [&] { return outputClosed_; });
+        return exitStatus_;
     }
 
     std::vector<std::string> lines() const {

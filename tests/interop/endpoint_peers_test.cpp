@@ -171,7 +171,7 @@ TEST(CommandLinePeersTest, PubAndSubTalkWithAServerService) {
     auto pub = std::make_unique<ChildProcess>(
         std::vector<std::string>{orvaleExe(), "pub", hub.url, "/desk/in", R"({"from":"pub"})"});
     EXPECT_EQ(run(*pub), 0) << pub->errors();
-    EXPECT_TRUE(hub.heard(R"(in {"from":"pub"})"));
+    EXPECT_TRUE(waitUntil([&] { return hub.heard(R"(in {"from":"pub"})"); }));
     ASSERT_EQ(run(*sub), 0) << sub->errors();
     ASSERT_EQ(sub->lines().size(), 1u);
     EXPECT_EQ(sub->lines()[0], R"({"channel":"/desk/out","data":{"echo":{"from":"pub"}}})");
