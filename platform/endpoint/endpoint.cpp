@@ -1,10 +1,11 @@
 // The Bayeux endpoint: the listening socket, the I/O threads, the timer that sweeps sessions,
 // and orderly shutdown.
 //
-// Each I/O thread runs its own io_context, so a connection lives on one thread and needs no
-// strand; accepted sockets are spread over the threads in turn. stop() first ends every session
-// (after which no session posts to a connection), then stops and joins the threads, then
-// destroys the io_contexts, which frees every connection still waiting on one.
+// Each I/O thread (one, or two from four cores on) runs its own io_context, so a connection
+// lives on one thread and needs no strand; accepted sockets are spread over the threads in turn.
+// stop() first ends every session (after which no session posts to a connection), then stops and
+// joins the threads, then destroys the io_contexts, which frees every connection still waiting on
+// one.
 
 #include "connector/bayeux/endpoint.h"
 
@@ -101,7 +102,9 @@ class EndpointImpl final : public BayeuxEndpoint {
         if (!server)
             throw std::invalid_argument("The endpoint needs a Bayeux server");
         hub_ = std::make_shared<Hub>(std::move(server), options);
-        const unsigned threads = std::clamp(std::thread::hardware_concurrency(), 1u, 2u);
+        // One thread serves every connection on a small machine, where the server's delivery
+        // threads need the other cores; a second one pays off from four cores on.
+        const unsigned threads = std::thread::hardware_concurrency() >= 4 ? 2 : 1;
         for (unsigned i = 0; i < threads; ++i)
             loops_.push_back(std::make_unique<Loop>());
         try {
