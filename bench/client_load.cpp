@@ -5,8 +5,8 @@
 //
 // One Faye server (node tests/interop/faye_server.js) serves every row:
 //   - raw: Bayeux frames written by hand over Boost.Beast sockets, publishes sent in frames of
-//     up to 50, at most WINDOW unanswered; the cheapest client there can be, so its rate is
-//     the server's ceiling;
+//     up to 50, at most WINDOW unanswered; the cheapest client there can be, so its 1->1 rate
+//     is the server's ceiling (its 1->4 reads each socket on a thread of its own: no ceiling);
 //   - orvale: a publisher service and subscriber services, each a client service of its own
 //     made by the delegator over makeContext(), all in this process;
 //   - faye: faye.Client over WebSocket, one publisher and the subscribers in one Node process
@@ -28,6 +28,10 @@
 #include <boost/beast/websocket/stream.hpp>
 #include <boost/json/parse.hpp>
 #include <boost/json/value.hpp>
+#include <boost/log/attributes/value_extraction.hpp>
+#include <boost/log/core.hpp>
+#include <boost/log/sinks/basic_sink_backend.hpp>
+#include <boost/log/sinks/sync_frontend.hpp>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -87,6 +91,18 @@ double processCpuSeconds(pid_t pid) {
     return static_cast<double>(user + system) / static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
+// Writes the module's log lines to stderr, so that stdout holds the table alone.
+class StderrBackend
+    : public boost::log::sinks::basic_sink_backend<boost::log::sinks::synchronized_feeding> {
+  public:
+    void consume(const boost::log::record_view& record) {
+        const auto channel = boost::log::extract<std::string>("Channel", record);
+        const auto message = boost::log::extract<std::string>("Message", record);
+        std::fprintf(stderr, "[%s] %s\n", channel ? channel->c_str() : "",
+                     message ? message->c_str() : "");
+    }
+};
+
 struct Percentiles {
     double p50 = 0, p99 = 0;
 };
@@ -99,11 +115,12 @@ Percentiles percentiles(std::vector<double> samples) {
 
 // One throughput phase of one client.
 struct Phase {
-    double rate = 0;       // deliveries per second, first publish to last delivery
-    double clientCpu = 0;  // CPU seconds of the client over the phase
-    double serverCpu = 0;  // CPU seconds of the server over the phase
-    double wall = 0;       // seconds of the phase
-    long messages = 0;     // published
+    double rate = 0;        // deliveries per second, first publish to last delivery
+    double clientCpu = 0;   // CPU seconds of the client over the phase
+    double serverCpu = 0;   // CPU seconds of the server over the phase
+    double wall = 0;        // seconds of the phase
+    long messages = 0;      // published
+    double longestGap = 0;  // seconds between two publish answers at most
 };
 
 struct Row {
@@ -311,15 +328,23 @@ Phase throughput(const std::string& port, pid_t server, int subscribers, long me
         });
     const std::string quoted = "\"" + channel + "\"";
     std::string error;
+    double longestGap = 0;
     try {
         long sent = 0, answered = 0;
+        auto lastAnswer = start;
         while (answered < messages) {
             while (sent < messages && sent - answered + kBatch <= window) {
                 const long count = std::min(kBatch, messages - sent);
                 publisher.send(publisher.publishFrame(channel, sent, count));
                 sent += count;
             }
-            answered += occurrences(publisher.read(), quoted);
+            const long count = occurrences(publisher.read(), quoted);
+            if (count > 0) {
+                const auto now = Clock::now();
+                longestGap = std::max(longestGap, seconds(now - lastAnswer));
+                lastAnswer = now;
+            }
+            answered += count;
         }
     } catch (const std::exception& e) {
         error = e.what();
@@ -335,8 +360,12 @@ Phase throughput(const std::string& port, pid_t server, int subscribers, long me
     if (!finished || failed || !error.empty() || watchdog.fired())
         throw std::runtime_error("raw client: " + std::to_string(delivered.count()) + " of " +
                                  std::to_string(messages * subscribers) + " delivered " + error);
-    return {messages * subscribers / seconds(*finished - start), cpuAfter - cpuBefore,
-            serverAfter - serverBefore, seconds(*finished - start), messages};
+    return {messages * subscribers / seconds(*finished - start),
+            cpuAfter - cpuBefore,
+            serverAfter - serverBefore,
+            seconds(*finished - start),
+            messages,
+            longestGap};
 }
 
 // Publish -> receive with one message in flight: the publish goes out, the subscriber's socket
@@ -429,7 +458,10 @@ class PublishWindow {
             } catch (const std::exception& e) {
                 error = e.what();
             }
+            const auto now = Clock::now();
             std::lock_guard<std::mutex> lock(state->mutex);
+            state->longestGap = std::max(state->longestGap, seconds(now - state->lastAnswer));
+            state->lastAnswer = now;
             --state->unanswered;
             if (!error.empty() && state->error.empty())
                 state->error = error;
@@ -440,6 +472,12 @@ class PublishWindow {
 
     // Waits until every publish is answered.
     void drain() { state_->wait(0, "the last answers"); }
+
+    // The longest time between two answers (or the start and the first answer), in seconds.
+    double longestGap() {
+        std::lock_guard<std::mutex> lock(state_->mutex);
+        return state_->longestGap;
+    }
 
   private:
     struct State {
@@ -468,6 +506,8 @@ class PublishWindow {
         long unanswered = 0;
         long wakeAt = -1;   // the count at which the waiting thread wants waking; -1: none
         std::string error;  // the first failure
+        Clock::time_point lastAnswer = Clock::now();
+        double longestGap = 0;
     };
 
     const std::shared_ptr<State> state_;
@@ -491,7 +531,7 @@ Phase throughput(const std::string& endpoint, pid_t server, int subscribers, lon
     const double cpuBefore = ownCpuSeconds();
     const double serverBefore = processCpuSeconds(server);
     const auto start = Clock::now();
-    PublishWindow unanswered(window);
+    PublishWindow unanswered(window);  // made at the start: answer gaps count from here
     for (long i = 0; i < messages; ++i) {
         unanswered.acquire();
         unanswered.release(publisher->publish(channel, "{\"n\":" + std::to_string(i) + "}"));
@@ -505,8 +545,12 @@ Phase throughput(const std::string& endpoint, pid_t server, int subscribers, lon
     if (!finished)
         throw std::runtime_error("orvale: " + std::to_string(delivered.count()) + " of " +
                                  std::to_string(messages * subscribers) + " delivered");
-    return {messages * subscribers / seconds(*finished - start), cpuAfter - cpuBefore,
-            serverAfter - serverBefore, seconds(*finished - start), messages};
+    return {messages * subscribers / seconds(*finished - start),
+            cpuAfter - cpuBefore,
+            serverAfter - serverBefore,
+            seconds(*finished - start),
+            messages,
+            unanswered.longestGap()};
 }
 
 // Publish -> callback with one message in flight, in microseconds.
@@ -556,8 +600,12 @@ Phase phaseOf(const boost::json::object& object) {
         const auto* v = object.if_contains(name);
         return v && v->is_number() ? v->to_number<double>() : 0.0;
     };
-    return {number("rate"), number("cpuSeconds"), number("serverCpuSeconds"), number("seconds"),
-            static_cast<long>(number("messages"))};
+    return {number("rate"),
+            number("cpuSeconds"),
+            number("serverCpuSeconds"),
+            number("seconds"),
+            static_cast<long>(number("messages")),
+            number("longestGapSeconds")};
 }
 
 Row fayeClient(const std::string& port, pid_t server, long messages, long window, int rounds) {
@@ -595,10 +643,31 @@ void printRow(const Row& row) {
         std::snprintf(p50, sizeof p50, "%.0f", row.latency->p50);
         std::snprintf(p99, sizeof p99, "%.0f", row.latency->p99);
     }
-    std::printf("%-24s %9.0f %9.0f %7s %7s %9.3f %9.3f %9.3f %9.3f %6.0f%%\n", row.label.c_str(),
-                a.rate, b.rate, p50, p99, per10k(a.clientCpu, a.messages),
+    std::printf("%-24s %8.0f %8.0f %6s %6s %8.3f %8.3f %8.3f %8.3f %5.0f%% %6.0f\n",
+                row.label.c_str(), a.rate, b.rate, p50, p99, per10k(a.clientCpu, a.messages),
                 per10k(b.clientCpu, b.messages), per10k(a.serverCpu, a.messages),
-                per10k(b.serverCpu, b.messages), a.wall > 0 ? 100.0 * a.serverCpu / a.wall : 0);
+                per10k(b.serverCpu, b.messages), a.wall > 0 ? 100.0 * a.serverCpu / a.wall : 0,
+                1000 * std::max(a.longestGap, b.longestGap));
+}
+
+void printTable(const Row& bare, const Row& orvale, const Row& node) {
+    std::printf("%-24s %8s %8s %6s %6s %8s %8s %8s %8s %6s %6s\n", "", "deliv/s", "deliv/s",
+                "lat us", "lat us", "client", "client", "server", "server", "server", "gap");
+    std::printf("%-24s %8s %8s %6s %6s %8s %8s %8s %8s %6s %6s\n", "client", "1->1", "1->4", "p50",
+                "p99", "cpu 1->1", "cpu 1->4", "cpu 1->1", "cpu 1->4", "busy", "ms");
+    for (const Row* row : {&bare, &orvale, &node})
+        printRow(*row);
+    std::printf(
+        "cpu: CPU seconds per 10,000 published messages over the throughput phase; busy: server "
+        "CPU / wall time, 1->1;\ngap: the longest time between two publish answers. The raw "
+        "client reads each socket on a thread of its own: its 1->4 is no ceiling.\n");
+    const double cpuRatio = per10k(orvale.oneToOne.clientCpu, orvale.oneToOne.messages) /
+                            std::max(1e-9, per10k(node.oneToOne.clientCpu, node.oneToOne.messages));
+    std::printf(
+        "orvale 1->1: %.0f%% of the raw client's rate, %.0f%% of faye.Client's, at %.2f times "
+        "faye.Client's CPU per message.\n",
+        100.0 * orvale.oneToOne.rate / bare.oneToOne.rate,
+        100.0 * orvale.oneToOne.rate / node.oneToOne.rate, cpuRatio);
 }
 
 }  // namespace
@@ -617,6 +686,8 @@ int main(int argc, char** argv) {
         return 1;
     }
     const int warmUp = std::min(1000, rounds);
+    boost::log::core::get()->add_sink(
+        boost::make_shared<boost::log::sinks::synchronous_sink<StderrBackend>>());
     try {
         orvale::test::NodeProcess faye("faye_server.js", {"--timeout", "2"});
         const std::string port = faye.firstLine();
@@ -627,7 +698,6 @@ int main(int argc, char** argv) {
         raw::throughput(port, server, 1, std::min(10000L, messages), window, "/raw/warm");
         ours::throughput(endpoint, server, 1, std::min(10000L, messages), window, "/load/warm");
 
-        std::vector<Row> rows;
         Row bare{"raw WebSocket (Beast)",
                  raw::throughput(port, server, 1, messages, window, "/raw/one"),
                  raw::throughput(port, server, 4, messages / 4, window, "/raw/four"),
@@ -639,26 +709,10 @@ int main(int argc, char** argv) {
         Row node = fayeClient(port, server, messages, window, rounds);
 
         std::printf(
-            "Faye server (node %s), %ld messages 1->1, %ld 1->4, window %ld, %d latency "
+            "Faye server on port %s; %ld messages 1->1, %ld 1->4, window %ld, %d latency "
             "rounds\n",
-            "tests/interop/faye_server.js", messages, messages / 4, window, rounds);
-        std::printf("%-24s %9s %9s %7s %7s %9s %9s %9s %9s %7s\n", "", "deliv/s", "deliv/s",
-                    "lat us", "lat us", "client", "client", "server", "server", "server");
-        std::printf("%-24s %9s %9s %7s %7s %9s %9s %9s %9s %7s\n", "client", "1->1", "1->4", "p50",
-                    "p99", "cpu 1->1", "cpu 1->4", "cpu 1->1", "cpu 1->4", "busy");
-        std::printf("%-24s %9s %9s %7s %7s %39s %7s\n", "", "", "", "", "",
-                    "(CPU seconds per 10,000 published)", "1->1");
-        for (const Row* row : {&bare, &orvale, &node})
-            printRow(*row);
-
-        const double cpuRatio =
-            per10k(orvale.oneToOne.clientCpu, orvale.oneToOne.messages) /
-            std::max(1e-9, per10k(node.oneToOne.clientCpu, node.oneToOne.messages));
-        std::printf(
-            "orvale 1->1 reaches %.0f%% of the raw client's rate and %.0f%% of "
-            "faye.Client's, at %.2f times faye.Client's CPU per message\n",
-            100.0 * orvale.oneToOne.rate / bare.oneToOne.rate,
-            100.0 * orvale.oneToOne.rate / node.oneToOne.rate, cpuRatio);
+            port.c_str(), messages, messages / 4, window, rounds);
+        printTable(bare, orvale, node);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "client_load: %s\n", e.what());
         return 1;

@@ -13,5 +13,5 @@ add_executable(client_load
     ${PROJECT_SOURCE_DIR}/tests/support/node_process.cpp)
 target_include_directories(client_load PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
 target_compile_definitions(client_load PRIVATE ORVALE_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
-target_link_libraries(client_load PRIVATE orvale::connector orvale_warnings Boost::json
+target_link_libraries(client_load PRIVATE orvale::connector orvale_warnings Boost::json Boost::log
     Boost::system)

@@ -13,7 +13,7 @@
 //     --server-pid, also the CPU time the server process P spent in it, from /proc);
 //   - latency: one message in flight, publish -> receive, R rounds after a warm-up.
 // Prints one JSON line: {"result":"ok", "oneToOne":{rate,seconds,cpuSeconds,serverCpuSeconds,
-// messages}, "oneToFour":{...},
+// messages,longestGapSeconds}, "oneToFour":{...},
 // "latency":{p50Micros,p99Micros,samples}} or {"result":"error",message}.
 // The whole run is bounded by two minutes.
 
@@ -110,11 +110,16 @@ async function throughput(subscribers, messages, channel) {
   let sent = 0;
   let answered = 0;
   let failure = null;
+  let lastAnswer = started;
+  let longestGap = 0n;
   const pump = () => {
     while (sent < messages && sent - answered < options.window) {
       sent++;
       publisher.publish(channel, {n: sent}).then(
           () => {
+            const now = process.hrtime.bigint();
+            if (now - lastAnswer > longestGap) longestGap = now - lastAnswer;
+            lastAnswer = now;
             answered++;
             pump();
           },
@@ -135,6 +140,7 @@ async function throughput(subscribers, messages, channel) {
     cpuSeconds: (cpu.user + cpu.system) / 1e6,
     serverCpuSeconds: serverBefore === null ? null : serverAfter - serverBefore,
     messages,
+    longestGapSeconds: Number(longestGap) / 1e9,
   };
 }
 
