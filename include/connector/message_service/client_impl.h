@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -98,7 +99,9 @@ class MessageServiceClientImpl : public MessageService,
     std::shared_ptr<OutboundPublisher> outboundPublisher_;  // empty: no transport connected
     std::shared_ptr<InboundSubscriber> inboundSubscriber_;
     std::uint64_t transportGeneration_ = 0;  // tells a current transport from a replaced one
-    std::vector<std::pair<std::string, Promise<MessagePtr>>> pendingRequests_;
+    // In sending order. Answers come mostly in that order behind the one long-held meta connect,
+    // so a deque erases them without moving the rest.
+    std::deque<std::pair<std::string, Promise<MessagePtr>>> pendingRequests_;
     SubscriptionTable subscriptions_;
     std::vector<StateListenerRecord> stateListeners_;
     ConnectionState state_ = ConnectionState::DISCONNECTED;
