@@ -18,7 +18,7 @@ namespace connector {
 
 // Names a service: the service itself and the protocol it is reached through.
 class Address {
-public:
+  public:
     Address(const char* service, const char* protocol) : service_(service), protocol_(protocol) {}
     Address(std::string service, std::string protocol)
         : service_(std::move(service)), protocol_(std::move(protocol)) {}
@@ -32,14 +32,14 @@ public:
     }
     bool operator!=(const Address& other) const { return !(*this == other); }
 
-private:
+  private:
     std::string service_;
     std::string protocol_;
 };
 
 // Base of every request and response exchanged through a Context; owned by unique_ptr.
 class Message {
-public:
+  public:
     virtual ~Message() = default;
 };
 
@@ -50,7 +50,7 @@ namespace common {
 
 // Named values attached to a call or a context; thread-safe.
 class ContextState {
-public:
+  public:
     void set(const std::string& name, std::any value, ContextScope scope);
     // The value stored under `name`, or an empty optional.
     std::optional<std::any> get(const std::string& name) const;
@@ -58,7 +58,7 @@ public:
     // The value under `name` if it holds a std::string.
     std::optional<std::string> getString(const std::string& name) const;
 
-private:
+  private:
     mutable std::mutex mutex_;  // guards values_
     std::unordered_map<std::string, std::pair<std::any, ContextScope>> values_;
 };
@@ -73,7 +73,7 @@ using ServiceHandler =
 
 // Registry of services by address; delivers requests to them.
 class Context : public std::enable_shared_from_this<Context> {
-public:
+  public:
     Context();
     virtual ~Context();
 
@@ -88,7 +88,7 @@ public:
 
     const std::shared_ptr<common::ContextState>& getState() const { return state_; }
 
-private:
+  private:
     struct AddressHash {
         std::size_t operator()(const Address& a) const;
     };
@@ -99,12 +99,12 @@ private:
 
 // Wraps a Context for hosts that pass connectors around.
 class Connector {
-public:
+  public:
     explicit Connector(std::shared_ptr<Context> context) : context_(std::move(context)) {}
     virtual ~Connector() = default;
     virtual std::shared_ptr<Context> getContext() const { return context_; }
 
-private:
+  private:
     std::shared_ptr<Context> context_;
 };
 

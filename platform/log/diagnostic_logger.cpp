@@ -24,9 +24,11 @@ void push(const std::string& channel, int severity, std::string message, const s
     boost::log::attribute_set attributes;
     attributes.insert("Channel", attrs::constant<std::string>(channel));
     attributes.insert("Severity", attrs::constant<int>(severity));
-    if (json) attributes.insert("Json", attrs::constant<std::string>(*json));
+    if (json)
+        attributes.insert("Json", attrs::constant<std::string>(*json));
     boost::log::record record = core->open_record(attributes);
-    if (!record) return;
+    if (!record)
+        return;
     {
         boost::log::record_ostream stream(record);
         stream << message;
@@ -48,9 +50,10 @@ namespace {
 
 // A growable byte buffer that starts at one byte and at least doubles when it must grow.
 class RecordBuffer {
-public:
+  public:
     RecordBuffer() : data_(static_cast<char*>(std::malloc(1))), capacity_(1) {
-        if (!data_) throw std::runtime_error("Out of memory!");
+        if (!data_)
+            throw std::runtime_error("Out of memory!");
     }
     ~RecordBuffer() { std::free(data_); }
     RecordBuffer(const RecordBuffer&) = delete;
@@ -59,18 +62,21 @@ public:
     void append(std::string_view text) {
         if (size_ + text.size() > capacity_) {
             std::size_t capacity = capacity_ * 2;
-            while (capacity < size_ + text.size()) capacity *= 2;
+            while (capacity < size_ + text.size())
+                capacity *= 2;
             char* grown = static_cast<char*>(std::realloc(data_, capacity));
-            if (!grown) throw std::runtime_error("Out of memory!");
+            if (!grown)
+                throw std::runtime_error("Out of memory!");
             data_ = grown;
             capacity_ = capacity;
         }
-        if (!text.empty()) std::memcpy(data_ + size_, text.data(), text.size());
+        if (!text.empty())
+            std::memcpy(data_ + size_, text.data(), text.size());
         size_ += text.size();
     }
     std::string str() const { return std::string(data_, size_); }
 
-private:
+  private:
     char* data_;
     std::size_t capacity_;
     std::size_t size_ = 0;
@@ -98,12 +104,14 @@ std::string buildJsonRecord(const std::vector<std::pair<std::string, std::string
 void basic_diagnostic_logger<char, json_tagger>::log(
     int severity, const std::vector<std::pair<std::string, std::string>>& tags,
     std::string_view payload) const {
-    if (!enabled(severity)) return;
+    if (!enabled(severity))
+        return;
     const int uncaught = std::uncaught_exceptions();
     std::string json = buildJsonRecord(tags, payload);
-    if (std::uncaught_exceptions() != uncaught) return;
-    detail::push(name_, severity, "Message Ignored. If you see this, JSON log formatting is broken.",
-                 &json);
+    if (std::uncaught_exceptions() != uncaught)
+        return;
+    detail::push(name_, severity,
+                 "Message Ignored. If you see this, JSON log formatting is broken.", &json);
 }
 
 }  // namespace foundation::log

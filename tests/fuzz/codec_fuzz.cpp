@@ -4,8 +4,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,13 +19,15 @@ using connector::bayeux::codec::Decoded;
 
 std::string reencode(const Decoded& decoded) {
     std::vector<const BayeuxMessage*> messages;
-    for (const auto& message : decoded.messages) messages.push_back(message.get());
+    for (const auto& message : decoded.messages)
+        messages.push_back(message.get());
     return connector::bayeux::codec::encode(messages);
 }
 
 void check(std::string_view frame, Decoded (*decode)(std::string_view), const char* side) {
     const Decoded first = decode(frame);
-    if (first.messages.empty()) return;
+    if (first.messages.empty())
+        return;
     const std::string encoded = reencode(first);
     const Decoded second = decode(encoded);
     if (!second.errors.empty() || second.messages.size() != first.messages.size()) {

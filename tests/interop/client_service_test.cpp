@@ -18,7 +18,6 @@ using orvale::test::NodeProcess;
 using orvale::test::waitUntil;
 using namespace std::chrono_literals;
 
-
 class ClientServiceWithFaye : public ::testing::Test {
   protected:
     void SetUp() override {

@@ -50,7 +50,7 @@ struct Advice {
 };
 
 class BayeuxMessage : public Message {
-public:
+  public:
     virtual Kind kind() const = 0;
     // The Bayeux channel field of the message.
     virtual std::string bayeuxChannel() const = 0;
@@ -69,7 +69,7 @@ public:
         contextState_ = std::move(state);
     }
 
-private:
+  private:
     std::string id_;
     std::string clientId_;
     std::string ext_;
@@ -80,13 +80,13 @@ private:
 class BayeuxRequest : public BayeuxMessage {};
 
 class BayeuxResponse : public BayeuxMessage {
-public:
+  public:
     bool isSuccessful() const { return successful_; }
     void setSuccessful(bool successful) { successful_ = successful; }
     const std::string& getError() const { return error_; }
     void setError(std::string error) { error_ = std::move(error); }
 
-private:
+  private:
     bool successful_ = true;
     std::string error_;
 };
@@ -94,7 +94,7 @@ private:
 // A meta message whose Bayeux channel is fixed by its class.
 template <class Base, Kind K>
 class MetaMessage : public Base {
-public:
+  public:
     Kind kind() const override { return K; }
     std::string bayeuxChannel() const override { return channelOf(K); }
 
@@ -122,7 +122,7 @@ public:
 };
 
 class HandshakeRequest : public MetaMessage<BayeuxRequest, Kind::HandshakeRequest> {
-public:
+  public:
     HandshakeRequest() = default;
     HandshakeRequest(std::string version, std::string minimumVersion,
                      std::vector<std::string> supportedConnectionTypes)
@@ -141,14 +141,14 @@ public:
         supportedConnectionTypes_ = std::move(types);
     }
 
-private:
+  private:
     std::string version_;
     std::string minimumVersion_;
     std::vector<std::string> supportedConnectionTypes_;
 };
 
 class HandshakeResponse : public MetaMessage<BayeuxResponse, Kind::HandshakeResponse> {
-public:
+  public:
     const std::string& getVersion() const { return version_; }
     void setVersion(std::string v) { version_ = std::move(v); }
     const std::vector<std::string>& getSupportedConnectionTypes() const {
@@ -158,19 +158,20 @@ public:
         supportedConnectionTypes_ = std::move(types);
     }
 
-private:
+  private:
     std::string version_;
     std::vector<std::string> supportedConnectionTypes_;
 };
 
 class ConnectRequest : public MetaMessage<BayeuxRequest, Kind::ConnectRequest> {
-public:
+  public:
     ConnectRequest() = default;
-    explicit ConnectRequest(std::string connectionType) : connectionType_(std::move(connectionType)) {}
+    explicit ConnectRequest(std::string connectionType)
+        : connectionType_(std::move(connectionType)) {}
     const std::string& getConnectionType() const { return connectionType_; }
     void setConnectionType(std::string t) { connectionType_ = std::move(t); }
 
-private:
+  private:
     std::string connectionType_;
 };
 
@@ -178,7 +179,7 @@ private:
 class ConnectStreamResponse : public MetaMessage<BayeuxResponse, Kind::ConnectResponse> {};
 
 class DisconnectRequest : public MetaMessage<BayeuxRequest, Kind::DisconnectRequest> {
-public:
+  public:
     DisconnectRequest() = default;
     explicit DisconnectRequest(std::string clientId) { setClientId(std::move(clientId)); }
 };
@@ -188,7 +189,7 @@ class DisconnectResponse : public MetaMessage<BayeuxResponse, Kind::DisconnectRe
 // Subscribe and unsubscribe requests and responses carry the subscription pattern.
 template <class Base, Kind K>
 class SubscriptionMessage : public MetaMessage<Base, K> {
-public:
+  public:
     SubscriptionMessage() = default;
     SubscriptionMessage(std::string channel, std::string clientId) : channel_(std::move(channel)) {
         this->setClientId(std::move(clientId));
@@ -196,31 +197,30 @@ public:
     const std::string& getChannel() const { return channel_; }
     void setChannel(std::string channel) { channel_ = std::move(channel); }
 
-private:
+  private:
     std::string channel_;
 };
 
 class SubscribeRequest : public SubscriptionMessage<BayeuxRequest, Kind::SubscribeRequest> {
-public:
+  public:
     using SubscriptionMessage::SubscriptionMessage;
 };
 class SubscribeResponse : public SubscriptionMessage<BayeuxResponse, Kind::SubscribeResponse> {
-public:
+  public:
     using SubscriptionMessage::SubscriptionMessage;
 };
 class UnsubscribeRequest : public SubscriptionMessage<BayeuxRequest, Kind::UnsubscribeRequest> {
-public:
+  public:
     using SubscriptionMessage::SubscriptionMessage;
 };
-class UnsubscribeResponse
-    : public SubscriptionMessage<BayeuxResponse, Kind::UnsubscribeResponse> {
-public:
+class UnsubscribeResponse : public SubscriptionMessage<BayeuxResponse, Kind::UnsubscribeResponse> {
+  public:
     using SubscriptionMessage::SubscriptionMessage;
 };
 
 // A message published on an application channel; also what a server delivers to subscribers.
 class PublishRequest : public BayeuxRequest {
-public:
+  public:
     PublishRequest() = default;
     PublishRequest(std::string channel, common::DataBuffer&& data)
         : channel_(std::move(channel)), data_(std::move(data).toString()) {}
@@ -234,13 +234,13 @@ public:
     const std::string& getJson() const { return data_; }
     void setJson(std::string json) { data_ = std::move(json); }
 
-private:
+  private:
     std::string channel_;
     std::string data_;
 };
 
 class PublishResponse : public BayeuxResponse {
-public:
+  public:
     PublishResponse() = default;
     explicit PublishResponse(std::string channel) : channel_(std::move(channel)) {}
     Kind kind() const override { return Kind::PublishResponse; }
@@ -248,17 +248,17 @@ public:
     const std::string& getChannel() const { return channel_; }
     void setChannel(std::string channel) { channel_ = std::move(channel); }
 
-private:
+  private:
     std::string channel_;
 };
 
 // A batch of messages received or sent together, in order.
 class BayeuxContainer : public Message {
-public:
+  public:
     std::vector<std::unique_ptr<Message>>& messages() { return messages_; }
     const std::vector<std::unique_ptr<Message>>& messages() const { return messages_; }
 
-private:
+  private:
     std::vector<std::unique_ptr<Message>> messages_;
 };
 
@@ -266,18 +266,18 @@ using MessagePtr = std::unique_ptr<Message>;
 
 // Asks a transport service to open a connection to `url`.
 class ConnectTransport : public Message {
-public:
+  public:
     explicit ConnectTransport(std::string url) : url_(std::move(url)) {}
     const std::string& getUrl() const { return url_; }
 
-private:
+  private:
     std::string url_;
 };
 
 // The open transport: messages arrive through `inbound`; the client subscribes `outbound` to
 // its own stream of outgoing messages.
 class ConnectTransportResponse : public Message {
-public:
+  public:
     ConnectTransportResponse(std::shared_ptr<reactive_streams::Publisher<MessagePtr>> inbound,
                              std::shared_ptr<reactive_streams::Subscriber<MessagePtr>> outbound)
         : inbound_(std::move(inbound)), outbound_(std::move(outbound)) {}
@@ -288,7 +288,7 @@ public:
         return outbound_;
     }
 
-private:
+  private:
     std::shared_ptr<reactive_streams::Publisher<MessagePtr>> inbound_;
     std::shared_ptr<reactive_streams::Subscriber<MessagePtr>> outbound_;
 };

@@ -17,7 +17,7 @@
 namespace connector::bayeux {
 
 class BayeuxSession {
-public:
+  public:
     virtual ~BayeuxSession() = default;
     virtual std::shared_ptr<common::ContextState> getContext() = 0;
     virtual std::string getId() = 0;
@@ -29,7 +29,7 @@ public:
 };
 
 class BayeuxServer {
-public:
+  public:
     virtual ~BayeuxServer() = default;
     virtual void registerSession(std::weak_ptr<BayeuxSession> session) = 0;
     // Drops the session and every subscription it still holds, without announcing them.

@@ -7,10 +7,10 @@
 namespace connector::common {
 
 class DataBuffer {
-public:
+  public:
     DataBuffer() = default;
     DataBuffer(std::string data) : data_(std::move(data)) {}  // NOLINT: implicit by design
-    DataBuffer(const char* data) : data_(data) {}              // NOLINT: implicit by design
+    DataBuffer(const char* data) : data_(data) {}             // NOLINT: implicit by design
 
     const std::string& toString() const& { return data_; }
     std::string toString() && { return std::move(data_); }
@@ -18,7 +18,7 @@ public:
     std::size_t size() const { return data_.size(); }
     bool empty() const { return data_.empty(); }
 
-private:
+  private:
     std::string data_;
 };
 

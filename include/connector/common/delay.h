@@ -8,11 +8,11 @@
 namespace connector::common {
 
 class TickManager {
-public:
+  public:
     // Cancels its timer when destroyed or when cancel() is called. Once cancel() returns the
     // callback will not start, and a callback already running has finished.
     class Canceller {
-    public:
+      public:
         Canceller() = default;
         Canceller(std::uint32_t slot, std::uint64_t generation)
             : slot_(slot), generation_(generation) {}
@@ -25,7 +25,7 @@ public:
         // True when this call stopped the timer before it fired.
         bool cancel();
 
-    private:
+      private:
         std::uint32_t slot_ = 0;
         std::uint64_t generation_ = 0;  // 0: nothing to cancel
     };

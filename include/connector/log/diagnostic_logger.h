@@ -25,8 +25,12 @@ void push(const std::string& channel, int severity, std::string message, const s
 }  // namespace detail
 
 // Sets the mask of every logger, existing and future. The default is warning | error.
-inline void setEnabledMask(int mask) { detail::enabledMask.store(mask, std::memory_order_relaxed); }
-inline int getEnabledMask() { return detail::enabledMask.load(std::memory_order_relaxed); }
+inline void setEnabledMask(int mask) {
+    detail::enabledMask.store(mask, std::memory_order_relaxed);
+}
+inline int getEnabledMask() {
+    return detail::enabledMask.load(std::memory_order_relaxed);
+}
 
 // Tag type selecting the JSON-tagging logger.
 struct json_tagger {};
@@ -49,7 +53,7 @@ class basic_diagnostic_logger;
 
 template <>
 class basic_diagnostic_logger<char, void> {
-public:
+  public:
     explicit basic_diagnostic_logger(std::string name) : name_(std::move(name)) {}
 
     const std::string& name() const { return name_; }
@@ -62,20 +66,22 @@ public:
     // streaming a new exception started is dropped.
     template <class... Parts>
     void log(int severity, const Parts&... parts) const {
-        if (!enabled(severity)) return;
+        if (!enabled(severity))
+            return;
         const int uncaught = std::uncaught_exceptions();
         std::ostringstream stream;
         (stream << ... << parts);
-        if (std::uncaught_exceptions() == uncaught) detail::push(name_, severity, stream.str(), nullptr);
+        if (std::uncaught_exceptions() == uncaught)
+            detail::push(name_, severity, stream.str(), nullptr);
     }
 
-private:
+  private:
     std::string name_;
 };
 
 template <>
 class basic_diagnostic_logger<char, json_tagger> {
-public:
+  public:
     explicit basic_diagnostic_logger(std::string name) : name_(std::move(name)) {}
 
     const std::string& name() const { return name_; }
@@ -88,7 +94,7 @@ public:
     void log(int severity, const std::vector<std::pair<std::string, std::string>>& tags,
              std::string_view payload) const;
 
-private:
+  private:
     std::string name_;
 };
 

@@ -10,7 +10,7 @@
 namespace connector::reactive_streams {
 
 class Subscription {
-public:
+  public:
     virtual ~Subscription() = default;
     virtual void request(std::uint64_t n) = 0;
     virtual void cancel() = 0;
@@ -18,7 +18,7 @@ public:
 
 template <class T>
 class Subscriber {
-public:
+  public:
     virtual ~Subscriber() = default;
     virtual void onSubscribe(std::shared_ptr<Subscription> subscription) = 0;
     virtual void onComplete() = 0;
@@ -29,7 +29,7 @@ public:
 
 template <class T>
 class Publisher {
-public:
+  public:
     virtual ~Publisher() = default;
     virtual Future<bool> done() = 0;
     virtual void subscribe(std::shared_ptr<Subscriber<T>> subscriber) = 0;

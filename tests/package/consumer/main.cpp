@@ -14,9 +14,12 @@ int main() {
     auto b = factory->createMessageService("b", {}).get();
     Promise<std::string> received;
     auto arrived = received.getFuture();
-    auto handle = b->subscribe("/greeting", [&](const JsonMessage& m) { received.setValue(m.getJson()); }).get();
+    auto handle = b->subscribe("/greeting", [&](const JsonMessage& m) {
+                       received.setValue(m.getJson());
+                   }).get();
     a->publish("/greeting", std::string("\"hello\"")).get();
-    if (!arrived.waitFor(std::chrono::seconds(5))) return 1;
+    if (!arrived.waitFor(std::chrono::seconds(5)))
+        return 1;
     const std::string json = arrived.get();
     std::cout << json << "\n";
     return json == "\"hello\"" ? 0 : 1;
