@@ -11,7 +11,9 @@ namespace connector::message_service {
 namespace log = foundation::log;
 
 void MessageServiceClientImpl::deliver(MessagePtr&& message) {
-    logger_.log(log::trace, "Message received: ", log::typeName(*message));
+    // The type name is demangled only when the line is wanted: this runs for every message.
+    if (logger_.enabled(log::trace))
+        logger_.log(log::trace, "Message received: ", log::typeName(*message));
     if (auto* response = dynamic_cast<bayeux::BayeuxResponse*>(message.get())) {
         std::unique_lock<std::mutex> lock(mutex_);
         for (auto pending = pendingRequests_.begin(); pending != pendingRequests_.end();
