@@ -20,15 +20,9 @@ Future<PublishResult> MessageServiceClientImpl::publish(const std::string& chann
 Future<PublishResult> MessageServiceClientImpl::publishWithContext(
     const std::string& channel, common::DataBuffer&& data,
     std::shared_ptr<common::ContextState>& context) {
-    if (!isValidPublishChannel(channel))
-        return makeFailedFuture<PublishResult>(
-            std::invalid_argument("Channel is invalid: " + channel));
-    if (getState() != ConnectionState::CONNECTED)
-        return makeFailedFuture<PublishResult>(
-            std::runtime_error("MessageService is not connected."));
-    if (jsonLogger_.enabled(log::trace))
-        jsonLogger_.log(log::trace, {{"operation", "Publish"}, {"channel", channel}},
-                        data.toString());
+    if (auto refused =
+            beginPublish(isValidPublishChannel(channel), channel, *this, jsonLogger_, data))
+        return std::move(*refused);
 
     auto request =
         std::make_unique<bayeux::PublishRequest>(toWireChannel(channel), std::move(data));

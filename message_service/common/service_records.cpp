@@ -1,5 +1,9 @@
 #include "connector/message_service/service_records.h"
 
+#include <stdexcept>
+
+#include "connector/message_service/message_service.h"
+
 namespace connector::message_service {
 
 namespace log = foundation::log;
@@ -45,6 +49,22 @@ void notifyStateListeners(const std::vector<StateListenerRecord>& listeners,
                        "->", next);
         }
     }
+}
+
+std::optional<Future<PublishResult>> beginPublish(
+    bool channelValid, const std::string& channel, MessageService& service,
+    const log::basic_diagnostic_logger<char, log::json_tagger>& jsonLogger,
+    const common::DataBuffer& data) {
+    if (!channelValid)
+        return makeFailedFuture<PublishResult>(
+            std::invalid_argument("Channel is invalid: " + channel));
+    if (service.getState() != ConnectionState::CONNECTED)
+        return makeFailedFuture<PublishResult>(
+            std::runtime_error("MessageService is not connected."));
+    if (jsonLogger.enabled(log::trace))
+        jsonLogger.log(log::trace, {{"operation", "Publish"}, {"channel", channel}},
+                       data.toString());
+    return std::nullopt;
 }
 
 }  // namespace connector::message_service

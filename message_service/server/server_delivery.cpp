@@ -24,15 +24,8 @@ Future<PublishResult> MessageServiceServerImpl::publishWithContext(
     std::shared_ptr<common::ContextState>& context) {
     const bool valid = name_ == kSharedServiceName ? isValidSharedPublishChannel(channel)
                                                    : isValidPublishChannel(channel);
-    if (!valid)
-        return makeFailedFuture<PublishResult>(
-            std::invalid_argument("Channel is invalid: " + channel));
-    if (getState() != ConnectionState::CONNECTED)
-        return makeFailedFuture<PublishResult>(
-            std::runtime_error("MessageService is not connected."));
-    if (jsonLogger_.enabled(log::trace))
-        jsonLogger_.log(log::trace, {{"operation", "Publish"}, {"channel", channel}},
-                        data.toString());
+    if (auto refused = beginPublish(valid, channel, *this, jsonLogger_, data))
+        return std::move(*refused);
 
     auto request =
         std::make_shared<bayeux::PublishRequest>(toWireChannel(channel), std::move(data));

@@ -6,11 +6,14 @@
 #include <functional>
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "connector/common/data_buffer.h"
+#include "connector/future.h"
 #include "connector/log/diagnostic_logger.h"
 #include "connector/message_service/subscription.h"
 #include "connector/message_service/types.h"
@@ -38,5 +41,15 @@ struct StateListenerRecord {
 void notifyStateListeners(const std::vector<StateListenerRecord>& listeners,
                           ConnectionState previous, ConnectionState next,
                           const foundation::log::basic_diagnostic_logger<char>& logger);
+
+class MessageService;
+
+// The checks and the JSON-tagged record that every publish starts with, in that order: a failed
+// future when the channel is invalid or the service is not connected, nothing when the publish
+// may go on.
+std::optional<Future<PublishResult>> beginPublish(
+    bool channelValid, const std::string& channel, MessageService& service,
+    const foundation::log::basic_diagnostic_logger<char, foundation::log::json_tagger>& jsonLogger,
+    const common::DataBuffer& data);
 
 }  // namespace connector::message_service
