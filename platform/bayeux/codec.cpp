@@ -1,14 +1,13 @@
 // The Bayeux 1.0 JSON wire codec: messages to frames and frames to messages.
 //
 // Encoding writes the JSON text directly; `data` and `ext` are JSON text already and go in as
-// they are. Decoding parses the frame with Boost.JSON into a per-call arena and builds the
-// message classes; every problem with one element is reported and that element left out, so a
-// peer can never crash, hang or exhaust the process with what it sends.
+// they are. Decoding reads the frame in one strict pass (json_reader.h) and builds the message
+// classes from the members it needs; every problem with one element is reported and that
+// element left out, so a peer can never crash, hang or exhaust the process with what it sends.
 
 #include "connector/bayeux/codec.h"
 
 #include <algorithm>
-#include <boost/json/monotonic_resource.hpp>
 #include <boost/json/parse.hpp>
 #include <boost/json/value.hpp>
 #include <charconv>
@@ -19,11 +18,13 @@
 #include <stdexcept>
 #include <utility>
 
+#include "json_reader.h"
 #include "json_text.h"
 
 namespace connector::bayeux::codec {
 
 namespace json = boost::json;
+namespace jr = json_reader;
 
 namespace {
 
@@ -187,171 +188,34 @@ std::string toText(const json::value& value) {
     return out;
 }
 
-std::string toStdString(const json::string& s) {
-    return std::string(s.data(), s.size());
-}
-
 bool isMetaChannel(std::string_view channel) {
     return channel.compare(0, 6, "/meta/") == 0 || channel == "/meta";
 }
 
-// The source text of the `data` and `ext` members of one element. They are handed on as the
-// peer wrote them: re-serializing would cost time, and this Boost.JSON release does not always
-// parse long or large decimals to the nearest double, so their values could drift on each hop.
-struct RawMembers {
-    std::optional<std::string_view> data;
-    std::optional<std::string_view> ext;
-};
-
-// Walks a frame that Boost.JSON has already accepted, so it only needs to find boundaries.
-class RawScanner {
-  public:
-    explicit RawScanner(std::string_view text) : text_(text) {}
-
-    // One entry per element of a top-level array, or one for a top-level object.
-    std::vector<RawMembers> elements() {
-        std::vector<RawMembers> out;
-        skipSpace();
-        if (at('{')) {
-            out.push_back(members());
-        } else if (at('[')) {
-            ++pos_;
-            skipSpace();
-            while (pos_ < text_.size() && !at(']')) {
-                if (at('{'))
-                    out.push_back(members());
-                else {
-                    skipValue();
-                    out.emplace_back();
-                }
-                skipSpace();
-                if (at(','))
-                    ++pos_;
-                skipSpace();
-            }
-        }
-        return out;
-    }
-
-  private:
-    bool at(char c) const { return pos_ < text_.size() && text_[pos_] == c; }
-
-    void skipSpace() {
-        while (pos_ < text_.size() && (text_[pos_] == ' ' || text_[pos_] == '\t' ||
-                                       text_[pos_] == '\n' || text_[pos_] == '\r'))
-            ++pos_;
-    }
-
-    // From an opening quote to just past the closing one.
-    void skipString() {
-        ++pos_;
-        while (pos_ < text_.size() && text_[pos_] != '"')
-            pos_ += text_[pos_] == '\\' ? 2 : 1;
-        ++pos_;
-    }
-
-    // Any value; containers by counting brackets, so depth costs no recursion.
-    void skipValue() {
-        if (at('"'))
-            return skipString();
-        if (at('{') || at('[')) {
-            std::size_t depth = 0;
-            do {
-                const char c = text_[pos_];
-                if (c == '"') {
-                    skipString();
-                    continue;
-                }
-                if (c == '{' || c == '[')
-                    ++depth;
-                if (c == '}' || c == ']')
-                    --depth;
-                ++pos_;
-            } while (depth > 0 && pos_ < text_.size());
-            return;
-        }
-        while (pos_ < text_.size() && text_[pos_] != ',' && text_[pos_] != '}' &&
-               text_[pos_] != ']' && text_[pos_] != ' ' && text_[pos_] != '\t' &&
-               text_[pos_] != '\n' && text_[pos_] != '\r')
-            ++pos_;
-    }
-
-    // The key at pos_ decoded, as far as telling "data" and "ext" apart needs.
-    std::string key() {
-        const std::size_t start = pos_ + 1;
-        skipString();
-        std::string_view raw = text_.substr(start, pos_ - start - 1);
-        if (raw.find('\\') == std::string_view::npos)
-            return std::string(raw);
-        std::string decoded;
-        for (std::size_t i = 0; i < raw.size(); ++i) {
-            if (raw[i] != '\\' || i + 1 >= raw.size()) {
-                decoded.push_back(raw[i]);
-                continue;
-            }
-            const char e = raw[++i];
-            if (e == 'u' && i + 4 < raw.size()) {
-                unsigned value = 0;
-                std::from_chars(raw.data() + i + 1, raw.data() + i + 5, value, 16);
-                decoded.push_back(value < 0x80 ? static_cast<char>(value) : '?');
-                i += 4;
-            } else {
-                decoded.push_back(e == '"' || e == '\\' || e == '/' ? e : '?');
-            }
-        }
-        return decoded;
-    }
-
-    RawMembers members() {
-        RawMembers out;
-        ++pos_;
-        skipSpace();
-        while (pos_ < text_.size() && at('"')) {
-            const std::string name = key();
-            skipSpace();
-            if (at(':'))
-                ++pos_;
-            skipSpace();
-            const std::size_t start = pos_;
-            skipValue();
-            const std::string_view value = text_.substr(start, pos_ - start);
-            // A repeated member counts once, the last one, as for every other member.
-            if (name == "data")
-                out.data = value;
-            if (name == "ext")
-                out.ext = value;
-            skipSpace();
-            if (at(','))
-                ++pos_;
-            skipSpace();
-        }
-        if (at('}'))
-            ++pos_;
-        return out;
-    }
-
-    std::string_view text_;
-    std::size_t pos_ = 0;
-};
-
-// Typed access to the members of one message object; a mistyped member is a Problem.
+// Typed access to the members of one message object; a mistyped member is a Problem. A
+// repeated member counts once, the last one.
 class Fields {
   public:
-    Fields(const json::object& object, const RawMembers& raw) : object_(object), raw_(raw) {}
+    explicit Fields(const std::vector<jr::Member>& members) : members_(members) {}
 
-    const json::value* find(std::string_view name) const { return object_.if_contains(name); }
+    const jr::Value* find(std::string_view name) const {
+        for (auto it = members_.rbegin(); it != members_.rend(); ++it)
+            if (jr::keyIs(*it, name))
+                return &it->value;
+        return nullptr;
+    }
     bool has(std::string_view name) const { return find(name) != nullptr; }
 
     std::string string(std::string_view name, bool required = false) const {
-        const json::value* v = find(name);
+        const jr::Value* v = find(name);
         if (!v) {
             if (required)
                 throw Problem("missing " + std::string(name));
             return {};
         }
-        if (!v->is_string())
+        if (v->type != jr::Type::String)
             throw Problem(std::string(name) + " is not a string");
-        return toStdString(v->get_string());
+        return jr::text(*v);
     }
 
     std::string channel() const {
@@ -363,36 +227,39 @@ class Fields {
 
     // Ids are strings in Bayeux; some clients send integers, which are taken as their text.
     std::string id() const {
-        const json::value* v = find("id");
+        const jr::Value* v = find("id");
         if (!v)
             return {};
-        if (v->is_string())
-            return toStdString(v->get_string());
-        if (v->is_int64())
-            return std::to_string(v->get_int64());
-        if (v->is_uint64())
-            return std::to_string(v->get_uint64());
+        if (v->type == jr::Type::String)
+            return jr::text(*v);
+        if (v->type == jr::Type::Number) {
+            const jr::Number n = jr::number(v->text);
+            if (n.kind == jr::Number::Kind::Int64)
+                return std::to_string(n.i);
+            if (n.kind == jr::Number::Kind::UInt64)
+                return std::to_string(n.u);
+        }
         throw Problem("id is neither a string nor an integer");
     }
 
     bool boolean(std::string_view name) const {
-        const json::value* v = find(name);
-        if (!v->is_bool())
+        const jr::Value* v = find(name);
+        if (v->type != jr::Type::Bool)
             throw Problem(std::string(name) + " is not a boolean");
-        return v->get_bool();
+        return v->text == "true";
     }
 
     std::vector<std::string> strings(std::string_view name) const {
         std::vector<std::string> out;
-        const json::value* v = find(name);
+        const jr::Value* v = find(name);
         if (!v)
             return out;
-        if (!v->is_array())
+        if (v->type != jr::Type::Array)
             throw Problem(std::string(name) + " is not an array");
-        for (const auto& element : v->get_array()) {
-            if (!element.is_string())
+        for (const auto& element : jr::elements(v->text)) {
+            if (element.type != jr::Type::String)
                 throw Problem(std::string(name) + " holds something other than strings");
-            out.push_back(toStdString(element.get_string()));
+            out.push_back(jr::text(element));
         }
         return out;
     }
@@ -406,57 +273,65 @@ class Fields {
     }
 
     std::optional<Advice> advice() const {
-        const json::value* v = find("advice");
+        const jr::Value* v = find("advice");
         if (!v)
             return std::nullopt;
-        if (!v->is_object())
+        if (v->type != jr::Type::Object)
             throw Problem("advice is not an object");
-        const json::object& object = v->get_object();
+        const Fields inner(jr::members(v->text));
         Advice advice;
-        if (const json::value* r = object.if_contains("reconnect")) {
-            if (!r->is_string())
+        if (const jr::Value* r = inner.find("reconnect")) {
+            if (r->type != jr::Type::String)
                 throw Problem("advice.reconnect is not a string");
-            advice.reconnect = toStdString(r->get_string());
+            advice.reconnect = jr::text(*r);
         }
-        advice.interval = milliseconds(object, "interval");
-        advice.timeout = milliseconds(object, "timeout");
+        advice.interval = inner.milliseconds("interval");
+        advice.timeout = inner.milliseconds("timeout");
         return advice;
     }
 
     std::string ext() const {
-        if (!raw_.ext)
+        const jr::Value* v = find("ext");
+        if (!v)
             return {};
-        if (raw_.ext->empty() || raw_.ext->front() != '{')
+        if (v->type != jr::Type::Object)
             throw Problem("ext is not an object");
-        return std::string(*raw_.ext);
+        return std::string(v->text);
     }
 
+    // The source text, as the peer wrote it: re-serializing would cost time and could make
+    // numbers drift on each hop.
     std::string data(bool required) const {
-        if (!raw_.data) {
+        const jr::Value* v = find("data");
+        if (!v) {
             if (required)
                 throw Problem("missing data");
             return {};
         }
-        return std::string(*raw_.data);
+        return std::string(jr::source(*v));
     }
 
   private:
+    // Owns the members of a nested object.
+    explicit Fields(std::vector<jr::Member>&& members)
+        : owned_(std::move(members)), members_(owned_) {}
+
     std::string firstSubscription(bool required) const {
-        const json::value* v = find("subscription");
+        const jr::Value* v = find("subscription");
         if (!v) {
             if (required)
                 throw Problem("missing subscription");
             return {};
         }
-        if (v->is_string())
-            return toStdString(v->get_string());
-        if (v->is_array()) {
-            const auto& array = v->get_array();
+        if (v->type == jr::Type::String)
+            return jr::text(*v);
+        if (v->type == jr::Type::Array) {
+            const auto array = jr::elements(v->text);
             for (const auto& element : array)
-                if (!element.is_string())
+                if (element.type != jr::Type::String)
                     throw Problem("subscription holds something other than strings");
             if (!array.empty())
-                return toStdString(array.front().get_string());
+                return jr::text(array.front());
             if (required)
                 throw Problem("subscription is an empty array");
             return {};
@@ -464,27 +339,26 @@ class Fields {
         throw Problem("subscription is neither a string nor an array");
     }
 
-    static std::int64_t milliseconds(const json::object& advice, std::string_view name) {
-        const json::value* v = advice.if_contains(name);
+    std::int64_t milliseconds(std::string_view name) const {
+        const jr::Value* v = find(name);
         if (!v)
             return -1;
-        if (v->is_int64())
-            return v->get_int64() < 0 ? -1 : v->get_int64();
-        if (v->is_uint64())
-            return static_cast<std::int64_t>(std::min<std::uint64_t>(v->get_uint64(), INT64_MAX));
-        if (v->is_double()) {
-            double d = v->get_double();
-            if (!(d >= 0))
-                return -1;
-            if (d >= 9.2e18)
-                return INT64_MAX;
-            return static_cast<std::int64_t>(d);
-        }
-        throw Problem("advice." + std::string(name) + " is not a number");
+        if (v->type != jr::Type::Number)
+            throw Problem("advice." + std::string(name) + " is not a number");
+        const jr::Number n = jr::number(v->text);
+        if (n.kind == jr::Number::Kind::Int64)
+            return n.i < 0 ? -1 : n.i;
+        if (n.kind == jr::Number::Kind::UInt64)
+            return static_cast<std::int64_t>(std::min<std::uint64_t>(n.u, INT64_MAX));
+        if (!(n.d >= 0))
+            return -1;
+        if (n.d >= 9.2e18)
+            return INT64_MAX;
+        return static_cast<std::int64_t>(n.d);
     }
 
-    const json::object& object_;
-    const RawMembers& raw_;
+    const std::vector<jr::Member> owned_;
+    const std::vector<jr::Member>& members_;
 };
 
 // Fields every message may carry.
@@ -496,9 +370,7 @@ void readCommon(const Fields& fields, BayeuxMessage& message) {
         message.setAdvice(std::move(*advice));
 }
 
-std::unique_ptr<BayeuxMessage> decodeServerMessage(const json::object& object,
-                                                   const RawMembers& raw) {
-    Fields fields(object, raw);
+std::unique_ptr<BayeuxMessage> decodeServerMessage(const Fields& fields) {
     std::string channel = fields.channel();
     std::unique_ptr<BayeuxMessage> message;
     if (fields.has("successful")) {
@@ -540,9 +412,7 @@ std::unique_ptr<BayeuxMessage> decodeServerMessage(const json::object& object,
     return message;
 }
 
-std::unique_ptr<BayeuxMessage> decodeClientMessage(const json::object& object,
-                                                   const RawMembers& raw) {
-    Fields fields(object, raw);
+std::unique_ptr<BayeuxMessage> decodeClientMessage(const Fields& fields) {
     std::string channel = fields.channel();
     std::unique_ptr<BayeuxMessage> message;
     if (channel == meta::handshake) {
@@ -575,21 +445,19 @@ std::unique_ptr<BayeuxMessage> decodeClientMessage(const json::object& object,
     return message;
 }
 
-using ElementDecoder = std::unique_ptr<BayeuxMessage> (*)(const json::object&, const RawMembers&);
+using ElementDecoder = std::unique_ptr<BayeuxMessage> (*)(const Fields&);
 
-void decodeElement(const json::value& element, const RawMembers& raw, std::size_t index,
+void decodeElement(const std::vector<jr::Member>& members, std::size_t index,
                    ElementDecoder decoder, Decoded& out) {
-    if (!element.is_object()) {
-        out.errors.push_back("message " + std::to_string(index) + ": not an object");
-        return;
-    }
     try {
-        out.messages.push_back(decoder(element.get_object(), raw));
+        out.messages.push_back(decoder(Fields(members)));
     } catch (const Problem& problem) {
         out.errors.push_back("message " + std::to_string(index) + ": " + problem.what());
     }
 }
 
+// One pass over the frame: each element is checked and decoded as it is read. Text that turns
+// out not to be JSON further on voids the whole frame, as if nothing had been decoded.
 Decoded decodeFrame(std::string_view frame, ElementDecoder decoder) {
     Decoded out;
     if (frame.size() > kMaxFrameBytes) {
@@ -598,35 +466,46 @@ Decoded decodeFrame(std::string_view frame, ElementDecoder decoder) {
         return out;
     }
     try {
-        // The parsed tree lives only for this call: an arena spares one allocation per node.
-        unsigned char initial[4096];
-        json::monotonic_resource arena(initial, sizeof initial);
-        json::parse_options options;
-        options.max_depth = kMaxDepth;
-        json::error_code ec;
-        json::value root = json::parse(json::string_view(frame.data(), frame.size()), ec,
-                                       json::storage_ptr(&arena), options);
-        if (ec) {
-            out.errors.push_back("invalid JSON: " + ec.message());
-            return out;
-        }
-        if (!root.is_array() && !root.is_object()) {
+        jr::Reader reader(frame, kMaxDepth);
+        std::vector<jr::Member> members;
+        members.reserve(16);
+        const char first = reader.peek();
+        if (first == '[') {
+            reader.expect('[');
+            if (reader.peek() == ']') {
+                reader.expect(']');
+            } else {
+                for (std::size_t index = 0;; ++index) {
+                    if (reader.peek() == '{') {
+                        reader.object(1, members);
+                        decodeElement(members, index, decoder, out);
+                    } else {
+                        reader.value(1);
+                        out.errors.push_back("message " + std::to_string(index) +
+                                             ": not an object");
+                    }
+                    if (reader.peek() != ',')
+                        break;
+                    reader.expect(',');
+                }
+                reader.expect(']');
+            }
+        } else if (first == '{') {
+            reader.object(0, members);
+            decodeElement(members, 0, decoder, out);
+        } else {
+            reader.value(0);
+            if (!reader.atEnd())
+                reader.fail("text after the value");
             out.errors.push_back("frame is neither an array nor an object");
             return out;
         }
-        const std::vector<RawMembers> raw = RawScanner(frame).elements();
-        if (root.is_array()) {
-            const json::array& elements = root.get_array();
-            if (raw.size() != elements.size()) {
-                out.errors.push_back("frame could not be scanned");  // cannot happen to valid JSON
-                return out;
-            }
-            out.messages.reserve(elements.size());
-            for (std::size_t i = 0; i < elements.size(); ++i)
-                decodeElement(elements[i], raw[i], i, decoder, out);
-        } else if (raw.size() == 1) {
-            decodeElement(root, raw[0], 0, decoder, out);
-        }
+        if (!reader.atEnd())
+            reader.fail("text after the value");
+    } catch (const jr::SyntaxError& e) {
+        out.messages.clear();
+        out.errors.clear();
+        out.errors.push_back(std::string("invalid JSON: ") + e.what());
     } catch (const std::exception& e) {
         // Only allocation failure gets here; what decoded so far is kept.
         out.errors.push_back(std::string("cannot decode frame: ") + e.what());

@@ -1,6 +1,7 @@
 // libFuzzer entry over the Bayeux codec: whatever bytes arrive, both decoders must return
 // without crashing, leaking or hanging, and what they decoded must encode into a frame that
-// decodes again to as many messages, without errors, and encodes to the same text.
+// decodes again to as many messages, without errors, and encodes to the same text. The codec's
+// own JSON reader must also agree with Boost.JSON on what is JSON and what is not.
 
 #include <cstddef>
 #include <cstdint>
@@ -9,6 +10,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <boost/json/parse.hpp>
 
 #include "connector/bayeux/codec.h"
 
@@ -49,11 +52,34 @@ void check(std::string_view frame, Decoded (*decode)(std::string_view), const ch
     }
 }
 
+bool rejectedAsJson(const Decoded& decoded) {
+    for (const auto& error : decoded.errors)
+        if (error.rfind("invalid JSON", 0) == 0)
+            return true;
+    return false;
+}
+
+// The codec refuses nesting deeper than 64 containers, as Boost.JSON is told to here.
+void checkAgreesWithBoostJson(std::string_view frame) {
+    boost::json::parse_options options;
+    options.max_depth = 64;
+    boost::json::error_code ec;
+    boost::json::parse(boost::json::string_view(frame.data(), frame.size()), ec, {}, options);
+    const Decoded decoded = connector::bayeux::codec::decodeFromServer(frame);
+    if (rejectedAsJson(decoded) != static_cast<bool>(ec)) {
+        std::fprintf(stderr, "the codec %s what Boost.JSON %s (%s)\n", ec ? "accepts" : "rejects",
+                     ec ? "rejects" : "accepts",
+                     ec ? ec.message().c_str() : decoded.errors[0].c_str());
+        std::abort();
+    }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string_view frame(reinterpret_cast<const char*>(data), size);
     check(frame, &connector::bayeux::codec::decodeFromServer, "server");
     check(frame, &connector::bayeux::codec::decodeFromClient, "client");
+    checkAgreesWithBoostJson(frame);
     return 0;
 }

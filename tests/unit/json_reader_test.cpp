@@ -1,0 +1,121 @@
+// The codec's JSON reader must take exactly what a strict JSON parser takes, and read strings
+// and numbers to the same values; Boost.JSON is the reference here.
+
+#include "bayeux/json_reader.h"
+
+#include <gtest/gtest.h>
+
+#include <boost/json/parse.hpp>
+#include <boost/json/value.hpp>
+#include <string>
+#include <vector>
+
+namespace connector::bayeux::codec::json_reader {
+namespace {
+
+bool boostAccepts(const std::string& text) {
+    boost::json::parse_options options;
+    options.max_depth = 64;
+    boost::json::error_code ec;
+    boost::json::parse(text, ec, {}, options);
+    return !ec;
+}
+
+bool readerAccepts(const std::string& text) {
+    try {
+        Reader reader(text, 64);
+        reader.value(0);
+        return reader.atEnd();
+    } catch (const SyntaxError&) {
+        return false;
+    }
+}
+
+TEST(JsonReader, AcceptsWhatAStrictParserAccepts) {
+    const std::vector<std::string> texts = {
+        "", " ", "{}", "[]", " [ ] ", "[1,]", "[,1]", "{\"a\":1,}", "{\"a\" 1}", "{a:1}",
+        "{\"a\":1}x", "[1 2]", "[\"a\"\"b\"]", "true", "tru", "nulll", "falsey",
+        "[true,false,null]",
+        // numbers
+        "-", "01", "-01", "1.", ".5", "1e", "1e+", "1E-7", "-0", "-0.0e0", "1.5e300", "1e400",
+        "18446744073709551615", "18446744073709551616", "-9223372036854775809", "+1", "0x10",
+        "1e2147483647", "1e2147483648", "1e-2147483648",
+        // strings: escapes and control characters
+        "\"\\u00e9\"", "\"\\u00E9\"", "\"\\u00g9\"", "\"\\x\"", "\"\\\"", "\"a\tb\"", "\"a\\tb\"",
+        "\"\\/\"", "\"abc", std::string("\"a\0b\"", 5),
+        // UTF-16 surrogates
+        "\"\\ud83d\\ude00\"", "\"\\ud83d\"", "\"\\ude00\"", "\"\\ud83dx\"", "\"\\ud83d\\u0041\"",
+        "\"\\ud83d\\ud83d\"",
+        // UTF-8
+        "\"\xc3\xa9\"", "\"\xc3\"", "\"\xc0\x80\"", "\"\xe0\x80\x80\"", "\"\xed\xa0\x80\"",
+        "\"\xef\xbf\xbf\"", "\"\xf0\x9f\x98\x80\"", "\"\xf0\x8f\xbf\xbf\"", "\"\xf4\x90\x80\x80\"",
+        "\"\xf4\x8f\xbf\xbf\"", "\"\xff\"", "\"\x80\"", "\xc3\xa9",
+        // nesting
+        std::string(64, '[') + std::string(64, ']'), std::string(65, '[') + std::string(65, ']'),
+        std::string(63, '[') + "{\"a\":1}" + std::string(63, ']'),
+        std::string(64, '[') + "{\"a\":1}" + std::string(64, ']')};
+    for (const auto& text : texts)
+        EXPECT_EQ(readerAccepts(text), boostAccepts(text)) << '"' << text << '"';
+}
+
+TEST(JsonReader, StringsAndKeysUnescapeAsAParserReadsThem) {
+    const std::string text =
+        R"({"k\u00e9y":"a\"b\\c\/d\b\f\n\r\t\u0001\u00e9\u20ac\ud83d\ude00 plain \u00C9"})";
+    std::vector<Member> found;
+    Reader(text, 64).object(0, found);
+    ASSERT_EQ(found.size(), 1u);
+    const auto parsed = boost::json::parse(text).as_object();
+    const auto& key = parsed.begin()->key();
+    const auto& value = parsed.begin()->value().as_string();
+    EXPECT_TRUE(keyIs(found[0], std::string(key.data(), key.size())));
+    EXPECT_FALSE(keyIs(found[0], "key"));
+    EXPECT_EQ(json_reader::text(found[0].value), std::string(value.data(), value.size()));
+    EXPECT_EQ(source(found[0].value).front(), '"');
+    EXPECT_EQ(source(found[0].value).back(), '"');
+}
+
+TEST(JsonReader, NumbersKeepTheKindAParserGivesThem) {
+    for (const std::string text :
+         {"0", "-0", "42", "-42", "9223372036854775807", "9223372036854775808",
+          "18446744073709551615", "18446744073709551616", "-9223372036854775808",
+          "-9223372036854775809", "1.5", "1e3", "-2.5E-3", "1e400"}) {
+        const auto reference = boost::json::parse(text);
+        const Number n = number(text);
+        switch (n.kind) {
+            case Number::Kind::Int64:
+                ASSERT_TRUE(reference.is_int64()) << text;
+                EXPECT_EQ(n.i, reference.get_int64()) << text;
+                break;
+            case Number::Kind::UInt64:
+                ASSERT_TRUE(reference.is_uint64()) << text;
+                EXPECT_EQ(n.u, reference.get_uint64()) << text;
+                break;
+            case Number::Kind::Double:
+                ASSERT_TRUE(reference.is_double()) << text;
+                EXPECT_EQ(n.d, reference.get_double()) << text;
+                break;
+        }
+    }
+}
+
+TEST(JsonReader, MembersAndElementsComeInSourceOrderWithTheirText) {
+    std::vector<Member> found;
+    Reader(R"( { "a" : [1, {"x":null}] , "b":"s", "a":-1.5e2 } )", 64).object(0, found);
+    ASSERT_EQ(found.size(), 3u);
+    EXPECT_EQ(found[0].key, "a");
+    EXPECT_EQ(found[0].value.type, Type::Array);
+    EXPECT_EQ(found[0].value.text, R"([1, {"x":null}])");
+    EXPECT_EQ(found[1].value.type, Type::String);
+    EXPECT_EQ(found[1].value.text, "s");
+    EXPECT_EQ(found[2].value.type, Type::Number);
+    EXPECT_EQ(found[2].value.text, "-1.5e2");
+
+    const auto inner = elements(found[0].value.text);
+    ASSERT_EQ(inner.size(), 2u);
+    EXPECT_EQ(inner[0].text, "1");
+    EXPECT_EQ(inner[1].type, Type::Object);
+    EXPECT_EQ(members(inner[1].text).at(0).value.type, Type::Null);
+}
+
+}  // namespace
+}  // namespace connector::bayeux::codec::json_reader
