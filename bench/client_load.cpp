@@ -1,7 +1,9 @@
 // Load of our client services against a real Faye server, side by side in one run with Faye's
 // own Node client and with a bare WebSocket client that shows what the server itself can carry.
 //
-//   client_load [MESSAGES [WINDOW [ROUNDS]]]      (defaults 40000, 500, 5000)
+//   client_load [--orvale-only] [MESSAGES [WINDOW [ROUNDS]]]      (defaults 40000, 500, 5000)
+//
+// --orvale-only runs just our rows (for a profiler attached to this process).
 //
 // One Faye server (node tests/interop/faye_server.js) serves every row:
 //   - raw: Bayeux frames written by hand over Boost.Beast sockets, publishes sent in frames of
@@ -673,11 +675,16 @@ void printTable(const Row& bare, const Row& orvale, const Row& node) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    const bool orvaleOnly = argc > 1 && std::string_view(argv[1]) == "--orvale-only";
+    if (orvaleOnly) {
+        --argc;
+        ++argv;
+    }
     const long messages = argc > 1 ? std::atol(argv[1]) : 40000;
     const long window = argc > 2 ? std::atol(argv[2]) : 500;
     const int rounds = argc > 3 ? std::atoi(argv[3]) : 5000;
     if (messages < 4 || window < 1 || rounds < 1) {
-        std::fprintf(stderr, "usage: client_load [MESSAGES>=4 [WINDOW>=1 [ROUNDS>=1]]]\n");
+        std::fprintf(stderr, "usage: client_load [--orvale-only] [MESSAGES>=4 [WINDOW>=1 [ROUNDS>=1]]]\n");
         return 2;
     }
     ::setenv("ORVALE_SOURCE_DIR", ORVALE_SOURCE_DIR, 0);
@@ -694,6 +701,16 @@ int main(int argc, char** argv) {
         const pid_t server = faye.pid();
         const std::string endpoint = "ws://127.0.0.1:" + port + "/bayeux";
 
+        if (orvaleOnly) {
+            ours::throughput(endpoint, server, 1, std::min(10000L, messages), window, "/load/warm");
+            const auto one = ours::throughput(endpoint, server, 1, messages, window, "/load/one");
+            const auto four =
+                ours::throughput(endpoint, server, 4, messages / 4, window, "/load/four");
+            std::printf("orvale: 1->1 %.0f deliv/s, %.3f cpu s/10k; 1->4 %.0f deliv/s, %.3f cpu s/10k\n",
+                        one.rate, per10k(one.clientCpu, one.messages), four.rate,
+                        per10k(four.clientCpu, four.messages));
+            return 0;
+        }
         // Warms the server (and both kinds of client) before anything is measured.
         raw::throughput(port, server, 1, std::min(10000L, messages), window, "/raw/warm");
         ours::throughput(endpoint, server, 1, std::min(10000L, messages), window, "/load/warm");

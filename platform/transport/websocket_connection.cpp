@@ -8,12 +8,12 @@
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 
+#include <boost/asio/connect.hpp>
 #include <boost/asio/ip/address.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl/host_name_verification.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/ssl/ssl_stream.hpp>
 #include <boost/beast/websocket/ssl.hpp>
 #include <boost/beast/websocket/stream.hpp>
@@ -29,6 +29,7 @@
 #include "inbound_publisher.h"
 #include "io_thread.h"
 #include "outbound_subscriber.h"
+#include "paced_socket.h"
 
 namespace connector::bayeux::transport {
 
@@ -67,7 +68,7 @@ class InboundHandle : public reactive_streams::Publisher<MessagePtr> {
 };
 
 template <class NextLayer>
-constexpr bool kSecure = !std::is_same_v<NextLayer, beast::tcp_stream>;
+constexpr bool kSecure = !std::is_same_v<NextLayer, PacedSocket>;
 
 template <class NextLayer>
 class WebSocketConnection final
@@ -169,23 +170,23 @@ class WebSocketConnection final
     void interruptConnect() {
         resolver_.cancel();
         error_code ignored;
-        beast::get_lowest_layer(ws_).socket().close(ignored);
+        socket().close(ignored);
     }
 
     void onResolved(error_code ec, const tcp::resolver::results_type& results) {
         if (ec || interrupted())
             return failConnect(ec);
-        beast::get_lowest_layer(ws_).async_connect(
-            results, [self = this->shared_from_this()](error_code ec, const tcp::endpoint&) {
-                self->onConnected(ec);
-            });
+        asio::async_connect(socket(), results,
+                            [self = this->shared_from_this()](error_code ec, const tcp::endpoint&) {
+                                self->onConnected(ec);
+                            });
     }
 
     void onConnected(error_code ec) {
         if (ec || interrupted())
             return failConnect(ec);
         error_code ignored;
-        beast::get_lowest_layer(ws_).socket().set_option(tcp::no_delay(true), ignored);
+        socket().set_option(tcp::no_delay(true), ignored);
         if constexpr (kSecure<NextLayer>) {
             auto& tls = ws_.next_layer();
             const std::string& host = settings_.parts.host;
@@ -246,6 +247,13 @@ class WebSocketConnection final
             std::make_unique<ConnectTransportResponse>(std::move(inbound), std::move(outbound)));
     }
 
+    tcp::socket& socket() {
+        if constexpr (kSecure<NextLayer>)
+            return ws_.next_layer().next_layer().socket();
+        else
+            return ws_.next_layer().socket();
+    }
+
     bool interrupted() const { return timedOut_ || aborted_; }
 
     void failConnect(error_code ec) {
@@ -259,7 +267,7 @@ class WebSocketConnection final
         phase_ = Phase::Closed;
         timer_.cancel();
         error_code ignored;
-        beast::get_lowest_layer(ws_).socket().close(ignored);
+        socket().close(ignored);
         {
             std::lock_guard<std::mutex> lock(mutex_);
             closeRequested_ = true;
@@ -455,7 +463,7 @@ class WebSocketConnection final
         phase_ = Phase::Closed;
         timer_.cancel();
         error_code ignored;
-        beast::get_lowest_layer(ws_).socket().close(ignored);
+        socket().close(ignored);
         std::vector<MessagePtr> dropped;
         {
             std::lock_guard<std::mutex> lock(mutex_);
@@ -496,16 +504,16 @@ class WebSocketConnection final
 std::shared_ptr<Connection> openWebSocketConnection(ConnectionSettings settings,
                                                     Promise<MessagePtr> promise) {
     auto& io = *settings.context;
+    const std::chrono::microseconds pace(settings.options.readPacingUs);
     if (settings.parts.secure) {
         auto tls = settings.tls;
-        auto connection =
-            std::make_shared<WebSocketConnection<beast::ssl_stream<beast::tcp_stream>>>(
-                std::move(settings), std::move(promise), io, *tls);
+        auto connection = std::make_shared<WebSocketConnection<beast::ssl_stream<PacedSocket>>>(
+            std::move(settings), std::move(promise), PacedSocket(io, pace), *tls);
         connection->start();
         return connection;
     }
-    auto connection = std::make_shared<WebSocketConnection<beast::tcp_stream>>(
-        std::move(settings), std::move(promise), io);
+    auto connection = std::make_shared<WebSocketConnection<PacedSocket>>(
+        std::move(settings), std::move(promise), PacedSocket(io, pace));
     connection->start();
     return connection;
 }

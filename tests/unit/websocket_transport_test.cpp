@@ -408,6 +408,41 @@ TEST(WebSocketTransport, BatchesWhatIsQueuedDuringAWrite) {
     EXPECT_EQ(frames[3], R"([{"channel":"/after/connect","data":1}])");
 }
 
+// A stream of small frames is read in paced gulps; a frame that fills the read buffer, and a
+// lone frame after the stream stops, must still come through (a paced read must never leave
+// the socket waiting for more bytes than will come).
+TEST(WebSocketTransport, PacedReadsLoseNothingAndNeverStrandALoneFrame) {
+    WebSocketTransportOptions options;
+    options.readPacingUs = 2000;
+    TestServer server;
+    Client client = connectClient(server.url(), options);
+    auto session = server.nextSession();
+    ASSERT_TRUE(session);
+
+    constexpr int kStream = 2000;
+    for (int i = 0; i < kStream; ++i) {
+        session->send(R"([{"channel":"/s","data":)" + std::to_string(i) + "}]");
+        if (i == kStream / 2)
+            session->send(R"([{"channel":"/big","data":")" + std::string(200000, 'x') + "\"}]");
+    }
+    ASSERT_TRUE(waitUntil([&] { return client.collector->count() == kStream + 1; }));
+    const auto received = client.collector->encoded();
+    for (int i = 0, n = 0; i < kStream + 1; ++i) {
+        if (received[i].find("/big") != std::string::npos)
+            continue;
+        EXPECT_EQ(received[i], R"([{"channel":"/s","data":)" + std::to_string(n++) + "}]");
+    }
+
+    // Well past the pacing interval, so the reader has seen the stream stop, then one frame.
+    std::this_thread::sleep_for(20ms);
+    session->send(R"([{"channel":"/late","data":1}])");
+    ASSERT_TRUE(waitUntil([&] { return client.collector->count() == kStream + 2; }));
+    // And one right after a gulp, while the reader is still pacing.
+    session->send(R"([{"channel":"/s","data":1}])");
+    session->send(R"([{"channel":"/last","data":1}])");
+    ASSERT_TRUE(waitUntil([&] { return client.collector->count() == kStream + 4; }));
+}
+
 TEST(WebSocketTransport, FrameLargerThanTheLimitClosesTheConnection) {
     orvale::test::LogCapture logs;
     TestServer server;

@@ -20,6 +20,10 @@ struct WebSocketTransportOptions {
     std::string caFile;
     // Time allowed for resolving, connecting and the TLS and WebSocket handshakes.
     std::size_t connectTimeoutMs = 10000;
+    // While frames arrive less than this many microseconds apart, the socket is read at most
+    // once per this interval, so that one wake-up takes in all that arrived meanwhile: a frame
+    // waits at most this long, and only during such a stream. 0 reads every frame as it lands.
+    std::size_t readPacingUs = 200;
 };
 
 // A handler answering ConnectTransport with a ConnectTransportResponse.

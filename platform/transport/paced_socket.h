@@ -1,0 +1,151 @@
+#pragma once
+// The TCP layer under a client WebSocket: a socket whose reads are paced while a stream of small
+// frames arrives, so that one wake-up of the I/O thread takes in several frames instead of one.
+//
+// A server that writes every delivery as a frame of its own sends tens of thousands of small TCP
+// segments a second; taking each one as it lands costs a wake-up, an epoll round, a receive and
+// an ACK per frame, far more than handling the frame. So when the previous read emptied the
+// socket less than `interval` ago, the next read waits until `interval` after it, with the
+// socket's receive low-water mark raised so that the segments arriving meanwhile wake nobody;
+// then it takes them all in one receive. A read that filled the buffer (more is waiting) and a
+// read after a quiet spell go ahead at once with the low-water mark back at one byte, so a lone
+// message is never delayed and bulk transfer is never throttled; the longest a frame waits is
+// `interval`. An interval of zero turns pacing off.
+//
+// Only the I/O thread touches it. Only included by the transport's own .cpp files.
+
+#include <sys/socket.h>
+
+#include <boost/asio/associated_executor.hpp>
+#include <boost/asio/async_result.hpp>
+#include <boost/asio/bind_executor.hpp>
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/beast/websocket/teardown.hpp>
+#include <chrono>
+#include <utility>
+
+namespace connector::bayeux::transport {
+
+class PacedSocket {
+  public:
+    using socket_type = boost::asio::ip::tcp::socket;
+    using executor_type = socket_type::executor_type;
+    using next_layer_type = socket_type;
+    using lowest_layer_type = socket_type::lowest_layer_type;
+    using Clock = std::chrono::steady_clock;
+
+    PacedSocket(boost::asio::io_context& io, std::chrono::microseconds interval)
+        : socket_(io), timer_(io), interval_(interval) {}
+
+    executor_type get_executor() { return socket_.get_executor(); }
+    socket_type& next_layer() { return socket_; }
+    socket_type& socket() { return socket_; }
+    lowest_layer_type& lowest_layer() { return socket_.lowest_layer(); }
+
+    template <class ConstBuffers, class Handler>
+    auto async_write_some(const ConstBuffers& buffers, Handler&& handler) {
+        return socket_.async_write_some(buffers, std::forward<Handler>(handler));
+    }
+
+    template <class MutableBuffers, class Handler>
+    auto async_read_some(const MutableBuffers& buffers, Handler&& handler) {
+        return boost::asio::async_initiate<Handler, void(boost::system::error_code, std::size_t)>(
+            [this](auto&& handler, const MutableBuffers& buffers) {
+                startRead(buffers, std::forward<decltype(handler)>(handler));
+            },
+            handler, buffers);
+    }
+
+  private:
+    // Segments smaller than this, together, wake nobody while a paced read waits.
+    static constexpr int kPacedLowWater = 16 * 1024;
+
+    template <class MutableBuffers, class Handler>
+    void startRead(const MutableBuffers& buffers, Handler&& handler) {
+        const auto due = lastDrained_ + interval_;
+        if (interval_.count() == 0 || !drained_ || Clock::now() >= due) {
+            setLowWater(1);
+            return readNow(buffers, std::forward<Handler>(handler));
+        }
+        setLowWater(kPacedLowWater);
+        timer_.expires_at(due);
+        // The executor is taken before the handler moves into the lambda.
+        const auto executor = boost::asio::get_associated_executor(handler, get_executor());
+        timer_.async_wait(boost::asio::bind_executor(
+            executor, [this, buffers, handler = std::forward<Handler>(handler)](
+                          boost::system::error_code) mutable { readPaced(buffers, handler); }));
+    }
+
+    // Takes what arrived during the wait; if nothing did, the stream has paused, so the read
+    // waits for the next byte like any other.
+    template <class MutableBuffers, class Handler>
+    void readPaced(const MutableBuffers& buffers, Handler& handler) {
+        boost::system::error_code ec;
+        // The descriptor is non-blocking already; this only stops read_some() from waiting.
+        if (!socket_.non_blocking())
+            socket_.non_blocking(true, ec);
+        std::size_t n = 0;
+        if (!ec)
+            n = socket_.read_some(buffers, ec);
+        if (ec == boost::asio::error::would_block || ec == boost::asio::error::try_again) {
+            drained_ = false;
+            setLowWater(1);
+            return readNow(buffers, std::move(handler));
+        }
+        noteRead(ec, n, boost::asio::buffer_size(buffers));
+        std::move(handler)(ec, n);
+    }
+
+    template <class MutableBuffers, class Handler>
+    void readNow(const MutableBuffers& buffers, Handler&& handler) {
+        const std::size_t wanted = boost::asio::buffer_size(buffers);
+        const auto executor = boost::asio::get_associated_executor(handler, get_executor());
+        socket_.async_read_some(
+            buffers, boost::asio::bind_executor(
+                         executor, [this, wanted, handler = std::forward<Handler>(handler)](
+                                       boost::system::error_code ec, std::size_t n) mutable {
+                             noteRead(ec, n, wanted);
+                             std::move(handler)(ec, n);
+                         }));
+    }
+
+    void noteRead(const boost::system::error_code& ec, std::size_t n, std::size_t wanted) {
+        drained_ = !ec && n < wanted;
+        if (drained_)
+            lastDrained_ = Clock::now();
+    }
+
+    void setLowWater(int bytes) {
+        if (lowWater_ == bytes || !socket_.is_open())
+            return;
+        // A socket that refuses the option is simply read unpaced.
+        if (::setsockopt(socket_.native_handle(), SOL_SOCKET, SO_RCVLOWAT, &bytes, sizeof bytes) ==
+            0)
+            lowWater_ = bytes;
+    }
+
+    socket_type socket_;
+    boost::asio::steady_timer timer_;
+    const std::chrono::microseconds interval_;
+    Clock::time_point lastDrained_{};
+    bool drained_ = false;  // the last read took everything the socket had
+    int lowWater_ = 1;      // the socket's receive low-water mark
+};
+
+// The WebSocket close handshake ends with the plain socket's teardown.
+inline void teardown(boost::beast::role_type role, PacedSocket& stream,
+                     boost::system::error_code& ec) {
+    boost::beast::websocket::teardown(role, stream.socket(), ec);
+}
+
+template <class TeardownHandler>
+void async_teardown(boost::beast::role_type role, PacedSocket& stream, TeardownHandler&& handler) {
+    boost::beast::websocket::async_teardown(role, stream.socket(),
+                                            std::forward<TeardownHandler>(handler));
+}
+
+}  // namespace connector::bayeux::transport
