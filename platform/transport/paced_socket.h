@@ -1,16 +1,17 @@
 #pragma once
-// The TCP layer under a client WebSocket: a socket whose reads are paced while a stream of small
-// frames arrives, so that one wake-up of the I/O thread takes in several frames instead of one.
+// The TCP layer under a client WebSocket: a socket whose reads are paced while a fast stream of
+// small frames arrives, so that one wake-up of the I/O thread takes in several frames, not one.
 //
 // A server that writes every delivery as a frame of its own sends tens of thousands of small TCP
 // segments a second; taking each one as it lands costs a wake-up, an epoll round, a receive and
-// an ACK per frame, far more than handling the frame. So when the previous read emptied the
-// socket less than `interval` ago, the next read waits until `interval` after it, with the
-// socket's receive low-water mark raised so that the segments arriving meanwhile wake nobody;
-// then it takes them all in one receive. A read that filled the buffer (more is waiting) and a
-// read after a quiet spell go ahead at once with the low-water mark back at one byte, so a lone
-// message is never delayed and bulk transfer is never throttled; the longest a frame waits is
-// `interval`. An interval of zero turns pacing off.
+// an ACK per frame, far more than handling the frame. So once reads that empty the socket come
+// less than a quarter of `interval` apart, reads are paced: each waits until `interval` after
+// the previous one, with the socket's receive low-water mark raised so that the segments
+// arriving meanwhile wake nobody, then takes them all in one receive. Pacing ends when a paced
+// read finds nothing; the low-water mark is back at one byte before any read that may wait for
+// data, so nothing is ever stranded. A ping-pong or a slower stream is never paced, a read that
+// filled the buffer is followed at once, and the longest a frame waits is `interval`. An
+// interval of zero turns pacing off.
 //
 // Only the I/O thread touches it. Only included by the transport's own .cpp files.
 
@@ -67,7 +68,7 @@ class PacedSocket {
     template <class MutableBuffers, class Handler>
     void startRead(const MutableBuffers& buffers, Handler&& handler) {
         const auto due = lastDrained_ + interval_;
-        if (interval_.count() == 0 || !drained_ || Clock::now() >= due) {
+        if (!pacing_ || !drained_ || Clock::now() >= due) {
             setLowWater(1);
             return readNow(buffers, std::forward<Handler>(handler));
         }
@@ -92,6 +93,7 @@ class PacedSocket {
         if (!ec)
             n = socket_.read_some(buffers, ec);
         if (ec == boost::asio::error::would_block || ec == boost::asio::error::try_again) {
+            pacing_ = false;
             drained_ = false;
             setLowWater(1);
             return readNow(buffers, std::move(handler));
@@ -114,9 +116,14 @@ class PacedSocket {
     }
 
     void noteRead(const boost::system::error_code& ec, std::size_t n, std::size_t wanted) {
-        drained_ = !ec && n < wanted;
-        if (drained_)
-            lastDrained_ = Clock::now();
+        const bool drained = !ec && n < wanted;
+        if (drained && interval_.count() > 0) {
+            const auto now = Clock::now();
+            if (drained_ && now - lastDrained_ < interval_ / 4)
+                pacing_ = true;
+            lastDrained_ = now;
+        }
+        drained_ = drained;
     }
 
     void setLowWater(int bytes) {
@@ -133,6 +140,7 @@ class PacedSocket {
     const std::chrono::microseconds interval_;
     Clock::time_point lastDrained_{};
     bool drained_ = false;  // the last read took everything the socket had
+    bool pacing_ = false;   // reads are paced
     int lowWater_ = 1;      // the socket's receive low-water mark
 };
 
