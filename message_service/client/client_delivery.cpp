@@ -18,16 +18,16 @@ void MessageServiceClientImpl::deliver(MessagePtr&& message) {
         std::unique_lock<std::mutex> lock(mutex_);
         for (auto pending = pendingRequests_.begin(); pending != pendingRequests_.end();
              ++pending) {
-            if (pending->first != response->getId())
+            if (pending->id != response->getId())
                 continue;
-            Promise<MessagePtr> promise = std::move(pending->second);
+            PendingRequest answered = std::move(*pending);
             pendingRequests_.erase(pending);
             lock.unlock();
             if (!response->isSuccessful())
-                promise.setException(std::runtime_error("Bayeux message " + response->getId() +
-                                                        " failed, error: " + response->getError()));
+                answered.fail("Bayeux message " + response->getId() +
+                              " failed, error: " + response->getError());
             else
-                promise.setValue(std::move(message));
+                answered.succeed(std::move(message));
             return;
         }
     }

@@ -238,7 +238,7 @@ void MessageServiceClientImpl::transportEnded(std::uint64_t generation, const ch
     logger_.log(log::trace, why);
     const std::string text = "Connection to " + endpoint() + " closed";
     for (auto& entry : pending)
-        entry.second.setException(std::runtime_error(text));
+        entry.fail(text);
 }
 
 Future<DisconnectResult> MessageServiceClientImpl::disconnect() {

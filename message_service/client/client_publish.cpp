@@ -1,15 +1,9 @@
 // Publishing from the client service to the remote server.
 
-#include <stdexcept>
-
-#include "client_request.h"
 #include "connector/message_service/channel_rules.h"
 #include "connector/message_service/client_impl.h"
-#include "connector/message_service/module_logger.h"
 
 namespace connector::message_service {
-
-namespace log = foundation::log;
 
 Future<PublishResult> MessageServiceClientImpl::publish(const std::string& channel,
                                                         common::DataBuffer&& data) {
@@ -26,21 +20,13 @@ Future<PublishResult> MessageServiceClientImpl::publishWithContext(
 
     auto request =
         std::make_unique<bayeux::PublishRequest>(toWireChannel(channel), std::move(data));
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        request->setClientId(clientId_);
-    }
     request->setContextState(context);
-    return send<bayeux::PublishResponse>(std::move(request))
-        .then([channel](Future<std::unique_ptr<bayeux::PublishResponse>>&& answered) {
-            try {
-                answered.get();
-            } catch (const std::exception& e) {
-                moduleLogger().log(log::error, "Error publishing on ", channel, ", ", e.what());
-                throw;
-            }
-            return PublishResult(true);
-        });
+    Promise<PublishResult> promise;
+    Future<PublishResult> published = promise.getFuture();
+    if (auto publisher =
+            file(*request, PendingRequest{{}, PendingPublish(std::move(promise), channel)}))
+        publisher->next(std::move(request));
+    return published;
 }
 
 }  // namespace connector::message_service

@@ -12,20 +12,13 @@ namespace connector::message_service {
 
 template <class Resp, class Req>
 Future<std::unique_ptr<Resp>> MessageServiceClientImpl::send(std::unique_ptr<Req> request) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    if (!outboundPublisher_)
-        return makeFailedFuture<std::unique_ptr<Resp>>(
-            std::runtime_error("Failed to send message, not connected"));
-    std::string id = std::to_string(nextMessageId_.fetch_add(1));
     Promise<MessagePtr> promise;
     Future<MessagePtr> response = promise.getFuture();
-    pendingRequests_.emplace_back(id, std::move(promise));
-    request->setClientId(clientId_);
-    request->setId(id);
-    auto publisher = outboundPublisher_;
-    lock.unlock();
-
-    publisher->next(std::move(request));
+    std::string id;
+    if (auto publisher = file(*request, PendingRequest{{}, std::move(promise)})) {
+        id = request->getId();
+        publisher->next(std::move(request));
+    }
     return response.then([id = std::move(id)](Future<MessagePtr>&& arrived) {
         MessagePtr message = arrived.get();
         if (auto* typed = dynamic_cast<Resp*>(message.get())) {

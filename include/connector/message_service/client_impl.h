@@ -17,6 +17,7 @@
 #include <string>
 #include <unordered_map>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include "connector/bayeux/messages.h"
@@ -73,9 +74,38 @@ class MessageServiceClientImpl : public MessageService,
     using OutboundPublisher = reactive_streams::CachedValuePublisher<MessagePtr>;
     using InboundSubscriber = reactive_streams::CallbackSubscriber<MessagePtr>;
 
+    // A publish completes its caller's promise straight from the answer, with no chain of
+    // futures: it checks the answer's type and logs a failure on the module logger itself.
+    struct PendingPublish {
+        PendingPublish(Promise<PublishResult>&& promise, const std::string& channel)
+            : promise(std::move(promise)), channel(channel) {}
+        PendingPublish(PendingPublish&&) = default;
+        PendingPublish& operator=(PendingPublish&&) = default;
+        // Still pending here only when the service is destroyed: fails like an abandoned promise.
+        ~PendingPublish();
+
+        Promise<PublishResult> promise;
+        std::string channel;  // as the caller named it, for the failure line
+    };
+    // A request waiting for its answer: any other request resolves a promise of the raw answer.
+    struct PendingRequest {
+        std::string id;
+        std::variant<Promise<MessagePtr>, PendingPublish> completion;
+
+        // The successful answer; never called with mutex_ held.
+        void succeed(MessagePtr&& answer);
+        // A failed answer or the end of the connection; never called with mutex_ held.
+        void fail(const std::string& text);
+    };
+
     // Numbers the request, records its pending promise and pushes it to the transport.
     template <class Resp, class Req>
     Future<std::unique_ptr<Resp>> send(std::unique_ptr<Req> request);
+    // Numbers `request` and files `pending` under its id; returns the publisher to push it to.
+    // With no transport connected nothing is filed, no id is used, `pending` fails and the
+    // result is null.
+    std::shared_ptr<OutboundPublisher> file(bayeux::BayeuxMessage& request,
+                                            PendingRequest&& pending);
     void sendMetaConnect();
     Future<ConnectionState> handle(std::unique_ptr<bayeux::ConnectTransportResponse>&& response);
     void setState(ConnectionState newState, std::unique_lock<std::mutex>& lock);

@@ -338,6 +338,58 @@ TEST_F(ClientTest, PublishGoesOutPrefixedAndResolvesOnTheAnswer) {
         "Error publishing on /a/b, Bayeux message 3 failed, error: 403:/orvale/a/b:Forbidden"));
 }
 
+// Every way a publish can fail leaves one error line on the module logger, written before the
+// caller's future resolves, and fails the future with the same text.
+TEST_F(ClientTest, PublishFailuresAreLoggedBeforeTheyResolve) {
+    orvale::test::LogCapture capture;
+    auto client = make();
+    connect(client);
+    auto loggedFirst = [&](Future<PublishResult>& future, const std::string& line) {
+        return future.then([&capture, line](Future<PublishResult>&& done) {
+            const bool logged = capture.count(line) == 1;
+            done.get();
+            return logged;
+        });
+    };
+    auto expectLine = [&](const std::string& line) {
+        const auto found = capture.find(line);
+        ASSERT_EQ(found.size(), 1u) << line;
+        EXPECT_EQ(found[0].channel, "connector::message_service");
+        EXPECT_EQ(found[0].severity, foundation::log::error);
+    };
+
+    // An answer of another type.
+    auto mistyped = client->publish("/a/b", "1");
+    const std::string mistypedLine =
+        "Error publishing on /a/b, Incorrect response message type, id: 2";
+    auto mistypedOrder = loggedFirst(mistyped, mistypedLine);
+    answer<bx::SubscribeResponse>(2);
+    EXPECT_EQ(failureText(mistypedOrder), "Incorrect response message type, id: 2");
+    expectLine(mistypedLine);
+
+    // The end of the connection fails every publish still waiting, each with its own channel.
+    auto first = client->publish("/c", "1");
+    auto second = client->publish("/d/e", "2");
+    ASSERT_TRUE(transport->waitSent(5));
+    transport->close();
+    EXPECT_EQ(failureText(first), "Connection to ws://test/bayeux closed");
+    EXPECT_EQ(failureText(second), "Connection to ws://test/bayeux closed");
+    expectLine("Error publishing on /c, Connection to ws://test/bayeux closed");
+    expectLine("Error publishing on /d/e, Connection to ws://test/bayeux closed");
+
+    // A service destroyed with a publish unanswered.
+    connect(client);
+    const std::size_t sent = transport->sentCount();
+    auto orphan = client->publish("/f", "3");
+    ASSERT_TRUE(transport->waitSent(sent + 1));
+    const std::string orphanLine =
+        "Error publishing on /f, Promise destroyed before it provided a value.";
+    auto orphanOrder = loggedFirst(orphan, orphanLine);
+    client.reset();
+    EXPECT_EQ(failureText(orphanOrder), "Promise destroyed before it provided a value.");
+    expectLine(orphanLine);
+}
+
 TEST_F(ClientTest, DisconnectStatesAndTheEndOfTheLoop) {
     orvale::test::LogCapture capture;
     auto fresh = make();

@@ -1,0 +1,72 @@
+// Pending requests of the client service: numbering and filing them, and completing them when
+// their answer arrives or their connection ends.
+
+#include <stdexcept>
+#include <utility>
+
+#include "connector/message_service/client_impl.h"
+#include "connector/message_service/module_logger.h"
+
+namespace connector::message_service {
+
+namespace log = foundation::log;
+
+namespace {
+
+void failPublish(Promise<PublishResult>&& pending, const std::string& channel,
+                 const std::string& text) {
+    // Taken out of the entry, whose destructor then finds nothing left to fail.
+    Promise<PublishResult> promise = std::move(pending);
+    moduleLogger().log(log::error, "Error publishing on ", channel, ", ", text);
+    promise.setException(std::runtime_error(text));
+}
+
+}  // namespace
+
+MessageServiceClientImpl::PendingPublish::~PendingPublish() {
+    if (promise.valid())
+        failPublish(std::move(promise), channel, "Promise destroyed before it provided a value.");
+}
+
+void MessageServiceClientImpl::PendingRequest::succeed(MessagePtr&& answer) {
+    if (auto* raw = std::get_if<Promise<MessagePtr>>(&completion)) {
+        Promise<MessagePtr> promise = std::move(*raw);
+        promise.setValue(std::move(answer));
+        return;
+    }
+    auto& publish = std::get<PendingPublish>(completion);
+    if (!dynamic_cast<const bayeux::PublishResponse*>(answer.get())) {
+        failPublish(std::move(publish.promise), publish.channel,
+                    "Incorrect response message type, id: " + id);
+        return;
+    }
+    Promise<PublishResult> promise = std::move(publish.promise);
+    promise.setValue(PublishResult(true));
+}
+
+void MessageServiceClientImpl::PendingRequest::fail(const std::string& text) {
+    if (auto* raw = std::get_if<Promise<MessagePtr>>(&completion)) {
+        Promise<MessagePtr> promise = std::move(*raw);
+        promise.setException(std::runtime_error(text));
+        return;
+    }
+    auto& publish = std::get<PendingPublish>(completion);
+    failPublish(std::move(publish.promise), publish.channel, text);
+}
+
+std::shared_ptr<MessageServiceClientImpl::OutboundPublisher> MessageServiceClientImpl::file(
+    bayeux::BayeuxMessage& request, PendingRequest&& pending) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (!outboundPublisher_) {
+        lock.unlock();
+        pending.fail("Failed to send message, not connected");
+        return nullptr;
+    }
+    pending.id = std::to_string(nextMessageId_.fetch_add(1));
+    request.setId(pending.id);
+    request.setClientId(clientId_);
+    pendingRequests_.push_back(std::move(pending));
+    return outboundPublisher_;
+}
+
+}  // namespace connector::message_service
