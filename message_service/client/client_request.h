@@ -1,6 +1,6 @@
 #pragma once
-// The request path of the client service, shared by its source files: numbering, pending
-// promises and the response type check.
+// The generic request path of the client service, shared by its source files: a pending
+// promise of the raw answer and the response type check.
 
 #include <stdexcept>
 #include <string>

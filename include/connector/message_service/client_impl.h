@@ -131,7 +131,7 @@ class MessageServiceClientImpl : public MessageService,
     std::uint64_t transportGeneration_ = 0;  // tells a current transport from a replaced one
     // In sending order. Answers come mostly in that order behind the one long-held meta connect,
     // so a deque erases them without moving the rest.
-    std::deque<std::pair<std::string, Promise<MessagePtr>>> pendingRequests_;
+    std::deque<PendingRequest> pendingRequests_;
     SubscriptionTable subscriptions_;
     std::vector<StateListenerRecord> stateListeners_;
     ConnectionState state_ = ConnectionState::DISCONNECTED;
