@@ -59,18 +59,24 @@ void MessageServiceClientImpl::handle(std::unique_ptr<bayeux::PublishRequest>&& 
             if (found != subscriptions_.end())
                 holders.insert(holders.end(), found->second.begin(), found->second.end());
         };
-        // Shallower wildcard keys first, "/*" before "/**" at each depth, the channel itself last.
-        std::string prefix;
-        std::size_t start = 0;
-        while (start < wire.size()) {
-            const std::size_t slash = wire.find('/', start);
-            const std::size_t end = slash == std::string::npos ? wire.size() : slash;
-            if (end > start) {
-                collect(prefix + "/*");
-                collect(prefix + "/**");
-                prefix.append("/").append(wire, start, end - start);
+        if (wildcardHolders_ > 0) {
+            // Shallower wildcard keys first, "/*" before "/**" at each depth, the channel
+            // itself last; every key is built in the one buffer.
+            std::string key;
+            key.reserve(wire.size() + 3);
+            std::size_t start = 0;
+            while (start < wire.size()) {
+                const std::size_t slash = wire.find('/', start);
+                const std::size_t end = slash == std::string::npos ? wire.size() : slash;
+                if (end > start) {
+                    const std::size_t prefix = key.size();
+                    collect(key.append("/*"));
+                    collect(key.append("*"));
+                    key.resize(prefix);
+                    key.append("/").append(wire, start, end - start);
+                }
+                start = end + 1;
             }
-            start = end + 1;
         }
         collect(wire);
     }

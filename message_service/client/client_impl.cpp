@@ -248,6 +248,7 @@ Future<DisconnectResult> MessageServiceClientImpl::disconnect() {
     logger_.log(log::trace, "Disconnecting from: ", endpoint(), ", ", clientId_);
     // The drained subscriptions are released once the disconnect has been answered.
     auto drained = std::make_shared<TakenHolders>(takeAllHolders(subscriptions_));
+    wildcardHolders_ = 0;
     auto request = std::make_unique<bayeux::DisconnectRequest>(clientId_);
     std::weak_ptr<MessageServiceClientImpl> weak = weak_from_this();
     setState(ConnectionState::DISCONNECTING, lock);

@@ -1,6 +1,6 @@
 #pragma once
-// The generic request path of the client service, shared by its source files: a pending
-// promise of the raw answer and the response type check.
+// What the client service's source files share: the generic request path (a pending promise
+// of the raw answer and the response type check) and the shape of subscription keys.
 
 #include <stdexcept>
 #include <string>
@@ -27,6 +27,13 @@ Future<std::unique_ptr<Resp>> MessageServiceClientImpl::send(std::unique_ptr<Req
         }
         throw std::runtime_error("Incorrect response message type, id: " + id);
     });
+}
+
+// A subscription key ending in "/*" or "/**", which deeper channels match too.
+inline bool isWildcardKey(const std::string& key) {
+    const std::size_t size = key.size();
+    return (size >= 2 && key.compare(size - 2, 2, "/*") == 0) ||
+           (size >= 3 && key.compare(size - 3, 3, "/**") == 0);
 }
 
 // Casts a response to the expected type, naming both types when it is something else.

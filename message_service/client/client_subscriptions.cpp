@@ -31,6 +31,8 @@ Future<std::shared_ptr<Subscription>> MessageServiceClientImpl::subscribeWithCon
         return makeFailedFuture<Result>(std::runtime_error("MessageService is not connected."));
     const std::uint64_t id = nextSubscriptionId_++;
     std::string key = toWireChannel(channel);
+    if (isWildcardKey(key))
+        ++wildcardHolders_;
     // Held before the server answers, so messages arriving ahead of the answer are delivered.
     subscriptions_[key].push_back(std::make_shared<SubscriptionHolder>(id, std::move(callback)));
     auto request = std::make_unique<bayeux::SubscribeRequest>(std::move(key), clientId_);
@@ -62,6 +64,9 @@ Future<CancelResult> MessageServiceClientImpl::unsubscribeId(
     logger_.log(log::trace, "Unsubscribe: ", id);
     std::unique_lock<std::mutex> lock(mutex_);
     TakenHolders removed = takeHolders(subscriptions_, id);
+    for (const auto& entry : removed)
+        if (isWildcardKey(entry.first))
+            --wildcardHolders_;
     // Cancelled listeners are destroyed after the unlock: what they capture may call back in.
     auto cancelledListeners = takeIf(stateListeners_, [id](const auto& l) { return l.id == id; });
     if (state_ != ConnectionState::CONNECTED || removed.empty()) {

@@ -133,6 +133,8 @@ class MessageServiceClientImpl : public MessageService,
     // so a deque erases them without moving the rest.
     std::deque<PendingRequest> pendingRequests_;
     SubscriptionTable subscriptions_;
+    // Holders under "/*" and "/**" keys: with none, a delivery looks up its own channel only.
+    std::size_t wildcardHolders_ = 0;
     std::vector<StateListenerRecord> stateListeners_;
     ConnectionState state_ = ConnectionState::DISCONNECTED;
     std::atomic<std::uint64_t> nextMessageId_{0};

@@ -390,6 +390,55 @@ TEST_F(ClientTest, PublishFailuresAreLoggedBeforeTheyResolve) {
     expectLine(orphanLine);
 }
 
+TEST_F(ClientTest, WildcardDeliveryFollowsSubscribeAndUnsubscribe) {
+    auto client = make();
+    connect(client);
+    std::vector<std::string> seen;
+    auto record = [&seen](const std::string& tag) {
+        return [&seen, tag](const JsonMessage&) { seen.push_back(tag); };
+    };
+    auto subscribe = [&](const std::string& pattern, const std::string& tag) {
+        const std::size_t index = transport->sentCount();
+        auto pending = client->subscribe(pattern, record(tag));
+        answer<bx::SubscribeResponse>(index);
+        return pending.get();
+    };
+    auto unsubscribe = [&](const std::shared_ptr<Subscription>& handle) {
+        const std::size_t index = transport->sentCount();
+        auto cancelled = handle->unsubscribe();
+        answer<bx::UnsubscribeResponse>(index);
+        EXPECT_TRUE(cancelled.get().success);
+    };
+    auto deliveredTo = [&](const std::string& wire) {
+        seen.clear();
+        transport->reply(delivery(wire, "1"));
+        return seen;
+    };
+    using Tags = std::vector<std::string>;
+
+    auto exact = subscribe("/a/b", "exact");
+    EXPECT_EQ(deliveredTo("/orvale/a/b"), Tags{"exact"});
+    auto one = subscribe("/a/*", "one");
+    auto deep = subscribe("/a/**", "deep");
+    EXPECT_EQ(deliveredTo("/orvale/a/b"), (Tags{"one", "deep", "exact"}));
+    unsubscribe(one);
+    EXPECT_EQ(deliveredTo("/orvale/a/b"), (Tags{"deep", "exact"}));
+    EXPECT_EQ(deliveredTo("/orvale/a/b/c"), Tags{"deep"});
+    unsubscribe(deep);
+    EXPECT_EQ(deliveredTo("/orvale/a/b/c"), Tags{});
+    auto root = subscribe("/**", "root");
+    EXPECT_EQ(deliveredTo("/orvale/a/b"), (Tags{"root", "exact"}));
+
+    // A disconnect drops every subscription; wildcards made afterwards are matched again.
+    auto done = client->disconnect();
+    answer<bx::DisconnectResponse>(transport->sentCount() - 1);
+    ASSERT_TRUE(done.get().success);
+    EXPECT_EQ(deliveredTo("/orvale/a/b"), Tags{});
+    connect(client);
+    auto again = subscribe("/a/*", "again");
+    EXPECT_EQ(deliveredTo("/orvale/a/b"), Tags{"again"});
+}
+
 TEST_F(ClientTest, DisconnectStatesAndTheEndOfTheLoop) {
     orvale::test::LogCapture capture;
     auto fresh = make();
