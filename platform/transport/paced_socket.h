@@ -10,7 +10,8 @@
 // arriving meanwhile wake nobody, then takes them all in one receive. Pacing ends when a paced
 // read finds nothing; the low-water mark is back at one byte before any read that may wait for
 // data, so nothing is ever stranded. A ping-pong or a slower stream is never paced, a read that
-// filled the buffer is followed at once, and the longest a frame waits is `interval`. An
+// filled the buffer is followed at once, a connection that wrote within the interval (someone
+// awaits the answers) is read at once, and the longest a frame waits is `interval`. An
 // interval of zero turns pacing off.
 //
 // Only the I/O thread touches it. Only included by the transport's own .cpp files.
@@ -49,6 +50,7 @@ class PacedSocket {
 
     template <class ConstBuffers, class Handler>
     auto async_write_some(const ConstBuffers& buffers, Handler&& handler) {
+        lastWrite_ = Clock::now();
         return socket_.async_write_some(buffers, std::forward<Handler>(handler));
     }
 
@@ -64,11 +66,17 @@ class PacedSocket {
   private:
     // Segments smaller than this, together, wake nobody while a paced read waits.
     static constexpr int kPacedLowWater = 16 * 1024;
+    // Pacing starts after this many reads in a row came fast, and goes on while each paced read
+    // gathers at least kGathered times what one such read took.
+    static constexpr int kFastReads = 4;
+    static constexpr std::size_t kGathered = 4;
 
     template <class MutableBuffers, class Handler>
     void startRead(const MutableBuffers& buffers, Handler&& handler) {
         const auto due = lastDrained_ + interval_;
-        if (!pacing_ || !drained_ || Clock::now() >= due) {
+        const auto now = Clock::now();
+        // Answers to what was just sent are awaited by someone: they are never held back.
+        if (!pacing_ || !drained_ || now >= due || now - lastWrite_ < interval_) {
             setLowWater(1);
             return readNow(buffers, std::forward<Handler>(handler));
         }
@@ -98,7 +106,7 @@ class PacedSocket {
             setLowWater(1);
             return readNow(buffers, std::move(handler));
         }
-        noteRead(ec, n, boost::asio::buffer_size(buffers));
+        noteRead(ec, n, boost::asio::buffer_size(buffers), true);
         std::move(handler)(ec, n);
     }
 
@@ -115,15 +123,29 @@ class PacedSocket {
                          }));
     }
 
-    void noteRead(const boost::system::error_code& ec, std::size_t n, std::size_t wanted) {
+    void noteRead(const boost::system::error_code& ec, std::size_t n, std::size_t wanted,
+                  bool paced = false) {
         const bool drained = !ec && n < wanted;
         if (drained && interval_.count() > 0) {
             const auto now = Clock::now();
-            if (drained_ && now - lastDrained_ < interval_ / 4)
-                pacing_ = true;
+            if (paced) {
+                // Pacing that gathers little only adds delay.
+                if (n < kGathered * unpacedBytes_)
+                    pacing_ = false;
+            } else if (drained_ && now - lastDrained_ < interval_ / 4) {
+                unpacedBytes_ = n;
+                if (++fastReads_ >= kFastReads)
+                    pacing_ = true;
+            } else {
+                fastReads_ = 0;
+            }
             lastDrained_ = now;
         }
         drained_ = drained;
+        if (!pacing_ && !paced)
+            return;
+        if (!pacing_)
+            fastReads_ = 0;
     }
 
     void setLowWater(int bytes) {
@@ -139,9 +161,12 @@ class PacedSocket {
     boost::asio::steady_timer timer_;
     const std::chrono::microseconds interval_;
     Clock::time_point lastDrained_{};
-    bool drained_ = false;  // the last read took everything the socket had
-    bool pacing_ = false;   // reads are paced
-    int lowWater_ = 1;      // the socket's receive low-water mark
+    Clock::time_point lastWrite_{};
+    bool drained_ = false;          // the last read took everything the socket had
+    bool pacing_ = false;           // reads are paced
+    int fastReads_ = 0;             // drained reads in a row that came fast
+    std::size_t unpacedBytes_ = 0;  // what the last fast unpaced read took
+    int lowWater_ = 1;              // the socket's receive low-water mark
 };
 
 // The WebSocket close handshake ends with the plain socket's teardown.
