@@ -41,8 +41,11 @@ class InboundPublisher::StreamSubscription : public reactive_streams::Subscripti
     std::weak_ptr<InboundPublisher> publisher_;
 };
 
-InboundPublisher::InboundPublisher(Executor executor, std::function<void()> onCancel)
-    : executor_(std::move(executor)), onCancel_(std::move(onCancel)) {}
+InboundPublisher::InboundPublisher(Executor executor, std::function<void()> onCancel,
+                                   OnExecutorThread onExecutorThread)
+    : executor_(std::move(executor)),
+      onCancel_(std::move(onCancel)),
+      onExecutorThread_(std::move(onExecutorThread)) {}
 
 Future<bool> InboundPublisher::done() {
     return done_.future();
@@ -69,13 +72,26 @@ void InboundPublisher::subscribe(std::shared_ptr<Subscriber> subscriber) {
 }
 
 void InboundPublisher::push(MessagePtr message) {
+    const bool here = onExecutorThread();
+    bool deliverNow = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (cancelled_ || completed_)
             return;
         queue_.push_back(std::move(message));
+        if (here && subscriber_) {
+            if (draining_)
+                return;  // the delivery running below us on this thread takes it
+            if (started_ && demand_ == 0)
+                return;  // request() delivers it
+            draining_ = true;
+            deliverNow = true;
+        }
     }
-    scheduleDrain();
+    if (deliverNow)
+        drainClaimed();
+    else
+        scheduleDrain(here);
 }
 
 void InboundPublisher::complete(bool clean) {
@@ -123,10 +139,16 @@ void InboundPublisher::cancel() {
 }
 
 void InboundPublisher::scheduleDrain() {
+    scheduleDrain(onExecutorThread());
+}
+
+void InboundPublisher::scheduleDrain(bool here) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (drainScheduled_ || !subscriber_)
             return;
+        if (here && draining_)
+            return;  // called from a signal: the running delivery sees the new state
         drainScheduled_ = true;
     }
     executor_([self = shared_from_this()] { self->drain(); });
@@ -140,6 +162,10 @@ void InboundPublisher::drain() {
             return;  // the running drain sees the new state before it stops
         draining_ = true;
     }
+    drainClaimed();
+}
+
+void InboundPublisher::drainClaimed() {
     for (;;) {
         std::shared_ptr<Subscriber> subscriber;
         std::shared_ptr<StreamSubscription> subscription;

@@ -3,9 +3,13 @@
 //
 // The connection pushes on its I/O thread; the publisher queues until its one subscriber asks
 // for more with request(n), and delivers onSubscribe, onNext and onComplete on the executor's
-// thread (the I/O thread), one at a time. Completion follows the messages already queued, so a
-// reply that arrives just before the server closes the socket is still delivered. cancel()
-// drops the queue, stops all signals and tells the connection to close.
+// thread (the I/O thread), one at a time, in order. Completion follows the messages already
+// queued, so a reply that arrives just before the server closes the socket is still delivered.
+// cancel() drops the queue, stops all signals and tells the connection to close.
+//
+// A push made on the executor's thread while no delivery is running there delivers at once,
+// before push() returns, instead of posting a task per frame. A subscriber may call request()
+// or cancel() from its signals: the running delivery sees the change before it stops.
 
 #include <cstdint>
 #include <deque>
@@ -25,9 +29,12 @@ class InboundPublisher : public reactive_streams::Publisher<MessagePtr>,
     using Subscriber = reactive_streams::Subscriber<MessagePtr>;
     // Runs a task later on the delivering thread; inline only once that thread is gone for good.
     using Executor = std::function<void(std::function<void()>)>;
+    // True when called on the delivering thread; without it every delivery is posted.
+    using OnExecutorThread = std::function<bool()>;
 
     // `onCancel` is called, with no lock held, when the subscriber cancels.
-    InboundPublisher(Executor executor, std::function<void()> onCancel);
+    InboundPublisher(Executor executor, std::function<void()> onCancel,
+                     OnExecutorThread onExecutorThread = {});
 
     // Resolves once the stream has ended for its subscriber: completion delivered (its value
     // says whether the socket closed cleanly) or the subscription cancelled (true); or at
@@ -45,11 +52,16 @@ class InboundPublisher : public reactive_streams::Publisher<MessagePtr>,
 
     void request(std::uint64_t n);
     void cancel();
+    bool onExecutorThread() const { return onExecutorThread_ && onExecutorThread_(); }
     void scheduleDrain();
+    void scheduleDrain(bool onDeliveringThread);
     void drain();
+    // Delivers until nothing more can go; the caller has set draining_.
+    void drainClaimed();
 
     const Executor executor_;
     const std::function<void()> onCancel_;
+    const OnExecutorThread onExecutorThread_;
     DoneSignal done_;
 
     std::mutex mutex_;  // guards every member below
@@ -62,8 +74,8 @@ class InboundPublisher : public reactive_streams::Publisher<MessagePtr>,
     bool completed_ = false;   // the producer ended the stream
     bool clean_ = true;
     bool cancelled_ = false;
-    bool drainScheduled_ = false;
-    bool draining_ = false;
+    bool drainScheduled_ = false;  // a drain task is posted and has not started
+    bool draining_ = false;        // a delivery loop is running (on the delivering thread)
 };
 
 }  // namespace connector::bayeux::transport

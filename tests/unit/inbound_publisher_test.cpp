@@ -39,6 +39,19 @@ class Worker {
         };
     }
     std::thread::id id() const { return thread_.get_id(); }
+    InboundPublisher::OnExecutorThread onThread() const {
+        return [id = id()] { return std::this_thread::get_id() == id; };
+    }
+    // Runs `task` on the worker and waits (bounded) for it; false when it did not finish.
+    bool run(std::function<void()> task) {
+        auto finished = std::make_shared<std::promise<void>>();
+        auto done = finished->get_future();
+        executor()([task = std::move(task), finished] {
+            task();
+            finished->set_value();
+        });
+        return done.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+    }
 
   private:
     void run() {
@@ -241,6 +254,93 @@ TEST(InboundPublisher, SubscriberThatThrowsIsCancelled) {
     publisher->push(publish("/b"));
     ASSERT_TRUE(waitUntil([&] { return cancels.load() == 1; }));
     EXPECT_EQ(logs.count("Inbound subscriber threw: boom"), 1u);
+}
+
+// Pushes made on the delivering thread deliver before push() returns, and signals sent back from
+// inside a delivery never nest one delivery in another.
+TEST(InboundPublisher, PushOnTheDeliveringThreadDeliversAtOnce) {
+    Worker worker;
+    std::atomic<int> cancels{0};
+    auto publisher = std::make_shared<InboundPublisher>(
+        worker.executor(), [&] { ++cancels; }, worker.onThread());
+
+    // Asks for one message at a time from onNext, pushes one more from inside the first, and
+    // cancels at "/stop"; records the deepest nesting of its signals.
+    class Reentrant : public Recorder {
+      public:
+        Reentrant(std::thread::id thread, InboundPublisher& publisher)
+            : Recorder(thread), publisher_(publisher) {}
+        void onNext(MessagePtr&& message) override {
+            const int depth = ++depth_;
+            deepest_ = std::max(deepest_.load(), depth);
+            const std::string channel = static_cast<PublishRequest&>(*message).getChannel();
+            Recorder::onNext(std::move(message));
+            if (channel == "/a")
+                publisher_.push(publish("/a2"));
+            if (channel == "/stop")
+                subscription()->cancel();
+            else
+                subscription()->request(1);
+            --depth_;
+        }
+        int deepest() const { return deepest_.load(); }
+
+      private:
+        InboundPublisher& publisher_;
+        std::atomic<int> depth_{0};
+        std::atomic<int> deepest_{0};
+    };
+    auto recorder = std::make_shared<Reentrant>(worker.id(), *publisher);
+    publisher->subscribe(recorder);
+    ASSERT_TRUE(waitUntil([&] { return recorder->subscription() != nullptr; }));
+    recorder->subscription()->request(1);
+
+    std::vector<std::size_t> seenAfterPush;
+    ASSERT_TRUE(worker.run([&] {
+        publisher->push(publish("/a"));
+        seenAfterPush.push_back(recorder->channels().size());
+        publisher->push(publish("/b"));
+        seenAfterPush.push_back(recorder->channels().size());
+    }));
+    EXPECT_EQ(seenAfterPush, (std::vector<std::size_t>{2, 3}));
+    EXPECT_EQ(recorder->channels(), (std::vector<std::string>{"/a", "/a2", "/b"}));
+    EXPECT_EQ(recorder->deepest(), 1);
+
+    // A cancel from inside onNext drops what is pushed after it.
+    ASSERT_TRUE(worker.run([&] {
+        publisher->push(publish("/stop"));
+        publisher->push(publish("/dropped"));
+    }));
+    EXPECT_EQ(recorder->channels().size(), 4u);
+    EXPECT_EQ(cancels.load(), 1);
+    EXPECT_TRUE(publisher->done().get());
+    ASSERT_TRUE(worker.run([&] { publisher->push(publish("/late")); }));
+    EXPECT_EQ(recorder->channels().back(), "/stop");
+    EXPECT_FALSE(recorder->wrongThread());
+}
+
+TEST(InboundPublisher, PushOnTheDeliveringThreadWaitsForDemandAndKeepsCompletionLast) {
+    Worker worker;
+    auto publisher =
+        std::make_shared<InboundPublisher>(worker.executor(), nullptr, worker.onThread());
+    auto recorder = std::make_shared<Recorder>(worker.id());
+    publisher->subscribe(recorder);
+    ASSERT_TRUE(waitUntil([&] { return recorder->subscription() != nullptr; }));
+
+    ASSERT_TRUE(worker.run([&] {
+        publisher->push(publish("/a"));
+        publisher->push(publish("/b"));
+        publisher->complete(true);
+    }));
+    EXPECT_TRUE(recorder->channels().empty());  // nothing without demand
+    recorder->subscription()->request(1);
+    ASSERT_TRUE(waitUntil([&] { return recorder->channels().size() == 1; }));
+    EXPECT_EQ(recorder->completions(), 0);
+    recorder->subscription()->request(1);
+    ASSERT_TRUE(waitUntil([&] { return recorder->completions() == 1; }));
+    EXPECT_EQ(recorder->channels(), (std::vector<std::string>{"/a", "/b"}));
+    EXPECT_TRUE(publisher->done().get());
+    EXPECT_FALSE(recorder->wrongThread());
 }
 
 }  // namespace
