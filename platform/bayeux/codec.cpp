@@ -192,18 +192,66 @@ bool isMetaChannel(std::string_view channel) {
     return channel.compare(0, 6, "/meta/") == 0 || channel == "/meta";
 }
 
+// The member names the decoder reads; anything else in a message is passed over.
+constexpr std::string_view kKnownNames[] = {"channel",
+                                            "id",
+                                            "clientId",
+                                            "successful",
+                                            "error",
+                                            "data",
+                                            "ext",
+                                            "advice",
+                                            "version",
+                                            "supportedConnectionTypes",
+                                            "subscription",
+                                            "connectionType",
+                                            "minimumVersion",
+                                            "reconnect",
+                                            "interval",
+                                            "timeout"};
+constexpr std::size_t kKnownCount = sizeof kKnownNames / sizeof kKnownNames[0];
+
+// The slot of a known name, or kKnownCount; by length first, as this runs for every member.
+std::size_t slotOf(std::string_view name) {
+    auto is = [&](std::size_t slot) { return kKnownNames[slot] == name ? slot : kKnownCount; };
+    switch (name.size()) {
+        case 2:
+            return is(1);
+        case 3:
+            return is(6);
+        case 4:
+            return is(5);
+        case 5:
+            return is(4);
+        case 6:
+            return is(7);
+        case 7:
+            return name[0] == 'c' ? is(0) : name[0] == 'v' ? is(8) : is(15);
+        case 8:
+            return name[0] == 'c' ? is(2) : is(14);
+        case 9:
+            return is(13);
+        case 10:
+            return is(3);
+        case 12:
+            return is(10);
+        case 14:
+            return name[0] == 'c' ? is(11) : is(12);
+        case 24:
+            return is(9);
+        default:
+            return kKnownCount;
+    }
+}
+
 // Typed access to the members of one message object; a mistyped member is a Problem. A
-// repeated member counts once, the last one.
+// repeated member counts once, the last one. The members are sorted into slots by name once,
+// since every message is asked for most of the names.
 class Fields {
   public:
-    explicit Fields(const std::vector<jr::Member>& members) : members_(members) {}
+    explicit Fields(const std::vector<jr::Member>& members) : members_(members) { index(); }
 
-    const jr::Value* find(std::string_view name) const {
-        for (auto it = members_.rbegin(); it != members_.rend(); ++it)
-            if (jr::keyIs(*it, name))
-                return &it->value;
-        return nullptr;
-    }
+    const jr::Value* find(std::string_view name) const { return slots_[slotOf(name)]; }
     bool has(std::string_view name) const { return find(name) != nullptr; }
 
     std::string string(std::string_view name, bool required = false) const {
@@ -314,7 +362,18 @@ class Fields {
   private:
     // Owns the members of a nested object.
     explicit Fields(std::vector<jr::Member>&& members)
-        : owned_(std::move(members)), members_(owned_) {}
+        : owned_(std::move(members)), members_(owned_) {
+        index();
+    }
+
+    void index() {
+        for (const auto& member : members_) {
+            const std::size_t slot =
+                member.keyEscaped ? slotOf(jr::unescape(member.key)) : slotOf(member.key);
+            if (slot < kKnownCount)
+                slots_[slot] = &member.value;
+        }
+    }
 
     std::string firstSubscription(bool required) const {
         const jr::Value* v = find("subscription");
@@ -359,6 +418,8 @@ class Fields {
 
     const std::vector<jr::Member> owned_;
     const std::vector<jr::Member>& members_;
+    // One past the last slot stays null: it answers every unknown name.
+    const jr::Value* slots_[kKnownCount + 1] = {};
 };
 
 // Fields every message may carry.
