@@ -73,25 +73,25 @@ void InboundPublisher::subscribe(std::shared_ptr<Subscriber> subscriber) {
 
 void InboundPublisher::push(MessagePtr message) {
     const bool here = onExecutorThread();
-    bool deliverNow = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (cancelled_ || completed_)
             return;
         queue_.push_back(std::move(message));
-        if (here && subscriber_) {
-            if (draining_)
-                return;  // the delivery running below us on this thread takes it
-            if (started_ && demand_ == 0)
-                return;  // request() delivers it
+        if (!subscriber_ || draining_ || (started_ && demand_ == 0))
+            return;  // subscribe(), the running delivery or request() takes it from here
+        if (here) {
             draining_ = true;
-            deliverNow = true;
+        } else {
+            if (drainScheduled_)
+                return;
+            drainScheduled_ = true;
         }
     }
-    if (deliverNow)
+    if (here)
         drainClaimed();
     else
-        scheduleDrain(here);
+        executor_([self = shared_from_this()] { self->drain(); });
 }
 
 void InboundPublisher::complete(bool clean) {
@@ -139,16 +139,12 @@ void InboundPublisher::cancel() {
 }
 
 void InboundPublisher::scheduleDrain() {
-    scheduleDrain(onExecutorThread());
-}
-
-void InboundPublisher::scheduleDrain(bool here) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (drainScheduled_ || !subscriber_)
+        // A running delivery re-reads the state under this lock before it stops, so it sees
+        // whatever changed before this call.
+        if (drainScheduled_ || draining_ || !subscriber_)
             return;
-        if (here && draining_)
-            return;  // called from a signal: the running delivery sees the new state
         drainScheduled_ = true;
     }
     executor_([self = shared_from_this()] { self->drain(); });

@@ -54,7 +54,6 @@ class InboundPublisher : public reactive_streams::Publisher<MessagePtr>,
     void cancel();
     bool onExecutorThread() const { return onExecutorThread_ && onExecutorThread_(); }
     void scheduleDrain();
-    void scheduleDrain(bool onDeliveringThread);
     void drain();
     // Delivers until nothing more can go; the caller has set draining_.
     void drainClaimed();
