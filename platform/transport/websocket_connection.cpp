@@ -110,6 +110,11 @@ class WebSocketConnection final
             [weak] {
                 if (auto self = weak.lock())
                     self->close();
+            },
+            // Frames are pushed on the I/O thread, which may then deliver them at once.
+            [io = io_] {
+                auto thread = io.lock();
+                return thread && thread->onThisThread();
             });
         post([self = this->shared_from_this()] { self->beginConnect(); });
     }
