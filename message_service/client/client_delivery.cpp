@@ -1,6 +1,8 @@
 // Inbound delivery of the client service: responses complete pending requests, batches are
 // unpacked in order, and published messages reach the matching subscription callbacks.
 
+#include <boost/container/small_vector.hpp>
+
 #include "connector/message_service/callback_runner.h"
 #include "connector/message_service/channel_rules.h"
 #include "connector/message_service/client_impl.h"
@@ -51,7 +53,8 @@ void MessageServiceClientImpl::handle(std::unique_ptr<bayeux::BayeuxContainer>&&
 
 void MessageServiceClientImpl::handle(std::unique_ptr<bayeux::PublishRequest>&& request) {
     const std::string& wire = request->getChannel();
-    std::vector<std::shared_ptr<SubscriptionHolder>> holders;
+    // Most channels have a few holders: these stay off the heap.
+    boost::container::small_vector<std::shared_ptr<SubscriptionHolder>, 4> holders;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         auto collect = [&](const std::string& key) {
