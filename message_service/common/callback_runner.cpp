@@ -1,5 +1,9 @@
 #include "connector/message_service/callback_runner.h"
 
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
 #include "connector/common/delay.h"
 
 namespace connector::message_service {
@@ -8,10 +12,11 @@ namespace log = foundation::log;
 
 namespace {
 
-constexpr std::int64_t kWatchdogMs = 100;
+using Clock = std::chrono::steady_clock;
+constexpr Clock::duration kWatchdog = std::chrono::milliseconds(100);
 
-// What a watchdog reports. It lives on the delivering thread's stack, which outlives the
-// watchdog because cancelling a timer waits for a callback that is already running.
+// What a watchdog reports. It lives on the delivering thread's stack, which outlives the report
+// because a run does not end while its report is being written.
 struct Watched {
     const SubscriptionHolder* holder;
     const JsonMessage* message;
@@ -29,13 +34,107 @@ void warnSlowCallback(const Watched& watched) {
     watched.loggers->instance->log(log::warning, text, channel, ", json: ", json, ", ", type);
 }
 
+// The callback running on one delivering thread, under at most one pending timer check. A
+// callback costs a clock read and two uncontended locks of its own thread's watch instead of
+// scheduling and cancelling a timer on the process-wide timer: the check re-arms itself for the
+// callback running when it fires, and stops once the thread is idle.
+class Watch : public std::enable_shared_from_this<Watch> {
+  public:
+    struct Run {
+        const Watched* watched = nullptr;  // null: no callback running
+        Clock::time_point started;
+        bool reported = false;
+    };
+
+    // Starts watching `watched`; returns the run it interrupts (a callback may run callbacks).
+    Run begin(const Watched& watched) {
+        const Clock::time_point now = Clock::now();
+        Run interrupted;
+        bool arm;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            interrupted = current_;
+            current_ = Run{&watched, now, false};
+            arm = !armed_;
+            armed_ = true;
+        }
+        if (arm)
+            schedule(kWatchdog);
+        return interrupted;
+    }
+
+    // Ends the current run, once a report about it has been written.
+    void end(const Run& interrupted) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        reported_.wait(lock, [this] { return !reporting_; });
+        current_ = interrupted;
+    }
+
+  private:
+    // The pending check owns the watch, so a thread may end before its last check fires. The
+    // timer is never cancelled: its canceller travels inside its own callback.
+    void schedule(Clock::duration after) {
+        auto canceller = std::make_shared<common::TickManager::Canceller>();
+        *canceller =
+            common::delay([self = shared_from_this(), canceller](std::int64_t) { self->check(); },
+                          std::chrono::ceil<std::chrono::milliseconds>(after).count());
+    }
+
+    void check() {
+        const Watched* report = nullptr;
+        Clock::duration next = kWatchdog;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (!current_.watched) {
+                armed_ = false;  // idle: the next callback arms a new check
+                return;
+            }
+            const Clock::duration elapsed = Clock::now() - current_.started;
+            if (elapsed < kWatchdog) {
+                next = kWatchdog - elapsed;  // a later callback: due at its own deadline
+            } else if (!current_.reported) {
+                current_.reported = true;
+                reporting_ = true;
+                report = current_.watched;
+            }
+        }
+        schedule(next);
+        if (report) {
+            const ReportDone done{*this};  // even when the logging throws
+            warnSlowCallback(*report);
+        }
+    }
+
+    struct ReportDone {
+        Watch& watch;
+        ~ReportDone() {
+            {
+                std::lock_guard<std::mutex> lock(watch.mutex_);
+                watch.reporting_ = false;
+            }
+            watch.reported_.notify_all();
+        }
+    };
+
+    std::mutex mutex_;                  // guards the members below
+    std::condition_variable reported_;  // end() waits here for a report being written
+    Run current_;
+    bool armed_ = false;      // a check is scheduled
+    bool reporting_ = false;  // the current run's report is being written, with no lock held
+};
+
+Watch& threadWatch() {
+    thread_local const std::shared_ptr<Watch> watch = std::make_shared<Watch>();
+    return *watch;
+}
+
 }  // namespace
 
 void runSubscriptionCallback(const SubscriptionHolder& holder, const JsonMessage& message,
                              const CallbackLoggers& loggers) {
     const Watched watched{&holder, &message, &loggers};
-    common::TickManager::Canceller watchdog =
-        common::delay([w = &watched](std::int64_t) { warnSlowCallback(*w); }, kWatchdogMs);
+    Watch& watch = threadWatch();
+    const Watch::Run interrupted = watch.begin(watched);
     const auto& logger = *loggers.instance;
     if (logger.enabled(log::trace))
         logger.log(log::trace, "Executing callback for channel: ", message.getChannel(),
@@ -50,7 +149,7 @@ void runSubscriptionCallback(const SubscriptionHolder& holder, const JsonMessage
         logger.log(log::warning,
                    "Caught unknown exception from subscription callback: ", message.getChannel());
     }
-    watchdog.cancel();
+    watch.end(interrupted);
 }
 
 }  // namespace connector::message_service
