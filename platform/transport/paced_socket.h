@@ -101,7 +101,7 @@ class PacedSocket {
         if (!ec)
             n = socket_.read_some(buffers, ec);
         if (ec == boost::asio::error::would_block || ec == boost::asio::error::try_again) {
-            pacing_ = false;
+            stopPacing();
             drained_ = false;
             setLowWater(1);
             return readNow(buffers, std::move(handler));
@@ -131,7 +131,7 @@ class PacedSocket {
             if (paced) {
                 // Pacing that gathers little only adds delay.
                 if (n < kGathered * unpacedBytes_)
-                    pacing_ = false;
+                    stopPacing();
             } else if (drained_ && now - lastDrained_ < interval_ / 4) {
                 unpacedBytes_ = n;
                 if (++fastReads_ >= kFastReads)
@@ -142,10 +142,11 @@ class PacedSocket {
             lastDrained_ = now;
         }
         drained_ = drained;
-        if (!pacing_ && !paced)
-            return;
-        if (!pacing_)
-            fastReads_ = 0;
+    }
+
+    void stopPacing() {
+        pacing_ = false;
+        fastReads_ = 0;
     }
 
     void setLowWater(int bytes) {
