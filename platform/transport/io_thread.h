@@ -24,6 +24,7 @@ class IoThread {
 
     const std::shared_ptr<boost::asio::io_context>& context() const { return io_; }
     bool onThisThread() const { return std::this_thread::get_id() == id_; }
+    std::thread::id id() const { return id_; }
     // Runs `task` on the I/O thread, never inline.
     void post(std::function<void()> task);
 

@@ -21,6 +21,7 @@
 #include <deque>
 #include <mutex>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "../bayeux/json_text.h"
@@ -99,6 +100,9 @@ class WebSocketConnection final
 
     void start() {
         std::weak_ptr<WebSocketConnection> weak = this->weak_from_this();
+        std::thread::id ioThread;  // no thread's id once the service has gone
+        if (auto thread = io_.lock())
+            ioThread = thread->id();
         inbound_ = std::make_shared<InboundPublisher>(
             // Once the service and its thread are gone, what is left is delivered inline.
             [io = io_](std::function<void()> task) {
@@ -111,11 +115,9 @@ class WebSocketConnection final
                 if (auto self = weak.lock())
                     self->close();
             },
-            // Frames are pushed on the I/O thread, which may then deliver them at once.
-            [io = io_] {
-                auto thread = io.lock();
-                return thread && thread->onThisThread();
-            });
+            // Frames are pushed on the I/O thread, which may then deliver them at once; the id
+            // is taken once, since this runs for every frame.
+            [ioThread] { return std::this_thread::get_id() == ioThread; });
         post([self = this->shared_from_this()] { self->beginConnect(); });
     }
 
@@ -252,12 +254,7 @@ class WebSocketConnection final
             std::make_unique<ConnectTransportResponse>(std::move(inbound), std::move(outbound)));
     }
 
-    tcp::socket& socket() {
-        if constexpr (kSecure<NextLayer>)
-            return ws_.next_layer().next_layer().socket();
-        else
-            return ws_.next_layer().socket();
-    }
+    tcp::socket& socket() { return beast::get_lowest_layer(ws_); }
 
     bool interrupted() const { return timedOut_ || aborted_; }
 
