@@ -50,6 +50,7 @@
 #include <vector>
 
 #include "connector/message_service.h"
+#include "latency.h"
 #include "node_process.h"
 
 #ifndef ORVALE_SOURCE_DIR
@@ -61,6 +62,8 @@ namespace {
 using namespace connector;
 using namespace connector::message_service;
 using namespace std::chrono_literals;
+using orvale::bench::Percentiles;
+using orvale::bench::percentiles;
 using Clock = std::chrono::steady_clock;
 
 // Bound on any one wait: a stalled server ends the run with a message, never a hang.
@@ -104,16 +107,6 @@ class StderrBackend
                      message ? message->c_str() : "");
     }
 };
-
-struct Percentiles {
-    double p50 = 0, p99 = 0;
-};
-Percentiles percentiles(std::vector<double> samples) {
-    if (samples.empty())
-        return {};
-    std::sort(samples.begin(), samples.end());
-    return {samples[samples.size() / 2], samples[samples.size() * 99 / 100]};
-}
 
 // One throughput phase of one client.
 struct Phase {
@@ -560,35 +553,9 @@ Percentiles latency(const std::string& endpoint, int rounds, int warmUp) {
     Services services(endpoint);
     auto publisher = services.create("pub");
     auto subscriber = services.create("sub");
-    std::mutex mutex;
-    std::condition_variable cv;
-    bool arrived = false;  // guarded by mutex, like sent
-    Clock::time_point sent;
-    std::vector<double> samples;
-    auto handle = await(
-        subscriber->subscribe(
-            "/load/latency",
-            [&](const JsonMessage&) {
-                const auto now = Clock::now();
-                std::lock_guard<std::mutex> lock(mutex);
-                samples.push_back(std::chrono::duration<double, std::micro>(now - sent).count());
-                arrived = true;
-                cv.notify_one();
-            }),
-        "subscribing");
-    for (int i = 0; i < rounds + warmUp; ++i) {
-        std::unique_lock<std::mutex> lock(mutex);
-        arrived = false;
-        sent = Clock::now();
-        lock.unlock();
-        publisher->publish("/load/latency", "1");
-        lock.lock();
-        if (!cv.wait_for(lock, kStallBound, [&] { return arrived; }))
-            throw std::runtime_error("orvale: no delivery in a latency round");
-    }
-    handle.reset();
+    const std::vector<double> samples = orvale::bench::publishToCallbackMicros(
+        *publisher, *subscriber, "/load/latency", rounds + warmUp, kStallBound);
     disconnectAll({publisher, subscriber});
-    std::lock_guard<std::mutex> lock(mutex);
     return percentiles(std::vector<double>(samples.begin() + warmUp, samples.end()));
 }
 
@@ -684,7 +651,8 @@ int main(int argc, char** argv) {
     const long window = argc > 2 ? std::atol(argv[2]) : 500;
     const int rounds = argc > 3 ? std::atoi(argv[3]) : 5000;
     if (messages < 4 || window < 1 || rounds < 1) {
-        std::fprintf(stderr, "usage: client_load [--orvale-only] [MESSAGES>=4 [WINDOW>=1 [ROUNDS>=1]]]\n");
+        std::fprintf(stderr,
+                     "usage: client_load [--orvale-only] [MESSAGES>=4 [WINDOW>=1 [ROUNDS>=1]]]\n");
         return 2;
     }
     ::setenv("ORVALE_SOURCE_DIR", ORVALE_SOURCE_DIR, 0);
@@ -706,9 +674,10 @@ int main(int argc, char** argv) {
             const auto one = ours::throughput(endpoint, server, 1, messages, window, "/load/one");
             const auto four =
                 ours::throughput(endpoint, server, 4, messages / 4, window, "/load/four");
-            std::printf("orvale: 1->1 %.0f deliv/s, %.3f cpu s/10k; 1->4 %.0f deliv/s, %.3f cpu s/10k\n",
-                        one.rate, per10k(one.clientCpu, one.messages), four.rate,
-                        per10k(four.clientCpu, four.messages));
+            std::printf(
+                "orvale: 1->1 %.0f deliv/s, %.3f cpu s/10k; 1->4 %.0f deliv/s, %.3f cpu s/10k\n",
+                one.rate, per10k(one.clientCpu, one.messages), four.rate,
+                per10k(four.clientCpu, four.messages));
             return 0;
         }
         // Warms the server (and both kinds of client) before anything is measured.

@@ -19,11 +19,15 @@
 
 #include "allocation_counter.h"
 #include "connector/message_service.h"
+#include "latency.h"
 
 namespace {
 
 using namespace connector;
 using namespace connector::message_service;
+using orvale::bench::Percentiles;
+using orvale::bench::percentiles;
+using orvale::bench::publishToCallbackMicros;
 using Clock = std::chrono::steady_clock;
 
 double seconds(Clock::duration d) {
@@ -36,14 +40,6 @@ class NullBackend
   public:
     void consume(const boost::log::record_view&) {}
 };
-
-struct Percentiles {
-    double p50, p99;
-};
-Percentiles percentiles(std::vector<double> samples) {
-    std::sort(samples.begin(), samples.end());
-    return {samples[samples.size() / 2], samples[samples.size() * 99 / 100]};
-}
 
 // Bare baseline: items/s through a mutex + condition-variable queue between two threads.
 double bareQueueRate(long items) {
@@ -161,33 +157,8 @@ Percentiles latency(int rounds) {
     Setup setup;
     auto pub = setup.service("pub");
     auto sub = setup.service("sub");
-    std::mutex mutex;
-    std::condition_variable cv;
-    bool arrived = false;
-    Clock::time_point sent;
-    std::vector<double> samples;
-    samples.reserve(rounds);
-    auto handle =
-        sub->subscribe(
-               "/lat",
-               [&](const JsonMessage&) {
-                   const auto now = Clock::now();
-                   std::lock_guard<std::mutex> lock(mutex);
-                   samples.push_back(std::chrono::duration<double, std::micro>(now - sent).count());
-                   arrived = true;
-                   cv.notify_one();
-               })
-            .get();
-    for (int i = 0; i < rounds; ++i) {
-        std::unique_lock<std::mutex> lock(mutex);
-        arrived = false;
-        sent = Clock::now();
-        lock.unlock();
-        pub->publish("/lat", "1");
-        lock.lock();
-        cv.wait(lock, [&] { return arrived; });
-    }
-    return percentiles(samples);
+    return percentiles(
+        publishToCallbackMicros(*pub, *sub, "/lat", rounds, std::chrono::seconds(20)));
 }
 
 void run(const char* label, long messages, int rounds) {
