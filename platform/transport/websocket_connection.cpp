@@ -50,6 +50,43 @@ constexpr std::chrono::seconds kCloseTimeout{2};
 constexpr std::size_t kQuotedFrameBytes = 200;
 // The read buffer is given back after a frame larger than this.
 constexpr std::size_t kKeptReadBuffer = 64 * 1024;
+// A batch frame holds at most this many bytes, so a burst of queued messages never makes a frame
+// that a server's frame limit refuses; a larger message goes in a frame of its own.
+constexpr std::size_t kBatchFrameBytes = 64 * 1024;
+
+// Encodes messages, in order, into JSON array frames of at most kBatchFrameBytes each.
+class FrameSplitter {
+  public:
+    explicit FrameSplitter(std::deque<std::string>& out) : out_(out) {}
+    void add(const BayeuxMessage& message) {
+        const std::size_t before = frame_.size();
+        if (frame_.empty()) {
+            frame_.reserve(4096);
+            frame_.push_back('[');
+        } else {
+            frame_.push_back(',');
+        }
+        codec::encodeInto(message, frame_);
+        if (frame_.size() + 1 > kBatchFrameBytes && before > 0) {
+            // The others go as they are; this message begins the next frame.
+            std::string next = "[" + frame_.substr(before + 1);
+            frame_.resize(before);
+            close();
+            frame_ = std::move(next);
+        }
+    }
+    void close() {
+        if (frame_.empty())
+            return;
+        frame_.push_back(']');
+        out_.push_back(std::move(frame_));
+        frame_.clear();
+    }
+
+  private:
+    std::deque<std::string>& out_;
+    std::string frame_;
+};
 
 // What the client holds as the inbound publisher: the connection's publisher plus the keeper
 // that closes the connection once the client lets go of both of its streams.
@@ -361,19 +398,17 @@ class WebSocketConnection final
         messages.reserve(batch.size());
         for (auto& message : batch)
             collect(message.get(), messages);
-        std::vector<const BayeuxMessage*> frame;
+        FrameSplitter frames(outgoing_);
         for (const BayeuxMessage* message : messages) {
             if (message->kind() == Kind::ConnectRequest) {
-                if (!frame.empty())
-                    outgoing_.push_back(codec::encode(frame));
-                frame.clear();
-                outgoing_.push_back(codec::encode(*message));
+                frames.close();
+                frames.add(*message);
+                frames.close();
             } else {
-                frame.push_back(message);
+                frames.add(*message);
             }
         }
-        if (!frame.empty())
-            outgoing_.push_back(codec::encode(frame));
+        frames.close();
         if (outgoing_.empty()) {
             if (closeNow)
                 beginClose();

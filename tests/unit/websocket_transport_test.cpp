@@ -408,6 +408,52 @@ TEST(WebSocketTransport, BatchesWhatIsQueuedDuringAWrite) {
     EXPECT_EQ(frames[3], R"([{"channel":"/after/connect","data":1}])");
 }
 
+// A burst queued behind a slow write is split into frames a server's frame limit accepts, with
+// every message once and in order; a single larger message still goes out whole.
+TEST(WebSocketTransport, SplitsALargeBurstIntoBoundedFrames) {
+    TestServer server({/*readAtOnce=*/false});
+    Client client = connectClient(server.url());
+    auto session = server.nextSession();
+    ASSERT_TRUE(session);
+
+    const std::string big = "\"" + std::string(std::size_t{32} << 20, 'x') + "\"";
+    client.send(publish("/big", big));
+    ASSERT_TRUE(waitUntil([&] { return session->unread() > 0; }));
+    constexpr int kBurst = 5000;  // about 400 KiB of JSON
+    const std::string data = "\"" + std::string(60, 'd') + "\"";
+    for (int i = 0; i < kBurst; ++i)
+        client.send(publish("/burst/" + std::to_string(i), data));
+    client.send(publish("/big2", big));
+    session->startReading();
+
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            const auto frames = session->frames();
+            return frames.size() > 1 && frames.back().size() > (std::size_t{32} << 20);
+        },
+        10s));
+    const auto frames = session->frames();
+    ASSERT_GE(frames.size(), 3u);
+    std::size_t seen = 0;
+    bool secondBig = false;
+    for (std::size_t f = 1; f < frames.size(); ++f) {
+        auto decoded = codec::decodeFromClient(frames[f]);
+        EXPECT_TRUE(decoded.errors.empty());
+        if (decoded.messages.size() == 1 && decoded.messages[0]->bayeuxChannel() == "/big2") {
+            secondBig = true;
+            continue;
+        }
+        EXPECT_LE(frames[f].size(), std::size_t{64} * 1024);
+        for (const auto& message : decoded.messages) {
+            EXPECT_EQ(message->bayeuxChannel(), "/burst/" + std::to_string(seen));
+            ++seen;
+        }
+    }
+    EXPECT_EQ(seen, std::size_t{kBurst});
+    EXPECT_TRUE(secondBig);
+    EXPECT_GT(frames.size(), 5u);  // the burst did not go out as one frame
+}
+
 // Through the whole connection, a paced stream loses nothing and keeps its order, with a frame
 // larger than the read buffer in the middle and a lone frame after it stops.
 TEST(WebSocketTransport, PacedReadsLoseNothingAndNeverStrandALoneFrame) {
