@@ -2,6 +2,7 @@
 // unpacked in order, and published messages reach the matching subscription callbacks.
 
 #include <boost/container/small_vector.hpp>
+#include <typeinfo>
 
 #include "connector/message_service/callback_runner.h"
 #include "connector/message_service/channel_rules.h"
@@ -16,6 +17,12 @@ void MessageServiceClientImpl::deliver(MessagePtr&& message) {
     // The type name is demangled only when the line is wanted: this runs for every message.
     if (logger_.enabled(log::trace))
         logger_.log(log::trace, "Message received: ", log::typeName(*message));
+    // Deliveries are most of the traffic; their exact type is checked before any cast.
+    if (typeid(*message) == typeid(bayeux::PublishRequest)) {
+        handle(std::unique_ptr<bayeux::PublishRequest>(
+            static_cast<bayeux::PublishRequest*>(message.release())));
+        return;
+    }
     if (auto* response = dynamic_cast<bayeux::BayeuxResponse*>(message.get())) {
         std::unique_lock<std::mutex> lock(mutex_);
         for (auto pending = pendingRequests_.begin(); pending != pendingRequests_.end();
@@ -33,11 +40,7 @@ void MessageServiceClientImpl::deliver(MessagePtr&& message) {
             return;
         }
     }
-    if (auto* publish = dynamic_cast<bayeux::PublishRequest*>(message.get());
-        publish && typeid(*publish) == typeid(bayeux::PublishRequest)) {
-        message.release();
-        handle(std::unique_ptr<bayeux::PublishRequest>(publish));
-    } else if (typeid(*message) == typeid(bayeux::BayeuxContainer)) {
+    if (typeid(*message) == typeid(bayeux::BayeuxContainer)) {
         handle(std::unique_ptr<bayeux::BayeuxContainer>(
             static_cast<bayeux::BayeuxContainer*>(message.release())));
     } else {

@@ -8,6 +8,7 @@
 #include "connector/bayeux/codec.h"
 
 #include <algorithm>
+#include <array>
 #include <boost/json/parse.hpp>
 #include <boost/json/value.hpp>
 #include <charconv>
@@ -92,6 +93,18 @@ class ObjectWriter {
     std::string& out_;
     bool first_ = true;
 };
+
+// The channel member, without the copy that bayeuxChannel() makes.
+std::string_view channelOf(const BayeuxMessage& message) {
+    switch (message.kind()) {
+        case Kind::PublishRequest:
+            return static_cast<const PublishRequest&>(message).getChannel();
+        case Kind::PublishResponse:
+            return static_cast<const PublishResponse&>(message).getChannel();
+        default:
+            return metaChannel(message.kind());
+    }
+}
 
 void writeAdvice(ObjectWriter& writer, std::string& out, const Advice& advice) {
     writer.key("advice");
@@ -580,11 +593,19 @@ Decoded decodeFrame(std::string_view frame, ElementDecoder decoder) {
 
 void appendQuoted(std::string& out, std::string_view text) {
     static constexpr char hex[] = "0123456789abcdef";
+    // The bytes that need an escape: one table lookup per byte on the common path.
+    static constexpr auto needsEscape = [] {
+        std::array<bool, 256> table{};
+        for (int c = 0; c < 0x20; ++c)
+            table[c] = true;
+        table['"'] = table['\\'] = true;
+        return table;
+    }();
     out.push_back('"');
     std::size_t runStart = 0;
     for (std::size_t i = 0; i < text.size(); ++i) {
         const unsigned char c = static_cast<unsigned char>(text[i]);
-        if (c >= 0x20 && c != '"' && c != '\\')
+        if (!needsEscape[c])
             continue;
         out.append(text.data() + runStart, i - runStart);
         runStart = i + 1;
@@ -637,7 +658,7 @@ std::string withExtMember(std::string_view ext, std::string_view name, std::stri
 
 void encodeInto(const BayeuxMessage& message, std::string& out) {
     ObjectWriter writer(out);
-    writer.string("channel", message.bayeuxChannel());
+    writer.string("channel", channelOf(message));
     writer.optionalString("id", message.getId());
     writer.optionalString("clientId", message.getClientId());
     switch (message.kind()) {
@@ -687,7 +708,8 @@ void encodeInto(const BayeuxMessage& message, std::string& out) {
         case Kind::PublishResponse:
             break;
     }
-    if (const auto* response = dynamic_cast<const BayeuxResponse*>(&message)) {
+    if (isResponse(message.kind())) {
+        const auto* response = static_cast<const BayeuxResponse*>(&message);
         writer.boolean("successful", response->isSuccessful());
         writer.optionalString("error", response->getError());
     }

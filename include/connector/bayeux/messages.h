@@ -42,6 +42,35 @@ enum class Kind {
     PublishResponse,
 };
 
+// Requests and responses alternate above, each request followed by its response.
+constexpr bool isResponse(Kind kind) {
+    return static_cast<int>(kind) % 2 == 1;
+}
+static_assert(isResponse(Kind::PublishResponse) && !isResponse(Kind::PublishRequest));
+
+// The Bayeux channel of a meta message kind; empty for the publish kinds.
+inline const char* metaChannel(Kind k) {
+    switch (k) {
+        case Kind::HandshakeRequest:
+        case Kind::HandshakeResponse:
+            return meta::handshake;
+        case Kind::ConnectRequest:
+        case Kind::ConnectResponse:
+            return meta::connect;
+        case Kind::DisconnectRequest:
+        case Kind::DisconnectResponse:
+            return meta::disconnect;
+        case Kind::SubscribeRequest:
+        case Kind::SubscribeResponse:
+            return meta::subscribe;
+        case Kind::UnsubscribeRequest:
+        case Kind::UnsubscribeResponse:
+            return meta::unsubscribe;
+        default:
+            return "";
+    }
+}
+
 // The advice field; a negative number means absent.
 struct Advice {
     std::string reconnect;
@@ -96,29 +125,7 @@ template <class Base, Kind K>
 class MetaMessage : public Base {
   public:
     Kind kind() const override { return K; }
-    std::string bayeuxChannel() const override { return channelOf(K); }
-
-    static const char* channelOf(Kind k) {
-        switch (k) {
-            case Kind::HandshakeRequest:
-            case Kind::HandshakeResponse:
-                return meta::handshake;
-            case Kind::ConnectRequest:
-            case Kind::ConnectResponse:
-                return meta::connect;
-            case Kind::DisconnectRequest:
-            case Kind::DisconnectResponse:
-                return meta::disconnect;
-            case Kind::SubscribeRequest:
-            case Kind::SubscribeResponse:
-                return meta::subscribe;
-            case Kind::UnsubscribeRequest:
-            case Kind::UnsubscribeResponse:
-                return meta::unsubscribe;
-            default:
-                return "";
-        }
-    }
+    std::string bayeuxChannel() const override { return metaChannel(K); }
 };
 
 class HandshakeRequest : public MetaMessage<BayeuxRequest, Kind::HandshakeRequest> {
