@@ -28,7 +28,8 @@ const char* const kUsage =
 Runs the same load, made by orvale client services, against `orvale serve` and against a Faye
 server, each in a process of its own, and prints a table:
   - deliveries per second with one publisher and one subscriber, then four subscribers
-    (N messages each, default 20000);
+    (N messages each, default 20000), and the CPU time per delivery of the first run spent by
+    the server and by the client services of the load;
   - latency p50 and p99 with one subscriber at a fixed rate (default 10000 msg/s for 3 s);
   - the hub's resident memory per idle session with its connect held (default 5000 sessions).
 
@@ -42,6 +43,9 @@ server, each in a process of its own, and prints a table:
 struct Figures {
     double oneToOne = 0;
     double oneToFour = 0;
+    // CPU time per delivery of the 1 -> 1 run, in microseconds.
+    double hubCpuMicros = 0;
+    double loadCpuMicros = 0;
     Latency latency;
     double bytesPerSession = 0;
 };
@@ -78,7 +82,12 @@ Figures measure(const Target& target, const Settings& settings) {
         std::cerr << "bench: " << target.name << ": warming up\n";
         load.throughput(1, std::min<std::size_t>(settings.messages, 2000));
         std::cerr << "bench: " << target.name << ": 1 -> 1\n";
+        const double hubBefore = hub.cpuSeconds();
+        const double loadBefore = ownCpuSeconds();
         figures.oneToOne = load.throughput(1, settings.messages);
+        const double perDelivery = 1e6 / static_cast<double>(settings.messages);
+        figures.hubCpuMicros = (hub.cpuSeconds() - hubBefore) * perDelivery;
+        figures.loadCpuMicros = (ownCpuSeconds() - loadBefore) * perDelivery;
         std::cerr << "bench: " << target.name << ": 1 -> 4\n";
         figures.oneToFour = load.throughput(4, settings.messages);
         std::cerr << "bench: " << target.name << ": latency\n";
@@ -157,6 +166,8 @@ int runBench(const Words& words) {
     };
     const auto oneToOne = [](const Figures& f) { return f.oneToOne; };
     const auto oneToFour = [](const Figures& f) { return f.oneToFour; };
+    const auto hubCpu = [](const Figures& f) { return f.hubCpuMicros; };
+    const auto loadCpu = [](const Figures& f) { return f.loadCpuMicros; };
     const auto p50 = [](const Figures& f) { return f.latency.p50Micros; };
     const auto p99 = [](const Figures& f) { return f.latency.p99Micros; };
     const auto kib = [](const Figures& f) { return f.bytesPerSession / 1024.0; };
@@ -171,6 +182,10 @@ int runBench(const Words& words) {
         better(oneToOne, true));
     row("deliveries/s, 1 publisher -> 4 subscribers", fixed(ours.oneToFour, 0), other(oneToFour, 0),
         better(oneToFour, true));
+    row("1 -> 1 CPU per delivery, server (us)", fixed(hubCpu(ours), 2), other(hubCpu, 2),
+        better(hubCpu, false));
+    row("1 -> 1 CPU per delivery, clients (us)", fixed(loadCpu(ours), 2), other(loadCpu, 2),
+        better(loadCpu, false));
     row("latency p50 at " + std::to_string(settings.rate) + " msg/s (us)", fixed(p50(ours), 0),
         other(p50, 0), better(p50, false));
     row("latency p99 at " + std::to_string(settings.rate) + " msg/s (us)", fixed(p99(ours), 0),

@@ -4,12 +4,14 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <sstream>
 #include <thread>
 
 #include "cli.h"
@@ -116,6 +118,33 @@ std::size_t ChildProcess::residentBytes() const {
         std::getline(status, rest);
     }
     throw Failure("cannot read the memory of " + description_);
+}
+
+double ChildProcess::cpuSeconds() const {
+    std::ifstream stat("/proc/" + std::to_string(pid_) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    // The command name in parentheses may hold spaces; fields 14 and 15 follow it.
+    const auto paren = line.rfind(')');
+    if (paren == std::string::npos)
+        throw Failure("cannot read the CPU time of " + description_);
+    std::istringstream fields(line.substr(paren + 2));
+    std::string field;
+    unsigned long long user = 0, system = 0;
+    for (int i = 3; i < 14 && fields >> field; ++i) {
+    }
+    if (!(fields >> user >> system))
+        throw Failure("cannot read the CPU time of " + description_);
+    return static_cast<double>(user + system) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
+double ownCpuSeconds() {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    auto seconds = [](const timeval& t) {
+        return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6;
+    };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
 std::string selfExecutable() {

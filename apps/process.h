@@ -24,6 +24,8 @@ class ChildProcess {
     pid_t pid() const { return pid_; }
     // The child's resident memory, from /proc.
     std::size_t residentBytes() const;
+    // The CPU time the child has used so far (user and system, all threads), from /proc.
+    double cpuSeconds() const;
 
   private:
     pid_t pid_ = -1;
@@ -34,5 +36,8 @@ class ChildProcess {
 
 // The program's own executable, for starting it again as a child.
 std::string selfExecutable();
+
+// The CPU time this process has used so far (user and system, all threads).
+double ownCpuSeconds();
 
 }  // namespace orvale::app
