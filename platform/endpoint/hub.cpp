@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <mutex>
 
+#include "../server/deferred_wakes.h"
 #include "connector/bayeux/codec.h"
 #include "connector/common/delay.h"
 #include "connector/log/diagnostic_logger.h"
@@ -98,6 +99,8 @@ Advice Hub::connectAdvice() const {
 FrameOutcome Hub::handleFrame(std::string_view frame, const std::shared_ptr<Link>& link,
                               Transport transport, FrameBuilder& out) {
     FrameOutcome outcome;
+    // The delivery threads are woken once for the frame, not once for each publish in it.
+    const DeferredWakes wakes;
     codec::Decoded decoded = codec::decodeFromClient(frame);
     if (!decoded.errors.empty()) {
         outcome.unreadable = std::any_of(decoded.errors.begin(), decoded.errors.end(), frameLevel);

@@ -2,15 +2,48 @@
 
 #include "delivery_queue.h"
 
+#include <algorithm>
+
+#include "deferred_wakes.h"
+
 namespace connector::bayeux::detail {
+
+namespace {
+
+// The queues whose consumer an appender on this thread left asleep inside a DeferredWakes.
+struct HeldWakes {
+    int depth = 0;
+    std::vector<DeliveryQueue*> queues;
+};
+thread_local HeldWakes held;
+
+}  // namespace
 
 DeliveryQueue::Appender::~Appender() {
     const bool wake = queue_.idle_ && !queue_.pending_.empty();
+    if (wake && held.depth > 0) {
+        lock_.unlock();
+        if (std::find(held.queues.begin(), held.queues.end(), &queue_) == held.queues.end())
+            held.queues.push_back(&queue_);
+        return;
+    }
     if (wake)
         queue_.idle_ = false;  // later producers need not wake it again
     lock_.unlock();
     if (wake)
         queue_.wake_.notify_one();
+}
+
+void DeliveryQueue::wakeIfIdle() {
+    bool wake = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        wake = idle_ && !pending_.empty();
+        if (wake)
+            idle_ = false;
+    }
+    if (wake)
+        wake_.notify_one();
 }
 
 bool DeliveryQueue::take(std::vector<Delivery>& batch) {
@@ -35,3 +68,19 @@ void DeliveryQueue::stop() {
 }
 
 }  // namespace connector::bayeux::detail
+
+namespace connector::bayeux {
+
+DeferredWakes::DeferredWakes() {
+    ++detail::held.depth;
+}
+
+DeferredWakes::~DeferredWakes() {
+    if (--detail::held.depth > 0)
+        return;
+    for (auto* queue : detail::held.queues)
+        queue->wakeIfIdle();
+    detail::held.queues.clear();
+}
+
+}  // namespace connector::bayeux

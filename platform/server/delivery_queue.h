@@ -70,6 +70,10 @@ class DeliveryQueue {
     // Lets the consumer finish what is queued, then makes take() return false.
     void stop();
 
+    // Wakes the consumer if it sleeps while deliveries wait (an appender inside a
+    // DeferredWakes left it asleep).
+    void wakeIfIdle();
+
   private:
     std::mutex mutex_;
     std::condition_variable wake_;

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "connector/bayeux/server.h"
+#include "deferred_wakes.h"
 #include "log_capture.h"
 
 namespace {
@@ -170,6 +171,36 @@ TEST(BayeuxServerTest, MatchesExactAndWildcardSubscriptions) {
             EXPECT_EQ(r.channels, std::set<std::string>{pattern});
         }
     }
+}
+
+// Publishes accepted inside a DeferredWakes reach a sleeping delivery thread when the outermost
+// scope ends, all of them and in order; outside any scope they go at once.
+TEST(BayeuxServerTest, DeferredWakesHoldDeliveriesUntilTheOutermostScopeEnds) {
+    auto server = connector::bayeux::makeBayeuxServer({1});
+    auto session = join(*server, "s");
+    subscribe(*server, "s", "/d");
+    flush(*server, {session});  // the delivery thread is asleep again after this
+    const std::size_t before = session->receivedCount();
+    {
+        const connector::bayeux::DeferredWakes outer;
+        {
+            const connector::bayeux::DeferredWakes inner;
+            for (int i = 0; i < 3; ++i)
+                server->acceptPublish(message("/d", std::to_string(i)));
+        }
+        // A woken thread would deliver within microseconds; this leaves it ample time.
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_EQ(session->receivedCount(), before);
+    }
+    ASSERT_TRUE(waitUntil([&] { return session->count("/d") == 3; }));
+    std::vector<std::string> order;
+    for (auto& r : session->received())
+        if (r.channel == "/d")
+            order.push_back(r.json);
+    EXPECT_EQ(order, (std::vector<std::string>{"0", "1", "2"}));
+
+    server->acceptPublish(message("/d", "3"));
+    ASSERT_TRUE(waitUntil([&] { return session->count("/d") == 4; }));
 }
 
 TEST(BayeuxServerTest, OneDeliveryPerSessionListingEachMatchingPatternOnce) {
