@@ -2,6 +2,7 @@
 
 #include "json_reader.h"
 
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
@@ -10,6 +11,14 @@
 namespace connector::bayeux::codec::json_reader {
 
 namespace {
+
+// The bytes a string holds as they are: printable ASCII other than the quote and backslash.
+constexpr auto kPlain = [] {
+    std::array<bool, 256> table{};
+    for (int c = 0x20; c < 0x80; ++c)
+        table[c] = c != '"' && c != '\\';
+    return table;
+}();
 
 bool isSpace(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r';
@@ -201,9 +210,8 @@ void Reader::string(Value& out) {
     const auto* bytes = reinterpret_cast<const unsigned char*>(text_.data());
     const std::size_t size = text_.size();
     for (;;) {
-        // Plain ASCII is the common case and needs one comparison chain per byte.
-        while (pos_ < size && bytes[pos_] >= 0x20 && bytes[pos_] < 0x80 && bytes[pos_] != '"' &&
-               bytes[pos_] != '\\')
+        // Plain ASCII is the common case: one table lookup per byte.
+        while (pos_ < size && kPlain[bytes[pos_]])
             ++pos_;
         if (pos_ >= size)
             fail("unterminated string");
