@@ -104,8 +104,13 @@ double LoadRunner::throughput(std::size_t subscribers, std::size_t messages) {
     std::vector<connector::Future<ms::PublishResult>> window(window_);
     std::vector<bool> used(window_, false);
     const std::int64_t start = nowNanos();
+    // Answers come in order, many per frame. Waiting for a batch of them at once spares the
+    // publishing thread a wake-up, and a core a context switch, for every single answer.
+    const std::size_t batch = std::max<std::size_t>(1, window_ / 4);
     for (std::size_t i = 0; i < messages; ++i) {
         const std::size_t slot = i % window_;
+        if (used[slot] && i % batch == 0)
+            window[(slot + batch - 1) % window_].waitFor(kStall);
         if (used[slot])
             await(window[slot], kStall, "a publish was not answered");
         window[slot] = publisher->publish(channel, payload(i));
