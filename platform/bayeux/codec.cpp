@@ -449,7 +449,10 @@ std::unique_ptr<BayeuxMessage> decodeServerMessage(const Fields& fields) {
     std::unique_ptr<BayeuxMessage> message;
     if (fields.has("successful")) {
         std::unique_ptr<BayeuxResponse> response;
-        if (channel == meta::handshake) {
+        // Answers to publishes are most of them; the meta names are compared only for meta.
+        if (!isMetaChannel(channel)) {
+            response = std::make_unique<PublishResponse>(std::move(channel));
+        } else if (channel == meta::handshake) {
             auto handshake = std::make_unique<HandshakeResponse>();
             handshake->setVersion(fields.string("version"));
             handshake->setSupportedConnectionTypes(fields.strings("supportedConnectionTypes"));
@@ -467,7 +470,7 @@ std::unique_ptr<BayeuxMessage> decodeServerMessage(const Fields& fields) {
             unsubscribe->setChannel(fields.subscription(false));
             response = std::move(unsubscribe);
         } else {
-            response = std::make_unique<PublishResponse>(channel);
+            response = std::make_unique<PublishResponse>(std::move(channel));
         }
         response->setSuccessful(fields.boolean("successful"));
         response->setError(fields.string("error"));
@@ -489,7 +492,12 @@ std::unique_ptr<BayeuxMessage> decodeServerMessage(const Fields& fields) {
 std::unique_ptr<BayeuxMessage> decodeClientMessage(const Fields& fields) {
     std::string channel = fields.channel();
     std::unique_ptr<BayeuxMessage> message;
-    if (channel == meta::handshake) {
+    if (!isMetaChannel(channel)) {
+        auto publish = std::make_unique<PublishRequest>();
+        publish->setJson(fields.data(true));
+        publish->setChannel(std::move(channel));
+        message = std::move(publish);
+    } else if (channel == meta::handshake) {
         auto handshake = std::make_unique<HandshakeRequest>();
         handshake->setVersion(fields.string("version"));
         handshake->setMinimumVersion(fields.string("minimumVersion"));
@@ -507,13 +515,8 @@ std::unique_ptr<BayeuxMessage> decodeClientMessage(const Fields& fields) {
         auto unsubscribe = std::make_unique<UnsubscribeRequest>();
         unsubscribe->setChannel(fields.subscription(true));
         message = std::move(unsubscribe);
-    } else if (isMetaChannel(channel)) {
-        throw Problem("unknown meta channel " + channel);
     } else {
-        auto publish = std::make_unique<PublishRequest>();
-        publish->setJson(fields.data(true));
-        publish->setChannel(std::move(channel));
-        message = std::move(publish);
+        throw Problem("unknown meta channel " + channel);
     }
     readCommon(fields, *message);
     return message;

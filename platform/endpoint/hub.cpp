@@ -276,10 +276,8 @@ void Hub::publish(std::unique_ptr<PublishRequest> request, FrameBuilder& out) {
         appendError(out, *request, std::move(*problem));
         return;
     }
-    PublishResponse response(request->getChannel());
-    response.setId(request->getId());
+    appendPublishAck(out, request->getChannel(), request->getId());
     server_->acceptPublish(std::shared_ptr<const PublishRequest>(std::move(request)));
-    appendMessage(out, response);
 }
 
 std::shared_ptr<RemoteSession> Hub::find(const std::string& id) const {

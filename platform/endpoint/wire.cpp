@@ -118,8 +118,10 @@ void appendMessage(FrameBuilder& frame, const BayeuxMessage& message) {
     codec::encodeInto(message, frame.next());
 }
 
-void appendErrorReply(FrameBuilder& frame, std::string_view channel, std::string_view id,
-                      std::string_view error, const Advice* advice) {
+namespace {
+
+// Opens a reply object with its channel and id members, each left out when empty.
+std::string& beginReply(FrameBuilder& frame, std::string_view channel, std::string_view id) {
     std::string& out = frame.next();
     out.push_back('{');
     if (!channel.empty()) {
@@ -132,6 +134,18 @@ void appendErrorReply(FrameBuilder& frame, std::string_view channel, std::string
         codec::appendQuoted(out, id);
         out.push_back(',');
     }
+    return out;
+}
+
+}  // namespace
+
+void appendPublishAck(FrameBuilder& frame, std::string_view channel, std::string_view id) {
+    beginReply(frame, channel, id).append("\"successful\":true}");
+}
+
+void appendErrorReply(FrameBuilder& frame, std::string_view channel, std::string_view id,
+                      std::string_view error, const Advice* advice) {
+    std::string& out = beginReply(frame, channel, id);
     out.append("\"successful\":false,\"error\":");
     codec::appendQuoted(out, error);
     if (advice) {

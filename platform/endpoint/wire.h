@@ -44,6 +44,10 @@ void appendDelivery(FrameBuilder& frame, const PublishRequest& request);
 // Appends any Bayeux message through the codec.
 void appendMessage(FrameBuilder& frame, const BayeuxMessage& message);
 
+// {"channel":..,"id":..,"successful":true}: the answer to an accepted publish, written without
+// building a response message; `channel` and `id` are left out when empty.
+void appendPublishAck(FrameBuilder& frame, std::string_view channel, std::string_view id);
+
 // {"channel":..,"id":..,"successful":false,"error":..} with optional advice; `channel` and `id`
 // are left out when empty.
 void appendErrorReply(FrameBuilder& frame, std::string_view channel, std::string_view id,
