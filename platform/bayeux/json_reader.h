@@ -41,11 +41,21 @@ class Reader {
     Reader(std::string_view text, std::size_t maxDepth) : text_(text), maxDepth_(maxDepth) {}
 
     // Whitespace is skipped; true at the end of the text.
-    bool atEnd();
+    bool atEnd() {
+        skipSpace();
+        return pos_ >= text_.size();
+    }
     // The next character after whitespace, or '\0' at the end.
-    char peek();
+    char peek() {
+        skipSpace();
+        return pos_ < text_.size() ? text_[pos_] : '\0';
+    }
     // Consumes `c` after whitespace, or fails.
-    void expect(char c);
+    void expect(char c) {
+        if (peek() != c)
+            failExpecting();
+        ++pos_;
+    }
     // Reads and validates any value; `depth` counts the containers it is nested in.
     Value value(std::size_t depth);
     // Reads an object, validating it, and sets `members` to its members in source order.
@@ -55,7 +65,13 @@ class Reader {
     [[noreturn]] void fail(const char* reason) const;
 
   private:
-    void skipSpace();
+    // Inline, as it runs before every token; frames are mostly compact, so it rarely loops.
+    void skipSpace() {
+        while (pos_ < text_.size() && isSpace(text_[pos_]))
+            ++pos_;
+    }
+    static bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
+    [[noreturn]] void failExpecting() const;
     void string(Value& out);
     void number();
     void literal(std::string_view word);

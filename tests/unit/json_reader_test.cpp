@@ -58,6 +58,29 @@ TEST(JsonReader, AcceptsWhatAStrictParserAccepts) {
         EXPECT_EQ(readerAccepts(text), boostAccepts(text)) << '"' << text << '"';
 }
 
+// Strings are scanned eight bytes at a time: every kind of byte that ends the plain run must be
+// seen at every offset within and across those words, and the text kept must be the same.
+TEST(JsonReader, EveryByteThatEndsAPlainRunIsSeenAtEveryOffset) {
+    const std::vector<std::string> specials = {
+        "\x1f",    "\x01",     "\x7f", " ",    "\\\"",         "\\\\", "\\n",
+        "\\u00e9", "\xc3\xa9", "\xc3", "\xff", "\xed\xa0\x80", "\""};
+    for (const auto& special : specials) {
+        for (std::size_t at = 0; at < 20; ++at) {
+            std::string body(20, 'a');
+            body.insert(at, special);
+            const std::string text = "\"" + body + "\"";
+            EXPECT_EQ(readerAccepts(text), boostAccepts(text))
+                << "byte(s) " << ::testing::PrintToString(special) << " at " << at;
+            if (boostAccepts(text)) {
+                Reader reader(text, 64);
+                const Value value = reader.value(0);
+                EXPECT_EQ(json_reader::text(value),
+                          std::string(boost::json::parse(text).as_string().c_str()));
+            }
+        }
+    }
+}
+
 TEST(JsonReader, StringsAndKeysUnescapeAsAParserReadsThem) {
     const std::string text =
         R"({"k\u00e9y":"a\"b\\c\/d\b\f\n\r\t\u0001\u00e9\u20ac\ud83d\ude00 plain \u00C9"})";
