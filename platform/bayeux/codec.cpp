@@ -606,7 +606,13 @@ void appendQuoted(std::string& out, std::string_view text) {
     }();
     out.push_back('"');
     std::size_t runStart = 0;
-    for (std::size_t i = 0; i < text.size(); ++i) {
+    std::size_t i = 0;
+    // Names and ids rarely need an escape: eight bytes at a time until one might.
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+    std::uint64_t word;
+    while (i + 8 <= text.size() && escapeFlags8(bytes + i, word) == 0)
+        i += 8;
+    for (; i < text.size(); ++i) {
         const unsigned char c = static_cast<unsigned char>(text[i]);
         if (!needsEscape[c])
             continue;

@@ -6,26 +6,19 @@
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <limits>
+
+#include "json_text.h"
 
 namespace connector::bayeux::codec::json_reader {
 
 namespace {
 
-// Whether none of the eight bytes at `p` is a control character, a quote, a backslash or
-// outside ASCII: the zero-byte test of each comparison flags exactly the bytes asked about.
+// Whether the eight bytes at `p` are all plain: no escape needed and all ASCII.
 bool plain8(const unsigned char* p) {
-    constexpr std::uint64_t ones = 0x0101010101010101ULL;
-    constexpr std::uint64_t highs = 0x8080808080808080ULL;
-    std::uint64_t x;
-    std::memcpy(&x, p, sizeof x);
-    const std::uint64_t quote = x ^ (ones * '"');
-    const std::uint64_t backslash = x ^ (ones * '\\');
-    const std::uint64_t control = (x - ones * 0x20) & ~x;
-    const std::uint64_t hasQuote = (quote - ones) & ~quote;
-    const std::uint64_t hasBackslash = (backslash - ones) & ~backslash;
-    return ((control | hasQuote | hasBackslash | x) & highs) == 0;
+    std::uint64_t word;
+    const std::uint64_t flags = escapeFlags8(p, word);
+    return ((flags | word) & 0x8080808080808080ULL) == 0;
 }
 
 // The bytes a string holds as they are: printable ASCII other than the quote and backslash.

@@ -2,10 +2,27 @@
 // Small JSON text helpers shared by the codec and the transport, implemented in codec.cpp so that
 // only that file parses JSON.
 
+#include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 
 namespace connector::bayeux::codec {
+
+// Of the eight bytes at `p` (read into `word`), those that a JSON string cannot hold as they
+// are: control characters, quotes and backslashes, each flagged by its high bit. The zero-byte
+// test of each comparison flags exactly those bytes, so a zero result is exact.
+inline std::uint64_t escapeFlags8(const unsigned char* p, std::uint64_t& word) {
+    constexpr std::uint64_t ones = 0x0101010101010101ULL;
+    constexpr std::uint64_t highs = 0x8080808080808080ULL;
+    std::memcpy(&word, p, sizeof word);
+    const std::uint64_t quote = word ^ (ones * '"');
+    const std::uint64_t backslash = word ^ (ones * '\\');
+    const std::uint64_t control = (word - ones * 0x20) & ~word;
+    const std::uint64_t hasQuote = (quote - ones) & ~quote;
+    const std::uint64_t hasBackslash = (backslash - ones) & ~backslash;
+    return (control | hasQuote | hasBackslash) & highs;
+}
 
 // Appends `text` as a quoted, escaped JSON string.
 void appendQuoted(std::string& out, std::string_view text);

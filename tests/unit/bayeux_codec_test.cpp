@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 
 #include "bayeux/json_text.h"
@@ -201,6 +202,25 @@ TEST(BayeuxCodec, StringsAreEscapedAndComeBackUnchanged) {
     EXPECT_EQ(as<PublishRequest>(p).getChannel(), "/orvale/" + awkward);
     EXPECT_EQ(p->getId(), awkward);
     EXPECT_EQ(p->getClientId(), awkward);
+}
+
+// Quoting scans eight bytes at a time: a byte that needs an escape is caught at any offset.
+TEST(BayeuxCodec, EveryByteNeedingAnEscapeIsCaughtAtEveryOffset) {
+    for (const std::string special : {"\x01", "\x1f", "\"", "\\", "\n", "\x7f", "\xc3\xa9"}) {
+        for (std::size_t at = 0; at < 20; ++at) {
+            std::string text(20, 'a');
+            text.insert(at, special);
+            std::string quoted;
+            codec::appendQuoted(quoted, text);
+            // Checked apart from the decoder, which shares the scan: no raw control byte.
+            EXPECT_TRUE(std::none_of(quoted.begin(), quoted.end(),
+                                     [](char c) { return static_cast<unsigned char>(c) < 0x20; }))
+                << "raw control byte at " << at;
+            auto p = single(decodeFromClient(R"([{"channel":"/a","data":1,"id":)" + quoted + "}]"));
+            ASSERT_TRUE(p) << quoted;
+            EXPECT_EQ(p->getId(), text) << "escaped wrongly at " << at << ": " << quoted;
+        }
+    }
 }
 
 // data and ext travel as the peer wrote them: no canonical form, no number drifting by an ulp.
