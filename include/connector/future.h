@@ -131,6 +131,8 @@ class SharedFutureState : public std::enable_shared_from_this<SharedFutureState<
 
     bool waitFor(std::chrono::milliseconds timeout) {
         std::unique_lock<std::mutex> lock(mutex);
+        if (status != kPending)
+            return true;  // no clock read for what is already resolved
         return condition.wait_for(lock, timeout, [this] { return status != kPending; });
     }
 
