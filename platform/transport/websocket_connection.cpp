@@ -57,7 +57,11 @@ constexpr std::size_t kBatchFrameBytes = 64 * 1024;
 // Encodes messages, in order, into JSON array frames of at most kBatchFrameBytes each.
 class FrameSplitter {
   public:
-    explicit FrameSplitter(std::deque<std::string>& out) : out_(out) {}
+    // `spare` is storage for the first frame.
+    FrameSplitter(std::deque<std::string>& out, std::string spare)
+        : out_(out), frame_(std::move(spare)) {
+        frame_.clear();
+    }
     void add(const BayeuxMessage& message) {
         const std::size_t before = frame_.size();
         if (frame_.empty()) {
@@ -384,22 +388,19 @@ class WebSocketConnection final
     void flush() {
         if (!outgoing_.empty())
             return writeNext();
-        std::vector<MessagePtr> batch;
         bool closeNow = false;
         {
             std::lock_guard<std::mutex> lock(mutex_);
             flushPosted_ = false;
             if (writing_ || phase_ != Phase::Open)
                 return;
-            batch.swap(pending_);
+            taken_.swap(pending_);  // pending_ gets the emptied vector, capacity and all
             closeNow = closeRequested_;
         }
-        std::vector<const BayeuxMessage*> messages;
-        messages.reserve(batch.size());
-        for (auto& message : batch)
-            collect(message.get(), messages);
-        FrameSplitter frames(outgoing_);
-        for (const BayeuxMessage* message : messages) {
+        for (auto& message : taken_)
+            collect(message.get(), collected_);
+        FrameSplitter frames(outgoing_, std::move(spareFrame_));
+        for (const BayeuxMessage* message : collected_) {
             if (message->kind() == Kind::ConnectRequest) {
                 frames.close();
                 frames.add(*message);
@@ -409,6 +410,8 @@ class WebSocketConnection final
             }
         }
         frames.close();
+        collected_.clear();
+        taken_.clear();
         if (outgoing_.empty()) {
             if (closeNow)
                 beginClose();
@@ -457,6 +460,8 @@ class WebSocketConnection final
 
     void onWritten(error_code ec) {
         writing_ = false;
+        if (outgoing_.front().capacity() <= 2 * kBatchFrameBytes)
+            spareFrame_ = std::move(outgoing_.front());
         outgoing_.pop_front();
         if (ec) {
             if (phase_ == Phase::Open) {
@@ -521,6 +526,12 @@ class WebSocketConnection final
     asio::steady_timer timer_;  // the connect deadline, then the close deadline
     beast::flat_buffer readBuffer_;
     std::deque<std::string> outgoing_;  // encoded frames; the front one is being written
+    // Kept between flushes for their capacity, so that a steady flow allocates no vectors and
+    // no frame buffers: the messages taken from pending_, the Bayeux messages among them, and
+    // the buffer of the last frame written.
+    std::vector<MessagePtr> taken_;
+    std::vector<const BayeuxMessage*> collected_;
+    std::string spareFrame_;
     Promise<MessagePtr> connectPromise_;
     std::shared_ptr<InboundPublisher> inbound_;
     std::weak_ptr<OutboundSubscriber> outbound_;
