@@ -78,6 +78,12 @@ std::string fayeUrl(const std::string& line) {
     return "ws://127.0.0.1:" + line + "/bayeux";
 }
 
+std::string fixed(double value, int decimals) {
+    char buffer[64];
+    std::snprintf(buffer, sizeof buffer, "%.*f", decimals, value);
+    return buffer;
+}
+
 Figures measure(const Target& target, const Settings& settings) {
     Figures figures;
     {
@@ -97,6 +103,7 @@ Figures measure(const Target& target, const Settings& settings) {
             const double hubBefore = hub.cpuSeconds();
             const double loadBefore = ownCpuSeconds();
             const double rate = load.throughput(1, settings.messages);
+            std::cerr << "bench: " << target.name << ": 1 -> 1: " << fixed(rate, 0) << "/s\n";
             runs.push_back({rate, (hub.cpuSeconds() - hubBefore) * perDelivery,
                             (ownCpuSeconds() - loadBefore) * perDelivery});
         }
@@ -110,6 +117,8 @@ Figures measure(const Target& target, const Settings& settings) {
         for (std::size_t i = 0; i < settings.repeat; ++i) {
             std::cerr << "bench: " << target.name << ": 1 -> 4\n";
             rates.push_back(load.throughput(4, settings.messages));
+            std::cerr << "bench: " << target.name << ": 1 -> 4: " << fixed(rates.back(), 0)
+                      << "/s\n";
         }
         std::sort(rates.begin(), rates.end());
         figures.oneToFour = rates[rates.size() / 2];
@@ -122,12 +131,6 @@ Figures measure(const Target& target, const Settings& settings) {
     std::cerr << "bench: " << target.name << ": " << settings.sessions << " idle sessions\n";
     figures.bytesPerSession = load.memoryPerSession(settings.sessions, hub);
     return figures;
-}
-
-std::string fixed(double value, int decimals) {
-    char buffer[64];
-    std::snprintf(buffer, sizeof buffer, "%.*f", decimals, value);
-    return buffer;
 }
 
 std::string ratio(double ours, double theirs, bool higherIsBetter) {
