@@ -90,7 +90,7 @@ Figures measure(const Target& target, const Settings& settings) {
         ChildProcess hub(target.argv);
         LoadRunner load(target.url(hub.firstLine(10s)), settings.window);
         std::cerr << "bench: " << target.name << ": warming up\n";
-        load.throughput(1, std::min<std::size_t>(settings.messages, 2000));
+        load.throughput(1, std::min<std::size_t>(settings.messages, 20000));
         // One run on two shared cores varies widely with how the threads meet: each figure is
         // the median of `repeat` runs, the CPU times those of the median 1 -> 1 run.
         struct Run {
