@@ -378,17 +378,32 @@ TEST(WebSocketTransport, ExchangesMessagesAndKeepsFramesAsTheyCame) {
                   R"([{"channel":"/z","data":3}])"}));
 }
 
+// A client and a server that reads nothing yet. stall() sends a frame larger than the socket
+// buffers, which stays in flight, so that what the client sends next queues behind it until
+// the session starts reading.
+struct StalledClient {
+    TestServer server{ServerOptions{/*readAtOnce=*/false}};
+    Client client = connectClient(server.url());
+    std::shared_ptr<ServerSession> session = server.nextSession();
+
+    static const std::string& big() {
+        static const std::string text = "\"" + std::string(std::size_t{32} << 20, 'x') + "\"";
+        return text;
+    }
+    bool stall() {
+        if (!session)
+            return false;
+        client.send(publish("/big", big()));
+        return waitUntil([&] { return session->unread() > 0; });
+    }
+};
+
 // What is queued while a write is in flight goes out as one frame once the socket is free.
 TEST(WebSocketTransport, BatchesWhatIsQueuedDuringAWrite) {
-    TestServer server({/*readAtOnce=*/false});
-    Client client = connectClient(server.url());
-    auto session = server.nextSession();
-    ASSERT_TRUE(session);
-
-    // The server reads nothing yet, so a frame larger than the socket buffers stays in flight.
-    const std::string big = "\"" + std::string(std::size_t{32} << 20, 'x') + "\"";
-    client.send(publish("/big", big));
-    ASSERT_TRUE(waitUntil([&] { return session->unread() > 0; }));
+    StalledClient stalled;
+    ASSERT_TRUE(stalled.stall());
+    auto& [server, client, session] = stalled;
+    const std::string& big = StalledClient::big();
     for (int i = 0; i < 5; ++i)
         client.send(publish("/queued/" + std::to_string(i)));
     // A meta connect goes alone: a server answers a frame only once a held connect returns.
@@ -411,14 +426,10 @@ TEST(WebSocketTransport, BatchesWhatIsQueuedDuringAWrite) {
 // A burst queued behind a slow write is split into frames a server's frame limit accepts, with
 // every message once and in order; a single larger message still goes out whole.
 TEST(WebSocketTransport, SplitsALargeBurstIntoBoundedFrames) {
-    TestServer server({/*readAtOnce=*/false});
-    Client client = connectClient(server.url());
-    auto session = server.nextSession();
-    ASSERT_TRUE(session);
-
-    const std::string big = "\"" + std::string(std::size_t{32} << 20, 'x') + "\"";
-    client.send(publish("/big", big));
-    ASSERT_TRUE(waitUntil([&] { return session->unread() > 0; }));
+    StalledClient stalled;
+    ASSERT_TRUE(stalled.stall());
+    auto& [server, client, session] = stalled;
+    const std::string& big = StalledClient::big();
     constexpr int kBurst = 5000;  // about 400 KiB of JSON
     const std::string data = "\"" + std::string(60, 'd') + "\"";
     for (int i = 0; i < kBurst; ++i)
