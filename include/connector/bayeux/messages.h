@@ -126,6 +126,8 @@ class MetaMessage : public Base {
   public:
     Kind kind() const override { return K; }
     std::string bayeuxChannel() const override { return metaChannel(K); }
+    // Kept for code written against it; metaChannel() is the same.
+    static const char* channelOf(Kind k) { return metaChannel(k); }
 };
 
 class HandshakeRequest : public MetaMessage<BayeuxRequest, Kind::HandshakeRequest> {
