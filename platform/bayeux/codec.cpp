@@ -8,7 +8,6 @@
 #include "connector/bayeux/codec.h"
 
 #include <algorithm>
-#include <array>
 #include <boost/json/parse.hpp>
 #include <boost/json/value.hpp>
 #include <charconv>
@@ -205,57 +204,86 @@ bool isMetaChannel(std::string_view channel) {
     return channel.compare(0, 6, "/meta/") == 0 || channel == "/meta";
 }
 
-// The member names the decoder reads; anything else in a message is passed over.
-constexpr std::string_view kKnownNames[] = {"channel",
-                                            "id",
-                                            "clientId",
-                                            "successful",
-                                            "error",
-                                            "data",
-                                            "ext",
-                                            "advice",
-                                            "version",
-                                            "supportedConnectionTypes",
-                                            "subscription",
-                                            "connectionType",
-                                            "minimumVersion",
-                                            "reconnect",
-                                            "interval",
-                                            "timeout"};
-constexpr std::size_t kKnownCount = sizeof kKnownNames / sizeof kKnownNames[0];
+// The member names the decoder reads, each with its slot; anything else is passed over.
+enum Slot : std::size_t {
+    Channel,
+    Id,
+    ClientId,
+    Successful,
+    Error,
+    Data,
+    Ext,
+    AdviceMember,
+    Version,
+    SupportedConnectionTypes,
+    Subscription,
+    ConnectionType,
+    MinimumVersion,
+    Reconnect,
+    Interval,
+    Timeout,
+    kKnownCount
+};
+constexpr std::string_view kKnownNames[kKnownCount] = {"channel",
+                                                       "id",
+                                                       "clientId",
+                                                       "successful",
+                                                       "error",
+                                                       "data",
+                                                       "ext",
+                                                       "advice",
+                                                       "version",
+                                                       "supportedConnectionTypes",
+                                                       "subscription",
+                                                       "connectionType",
+                                                       "minimumVersion",
+                                                       "reconnect",
+                                                       "interval",
+                                                       "timeout"};
 
 // The slot of a known name, or kKnownCount; by length first, as this runs for every member.
-std::size_t slotOf(std::string_view name) {
-    auto is = [&](std::size_t slot) { return kKnownNames[slot] == name ? slot : kKnownCount; };
+constexpr std::size_t slotOf(std::string_view name) {
+    auto is = [&](Slot slot) -> std::size_t {
+        return kKnownNames[slot] == name ? slot : kKnownCount;
+    };
     switch (name.size()) {
         case 2:
-            return is(1);
+            return is(Id);
         case 3:
-            return is(6);
+            return is(Ext);
         case 4:
-            return is(5);
+            return is(Data);
         case 5:
-            return is(4);
+            return is(Error);
         case 6:
-            return is(7);
+            return is(AdviceMember);
         case 7:
-            return name[0] == 'c' ? is(0) : name[0] == 'v' ? is(8) : is(15);
+            return name[0] == 'c' ? is(Channel) : name[0] == 'v' ? is(Version) : is(Timeout);
         case 8:
-            return name[0] == 'c' ? is(2) : is(14);
+            return name[0] == 'c' ? is(ClientId) : is(Interval);
         case 9:
-            return is(13);
+            return is(Reconnect);
         case 10:
-            return is(3);
+            return is(Successful);
         case 12:
-            return is(10);
+            return is(Subscription);
         case 14:
-            return name[0] == 'c' ? is(11) : is(12);
+            return name[0] == 'c' ? is(ConnectionType) : is(MinimumVersion);
         case 24:
-            return is(9);
+            return is(SupportedConnectionTypes);
         default:
             return kKnownCount;
     }
 }
+
+// Checks the switch above against the names: each name must find its own slot.
+constexpr bool everyNameFindsItsSlot() {
+    for (std::size_t slot = 0; slot < kKnownCount; ++slot)
+        if (slotOf(kKnownNames[slot]) != slot)
+            return false;
+    return true;
+}
+static_assert(everyNameFindsItsSlot(), "slotOf and kKnownNames disagree");
 
 // Typed access to the members of one message object; a mistyped member is a Problem. A
 // repeated member counts once, the last one. The members are sorted into slots by name once,
@@ -596,14 +624,6 @@ Decoded decodeFrame(std::string_view frame, ElementDecoder decoder) {
 
 void appendQuoted(std::string& out, std::string_view text) {
     static constexpr char hex[] = "0123456789abcdef";
-    // The bytes that need an escape: one table lookup per byte on the common path.
-    static constexpr auto needsEscape = [] {
-        std::array<bool, 256> table{};
-        for (int c = 0; c < 0x20; ++c)
-            table[c] = true;
-        table['"'] = table['\\'] = true;
-        return table;
-    }();
     out.push_back('"');
     std::size_t runStart = 0;
     std::size_t i = 0;
@@ -614,7 +634,7 @@ void appendQuoted(std::string& out, std::string_view text) {
         i += 8;
     for (; i < text.size(); ++i) {
         const unsigned char c = static_cast<unsigned char>(text[i]);
-        if (!needsEscape[c])
+        if (!kNeedsEscape[c])
             continue;
         out.append(text.data() + runStart, i - runStart);
         runStart = i + 1;

@@ -21,11 +21,11 @@ bool plain8(const unsigned char* p) {
     return ((flags | word) & 0x8080808080808080ULL) == 0;
 }
 
-// The bytes a string holds as they are: printable ASCII other than the quote and backslash.
+// The bytes a string holds as they are, with no UTF-8 check: ASCII needing no escape.
 constexpr auto kPlain = [] {
     std::array<bool, 256> table{};
-    for (int c = 0x20; c < 0x80; ++c)
-        table[c] = c != '"' && c != '\\';
+    for (int c = 0; c < 0x80; ++c)
+        table[c] = !kNeedsEscape[c];
     return table;
 }();
 

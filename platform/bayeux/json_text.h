@@ -1,7 +1,8 @@
 #pragma once
-// Small JSON text helpers shared by the codec and the transport, implemented in codec.cpp so that
-// only that file parses JSON.
+// Small JSON text helpers shared by the codec, its reader and the transport. What parses JSON is
+// in codec.cpp and json_reader.cpp; here are only the inline byte tests both of those share.
 
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -9,8 +10,18 @@
 
 namespace connector::bayeux::codec {
 
-// Of the eight bytes at `p` (read into `word`), those that a JSON string cannot hold as they
-// are: control characters, quotes and backslashes, each flagged by its high bit. The zero-byte
+// The bytes that a JSON string cannot hold as they are: control characters, quotes and
+// backslashes.
+inline constexpr std::array<bool, 256> kNeedsEscape = [] {
+    std::array<bool, 256> table{};
+    for (int c = 0; c < 0x20; ++c)
+        table[c] = true;
+    table['"'] = table['\\'] = true;
+    return table;
+}();
+
+// Of the eight bytes at `p` (read into `word`), those kNeedsEscape lists, each flagged by its
+// high bit. The zero-byte
 // test of each comparison flags exactly those bytes, so a zero result is exact.
 inline std::uint64_t escapeFlags8(const unsigned char* p, std::uint64_t& word) {
     constexpr std::uint64_t ones = 0x0101010101010101ULL;
