@@ -109,13 +109,16 @@ FrameOutcome Hub::handleFrame(std::string_view frame, const std::shared_ptr<Link
         logger.log(log::trace, "Refused what a client sent: ", decoded.errors.front());
         appendDecodeFailures(out, frame, decoded.errors);
     }
+    // The sender of the previous message: a frame's messages nearly always share one.
+    std::shared_ptr<RemoteSession> session;
     for (auto& message : decoded.messages) {
         const Kind kind = message->kind();
         if (kind == Kind::HandshakeRequest) {
             handshake(static_cast<const HandshakeRequest&>(*message), out);
             continue;
         }
-        std::shared_ptr<RemoteSession> session = find(message->getClientId());
+        if (!session || session->id() != message->getClientId())
+            session = find(message->getClientId());
         if (!session) {
             appendUnknownClient(out, *message);
             continue;
@@ -127,6 +130,7 @@ FrameOutcome Hub::handleFrame(std::string_view frame, const std::shared_ptr<Link
                 break;
             case Kind::DisconnectRequest:
                 disconnect(static_cast<const DisconnectRequest&>(*message), session, out);
+                session.reset();  // what follows from this id is from an unknown client
                 break;
             case Kind::SubscribeRequest:
                 changeSubscription<SubscribeRequest, SubscribeResponse>(

@@ -31,8 +31,7 @@ std::shared_ptr<common::ContextState> RemoteSession::getContext() {
     return context_;
 }
 
-void RemoteSession::deliver(const std::vector<std::string>&,
-                            const std::shared_ptr<const PublishRequest>& request) {
+void RemoteSession::queuePublish(const std::shared_ptr<const PublishRequest>& request) {
     bool startedDropping = false;
     std::shared_ptr<Link> released;
     {

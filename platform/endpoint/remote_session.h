@@ -5,10 +5,11 @@
 // over a WebSocket, so the session only keeps weak references to the link its deliveries go to
 // (the WebSocket that sent its latest connect) and to the link holding its connect.
 //
-// Deliveries from the server are queued here, at most `maxQueue` of them; when a slow client
-// lets the queue fill, the oldest message is dropped to make room (counted, with one warning per
-// episode). A WebSocket link is woken once and takes everything queued when its socket is free,
-// so one frame carries many messages; a long-polling client gets them with its held connect.
+// Deliveries from the server are queued here, on the publishing thread (see QueueingSession), at
+// most `maxQueue` of them; when a slow client lets the queue fill, the oldest message is dropped
+// to make room (counted, with one warning per episode). A WebSocket link is woken once and takes
+// everything queued when its socket is free, so one frame carries many messages; a long-polling
+// client gets them with its held connect.
 //
 // The server is called (acceptSubscribe, acceptUnsubscribe, unregisterSession) in the order the
 // changes were recorded, never under the lock: changes are queued under `mutex_` and run by
@@ -28,6 +29,7 @@
 #include <utility>
 #include <vector>
 
+#include "../server/queueing_session.h"
 #include "connector/bayeux/server.h"
 #include "link.h"
 
@@ -37,6 +39,7 @@ using Clock = std::chrono::steady_clock;
 using Delivery = std::shared_ptr<const PublishRequest>;
 
 class RemoteSession final : public BayeuxSession,
+                            public QueueingSession,
                             public std::enable_shared_from_this<RemoteSession> {
   public:
     // The registration with the server is the first queued server call.
@@ -47,8 +50,13 @@ class RemoteSession final : public BayeuxSession,
     std::string getId() override { return id_; }
     void deliver(const std::shared_ptr<const UnsubscribeRequest>&) override {}
     void deliver(const std::shared_ptr<const SubscribeRequest>&) override {}
-    void deliver(const std::vector<std::string>& channels,
-                 const std::shared_ptr<const PublishRequest>& request) override;
+    void deliver(const std::vector<std::string>&,
+                 const std::shared_ptr<const PublishRequest>& request) override {
+        queuePublish(request);
+    }
+
+    // QueueingSession: the server calls this on the publishing thread.
+    void queuePublish(const std::shared_ptr<const PublishRequest>& request) override;
 
     const std::string& id() const { return id_; }
 

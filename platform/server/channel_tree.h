@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "connector/bayeux/server.h"
+#include "queueing_session.h"
 
 namespace connector::bayeux::detail {
 
@@ -51,8 +52,8 @@ struct ChannelNode {
 // One registered session as the tree and the delivery threads see it.
 struct SessionRecord {
     SessionRecord(std::weak_ptr<BayeuxSession> s, const BayeuxSession* a, std::string i,
-                  std::size_t w)
-        : session(std::move(s)), address(a), id(std::move(i)), worker(w) {}
+                  std::size_t w, QueueingSession* q = nullptr)
+        : session(std::move(s)), address(a), id(std::move(i)), worker(w), queueing(q) {}
 
     // How often the session holds a pattern, and where it sits in the slot's members.
     struct Hold {
@@ -63,7 +64,9 @@ struct SessionRecord {
     const std::weak_ptr<BayeuxSession> session;
     const BayeuxSession* const address;  // identity only; never dereferenced
     const std::string id;
-    const std::size_t worker;                // the delivery thread that serves this session
+    const std::size_t worker;  // the delivery thread that serves this session
+    // The session's queue for publishes, or null; used only while `session` is locked.
+    QueueingSession* const queueing;
     std::atomic<bool> expiryNoticed{false};  // set once by the first thread that finds it expired
     std::atomic<bool> removed{false};  // unregistered or replaced: queued deliveries are dropped
     std::unordered_map<PatternSlot*, Hold> held;  // guarded by the server's tree lock

@@ -4,8 +4,10 @@
 #include "in_process_server.h"
 
 #include <algorithm>
+#include <boost/container/small_vector.hpp>
 #include <exception>
 #include <functional>
+#include <optional>
 #include <shared_mutex>
 #include <string>
 #include <thread>
@@ -97,8 +99,9 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
         }
         if (auto it = byId_.find(id); it != byId_.end())
             removeLocked(*it->second, retirement);
-        auto record = std::make_unique<SessionRecord>(weak, session.get(), std::move(id),
-                                                      nextWorker_++ % workers_.size());
+        auto record = std::make_unique<SessionRecord>(
+            weak, session.get(), std::move(id), nextWorker_++ % workers_.size(),
+            dynamic_cast<QueueingSession*>(session.get()));
         byAddress_.emplace(session.get(), record.get());
         const std::string& key = record->id;
         byId_.emplace(key, std::move(record));
@@ -154,42 +157,17 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
     void acceptPublish(std::shared_ptr<const PublishRequest> request) {
         if (!request)
             return;
-        // Reused by every publish on this thread, so matching allocates nothing once warm.
-        thread_local std::vector<Match> matches;
-        matches.clear();
-        std::shared_lock<std::shared_mutex> lock(treeMutex_);
-        if (!accepting_)
-            return;
-        tree_.match(request->getChannel(), matches);
-        if (matches.size() > 1)
-            std::sort(matches.begin(), matches.end(), byWorkerThenSession);
-        std::size_t i = 0;
-        while (i < matches.size()) {
-            const std::size_t worker = matches[i].record->worker;
-            DeliveryQueue::Appender appender(workers_[worker]->queue);
-            while (i < matches.size() && matches[i].record->worker == worker) {
-                SessionRecord* record = matches[i].record;
-                std::size_t end = i + 1;
-                while (end < matches.size() && matches[end].record == record)
-                    ++end;
-                Delivery delivery;
-                delivery.record = record;
-                delivery.patternCount = static_cast<std::uint32_t>(end - i);
-                const std::string** patterns = delivery.inlinePatterns.data();
-                if (end - i > Delivery::kInlinePatterns) {
-                    delivery.morePatterns.reset(new const std::string*[end - i]);
-                    patterns = delivery.morePatterns.get();
-                }
-                for (std::size_t k = i; k < end; ++k)
-                    patterns[k - i] = matches[k].pattern;
-                // The last delivery takes the caller's reference instead of adding one.
-                if (end == matches.size()) {
-                    delivery.what = std::move(request);
-                } else {
-                    delivery.what = request;
-                }
-                appender.push(std::move(delivery));
-                i = end;
+        // Sessions that only queue publishes get them here, once the lock is dropped.
+        boost::container::small_vector<std::pair<std::shared_ptr<BayeuxSession>, QueueingSession*>,
+                                       4>
+            direct;
+        queueMatches(request, direct);
+        for (auto& [session, queue] : direct) {
+            try {
+                queue->queuePublish(request);
+            } catch (const std::exception& e) {
+                logger().log(foundation::log::error, "Session ", session->getId(),
+                             " failed to queue a publish: ", e.what());
             }
         }
     }
@@ -216,6 +194,60 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
         DeliveryQueue queue;
         std::thread thread;  // set by start(), joined or detached by shutdown()
     };
+
+    // Matches `request` and queues a delivery for each matching session on its delivery
+    // thread, except for live queueing sessions, which are added to `direct` instead. An expired
+    // queueing session gets the delivery thread's delivery too: that thread drops it.
+    template <class Direct>
+    void queueMatches(std::shared_ptr<const PublishRequest>& request, Direct& direct) {
+        // Reused by every publish on this thread, so matching allocates nothing once warm.
+        thread_local std::vector<Match> matches;
+        matches.clear();
+        std::shared_lock<std::shared_mutex> lock(treeMutex_);
+        if (!accepting_)
+            return;
+        tree_.match(request->getChannel(), matches);
+        if (matches.size() > 1)
+            std::sort(matches.begin(), matches.end(), byWorkerThenSession);
+        std::size_t i = 0;
+        while (i < matches.size()) {
+            const std::size_t worker = matches[i].record->worker;
+            std::optional<DeliveryQueue::Appender> appender;
+            for (; i < matches.size() && matches[i].record->worker == worker;) {
+                SessionRecord* record = matches[i].record;
+                std::size_t end = i + 1;
+                while (end < matches.size() && matches[end].record == record)
+                    ++end;
+                if (record->queueing) {
+                    if (auto session = record->session.lock()) {
+                        direct.emplace_back(std::move(session), record->queueing);
+                        i = end;
+                        continue;
+                    }
+                }
+                Delivery delivery;
+                delivery.record = record;
+                delivery.patternCount = static_cast<std::uint32_t>(end - i);
+                const std::string** patterns = delivery.inlinePatterns.data();
+                if (end - i > Delivery::kInlinePatterns) {
+                    delivery.morePatterns.reset(new const std::string*[end - i]);
+                    patterns = delivery.morePatterns.get();
+                }
+                for (std::size_t k = i; k < end; ++k)
+                    patterns[k - i] = matches[k].pattern;
+                // The last use of the request takes the caller's reference instead of adding one.
+                if (end == matches.size() && direct.empty()) {
+                    delivery.what = std::move(request);
+                } else {
+                    delivery.what = request;
+                }
+                if (!appender)
+                    appender.emplace(workers_[worker]->queue);
+                appender->push(std::move(delivery));
+                i = end;
+            }
+        }
+    }
 
     // Takes a record out of the registry and the tree; it is freed with `retirement`.
     void removeLocked(SessionRecord& record, std::shared_ptr<Retirement>& retirement) {

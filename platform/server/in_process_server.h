@@ -15,10 +15,12 @@
 //   delivery that points at them.
 // - sessions are called only on the delivery threads with no lock of the server held, so a
 //   session may publish, subscribe, unsubscribe, register or unregister from inside deliver.
+//   The one exception is a QueueingSession's queuePublish, made on the publishing thread,
+//   also with no lock held.
 //
 // Order: each session is served by one delivery thread chosen at registration, and a thread
 // delivers in queue order, so the messages of one publishing thread reach each subscriber in the
-// order they were accepted.
+// order they were accepted. A queueing session has each publish before acceptPublish returns.
 //
 // Destruction: the destructor stops accepting (calls made afterwards, including those sessions
 // make from inside deliver while it waits, are ignored), lets each thread deliver what is

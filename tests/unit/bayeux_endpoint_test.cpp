@@ -238,6 +238,22 @@ TEST_F(EndpointTest, WebSocketSessionFromHandshakeToDisconnect) {
     EXPECT_EQ(advice(after, "reconnect"), "\"handshake\"");
 }
 
+TEST_F(EndpointTest, WhatFollowsADisconnectInItsFrameIsFromAnUnknownClient) {
+    start();
+    RawWebSocket ws(port);
+    const std::string id = open(ws);
+    ASSERT_FALSE(id.empty());
+    auto element = [](const std::string& frame) { return frame.substr(1, frame.size() - 2); };
+    ASSERT_TRUE(ws.send("[" + element(publish(id, "p1", "/a", "1")) + "," +
+                        element(disconnect(id, "d")) + "," + element(publish(id, "p2", "/a", "2")) +
+                        "]"));
+    EXPECT_TRUE(successful(ws.await(withId("p1"))));
+    EXPECT_TRUE(successful(ws.await(withId("d"))));
+    auto late = ws.await(withId("p2"));
+    EXPECT_FALSE(successful(late));
+    EXPECT_EQ(error(late), "402::Unknown client");
+}
+
 TEST_F(EndpointTest, LongPollingSessionAndHeldConnects) {
     start();
     RawHttp poll(port);

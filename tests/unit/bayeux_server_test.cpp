@@ -16,6 +16,7 @@
 #include "connector/bayeux/server.h"
 #include "deferred_wakes.h"
 #include "log_capture.h"
+#include "queueing_session.h"
 
 namespace {
 
@@ -105,6 +106,32 @@ class TestSession : public BayeuxSession {
     mutable std::mutex mutex_;  // guards received_ and announcements_
     std::vector<Received> received_;
     std::vector<std::string> announcements_;
+};
+
+// A session that takes publishes through queuePublish; subscription changes and anything the
+// server delivers the usual way are recorded by TestSession.
+class QueueingTestSession : public TestSession, public connector::bayeux::QueueingSession {
+  public:
+    using TestSession::TestSession;
+
+    struct Queued {
+        std::string json;
+        std::thread::id thread;
+    };
+
+    void queuePublish(const std::shared_ptr<const PublishRequest>& request) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        queued_.push_back({request->getJson(), std::this_thread::get_id()});
+    }
+
+    std::vector<Queued> queued() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return queued_;
+    }
+
+  private:
+    mutable std::mutex mutex_;  // guards queued_
+    std::vector<Queued> queued_;
 };
 
 std::shared_ptr<PublishRequest> message(const std::string& channel, const std::string& json,
@@ -338,6 +365,55 @@ TEST(BayeuxServerTest, ExpiredSessionIsSkippedAndDropped) {
     EXPECT_TRUE(waitUntil([&] { return logs.contains("Dropped expired session gone"); }));
     flush(*server, {live});
     EXPECT_EQ(live->channelsReceived(), std::vector<std::string>{"/e"});
+}
+
+// A queueing session has each publish before acceptPublish returns, on the publishing thread,
+// once however many of its patterns match; others are served by the delivery threads as usual.
+TEST(BayeuxServerTest, QueueingSessionsArePassedPublishesOnThePublishingThread) {
+    auto server = std::make_shared<InProcessBayeuxServer>(BayeuxServerOptions{2});
+    auto queueing = std::make_shared<QueueingTestSession>("q");
+    server->registerSession(queueing);
+    auto plain = join(*server, "p");
+    subscribe(*server, "q", "/q/*");
+    subscribe(*server, "q", "/q/**");
+    subscribe(*server, "p", "/q/a");
+    constexpr int kEach = 200;
+    auto publishFrom = [&](const std::string& tag) {
+        for (int i = 0; i < kEach; ++i) {
+            const std::string json = "\"" + tag + std::to_string(i) + "\"";
+            server->acceptPublish(message("/q/a", json));
+            bool found = false;
+            for (const auto& q : queueing->queued())
+                found = found || (q.json == json && q.thread == std::this_thread::get_id());
+            EXPECT_TRUE(found) << json << " was not queued by its publishing thread";
+        }
+    };
+    std::thread first(publishFrom, "a");
+    std::thread second(publishFrom, "b");
+    first.join();
+    second.join();
+
+    // Each thread's messages in its order, each once.
+    std::map<std::string, std::vector<int>> byTag;
+    for (const auto& q : queueing->queued())
+        byTag[q.json.substr(1, 1)].push_back(std::stoi(q.json.substr(2)));
+    for (const char* tag : {"a", "b"}) {
+        std::vector<int> expected(kEach);
+        for (int i = 0; i < kEach; ++i)
+            expected[i] = i;
+        EXPECT_EQ(byTag[tag], expected) << tag;
+    }
+    flush(*server, {plain});
+    EXPECT_EQ(plain->count("/q/a"), 2u * kEach);
+    for (const auto& r : plain->received())
+        EXPECT_NE(r.thread, std::this_thread::get_id());
+    EXPECT_TRUE(waitUntil([&] { return queueing->announcements().size() >= 4; }));
+    EXPECT_EQ(queueing->count("/q/a"), 0u) << "publishes went through deliver as well";
+
+    // An expired queueing session is dropped like any other.
+    queueing.reset();
+    server->acceptPublish(message("/q/b", "1"));
+    EXPECT_TRUE(waitUntil([&] { return server->sessionCount() == 1; }));
 }
 
 TEST(BayeuxServerTest, UnregisterDropsSubscriptionsAndQueuedDeliveriesSilently) {
