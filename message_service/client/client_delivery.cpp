@@ -23,14 +23,16 @@ void MessageServiceClientImpl::deliver(MessagePtr&& message) {
             static_cast<bayeux::PublishRequest*>(message.release())));
         return;
     }
-    if (auto* response = dynamic_cast<bayeux::BayeuxResponse*>(message.get())) {
+    // Publish answers are the next most: their exact type spares the cast's hierarchy walk.
+    auto* response = typeid(*message) == typeid(bayeux::PublishResponse)
+                         ? static_cast<bayeux::PublishResponse*>(message.get())
+                         : dynamic_cast<bayeux::BayeuxResponse*>(message.get());
+    if (response) {
         std::unique_lock<std::mutex> lock(mutex_);
-        for (auto pending = pendingRequests_.begin(); pending != pendingRequests_.end();
-             ++pending) {
-            if (pending->id != response->getId())
+        for (std::size_t i = 0; i < pendingRequests_.size(); ++i) {
+            if (pendingRequests_[i].id != response->getId())
                 continue;
-            PendingRequest answered = std::move(*pending);
-            pendingRequests_.erase(pending);
+            PendingRequest answered = pendingRequests_.take(i);
             lock.unlock();
             if (!response->isSuccessful())
                 answered.fail("Bayeux message " + response->getId() +

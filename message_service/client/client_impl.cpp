@@ -237,8 +237,8 @@ void MessageServiceClientImpl::transportEnded(std::uint64_t generation, const ch
         lock.unlock();
     logger_.log(log::trace, why);
     const std::string text = "Connection to " + endpoint() + " closed";
-    for (auto& entry : pending)
-        entry.fail(text);
+    for (std::size_t i = 0; i < pending.size(); ++i)
+        pending[i].fail(text);
 }
 
 Future<DisconnectResult> MessageServiceClientImpl::disconnect() {

@@ -2,6 +2,7 @@
 // their answer arrives or their connection ends.
 
 #include <stdexcept>
+#include <typeinfo>
 #include <utility>
 
 #include "connector/message_service/client_impl.h"
@@ -35,7 +36,8 @@ void MessageServiceClientImpl::PendingRequest::succeed(MessagePtr&& answer) {
         return;
     }
     auto& publish = std::get<PendingPublish>(completion);
-    if (!dynamic_cast<const bayeux::PublishResponse*>(answer.get())) {
+    if (typeid(*answer) != typeid(bayeux::PublishResponse) &&
+        !dynamic_cast<const bayeux::PublishResponse*>(answer.get())) {
         failPublish(std::move(publish.promise), publish.channel,
                     "Incorrect response message type, id: " + id);
         return;

@@ -10,7 +10,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -21,6 +20,7 @@
 #include <vector>
 
 #include "connector/bayeux/messages.h"
+#include "connector/common/ring_queue.h"
 #include "connector/log/diagnostic_logger.h"
 #include "connector/message_service/cached_value_publisher.h"
 #include "connector/message_service/message_service.h"
@@ -130,8 +130,8 @@ class MessageServiceClientImpl : public MessageService,
     std::shared_ptr<InboundSubscriber> inboundSubscriber_;
     std::uint64_t transportGeneration_ = 0;  // tells a current transport from a replaced one
     // In sending order. Answers come mostly in that order behind the one long-held meta connect,
-    // so a deque erases them without moving the rest.
-    std::deque<PendingRequest> pendingRequests_;
+    // so taking one moves at most that connect.
+    common::RingQueue<PendingRequest> pendingRequests_;
     SubscriptionTable subscriptions_;
     // Holders under "/*" and "/**" keys: with none, a delivery looks up its own channel only.
     std::size_t wildcardHolders_ = 0;
