@@ -23,22 +23,12 @@ void MessageServiceClientImpl::deliver(MessagePtr&& message) {
             static_cast<bayeux::PublishRequest*>(message.release())));
         return;
     }
-    // Publish answers are the next most: their exact type spares the cast's hierarchy walk.
-    auto* response = typeid(*message) == typeid(bayeux::PublishResponse)
-                         ? static_cast<bayeux::PublishResponse*>(message.get())
-                         : dynamic_cast<bayeux::BayeuxResponse*>(message.get());
-    if (response) {
+    if (const bayeux::BayeuxResponse* response = responseOf(*message)) {
         std::unique_lock<std::mutex> lock(mutex_);
-        for (std::size_t i = 0; i < pendingRequests_.size(); ++i) {
-            if (pendingRequests_[i].id != response->getId())
-                continue;
-            PendingRequest answered = pendingRequests_.take(i);
-            lock.unlock();
-            if (!response->isSuccessful())
-                answered.fail("Bayeux message " + response->getId() +
-                              " failed, error: " + response->getError());
-            else
-                answered.succeed(std::move(message));
+        std::optional<PendingRequest> answered = takeAnsweredLocked(*response);
+        lock.unlock();
+        if (answered) {
+            complete(std::move(*answered), std::move(message));
             return;
         }
     }
@@ -51,9 +41,51 @@ void MessageServiceClientImpl::deliver(MessagePtr&& message) {
 }
 
 void MessageServiceClientImpl::handle(std::unique_ptr<bayeux::BayeuxContainer>&& container) {
-    for (auto& message : container->messages())
-        if (message)
-            deliver(std::move(message));
+    auto& messages = container->messages();
+    // The answers of a frame are matched to their requests under one lock, so a frame of publish
+    // answers does not contend with the publishing thread once per answer. They are completed
+    // in frame order among the deliveries.
+    std::vector<std::optional<PendingRequest>> answered(messages.size());
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (std::size_t i = 0; i < messages.size(); ++i)
+            if (const bayeux::BayeuxResponse* response =
+                    messages[i] ? responseOf(*messages[i]) : nullptr)
+                answered[i] = takeAnsweredLocked(*response);
+    }
+    for (std::size_t i = 0; i < messages.size(); ++i) {
+        if (answered[i]) {
+            if (logger_.enabled(log::trace))
+                logger_.log(log::trace, "Message received: ", log::typeName(*messages[i]));
+            complete(std::move(*answered[i]), std::move(messages[i]));
+        } else if (messages[i]) {
+            deliver(std::move(messages[i]));
+        }
+    }
+}
+
+const bayeux::BayeuxResponse* MessageServiceClientImpl::responseOf(const Message& message) {
+    // Publish answers are the most common: their exact type spares the cast's hierarchy walk.
+    if (typeid(message) == typeid(bayeux::PublishResponse))
+        return static_cast<const bayeux::PublishResponse*>(&message);
+    return dynamic_cast<const bayeux::BayeuxResponse*>(&message);
+}
+
+std::optional<MessageServiceClientImpl::PendingRequest>
+MessageServiceClientImpl::takeAnsweredLocked(const bayeux::BayeuxResponse& response) {
+    for (std::size_t i = 0; i < pendingRequests_.size(); ++i)
+        if (pendingRequests_[i].id == response.getId())
+            return pendingRequests_.take(i);
+    return std::nullopt;
+}
+
+void MessageServiceClientImpl::complete(PendingRequest&& answered, MessagePtr&& answer) {
+    const auto& response = static_cast<const bayeux::BayeuxResponse&>(*answer);
+    if (!response.isSuccessful())
+        answered.fail("Bayeux message " + response.getId() +
+                      " failed, error: " + response.getError());
+    else
+        answered.succeed(std::move(answer));
 }
 
 void MessageServiceClientImpl::handle(std::unique_ptr<bayeux::PublishRequest>&& request) {

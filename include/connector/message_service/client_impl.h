@@ -13,6 +13,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -112,6 +113,12 @@ class MessageServiceClientImpl : public MessageService,
 
     void deliver(MessagePtr&& message);
     void handle(std::unique_ptr<bayeux::BayeuxContainer>&& container);
+    // The response `message` is, or null.
+    static const bayeux::BayeuxResponse* responseOf(const Message& message);
+    // Takes the pending request answered by `response` out of pendingRequests_; mutex_ held.
+    std::optional<PendingRequest> takeAnsweredLocked(const bayeux::BayeuxResponse& response);
+    // Completes `answered` with its answer; mutex_ not held.
+    static void complete(PendingRequest&& answered, MessagePtr&& answer);
     void handle(std::unique_ptr<bayeux::PublishRequest>&& request);
     // The transport of `generation` has gone: fail what is pending and become DISCONNECTED.
     void transportEnded(std::uint64_t generation, const char* why);

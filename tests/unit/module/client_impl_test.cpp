@@ -259,20 +259,31 @@ TEST_F(ClientTest, InboundDeliveryOrderAndWildcards) {
     auto after = client->subscribe("/a/b", record("after"));
     ASSERT_TRUE(transport->waitSent(8));
 
-    // A batch: the subscribe answer resolves first, then the delivery runs in batch order.
+    // A batch is handled in its order: the subscribe answer before it resolves first, then the
+    // delivery runs, then the answer after it resolves; an answer nobody waits for is logged.
     auto batch = std::make_unique<bx::BayeuxContainer>();
     batch->messages().push_back(response<bx::SubscribeResponse>("2"));
     batch->messages().push_back(delivery("/orvale/a/b", "1"));
+    batch->messages().push_back(response<bx::PublishResponse>("76"));
+    batch->messages().push_back(response<bx::SubscribeResponse>("3"));
     bool resolvedFirst = false;
     auto exactHandle = exact.then([&](Future<std::shared_ptr<Subscription>>&& f) {
         resolvedFirst = seen.empty();
         return f.get();
     });
+    bool resolvedLast = false;
+    auto deepHandle = deep.then([&](Future<std::shared_ptr<Subscription>>&& f) {
+        resolvedLast = seen.size() == 5;
+        return f.get();
+    });
     transport->reply(std::move(batch));
     EXPECT_TRUE(resolvedFirst);
+    EXPECT_TRUE(resolvedLast);
+    EXPECT_TRUE(capture.contains("Unexpected message: connector::bayeux::PublishResponse"));
     EXPECT_EQ(seen, (std::vector<std::string>{"root /a/b 1", "one /a/b 1", "deep /a/b 1",
                                               "exact /a/b 1", "after /a/b 1"}));
     EXPECT_TRUE(capture.contains("Caught exception from subscription callback: /a/b, bad"));
+    capture.clear();
 
     // A single-star pattern receives deeper channels too.
     seen.clear();
