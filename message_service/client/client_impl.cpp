@@ -62,14 +62,14 @@ std::string MessageServiceClientImpl::getId() {
 }
 
 ConnectionState MessageServiceClientImpl::getState() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return state_;
+    return stateSeen_.load(std::memory_order_acquire);
 }
 
 void MessageServiceClientImpl::setState(ConnectionState newState,
                                         std::unique_lock<std::mutex>& lock) {
     const ConnectionState previous = state_;
     state_ = newState;
+    stateSeen_.store(newState, std::memory_order_release);
     auto listeners = stateListeners_;
     lock.unlock();
     logger_.log(log::trace, "Setting state to: ", newState, ", current state: ", previous);

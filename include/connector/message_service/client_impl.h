@@ -144,6 +144,8 @@ class MessageServiceClientImpl : public MessageService,
     std::size_t wildcardHolders_ = 0;
     std::vector<StateListenerRecord> stateListeners_;
     ConnectionState state_ = ConnectionState::DISCONNECTED;
+    // state_ for getState(), which every publish asks without taking mutex_.
+    std::atomic<ConnectionState> stateSeen_{ConnectionState::DISCONNECTED};
     std::atomic<std::uint64_t> nextMessageId_{0};
     std::uint64_t nextSubscriptionId_ = 0;
 };
