@@ -13,6 +13,11 @@ namespace connector::message_service {
 
 namespace log = foundation::log;
 
+namespace {
+// Slots for the answers of one frame that a thread keeps between frames (about 100 bytes each).
+constexpr std::size_t kKeptAnswerSlots = 2048;
+}  // namespace
+
 void MessageServiceClientImpl::deliver(MessagePtr&& message) {
     // The type name is demangled only when the line is wanted: this runs for every message.
     if (logger_.enabled(log::trace))
@@ -45,7 +50,11 @@ void MessageServiceClientImpl::handle(std::unique_ptr<bayeux::BayeuxContainer>&&
     // The answers of a frame are matched to their requests under one lock, so a frame of publish
     // answers does not contend with the publishing thread once per answer. They are completed
     // in frame order among the deliveries.
-    std::vector<std::optional<PendingRequest>> answered(messages.size());
+    // Each thread keeps its list from frame to frame; a nested batch, if any, makes its own.
+    thread_local std::vector<std::optional<PendingRequest>> kept;
+    std::vector<std::optional<PendingRequest>> answered;
+    answered.swap(kept);
+    answered.resize(messages.size());
     {
         std::lock_guard<std::mutex> lock(mutex_);
         for (std::size_t i = 0; i < messages.size(); ++i)
@@ -62,6 +71,9 @@ void MessageServiceClientImpl::handle(std::unique_ptr<bayeux::BayeuxContainer>&&
             deliver(std::move(messages[i]));
         }
     }
+    answered.clear();
+    if (answered.capacity() <= kKeptAnswerSlots)
+        kept.swap(answered);
 }
 
 const bayeux::BayeuxResponse* MessageServiceClientImpl::responseOf(const Message& message) {
