@@ -213,7 +213,7 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
         while (i < matches.size()) {
             const std::size_t worker = matches[i].record->worker;
             std::optional<DeliveryQueue::Appender> appender;
-            for (; i < matches.size() && matches[i].record->worker == worker;) {
+            while (i < matches.size() && matches[i].record->worker == worker) {
                 SessionRecord* record = matches[i].record;
                 std::size_t end = i + 1;
                 while (end < matches.size() && matches[end].record == record)
