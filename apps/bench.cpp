@@ -92,36 +92,33 @@ Figures measure(const Target& target, const Settings& settings) {
         std::cerr << "bench: " << target.name << ": warming up\n";
         load.throughput(1, std::min<std::size_t>(settings.messages, 20000));
         // One run on two shared cores varies widely with how the threads meet: each figure is
-        // the median of `repeat` runs, the CPU times those of the median 1 -> 1 run.
+        // the median of `repeat` runs, with the CPU times of that median run.
         struct Run {
             double rate, hubCpu, loadCpu;
         };
-        std::vector<Run> runs;
-        const double perDelivery = 1e6 / static_cast<double>(settings.messages);
-        for (std::size_t i = 0; i < settings.repeat; ++i) {
-            std::cerr << "bench: " << target.name << ": 1 -> 1\n";
-            const double hubBefore = hub.cpuSeconds();
-            const double loadBefore = ownCpuSeconds();
-            const double rate = load.throughput(1, settings.messages);
-            std::cerr << "bench: " << target.name << ": 1 -> 1: " << fixed(rate, 0) << "/s\n";
-            runs.push_back({rate, (hub.cpuSeconds() - hubBefore) * perDelivery,
-                            (ownCpuSeconds() - loadBefore) * perDelivery});
-        }
-        std::sort(runs.begin(), runs.end(),
-                  [](const Run& a, const Run& b) { return a.rate < b.rate; });
-        const Run& middle = runs[runs.size() / 2];
-        figures.oneToOne = middle.rate;
-        figures.hubCpuMicros = middle.hubCpu;
-        figures.loadCpuMicros = middle.loadCpu;
-        std::vector<double> rates;
-        for (std::size_t i = 0; i < settings.repeat; ++i) {
-            std::cerr << "bench: " << target.name << ": 1 -> 4\n";
-            rates.push_back(load.throughput(4, settings.messages));
-            std::cerr << "bench: " << target.name << ": 1 -> 4: " << fixed(rates.back(), 0)
-                      << "/s\n";
-        }
-        std::sort(rates.begin(), rates.end());
-        figures.oneToFour = rates[rates.size() / 2];
+        auto medianRun = [&](std::size_t subscribers) {
+            const std::string kind = "1 -> " + std::to_string(subscribers);
+            const double perDelivery = 1e6 / static_cast<double>(settings.messages * subscribers);
+            std::vector<Run> runs;
+            for (std::size_t i = 0; i < settings.repeat; ++i) {
+                std::cerr << "bench: " << target.name << ": " << kind << "\n";
+                const double hubBefore = hub.cpuSeconds();
+                const double loadBefore = ownCpuSeconds();
+                const double rate = load.throughput(subscribers, settings.messages);
+                std::cerr << "bench: " << target.name << ": " << kind << ": " << fixed(rate, 0)
+                          << "/s\n";
+                runs.push_back({rate, (hub.cpuSeconds() - hubBefore) * perDelivery,
+                                (ownCpuSeconds() - loadBefore) * perDelivery});
+            }
+            std::sort(runs.begin(), runs.end(),
+                      [](const Run& a, const Run& b) { return a.rate < b.rate; });
+            return runs[runs.size() / 2];
+        };
+        const Run oneToOne = medianRun(1);
+        figures.oneToOne = oneToOne.rate;
+        figures.hubCpuMicros = oneToOne.hubCpu;
+        figures.loadCpuMicros = oneToOne.loadCpu;
+        figures.oneToFour = medianRun(4).rate;
         std::cerr << "bench: " << target.name << ": latency\n";
         figures.latency = load.latency(settings.rate, settings.duration);
     }
