@@ -20,15 +20,13 @@ thread_local HeldWakes held;
 }  // namespace
 
 DeliveryQueue::Appender::~Appender() {
-    const bool wake = queue_.idle_ && !queue_.pending_.empty();
-    if (wake && held.depth > 0) {
+    if (held.depth > 0 && queue_.sleepsWithWorkLocked()) {
         lock_.unlock();
         if (std::find(held.queues.begin(), held.queues.end(), &queue_) == held.queues.end())
             held.queues.push_back(&queue_);
         return;
     }
-    if (wake)
-        queue_.idle_ = false;  // later producers need not wake it again
+    const bool wake = queue_.claimWakeLocked();
     lock_.unlock();
     if (wake)
         queue_.wake_.notify_one();
@@ -38,12 +36,17 @@ void DeliveryQueue::wakeIfIdle() {
     bool wake = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        wake = idle_ && !pending_.empty();
-        if (wake)
-            idle_ = false;
+        wake = claimWakeLocked();
     }
     if (wake)
         wake_.notify_one();
+}
+
+bool DeliveryQueue::claimWakeLocked() {
+    if (!sleepsWithWorkLocked())
+        return false;
+    idle_ = false;  // later producers need not wake it again
+    return true;
 }
 
 bool DeliveryQueue::take(std::vector<Delivery>& batch) {

@@ -75,6 +75,11 @@ class DeliveryQueue {
     void wakeIfIdle();
 
   private:
+    // The consumer sleeps while deliveries wait; mutex_ held.
+    bool sleepsWithWorkLocked() const { return idle_ && !pending_.empty(); }
+    // True when the caller must wake the consumer, which then counts as awake; mutex_ held.
+    bool claimWakeLocked();
+
     std::mutex mutex_;
     std::condition_variable wake_;
     std::vector<Delivery> pending_;
