@@ -21,8 +21,7 @@ inline constexpr std::array<bool, 256> kNeedsEscape = [] {
 }();
 
 // Of the eight bytes at `p` (read into `word`), those kNeedsEscape lists, each flagged by its
-// high bit. The zero-byte
-// test of each comparison flags exactly those bytes, so a zero result is exact.
+// high bit. A borrow may also flag a byte above a flagged one, but a zero result is exact.
 inline std::uint64_t escapeFlags8(const unsigned char* p, std::uint64_t& word) {
     constexpr std::uint64_t ones = 0x0101010101010101ULL;
     constexpr std::uint64_t highs = 0x8080808080808080ULL;
