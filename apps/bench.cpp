@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <memory>
 #include <optional>
 
 #include "cli.h"
@@ -29,11 +30,12 @@ const char* const kUsage =
 Runs the same load, made by orvale client services, against `orvale serve` and against a Faye
 server, each in a process of its own, and prints a table:
   - deliveries per second with one publisher and one subscriber, then four subscribers
-    (N messages each, default 200000), each the median of --repeat runs (default 3), and the
+    (N messages each, default 500000), each the median of --repeat runs (default 3), and the
     CPU time per delivery spent by the server and by the load's client services in the median
     1 -> 1 run;
   - latency p50 and p99 with one subscriber at a fixed rate (default 10000 msg/s for 3 s);
   - the hub's resident memory per idle session with its connect held (default 5000 sessions).
+The two servers' throughput runs take turns, so that a slow spell of the machine falls on both.
 
   --window N         publishes left unanswered at most during a throughput run (default 1000)
   --repeat N         throughput runs of each kind; the median is reported (default 3)
@@ -84,49 +86,80 @@ std::string fixed(double value, int decimals) {
     return buffer;
 }
 
-Figures measure(const Target& target, const Settings& settings) {
-    Figures figures;
-    {
-        ChildProcess hub(target.argv);
-        LoadRunner load(target.url(hub.firstLine(10s)), settings.window);
-        std::cerr << "bench: " << target.name << ": warming up\n";
-        load.throughput(1, std::min<std::size_t>(settings.messages, 20000));
-        // One run on two shared cores varies widely with how the threads meet: each figure is
-        // the median of `repeat` runs, with the CPU times of that median run.
-        struct Run {
-            double rate, hubCpu, loadCpu;
-        };
-        auto medianRun = [&](std::size_t subscribers) {
-            const std::string kind = "1 -> " + std::to_string(subscribers);
-            const double perDelivery = 1e6 / static_cast<double>(settings.messages * subscribers);
-            std::vector<Run> runs;
-            for (std::size_t i = 0; i < settings.repeat; ++i) {
-                std::cerr << "bench: " << target.name << ": " << kind << "\n";
-                const double hubBefore = hub.cpuSeconds();
-                const double loadBefore = ownCpuSeconds();
-                const double rate = load.throughput(subscribers, settings.messages);
-                std::cerr << "bench: " << target.name << ": " << kind << ": " << fixed(rate, 0)
-                          << "/s\n";
-                runs.push_back({rate, (hub.cpuSeconds() - hubBefore) * perDelivery,
-                                (ownCpuSeconds() - loadBefore) * perDelivery});
-            }
-            std::sort(runs.begin(), runs.end(),
-                      [](const Run& a, const Run& b) { return a.rate < b.rate; });
-            return runs[runs.size() / 2];
-        };
-        const Run oneToOne = medianRun(1);
-        figures.oneToOne = oneToOne.rate;
-        figures.hubCpuMicros = oneToOne.hubCpu;
-        figures.loadCpuMicros = oneToOne.loadCpu;
-        figures.oneToFour = medianRun(4).rate;
-        std::cerr << "bench: " << target.name << ": latency\n";
-        figures.latency = load.latency(settings.rate, settings.duration);
+// One throughput run and the CPU time the server and the load spent on it, per delivery.
+struct Run {
+    double rate, hubCpu, loadCpu;
+};
+
+// One target's hub and load, kept for all of its throughput runs and its latency run.
+struct Side {
+    Side(const Target& target, std::size_t window)
+        : target(target), hub(target.argv), load(target.url(hub.firstLine(10s)), window) {}
+
+    Run run(std::size_t subscribers, std::size_t messages) {
+        const std::string kind = "1 -> " + std::to_string(subscribers);
+        std::cerr << "bench: " << target.name << ": " << kind << "\n";
+        const double hubBefore = hub.cpuSeconds();
+        const double loadBefore = ownCpuSeconds();
+        const double rate = load.throughput(subscribers, messages);
+        std::cerr << "bench: " << target.name << ": " << kind << ": " << fixed(rate, 0) << "/s\n";
+        const double perDelivery = 1e6 / static_cast<double>(messages * subscribers);
+        return {rate, (hub.cpuSeconds() - hubBefore) * perDelivery,
+                (ownCpuSeconds() - loadBefore) * perDelivery};
     }
-    // A fresh process, so that memory left from the runs above does not count.
-    ChildProcess hub(target.argv);
-    LoadRunner load(target.url(hub.firstLine(10s)), settings.window);
-    std::cerr << "bench: " << target.name << ": " << settings.sessions << " idle sessions\n";
-    figures.bytesPerSession = load.memoryPerSession(settings.sessions, hub);
+
+    const Target& target;
+    ChildProcess hub;
+    LoadRunner load;
+    std::vector<Run> oneToOne, oneToFour;
+    Figures figures;
+};
+
+// The run of median rate.
+Run median(std::vector<Run> runs) {
+    std::sort(runs.begin(), runs.end(), [](const Run& a, const Run& b) { return a.rate < b.rate; });
+    return runs[runs.size() / 2];
+}
+
+// The targets' throughput runs take turns, so that a spell in which the shared machine runs
+// slow (single runs vary by a third) falls on both targets alike, not on whichever ran then.
+// Each figure is the median of `repeat` runs, with the CPU times of that median run. Memory is
+// measured last, each target in a fresh process of its own, so that memory left from the runs
+// does not count.
+std::vector<Figures> measure(const std::vector<Target>& targets, const Settings& settings) {
+    std::vector<Figures> figures;
+    {
+        std::vector<std::unique_ptr<Side>> sides;
+        for (const Target& target : targets) {
+            sides.push_back(std::make_unique<Side>(target, settings.window));
+            std::cerr << "bench: " << target.name << ": warming up\n";
+            sides.back()->load.throughput(1, std::min<std::size_t>(settings.messages, 20000));
+        }
+        for (std::size_t i = 0; i < settings.repeat; ++i)
+            for (auto& side : sides)
+                side->oneToOne.push_back(side->run(1, settings.messages));
+        for (std::size_t i = 0; i < settings.repeat; ++i)
+            for (auto& side : sides)
+                side->oneToFour.push_back(side->run(4, settings.messages));
+        for (auto& side : sides) {
+            const Run oneToOne = median(side->oneToOne);
+            Figures& out = side->figures;
+            out.oneToOne = oneToOne.rate;
+            out.hubCpuMicros = oneToOne.hubCpu;
+            out.loadCpuMicros = oneToOne.loadCpu;
+            out.oneToFour = median(side->oneToFour).rate;
+            std::cerr << "bench: " << side->target.name << ": latency\n";
+            out.latency = side->load.latency(settings.rate, settings.duration);
+            figures.push_back(out);
+        }
+    }
+    for (std::size_t i = 0; i < targets.size(); ++i) {
+        ChildProcess hub(targets[i].argv);
+        LoadRunner load(targets[i].url(hub.firstLine(10s)), settings.window);
+        std::cerr << "bench: " << targets[i].name << ": " << settings.sessions
+                  << " idle sessions\n";
+        figures[i].bytesPerSession = load.memoryPerSession(settings.sessions, hub);
+    }
     return figures;
 }
 
@@ -162,7 +195,7 @@ int runBench(const Words& words) {
     if (!args.positional().empty())
         throw UsageError("unexpected argument '" + args.positional().front() + "'");
     const Settings settings{args.number("--window", 1000, 1, 100000),
-                            args.number("--messages", 200000, 100, 100000000),
+                            args.number("--messages", 500000, 100, 100000000),
                             args.number("--rate", 10000, 1, 1000000),
                             std::chrono::seconds(args.number("--seconds", 3, 1, 3600)),
                             args.number("--sessions", 5000, 1, 100000),
@@ -177,10 +210,14 @@ int runBench(const Words& words) {
                         orvaleUrl};
     const Target faye{"faye", {args.value("--node", "node"), script, "--timeout", "25"}, fayeUrl};
 
-    const Figures ours = measure(orvale, settings);
+    std::vector<Target> targets{orvale};
+    if (withFaye)
+        targets.push_back(faye);
+    const std::vector<Figures> figures = measure(targets, settings);
+    const Figures& ours = figures.front();
     std::optional<Figures> theirs;
     if (withFaye)
-        theirs = measure(faye, settings);
+        theirs = figures.back();
 
     auto other = [&](auto field, int decimals) {
         return theirs ? fixed(field(*theirs), decimals) : std::string("-");
