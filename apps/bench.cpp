@@ -91,7 +91,8 @@ struct Run {
     double rate, hubCpu, loadCpu;
 };
 
-// One target's hub and load, kept for all of its throughput runs and its latency run.
+// One target's hub and the load against it: kept for all of its throughput runs and its latency
+// run; a fresh one measures memory.
 struct Side {
     Side(const Target& target, std::size_t window)
         : target(target), hub(target.argv), load(target.url(hub.firstLine(10s)), window) {}
@@ -112,7 +113,6 @@ struct Side {
     ChildProcess hub;
     LoadRunner load;
     std::vector<Run> oneToOne, oneToFour;
-    Figures figures;
 };
 
 // The run of median rate.
@@ -143,7 +143,7 @@ std::vector<Figures> measure(const std::vector<Target>& targets, const Settings&
                 side->oneToFour.push_back(side->run(4, settings.messages));
         for (auto& side : sides) {
             const Run oneToOne = median(side->oneToOne);
-            Figures& out = side->figures;
+            Figures out;
             out.oneToOne = oneToOne.rate;
             out.hubCpuMicros = oneToOne.hubCpu;
             out.loadCpuMicros = oneToOne.loadCpu;
@@ -154,11 +154,10 @@ std::vector<Figures> measure(const std::vector<Target>& targets, const Settings&
         }
     }
     for (std::size_t i = 0; i < targets.size(); ++i) {
-        ChildProcess hub(targets[i].argv);
-        LoadRunner load(targets[i].url(hub.firstLine(10s)), settings.window);
+        Side fresh(targets[i], settings.window);
         std::cerr << "bench: " << targets[i].name << ": " << settings.sessions
                   << " idle sessions\n";
-        figures[i].bytesPerSession = load.memoryPerSession(settings.sessions, hub);
+        figures[i].bytesPerSession = fresh.load.memoryPerSession(settings.sessions, fresh.hub);
     }
     return figures;
 }
