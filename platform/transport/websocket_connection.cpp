@@ -29,6 +29,7 @@
 #include "connector/log/diagnostic_logger.h"
 #include "inbound_publisher.h"
 #include "io_thread.h"
+#include "outbound_frames.h"
 #include "outbound_subscriber.h"
 #include "paced_socket.h"
 
@@ -53,44 +54,14 @@ constexpr std::size_t kKeptReadBuffer = 64 * 1024;
 // A batch frame holds at most this many bytes, so a burst of queued messages never makes a frame
 // that a server's frame limit refuses; a larger message goes in a frame of its own.
 constexpr std::size_t kBatchFrameBytes = 64 * 1024;
-
-// Encodes messages, in order, into JSON array frames of at most kBatchFrameBytes each.
-class FrameSplitter {
-  public:
-    // `spare` is storage for the first frame.
-    FrameSplitter(std::deque<std::string>& out, std::string spare)
-        : out_(out), frame_(std::move(spare)) {
-        frame_.clear();
-    }
-    void add(const BayeuxMessage& message) {
-        const std::size_t before = frame_.size();
-        if (frame_.empty()) {
-            frame_.reserve(4096);
-            frame_.push_back('[');
-        } else {
-            frame_.push_back(',');
-        }
-        codec::encodeInto(message, frame_);
-        if (frame_.size() + 1 > kBatchFrameBytes && before > 0) {
-            // The others go as they are; this message begins the next frame.
-            std::string next = "[" + frame_.substr(before + 1);
-            frame_.resize(before);
-            close();
-            frame_ = std::move(next);
-        }
-    }
-    void close() {
-        if (frame_.empty())
-            return;
-        frame_.push_back(']');
-        out_.push_back(std::move(frame_));
-        frame_.clear();
-    }
-
-  private:
-    std::deque<std::string>& out_;
-    std::string frame_;
-};
+// In a fast stream (the last flush took at least kFastStreamFrame messages, under kFastStream
+// ago), frames are held until kFrameHold after the last one: fewer, larger frames cost the
+// sender, the server and the receiver less per message. A slower stream is never held.
+constexpr std::size_t kFastStreamFrame = 8;
+constexpr std::chrono::microseconds kFastStream{50};
+constexpr std::chrono::microseconds kFrameHold{200};
+// A sending thread's encoding buffer is given back after a message larger than this.
+constexpr std::size_t kKeptEncodeBuffer = 256 * 1024;
 
 // What the client holds as the inbound publisher: the connection's publisher plus the keeper
 // that closes the connection once the client lets go of both of its streams.
@@ -126,6 +97,7 @@ class WebSocketConnection final
           resolver_(*context_),
           ws_(std::forward<StreamArgs>(streamArgs)...),
           timer_(*context_),
+          paceTimer_(*context_),
           connectPromise_(std::move(promise)),
           closed_(std::make_shared<DoneSignal>()) {
         ws_.read_message_max(settings_.options.maxFrameBytes);
@@ -162,16 +134,35 @@ class WebSocketConnection final
         post([self = this->shared_from_this()] { self->beginConnect(); });
     }
 
+    // The message is encoded here, on the sending thread, and released where it was made; the
+    // I/O thread only writes the frames.
     void send(MessagePtr message) override {
+        thread_local Encoded encoded;
+        encoded.clear();
+        try {
+            encode(message.get(), encoded);
+        } catch (const std::exception& e) {
+            logger.log(foundation::log::error, "Dropped an outbound message to ", settings_.url,
+                       ": ", e.what());
+            return;
+        }
+        if (encoded.ends.empty())
+            return;
         bool schedule = false;
         {
             std::lock_guard<std::mutex> lock(mutex_);
             if (closeRequested_)
-                return;  // the message is released after the lock
-            pending_.push_back(std::move(message));
+                return;
+            std::size_t begin = 0;
+            for (const auto& [end, alone] : encoded.ends) {
+                pending_.add(std::string_view(encoded.text).substr(begin, end - begin), alone);
+                begin = end;
+            }
             schedule = !flushPosted_;
             flushPosted_ = true;
         }
+        if (encoded.text.capacity() > kKeptEncodeBuffer)
+            encoded.text = std::string();
         if (schedule)
             post([self = this->shared_from_this()] { self->flush(); });
     }
@@ -381,37 +372,37 @@ class WebSocketConnection final
 
     // ---- writing
 
-    // Sends everything queued as one frame, or begins the close once nothing is left. A meta
-    // connect always travels in a frame of its own: servers answer a frame only when all of it
-    // is answered, and they hold a connect for up to their timeout, so anything batched with it
-    // would wait that long (and a disconnect beside it would never be answered at all).
+    // Hands the queued frames to the socket once the previous write is done, or begins the close
+    // once nothing is left.
     void flush() {
         if (!outgoing_.empty())
             return writeNext();
         bool closeNow = false;
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            flushPosted_ = false;
-            if (writing_ || phase_ != Phase::Open)
+            if (writing_ || phase_ != Phase::Open) {
+                flushPosted_ = false;
                 return;
-            taken_.swap(pending_);  // pending_ gets the emptied vector, capacity and all
+            }
+            const auto now = std::chrono::steady_clock::now();
+            if (lastFlushed_ >= kFastStreamFrame && now - lastFlush_ < kFastStream &&
+                !closeRequested_ && !pending_.empty()) {
+                // flushPosted_ stays set, so senders do not post while the frame is held.
+                if (!paceArmed_) {
+                    paceArmed_ = true;
+                    paceTimer_.expires_at(lastFlush_ + kFrameHold);
+                    paceTimer_.async_wait([self = this->shared_from_this()](error_code) {
+                        self->paceArmed_ = false;
+                        self->flush();
+                    });
+                }
+                return;
+            }
+            flushPosted_ = false;
+            lastFlush_ = now;
+            lastFlushed_ = pending_.takeAll(outgoing_, written_);
             closeNow = closeRequested_;
         }
-        for (auto& message : taken_)
-            collect(message.get(), collected_);
-        FrameSplitter frames(outgoing_, std::move(spareFrame_));
-        for (const BayeuxMessage* message : collected_) {
-            if (message->kind() == Kind::ConnectRequest) {
-                frames.close();
-                frames.add(*message);
-                frames.close();
-            } else {
-                frames.add(*message);
-            }
-        }
-        frames.close();
-        collected_.clear();
-        taken_.clear();
         if (outgoing_.empty()) {
             if (closeNow)
                 beginClose();
@@ -429,7 +420,20 @@ class WebSocketConnection final
             [self = this->shared_from_this()](error_code ec, std::size_t) { self->onWritten(ec); });
     }
 
-    void collect(Message* message, std::vector<const BayeuxMessage*>& out) {
+    // Messages encoded for the queue: their text one after the other, and where each ends.
+    struct Encoded {
+        std::string text;
+        std::vector<std::pair<std::size_t, bool>> ends;  // end offset, alone in its frame
+        void clear() {
+            text.clear();
+            ends.clear();
+        }
+    };
+
+    // connect always travels in a frame of its own: servers answer a frame only when all of it
+    // is answered, and they hold a connect for up to their timeout, so anything batched with it
+    // would wait that long (and a disconnect beside it would never be answered at all).
+    void encode(Message* message, Encoded& out) {
         if (!message)
             return;
         // Publishes are nearly all of the traffic: their exact type spares the cast.
@@ -439,10 +443,11 @@ class WebSocketConnection final
         if (bayeux) {
             if (bayeux->kind() == Kind::HandshakeRequest)
                 addApiKey(*bayeux);
-            out.push_back(bayeux);
+            codec::encodeInto(*bayeux, out.text);
+            out.ends.emplace_back(out.text.size(), bayeux->kind() == Kind::ConnectRequest);
         } else if (auto* container = dynamic_cast<BayeuxContainer*>(message)) {
             for (auto& inner : container->messages())
-                collect(inner.get(), out);
+                encode(inner.get(), out);
         } else {
             logger.log(foundation::log::error, "Dropped an outbound ",
                        foundation::log::typeName(*message), " to ", settings_.url,
@@ -464,8 +469,7 @@ class WebSocketConnection final
 
     void onWritten(error_code ec) {
         writing_ = false;
-        if (outgoing_.front().capacity() <= 2 * kBatchFrameBytes)
-            spareFrame_ = std::move(outgoing_.front());
+        written_.push_back(std::move(outgoing_.front()));
         outgoing_.pop_front();
         if (ec) {
             if (phase_ == Phase::Open) {
@@ -508,13 +512,13 @@ class WebSocketConnection final
             return;
         phase_ = Phase::Closed;
         timer_.cancel();
+        paceTimer_.cancel();
         error_code ignored;
         socket().close(ignored);
-        std::vector<MessagePtr> dropped;
         {
             std::lock_guard<std::mutex> lock(mutex_);
             closeRequested_ = true;
-            dropped.swap(pending_);
+            pending_.clear();
         }
         logger.log(foundation::log::trace, "Connection to ", settings_.url, " closed",
                    clean ? "" : " uncleanly");
@@ -528,14 +532,14 @@ class WebSocketConnection final
     tcp::resolver resolver_;
     websocket::stream<NextLayer> ws_;
     asio::steady_timer timer_;  // the connect deadline, then the close deadline
+    asio::steady_timer paceTimer_;
+    std::chrono::steady_clock::time_point lastFlush_;
+    std::size_t lastFlushed_ = 0;  // messages in the frames of the last flush
+    bool paceArmed_ = false;
     beast::flat_buffer readBuffer_;
     std::deque<std::string> outgoing_;  // encoded frames; the front one is being written
-    // Kept between flushes for their capacity, so that a steady flow allocates no vectors and
-    // no frame buffers: the messages taken from pending_, the Bayeux messages among them, and
-    // the buffer of the last frame written.
-    std::vector<MessagePtr> taken_;
-    std::vector<const BayeuxMessage*> collected_;
-    std::string spareFrame_;
+    // Frames written since the last flush, whose buffers go back to pending_ for reuse.
+    std::vector<std::string> written_;
     Promise<MessagePtr> connectPromise_;
     std::shared_ptr<InboundPublisher> inbound_;
     std::weak_ptr<OutboundSubscriber> outbound_;
@@ -546,7 +550,7 @@ class WebSocketConnection final
     bool aborted_ = false;
 
     std::mutex mutex_;  // guards pending_, flushPosted_ and closeRequested_
-    std::vector<MessagePtr> pending_;
+    OutboundFrames pending_{kBatchFrameBytes};
     bool flushPosted_ = false;
     bool closeRequested_ = false;
 };

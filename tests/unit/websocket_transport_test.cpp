@@ -499,6 +499,34 @@ TEST(WebSocketTransport, PacedReadsLoseNothingAndNeverStrandALoneFrame) {
     ASSERT_TRUE(waitUntil([&] { return client.collector->count() == kStream + 2; }));
 }
 
+// A fast stream goes out in frames of many messages; the frame held last still leaves once the
+// stream stops, and so does a lone message after it. Nothing is lost or reordered.
+TEST(WebSocketTransport, AFastStreamLosesNothingAndItsLastFrameLeaves) {
+    TestServer server;
+    Client client = connectClient(server.url());
+    auto session = server.nextSession();
+    ASSERT_TRUE(session);
+
+    constexpr int kStream = 20000;
+    for (int i = 0; i < kStream; ++i)
+        client.send(publish("/fast", std::to_string(i)));
+    auto received = [&] {
+        std::vector<std::string> data;
+        for (const auto& frame : session->frames())
+            for (const auto& message : codec::decodeFromClient(frame).messages)
+                data.push_back(static_cast<const PublishRequest&>(*message).getJson());
+        return data;
+    };
+    ASSERT_TRUE(waitUntil([&] { return received().size() == kStream; }));
+    const auto data = received();
+    for (int i = 0; i < kStream; ++i)
+        ASSERT_EQ(data[i], std::to_string(i));
+    EXPECT_LT(session->frames().size(), std::size_t{kStream});
+
+    client.send(publish("/late", "1"));
+    ASSERT_TRUE(waitUntil([&] { return received().size() == kStream + 1; }));
+}
+
 TEST(WebSocketTransport, FrameLargerThanTheLimitClosesTheConnection) {
     orvale::test::LogCapture logs;
     TestServer server;
