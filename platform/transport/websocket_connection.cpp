@@ -55,11 +55,10 @@ constexpr std::size_t kKeptReadBuffer = 64 * 1024;
 // that a server's frame limit refuses; a larger message goes in a frame of its own.
 constexpr std::size_t kBatchFrameBytes = 64 * 1024;
 // In a fast stream (the last flush took at least kFastStreamFrame messages, under kFastStream
-// ago), frames are held until kFrameHold after the last one: fewer, larger frames cost the
-// sender, the server and the receiver less per message. A slower stream is never held.
+// ago), a frame is held until the write pacing interval after the last one: fewer, larger frames
+// cost the sender, the server and the receiver less per message. A slower stream is never held.
 constexpr std::size_t kFastStreamFrame = 8;
 constexpr std::chrono::microseconds kFastStream{50};
-constexpr std::chrono::microseconds kFrameHold{200};
 // A sending thread's encoding buffer is given back after a message larger than this.
 constexpr std::size_t kKeptEncodeBuffer = 256 * 1024;
 
@@ -98,6 +97,7 @@ class WebSocketConnection final
           ws_(std::forward<StreamArgs>(streamArgs)...),
           timer_(*context_),
           paceTimer_(*context_),
+          writePacing_(settings_.options.writePacingUs),
           connectPromise_(std::move(promise)),
           closed_(std::make_shared<DoneSignal>()) {
         ws_.read_message_max(settings_.options.maxFrameBytes);
@@ -385,12 +385,12 @@ class WebSocketConnection final
                 return;
             }
             const auto now = std::chrono::steady_clock::now();
-            if (lastFlushed_ >= kFastStreamFrame && now - lastFlush_ < kFastStream &&
-                !closeRequested_ && !pending_.empty()) {
+            if (writePacing_.count() > 0 && lastFlushed_ >= kFastStreamFrame &&
+                now - lastFlush_ < kFastStream && !closeRequested_ && !pending_.empty()) {
                 // flushPosted_ stays set, so senders do not post while the frame is held.
                 if (!paceArmed_) {
                     paceArmed_ = true;
-                    paceTimer_.expires_at(lastFlush_ + kFrameHold);
+                    paceTimer_.expires_at(lastFlush_ + writePacing_);
                     paceTimer_.async_wait([self = this->shared_from_this()](error_code) {
                         self->paceArmed_ = false;
                         self->flush();
@@ -531,8 +531,9 @@ class WebSocketConnection final
     const ConnectionSettings settings_;
     tcp::resolver resolver_;
     websocket::stream<NextLayer> ws_;
-    asio::steady_timer timer_;  // the connect deadline, then the close deadline
-    asio::steady_timer paceTimer_;
+    asio::steady_timer timer_;      // the connect deadline, then the close deadline
+    asio::steady_timer paceTimer_;  // releases a held frame
+    const std::chrono::microseconds writePacing_;
     std::chrono::steady_clock::time_point lastFlush_;
     std::size_t lastFlushed_ = 0;  // messages in the frames of the last flush
     bool paceArmed_ = false;

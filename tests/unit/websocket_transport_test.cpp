@@ -500,31 +500,37 @@ TEST(WebSocketTransport, PacedReadsLoseNothingAndNeverStrandALoneFrame) {
 }
 
 // A fast stream goes out in frames of many messages; the frame held last still leaves once the
-// stream stops, and so does a lone message after it. Nothing is lost or reordered.
+// stream stops, and so does a lone message after it. Nothing is lost or reordered, with write
+// pacing or without.
 TEST(WebSocketTransport, AFastStreamLosesNothingAndItsLastFrameLeaves) {
-    TestServer server;
-    Client client = connectClient(server.url());
-    auto session = server.nextSession();
-    ASSERT_TRUE(session);
+    for (const std::size_t pacing : {std::size_t{200}, std::size_t{0}}) {
+        SCOPED_TRACE("writePacingUs " + std::to_string(pacing));
+        WebSocketTransportOptions options;
+        options.writePacingUs = pacing;
+        TestServer server;
+        Client client = connectClient(server.url(), options);
+        auto session = server.nextSession();
+        ASSERT_TRUE(session);
 
-    constexpr int kStream = 20000;
-    for (int i = 0; i < kStream; ++i)
-        client.send(publish("/fast", std::to_string(i)));
-    auto received = [&] {
-        std::vector<std::string> data;
-        for (const auto& frame : session->frames())
-            for (const auto& message : codec::decodeFromClient(frame).messages)
-                data.push_back(static_cast<const PublishRequest&>(*message).getJson());
-        return data;
-    };
-    ASSERT_TRUE(waitUntil([&] { return received().size() == kStream; }));
-    const auto data = received();
-    for (int i = 0; i < kStream; ++i)
-        ASSERT_EQ(data[i], std::to_string(i));
-    EXPECT_LT(session->frames().size(), std::size_t{kStream});
+        constexpr int kStream = 20000;
+        for (int i = 0; i < kStream; ++i)
+            client.send(publish("/fast", std::to_string(i)));
+        auto received = [&] {
+            std::vector<std::string> data;
+            for (const auto& frame : session->frames())
+                for (const auto& message : codec::decodeFromClient(frame).messages)
+                    data.push_back(static_cast<const PublishRequest&>(*message).getJson());
+            return data;
+        };
+        ASSERT_TRUE(waitUntil([&] { return received().size() == kStream; }));
+        const auto data = received();
+        for (int i = 0; i < kStream; ++i)
+            ASSERT_EQ(data[i], std::to_string(i));
+        EXPECT_LT(session->frames().size(), std::size_t{kStream});
 
-    client.send(publish("/late", "1"));
-    ASSERT_TRUE(waitUntil([&] { return received().size() == kStream + 1; }));
+        client.send(publish("/late", "1"));
+        ASSERT_TRUE(waitUntil([&] { return received().size() == kStream + 1; }));
+    }
 }
 
 TEST(WebSocketTransport, FrameLargerThanTheLimitClosesTheConnection) {
