@@ -54,11 +54,11 @@ constexpr std::size_t kKeptReadBuffer = 64 * 1024;
 // A batch frame holds at most this many bytes, so a burst of queued messages never makes a frame
 // that a server's frame limit refuses; a larger message goes in a frame of its own.
 constexpr std::size_t kBatchFrameBytes = 64 * 1024;
-// In a fast stream (the last flush took at least kFastStreamFrame messages, under kFastStream
-// ago), a frame is held until the write pacing interval after the last one: fewer, larger frames
-// cost the sender, the server and the receiver less per message. A slower stream is never held.
+// In a fast stream (the last flush took at least kFastStreamFrame messages, less than a quarter
+// of the write pacing interval ago, the rule reads are paced by), a frame is held until the
+// interval after the last one: fewer, larger frames cost the sender, the server and the receiver
+// less per message. A slower stream is never held.
 constexpr std::size_t kFastStreamFrame = 8;
-constexpr std::chrono::microseconds kFastStream{50};
 // A sending thread's encoding buffer is given back after a message larger than this.
 constexpr std::size_t kKeptEncodeBuffer = 256 * 1024;
 
@@ -386,7 +386,7 @@ class WebSocketConnection final
             }
             const auto now = std::chrono::steady_clock::now();
             if (writePacing_.count() > 0 && lastFlushed_ >= kFastStreamFrame &&
-                now - lastFlush_ < kFastStream && !closeRequested_ && !pending_.empty()) {
+                now - lastFlush_ < writePacing_ / 4 && !closeRequested_ && !pending_.empty()) {
                 // flushPosted_ stays set, so senders do not post while the frame is held.
                 if (!paceArmed_) {
                     paceArmed_ = true;

@@ -24,10 +24,10 @@ struct WebSocketTransportOptions {
     // once per this interval, so that one wake-up takes in all that arrived meanwhile: a frame
     // waits at most this long, and only during such a stream. 0 reads every frame as it lands.
     std::size_t readPacingUs = 200;
-    // While messages are sent fast (the last frame, less than 50 microseconds ago, held at least
-    // 8), the next frame leaves this many microseconds after the last one, so that they go in
-    // fewer, larger frames: a message waits at most this long, and only during such a stream.
-    // 0 sends what is queued as soon as the socket is free.
+    // While messages are sent fast (the last frame, less than a quarter of this interval ago,
+    // held at least 8), the next frame leaves this many microseconds after the last one, so that
+    // they go in fewer, larger frames: a message waits at most this long, and only during such a
+    // stream. 0 sends what is queued as soon as the socket is free.
     std::size_t writePacingUs = 200;
 };
 
