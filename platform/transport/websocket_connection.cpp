@@ -102,6 +102,10 @@ class WebSocketConnection final
           closed_(std::make_shared<DoneSignal>()) {
         ws_.read_message_max(settings_.options.maxFrameBytes);
         ws_.auto_fragment(false);
+        // A client masks what it sends through this buffer, one write to the socket per buffer
+        // full: at Beast's default of 4 KiB a batch frame left in many small segments, each of
+        // which woke the server.
+        ws_.write_buffer_bytes(kBatchFrameBytes);
         ws_.text(true);
         websocket::stream_base::timeout timeouts{};
         // The connect and close deadlines are our own timer's; Beast's would only duplicate them.
