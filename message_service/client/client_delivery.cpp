@@ -16,6 +16,13 @@ namespace log = foundation::log;
 namespace {
 // Slots for the answers of one frame that a thread keeps between frames (about 100 bytes each).
 constexpr std::size_t kKeptAnswerSlots = 2048;
+
+// True when `message` is a T for certain: the same type_info object. Unlike a full type test,
+// a mismatch costs no comparison of type names; a false answer is therefore not final.
+template <class T>
+bool surely(const Message& message) {
+    return &typeid(message) == &typeid(T);
+}
 }  // namespace
 
 void MessageServiceClientImpl::deliver(MessagePtr&& message) {
@@ -57,10 +64,13 @@ void MessageServiceClientImpl::handle(std::unique_ptr<bayeux::BayeuxContainer>&&
     answered.resize(messages.size());
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        for (std::size_t i = 0; i < messages.size(); ++i)
-            if (const bayeux::BayeuxResponse* response =
-                    messages[i] ? responseOf(*messages[i]) : nullptr)
+        for (std::size_t i = 0; i < messages.size(); ++i) {
+            // Deliveries answer nothing; they are most of what a subscriber receives.
+            if (!messages[i] || surely<bayeux::PublishRequest>(*messages[i]))
+                continue;
+            if (const bayeux::BayeuxResponse* response = responseOf(*messages[i]))
                 answered[i] = takeAnsweredLocked(*response);
+        }
     }
     for (std::size_t i = 0; i < messages.size(); ++i) {
         if (answered[i]) {
@@ -78,7 +88,7 @@ void MessageServiceClientImpl::handle(std::unique_ptr<bayeux::BayeuxContainer>&&
 
 const bayeux::BayeuxResponse* MessageServiceClientImpl::responseOf(const Message& message) {
     // Publish answers are the most common: their exact type spares the cast's hierarchy walk.
-    if (typeid(message) == typeid(bayeux::PublishResponse))
+    if (surely<bayeux::PublishResponse>(message))
         return static_cast<const bayeux::PublishResponse*>(&message);
     return dynamic_cast<const bayeux::BayeuxResponse*>(&message);
 }
