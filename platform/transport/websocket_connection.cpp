@@ -434,9 +434,10 @@ class WebSocketConnection final
         }
     };
 
-    // connect always travels in a frame of its own: servers answer a frame only when all of it
-    // is answered, and they hold a connect for up to their timeout, so anything batched with it
-    // would wait that long (and a disconnect beside it would never be answered at all).
+    // Encodes `message` (each message of a batch) into `out`, marking a meta connect to travel
+    // alone: servers answer a frame only when all of it is answered, and they hold a connect for
+    // up to their timeout, so anything batched with it would wait that long (and a disconnect
+    // beside it would never be answered at all).
     void encode(Message* message, Encoded& out) {
         if (!message)
             return;
