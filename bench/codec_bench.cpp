@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "connector/bayeux/codec.h"
+#include "bayeux/codec.h"
 
 namespace {
 

@@ -12,7 +12,6 @@
 #include "connector/future.h"
 #include "connector/log/diagnostic_logger.h"
 #include "connector/message_service/cached_value_publisher.h"
-#include "connector/message_service/channel_rules.h"
 #include "connector/message_service/client_delegate.h"
 #include "connector/message_service/client_impl.h"
 #include "connector/message_service/factory_delegator.h"

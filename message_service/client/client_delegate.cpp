@@ -6,7 +6,7 @@
 
 #include "connector/message_service/client_impl.h"
 #include "connector/message_service/factory_delegator.h"
-#include "connector/message_service/module_logger.h"
+#include "common/module_logger.h"
 
 namespace connector::message_service {
 

@@ -4,10 +4,10 @@
 #include <boost/container/small_vector.hpp>
 #include <typeinfo>
 
-#include "connector/message_service/callback_runner.h"
-#include "connector/message_service/channel_rules.h"
+#include "common/callback_runner.h"
+#include "common/channel_rules.h"
 #include "connector/message_service/client_impl.h"
-#include "connector/message_service/module_logger.h"
+#include "common/module_logger.h"
 
 namespace connector::message_service {
 

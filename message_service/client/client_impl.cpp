@@ -7,7 +7,8 @@
 #include <utility>
 
 #include "client_request.h"
-#include "connector/message_service/module_logger.h"
+#include "common/service_records.h"
+#include "common/module_logger.h"
 
 namespace connector::message_service {
 

@@ -1,6 +1,7 @@
 // Publishing from the client service to the remote server.
 
-#include "connector/message_service/channel_rules.h"
+#include "common/service_records.h"
+#include "common/channel_rules.h"
 #include "connector/message_service/client_impl.h"
 
 namespace connector::message_service {

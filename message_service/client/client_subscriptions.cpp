@@ -3,10 +3,11 @@
 #include <stdexcept>
 
 #include "client_request.h"
-#include "connector/message_service/channel_rules.h"
+#include "common/service_records.h"
+#include "common/channel_rules.h"
 #include "connector/message_service/client_impl.h"
-#include "connector/message_service/module_logger.h"
-#include "connector/message_service/take_if.h"
+#include "common/module_logger.h"
+#include "common/take_if.h"
 
 namespace connector::message_service {
 

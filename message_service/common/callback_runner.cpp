@@ -1,4 +1,4 @@
-#include "connector/message_service/callback_runner.h"
+#include "common/callback_runner.h"
 
 #include <time.h>
 

@@ -1,4 +1,4 @@
-#include "connector/message_service/module_logger.h"
+#include "common/module_logger.h"
 
 namespace connector::message_service {
 

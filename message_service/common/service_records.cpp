@@ -1,4 +1,4 @@
-#include "connector/message_service/service_records.h"
+#include "common/service_records.h"
 
 #include <stdexcept>
 

@@ -2,8 +2,8 @@
 
 #include <stdexcept>
 
-#include "connector/message_service/channel_rules.h"
-#include "connector/message_service/module_logger.h"
+#include "common/channel_rules.h"
+#include "common/module_logger.h"
 
 namespace connector::message_service {
 

@@ -1,8 +1,8 @@
 #include "connector/message_service/server_delegate.h"
 
-#include "connector/message_service/channel_rules.h"
+#include "common/channel_rules.h"
 #include "connector/message_service/factory_delegator.h"
-#include "connector/message_service/module_logger.h"
+#include "common/module_logger.h"
 #include "connector/message_service/server_impl.h"
 
 namespace connector::message_service {

@@ -4,9 +4,10 @@
 #include <boost/container/small_vector.hpp>
 #include <stdexcept>
 
-#include "connector/message_service/callback_runner.h"
-#include "connector/message_service/channel_rules.h"
-#include "connector/message_service/module_logger.h"
+#include "common/service_records.h"
+#include "common/callback_runner.h"
+#include "common/channel_rules.h"
+#include "common/module_logger.h"
 #include "connector/message_service/server_impl.h"
 
 namespace connector::message_service {

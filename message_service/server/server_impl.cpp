@@ -5,9 +5,11 @@
 #include <algorithm>
 
 #include "connector/common/delay.h"
-#include "connector/message_service/channel_rules.h"
-#include "connector/message_service/module_logger.h"
-#include "connector/message_service/take_if.h"
+#include "connector/common/random_string.h"
+#include "common/service_records.h"
+#include "common/channel_rules.h"
+#include "common/module_logger.h"
+#include "common/take_if.h"
 
 namespace connector::message_service {
 

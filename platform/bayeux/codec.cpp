@@ -5,7 +5,7 @@
 // classes from the members it needs; every problem with one element is reported and that
 // element left out, so a peer can never crash, hang or exhaust the process with what it sends.
 
-#include "connector/bayeux/codec.h"
+#include "bayeux/codec.h"
 
 #include <algorithm>
 #include <boost/json/parse.hpp>

@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <mutex>
 
-#include "../server/deferred_wakes.h"
-#include "connector/bayeux/codec.h"
-#include "connector/common/delay.h"
+#include "server/deferred_wakes.h"
+#include "bayeux/codec.h"
+#include "connector/common/random_string.h"
 #include "connector/log/diagnostic_logger.h"
 
 namespace connector::bayeux::endpoint {

@@ -9,7 +9,7 @@
 #include <charconv>
 
 #include "../bayeux/json_text.h"
-#include "connector/bayeux/codec.h"
+#include "bayeux/codec.h"
 
 namespace connector::bayeux::endpoint {
 

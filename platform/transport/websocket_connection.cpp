@@ -25,7 +25,7 @@
 #include <vector>
 
 #include "../bayeux/json_text.h"
-#include "connector/bayeux/codec.h"
+#include "bayeux/codec.h"
 #include "connector/log/diagnostic_logger.h"
 #include "inbound_publisher.h"
 #include "io_thread.h"

@@ -13,7 +13,7 @@
 
 #include <boost/json/parse.hpp>
 
-#include "connector/bayeux/codec.h"
+#include "bayeux/codec.h"
 
 namespace {
 

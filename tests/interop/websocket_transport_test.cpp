@@ -15,7 +15,7 @@
 #include <deque>
 #include <fstream>
 
-#include "connector/bayeux/codec.h"
+#include "bayeux/codec.h"
 #include "log_capture.h"
 #include "node_process.h"
 

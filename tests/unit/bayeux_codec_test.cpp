@@ -1,7 +1,7 @@
 // The Bayeux JSON codec: the wire form of every message class, the shapes real servers send,
 // and what happens to frames that cannot be understood.
 
-#include "connector/bayeux/codec.h"
+#include "bayeux/codec.h"
 
 #include <gtest/gtest.h>
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <thread>
 
-#include "connector/common/delay.h"
+#include "connector/common/random_string.h"
 
 namespace {
 

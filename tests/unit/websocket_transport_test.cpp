@@ -17,7 +17,7 @@
 #include <future>
 #include <thread>
 
-#include "connector/bayeux/codec.h"
+#include "bayeux/codec.h"
 #include "log_capture.h"
 
 namespace connector::bayeux {

@@ -1,9 +1,8 @@
 #pragma once
-// One-shot timers on one timer thread per process, and random identifiers.
+// One-shot timers on one timer thread per process.
 
 #include <cstdint>
 #include <functional>
-#include <string>
 
 namespace connector::common {
 
@@ -34,8 +33,5 @@ class TickManager {
 // Calls `fn` with the scheduled time (milliseconds since the timer started) after `delayMs`
 // milliseconds, on the timer thread, with no timer lock held.
 TickManager::Canceller delay(std::function<void(std::int64_t)> fn, std::int64_t delayMs);
-
-// `length` characters of [A-Za-z0-9] from a generator seeded by the operating system.
-std::string randomString(std::uint8_t length);
 
 }  // namespace connector::common

@@ -25,7 +25,7 @@
 #include "connector/log/diagnostic_logger.h"
 #include "connector/message_service/cached_value_publisher.h"
 #include "connector/message_service/message_service.h"
-#include "connector/message_service/service_records.h"
+#include "connector/message_service/subscription.h"
 
 namespace connector::message_service {
 

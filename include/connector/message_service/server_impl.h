@@ -20,7 +20,7 @@
 #include "connector/bayeux/server.h"
 #include "connector/log/diagnostic_logger.h"
 #include "connector/message_service/message_service.h"
-#include "connector/message_service/service_records.h"
+#include "connector/message_service/subscription.h"
 
 namespace connector::message_service {
 

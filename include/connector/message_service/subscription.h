@@ -7,7 +7,10 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <memory>
+#include <string>
+#include <unordered_map>
 
 #include "connector/core.h"
 #include "connector/future.h"
@@ -65,6 +68,17 @@ struct SubscriptionHolder {
 
     Promise<CancelResult> cancelled;  // never moved out: the destructor resolves it
     std::function<void(const JsonMessage&)> callback;
+    std::uint64_t id;
+};
+
+// Wire channel ("/orvale" + pattern) to its holders, in subscription order. A key exists only
+// while its list is not empty.
+using SubscriptionTable =
+    std::unordered_map<std::string, std::list<std::shared_ptr<SubscriptionHolder>>>;
+
+// A state-change listener as the service keeps it.
+struct StateListenerRecord {
+    std::function<void(const StateChangeEvent&)> callback;
     std::uint64_t id;
 };
 

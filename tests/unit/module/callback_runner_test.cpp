@@ -1,14 +1,14 @@
 // Subscription callbacks under their watchdog: a callback running past 100 ms is reported once,
 // while it still runs, on each logger; fast ones never are; exceptions stop no later callback.
 
-#include "connector/message_service/callback_runner.h"
+#include "common/callback_runner.h"
 
 #include <gtest/gtest.h>
 
 #include <thread>
 #include <vector>
 
-#include "connector/message_service/module_logger.h"
+#include "common/module_logger.h"
 #include "log_capture.h"
 
 namespace connector::message_service {

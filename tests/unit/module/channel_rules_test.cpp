@@ -1,4 +1,4 @@
-#include "connector/message_service/channel_rules.h"
+#include "common/channel_rules.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "connector/message_service/module_logger.h"
+#include "common/module_logger.h"
 #include "connector/message_service/types.h"
 #include "log_capture.h"
 

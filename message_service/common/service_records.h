@@ -1,6 +1,6 @@
 #pragma once
-// What both kinds of service keep about their registrations, and the steps they share on it:
-// the channel subscription table and the state-change listeners.
+// The steps both kinds of service share on their registrations (the channel subscription table
+// and the state-change listeners of subscription.h) and at the start of every publish.
 
 #include <cstdint>
 #include <functional>
@@ -20,10 +20,6 @@
 
 namespace connector::message_service {
 
-// Wire channel ("/orvale" + pattern) to its holders, in subscription order. A key exists only
-// while its list is not empty.
-using SubscriptionTable =
-    std::unordered_map<std::string, std::list<std::shared_ptr<SubscriptionHolder>>>;
 // (wire channel, holder) pairs taken out of a table, in table order.
 using TakenHolders = std::vector<std::pair<std::string, std::shared_ptr<SubscriptionHolder>>>;
 
@@ -31,11 +27,6 @@ using TakenHolders = std::vector<std::pair<std::string, std::shared_ptr<Subscrip
 TakenHolders takeHolders(SubscriptionTable& table, std::uint64_t id);
 // Takes every holder out of `table`, which is empty afterwards.
 TakenHolders takeAllHolders(SubscriptionTable& table);
-
-struct StateListenerRecord {
-    std::function<void(const StateChangeEvent&)> callback;
-    std::uint64_t id;
-};
 
 // Calls each listener with one event; a listener that throws is logged and the others still run.
 void notifyStateListeners(const std::vector<StateListenerRecord>& listeners,

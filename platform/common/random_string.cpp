@@ -4,7 +4,7 @@
 #include <random>
 #include <string>
 
-#include "connector/common/delay.h"
+#include "connector/common/random_string.h"
 
 namespace connector::common {
 
