@@ -12,7 +12,7 @@
 //   - orvale: a publisher service and subscriber services, each a client service of its own
 //     made by the delegator over makeContext(), all in this process;
 //   - faye: faye.Client over WebSocket, one publisher and the subscribers in one Node process
-//     (tests/interop/faye_client_load.js).
+//     (bench/faye_client_load.js).
 // Every row runs the same load: deliveries/s 1->1 (MESSAGES published) and 1->4 (MESSAGES/4
 // published), at most WINDOW publishes unanswered; publish -> receive latency with one message
 // in flight (ROUNDS after a warm-up); client CPU seconds per 10,000 published messages over each
@@ -49,9 +49,9 @@
 #include <thread>
 #include <vector>
 
+#include "child_process.h"
 #include "connector/message_service.h"
 #include "latency.h"
-#include "node_process.h"
 
 #ifndef ORVALE_SOURCE_DIR
 #define ORVALE_SOURCE_DIR "."
@@ -562,7 +562,7 @@ Percentiles latency(const std::string& endpoint, int rounds, int warmUp) {
 }  // namespace ours
 
 // ---------------------------------------------------------------------------------------------
-// Faye's Node client, run by tests/interop/faye_client_load.js.
+// Faye's Node client, run by bench/faye_client_load.js.
 
 Phase phaseOf(const boost::json::object& object) {
     auto number = [&](const char* name) {
@@ -578,18 +578,19 @@ Phase phaseOf(const boost::json::object& object) {
 }
 
 Row fayeClient(const std::string& port, pid_t server, long messages, long window, int rounds) {
-    orvale::test::NodeProcess node(
-        "faye_client_load.js",
+    const auto node = orvale::test::startNode(
+        std::string(ORVALE_SOURCE_DIR) + "/bench/faye_client_load.js",
         {"http://127.0.0.1:" + port + "/bayeux", "--messages", std::to_string(messages), "--window",
          std::to_string(window), "--rounds", std::to_string(rounds), "--server-pid",
          std::to_string(server)},
         std::chrono::minutes(2));
+    const std::string line = *node->firstLine(std::chrono::seconds(0));
     boost::json::error_code ec;
-    const auto value = boost::json::parse(node.firstLine(), ec);
+    const auto value = boost::json::parse(line, ec);
     const auto* object = value.if_object();
     const auto* result = object ? object->if_contains("result") : nullptr;
     if (ec || !result || !result->is_string() || result->get_string() != "ok")
-        throw std::runtime_error("faye client: " + node.firstLine());
+        throw std::runtime_error("faye client: " + line);
     Row row{"faye.Client (Node)", phaseOf(object->at("oneToOne").as_object()),
             phaseOf(object->at("oneToFour").as_object()), std::nullopt};
     const auto& latency = object->at("latency").as_object();
@@ -664,9 +665,9 @@ int main(int argc, char** argv) {
     boost::log::core::get()->add_sink(
         boost::make_shared<boost::log::sinks::synchronous_sink<StderrBackend>>());
     try {
-        orvale::test::NodeProcess faye("faye_server.js", {"--timeout", "2"});
-        const std::string port = faye.firstLine();
-        const pid_t server = faye.pid();
+        const auto faye = orvale::test::startNode("faye_server.js", {"--timeout", "2"});
+        const std::string port = *faye->firstLine(std::chrono::seconds(0));
+        const pid_t server = faye->pid();
         const std::string endpoint = "ws://127.0.0.1:" + port + "/bayeux";
 
         if (orvaleOnly) {

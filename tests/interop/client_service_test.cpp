@@ -5,16 +5,15 @@
 
 #include <map>
 
+#include "child_process.h"
 #include "connector/message_service.h"
 #include "inbox.h"
 #include "log_capture.h"
-#include "node_process.h"
 
 namespace connector::message_service {
 namespace {
 
 using orvale::test::Inbox;
-using orvale::test::NodeProcess;
 using orvale::test::waitUntil;
 using namespace std::chrono_literals;
 
@@ -22,9 +21,8 @@ class ClientServiceWithFaye : public ::testing::Test {
   protected:
     void SetUp() override {
         ORVALE_REQUIRE_NODE();
-        faye = std::make_unique<NodeProcess>("faye_server.js",
-                                             std::vector<std::string>{"--timeout", "1"});
-        endpoint = "ws://127.0.0.1:" + faye->firstLine() + "/bayeux";
+        faye = orvale::test::startNode("faye_server.js", {"--timeout", "1"});
+        endpoint = "ws://127.0.0.1:" + *faye->firstLine(0s) + "/bayeux";
     }
 
     std::shared_ptr<MessageService> create(const std::string& name) {
@@ -34,7 +32,7 @@ class ClientServiceWithFaye : public ::testing::Test {
         return future.get();
     }
 
-    std::unique_ptr<NodeProcess> faye;
+    std::unique_ptr<orvale::test::ChildProcess> faye;
     std::string endpoint;
     std::shared_ptr<Context> context = makeContext();
     std::shared_ptr<MessageServiceFactoryDelegatorImpl> delegator =

@@ -82,11 +82,4 @@ inline std::vector<std::string> splitLines(const std::string& s) {
     return out;
 }
 
-inline std::unique_ptr<ChildProcess> node(const std::string& script,
-                                          std::vector<std::string> args) {
-    std::vector<std::string> argv{"node", interopScript(script)};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return std::make_unique<ChildProcess>(argv);
-}
-
 }  // namespace orvale::test

@@ -15,6 +15,9 @@
 //
 // Every line on stdout is a JSON object; the last is {"result":"ok",...} or
 // {"result":"error","message":...} (exit status 1). The whole run is bounded by 15 seconds.
+//
+// Required as a module (by bench/faye_client_load.js), it gives Faye, resolved from this folder's
+// packages, and the output helpers, and runs nothing.
 
 const faye = require('faye');
 
@@ -26,6 +29,10 @@ function fail(message) {
   print({result: 'error', message: String(message)});
   process.exit(1);
 }
+
+module.exports = {faye, print, fail};
+// A module's top level may return in Node's CommonJS: the scenarios run only as a script.
+if (require.main !== module) return;
 
 function parseArgs(argv) {
   const options = {only: null, apiKey: null, positional: []};

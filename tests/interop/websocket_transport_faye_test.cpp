@@ -1,28 +1,23 @@
 // The WebSocket transport and the codec against a real Faye server (Node.js): a whole Bayeux
-// session through the raw transport, a server that dies, wss:// with a CA made for the test, and
-// the failures of connecting.
+// session through the raw transport, and wss:// with a CA made for the test. A server that dies
+// is client_service_test.cpp's.
 
 #include "connector/bayeux/websocket_transport.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <signal.h>
 #include <stdlib.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <deque>
 #include <fstream>
 
 #include "bayeux/codec.h"
+#include "child_process.h"
 #include "log_capture.h"
-#include "node_process.h"
 
 namespace connector::bayeux {
 namespace {
 
-using orvale::test::NodeProcess;
+using orvale::test::ChildProcess;
 using orvale::test::waitUntil;
 using namespace std::chrono_literals;
 
@@ -122,10 +117,6 @@ struct Peer {
     }
 };
 
-WebSocketTransportOptions defaults() {
-    return {};
-}
-
 Future<MessagePtr> connectTo(const std::string& url, WebSocketTransportOptions options,
                              std::shared_ptr<Context>& context) {
     context = std::make_shared<Context>();
@@ -133,7 +124,7 @@ Future<MessagePtr> connectTo(const std::string& url, WebSocketTransportOptions o
     return context->deliver(webSocketTransportAddress(), std::make_unique<ConnectTransport>(url));
 }
 
-Peer open(const std::string& url, WebSocketTransportOptions options = defaults()) {
+Peer open(const std::string& url, WebSocketTransportOptions options = {}) {
     Peer peer;
     auto future = connectTo(url, options, peer.context);
     if (!future.waitFor(10s))
@@ -147,7 +138,7 @@ Peer open(const std::string& url, WebSocketTransportOptions options = defaults()
     return peer;
 }
 
-std::string connectError(const std::string& url, WebSocketTransportOptions options = defaults()) {
+std::string connectError(const std::string& url, WebSocketTransportOptions options = {}) {
     std::shared_ptr<Context> context;
     auto future = connectTo(url, options, context);
     if (!future.waitFor(15s))
@@ -164,15 +155,14 @@ bool startsWith(const std::string& text, const std::string& prefix) {
     return text.rfind(prefix, 0) == 0;
 }
 
-std::string fayeUrl(const NodeProcess& faye, const char* scheme = "ws",
-                    const char* host = "127.0.0.1") {
-    return std::string(scheme) + "://" + host + ":" + faye.firstLine() + "/bayeux";
+std::string fayeUrl(ChildProcess& faye, const char* scheme = "ws", const char* host = "127.0.0.1") {
+    return std::string(scheme) + "://" + host + ":" + *faye.firstLine(0s) + "/bayeux";
 }
 
 TEST(WebSocketTransportWithFaye, RunsAWholeBayeuxSession) {
     ORVALE_REQUIRE_NODE();
-    NodeProcess faye("faye_server.js", {"--timeout", "1"});
-    const std::string url = fayeUrl(faye);
+    auto faye = orvale::test::startNode("faye_server.js", {"--timeout", "1"});
+    const std::string url = fayeUrl(*faye);
     Peer a = open(url);
     Peer b = open(url);
     a.handshake();
@@ -255,19 +245,6 @@ TEST(WebSocketTransportWithFaye, RunsAWholeBayeuxSession) {
     EXPECT_EQ(rejected->getAdvice()->reconnect, "handshake");
 }
 
-TEST(WebSocketTransportWithFaye, ServerKilledMidSessionCompletesTheInboundStream) {
-    ORVALE_REQUIRE_NODE();
-    NodeProcess faye("faye_server.js", {"--timeout", "5"});
-    Peer a = open(fayeUrl(faye));
-    a.handshake();
-    a.send(std::make_unique<ConnectRequest>("websocket"));  // held by the server
-    auto done = a.inbound->done();
-    faye.kill(SIGKILL);
-    ASSERT_TRUE(waitUntil([&] { return a.inbox->completed.load(); }));
-    ASSERT_TRUE(done.waitFor(5s));
-    EXPECT_FALSE(done.get());
-}
-
 // A CA and a server certificate for "localhost" made with the openssl command line.
 class TestCertificates {
   public:
@@ -305,9 +282,9 @@ class TestCertificates {
 TEST(WebSocketTransportWithFaye, SecureWebSocketVerifiesTheServer) {
     ORVALE_REQUIRE_NODE();
     TestCertificates certificates;
-    NodeProcess faye("faye_server.js", {"--cert", certificates.cert(), "--key", certificates.key(),
-                                        "--timeout", "1"});
-    const std::string url = fayeUrl(faye, "wss", "localhost");
+    auto faye = orvale::test::startNode("faye_server.js", {"--cert", certificates.cert(), "--key",
+                                                           certificates.key(), "--timeout", "1"});
+    const std::string url = fayeUrl(*faye, "wss", "localhost");
 
     WebSocketTransportOptions trusting;
     trusting.caFile = certificates.ca();
@@ -325,7 +302,7 @@ TEST(WebSocketTransportWithFaye, SecureWebSocketVerifiesTheServer) {
     EXPECT_NE(untrusted.find("certificate verify failed"), std::string::npos) << untrusted;
 
     // The certificate names localhost, not the address.
-    const std::string byAddress = fayeUrl(faye, "wss", "127.0.0.1");
+    const std::string byAddress = fayeUrl(*faye, "wss", "127.0.0.1");
     const std::string mismatch = connectError(byAddress, trusting);
     EXPECT_TRUE(startsWith(mismatch, "Cannot connect to " + byAddress + ": ")) << mismatch;
     EXPECT_NE(mismatch.find("certificate verify failed"), std::string::npos) << mismatch;
@@ -341,34 +318,6 @@ TEST(WebSocketTransportWithFaye, SecureWebSocketVerifiesTheServer) {
     EXPECT_TRUE(
         startsWith(connectError(url, missing),
                    "Cannot connect to " + url + ": cannot load the CA file /nonexistent/ca.pem: "));
-}
-
-TEST(WebSocketTransportWithFaye, ConnectFailuresNameTheUrlAndTheCause) {
-    // A loopback port that was bound and released again: nothing listens there.
-    int port = 0;
-    {
-        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        ASSERT_EQ(::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length), 0);
-        port = ntohs(address.sin_port);
-        ::close(fd);
-    }
-    const std::string refused = "ws://127.0.0.1:" + std::to_string(port) + "/bayeux";
-    EXPECT_EQ(connectError(refused), "Cannot connect to " + refused + ": Connection refused");
-
-    const std::string unknownHost = "ws://nonexistent.invalid/bayeux";
-    const std::string unresolved = connectError(unknownHost);
-    EXPECT_TRUE(startsWith(unresolved, "Cannot connect to " + unknownHost + ": ")) << unresolved;
-    EXPECT_GT(unresolved.size(), ("Cannot connect to " + unknownHost + ": ").size());
-
-    EXPECT_EQ(connectError("bayeux.example/path"),
-              "Cannot connect to bayeux.example/path: the URL does not start with ws:// or wss://");
-    EXPECT_EQ(connectError("ws://127.0.0.1:99999/bayeux"),
-              "Cannot connect to ws://127.0.0.1:99999/bayeux: invalid port");
 }
 
 }  // namespace

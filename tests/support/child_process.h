@@ -1,12 +1,13 @@
 #pragma once
-// Child processes for the interop tests: `orvale` commands, Node scripts and redis-server.
-// stdout is read line by line on a thread of its own, stderr is kept whole; every wait is
-// bounded, and the destructor kills what is still running.
+// Child processes for the interop tests and the load benchmark: `orvale` commands, Node scripts
+// and redis-server. stdout is read line by line on a thread of its own, stderr is kept whole;
+// every wait is bounded, and the destructor kills what is still running.
 
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -196,6 +198,50 @@ inline std::string sourceDir() {
 
 inline std::string interopScript(const std::string& name) {
     return sourceDir() + "/tests/interop/" + name;
+}
+
+// Why the Node peers cannot run here (their npm packages are not installed), or nothing.
+inline std::optional<std::string> nodeUnavailable() {
+    const std::string modules = sourceDir() + "/tests/interop/node_modules";
+    for (const char* package : {"faye", "faye-redis", "cometd", "cometd-nodejs-client"}) {
+        struct stat info;
+        if (::stat((modules + "/" + package + "/package.json").c_str(), &info) != 0)
+            return "the npm package " + std::string(package) + " is not installed in " + modules;
+    }
+    return std::nullopt;
+}
+
+// Skips the test when the npm packages are missing; fails it in CI (CI set), where they must be.
+// For GoogleTest tests only.
+#define ORVALE_REQUIRE_NODE()                                                            \
+    do {                                                                                 \
+        if (auto orvaleWhyNot = ::orvale::test::nodeUnavailable()) {                     \
+            const char* orvaleCi = std::getenv("CI");                                    \
+            if (orvaleCi && *orvaleCi)                                                   \
+                FAIL() << *orvaleWhyNot;                                                 \
+            GTEST_SKIP() << *orvaleWhyNot << " (run scripts/bootstrap to install them)"; \
+        }                                                                                \
+    } while (0)
+
+// `node <script> args...`, where a script without a folder is one of tests/interop.
+inline std::unique_ptr<ChildProcess> node(const std::string& script,
+                                          std::vector<std::string> args) {
+    std::vector<std::string> argv{
+        "node", script.find('/') == std::string::npos ? interopScript(script) : script};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return std::make_unique<ChildProcess>(argv);
+}
+
+// A Node peer that announces readiness with its first stdout line (a server prints its port);
+// throws when that line does not come within `timeout`.
+inline std::unique_ptr<ChildProcess> startNode(
+    const std::string& script, std::vector<std::string> args,
+    std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+    auto child = node(script, std::move(args));
+    if (!child->firstLine(timeout))
+        throw std::runtime_error("node " + script + " printed no line within " +
+                                 std::to_string(timeout.count()) + " ms: " + child->errors());
+    return child;
 }
 
 }  // namespace orvale::test

@@ -18,16 +18,9 @@
 // The whole run is bounded by two minutes.
 
 const fs = require('fs');
-const faye = require('faye');
-
-function print(object) {
-  process.stdout.write(JSON.stringify(object) + '\n');
-}
-
-function fail(message) {
-  print({result: 'error', message: String(message)});
-  process.exit(1);
-}
+const path = require('path');
+// Faye comes from the npm packages of the interop tests, with the shared output helpers.
+const {faye, print, fail} = require(path.join(__dirname, '../tests/interop/faye_client.js'));
 
 function parseArgs(argv) {
   const options = {url: null, messages: 40000, window: 500, rounds: 5000, serverPid: null};
