@@ -6,7 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <string>
+#include <typeinfo>
 
 #include "bayeux/json_text.h"
 
@@ -25,24 +27,6 @@ const T& as(const std::unique_ptr<BayeuxMessage>& message) {
     return *typed;
 }
 
-template <class T>
-void setCommon(T& message) {
-    message.setId("17");
-    message.setClientId("client-1");
-    message.setExt(R"({"auth":{"token":"t"}})");
-    message.setAdvice(Advice{"retry", 0, 30000});
-}
-
-void expectCommon(const BayeuxMessage& message) {
-    EXPECT_EQ(message.getId(), "17");
-    EXPECT_EQ(message.getClientId(), "client-1");
-    EXPECT_EQ(message.getExt(), R"({"auth":{"token":"t"}})");
-    ASSERT_TRUE(message.getAdvice().has_value());
-    EXPECT_EQ(message.getAdvice()->reconnect, "retry");
-    EXPECT_EQ(message.getAdvice()->interval, 0);
-    EXPECT_EQ(message.getAdvice()->timeout, 30000);
-}
-
 // Decodes one message and checks it came back alone and without complaint.
 std::unique_ptr<BayeuxMessage> single(codec::Decoded decoded) {
     EXPECT_TRUE(decoded.errors.empty()) << decoded.errors.front();
@@ -52,115 +36,61 @@ std::unique_ptr<BayeuxMessage> single(codec::Decoded decoded) {
     return std::move(decoded.messages.front());
 }
 
-TEST(BayeuxCodec, RequestsRoundTripThroughTheClientDecoder) {
-    HandshakeRequest handshake("1.0", "1.0", {"websocket", "long-polling"});
-    setCommon(handshake);
-    auto h = single(decodeFromClient(encode(handshake)));
-    ASSERT_TRUE(h);
-    expectCommon(*h);
-    EXPECT_EQ(as<HandshakeRequest>(h).getVersion(), "1.0");
-    EXPECT_EQ(as<HandshakeRequest>(h).getMinimumVersion(), "1.0");
-    EXPECT_EQ(as<HandshakeRequest>(h).getSupportedConnectionTypes(),
-              (std::vector<std::string>{"websocket", "long-polling"}));
-
-    ConnectRequest connect("websocket");
-    setCommon(connect);
-    auto c = single(decodeFromClient(encode(connect)));
-    ASSERT_TRUE(c);
-    expectCommon(*c);
-    EXPECT_EQ(as<ConnectRequest>(c).getConnectionType(), "websocket");
-
-    DisconnectRequest disconnect("client-1");
-    setCommon(disconnect);
-    auto d = single(decodeFromClient(encode(disconnect)));
-    ASSERT_TRUE(d);
-    expectCommon(*d);
-    EXPECT_EQ(d->kind(), Kind::DisconnectRequest);
-
-    SubscribeRequest subscribe("/orvale/**", "client-1");
-    setCommon(subscribe);
-    auto s = single(decodeFromClient(encode(subscribe)));
-    ASSERT_TRUE(s);
-    expectCommon(*s);
-    EXPECT_EQ(as<SubscribeRequest>(s).getChannel(), "/orvale/**");
-
-    UnsubscribeRequest unsubscribe("/orvale/*", "client-1");
-    setCommon(unsubscribe);
-    auto u = single(decodeFromClient(encode(unsubscribe)));
-    ASSERT_TRUE(u);
-    expectCommon(*u);
-    EXPECT_EQ(as<UnsubscribeRequest>(u).getChannel(), "/orvale/*");
-
-    PublishRequest publish("/orvale/news", std::string(R"({"text":"hi","n":[1,2.5,null,true]})"));
-    setCommon(publish);
-    auto p = single(decodeFromClient(encode(publish)));
-    ASSERT_TRUE(p);
-    expectCommon(*p);
-    EXPECT_EQ(as<PublishRequest>(p).getChannel(), "/orvale/news");
-    EXPECT_EQ(as<PublishRequest>(p).getJson(), R"({"text":"hi","n":[1,2.5,null,true]})");
+template <class T, class... Args>
+std::function<std::unique_ptr<BayeuxMessage>()> make(Args... args) {
+    return [=] { return std::make_unique<T>(args...); };
 }
 
-TEST(BayeuxCodec, ResponsesRoundTripThroughTheServerDecoder) {
-    HandshakeResponse handshake;
-    setCommon(handshake);
-    handshake.setVersion("1.0");
-    handshake.setSupportedConnectionTypes({"websocket"});
-    auto h = single(decodeFromServer(encode(handshake)));
-    ASSERT_TRUE(h);
-    expectCommon(*h);
-    EXPECT_TRUE(as<HandshakeResponse>(h).isSuccessful());
-    EXPECT_EQ(as<HandshakeResponse>(h).getVersion(), "1.0");
-    EXPECT_EQ(as<HandshakeResponse>(h).getSupportedConnectionTypes(),
-              std::vector<std::string>{"websocket"});
-
-    ConnectStreamResponse connect;
-    setCommon(connect);
-    auto c = single(decodeFromServer(encode(connect)));
-    ASSERT_TRUE(c);
-    expectCommon(*c);
-    EXPECT_EQ(c->kind(), Kind::ConnectResponse);
-    EXPECT_NE(dynamic_cast<const ConnectStreamResponse*>(c.get()), nullptr);
-
-    DisconnectResponse disconnect;
-    setCommon(disconnect);
-    auto d = single(decodeFromServer(encode(disconnect)));
-    ASSERT_TRUE(d);
-    expectCommon(*d);
-    EXPECT_EQ(d->kind(), Kind::DisconnectResponse);
-
-    SubscribeResponse subscribe("/orvale/a", "client-1");
-    setCommon(subscribe);
-    subscribe.setSuccessful(false);
-    subscribe.setError("403:/orvale/a:Forbidden");
-    auto s = single(decodeFromServer(encode(subscribe)));
-    ASSERT_TRUE(s);
-    expectCommon(*s);
-    EXPECT_EQ(as<SubscribeResponse>(s).getChannel(), "/orvale/a");
-    EXPECT_FALSE(as<SubscribeResponse>(s).isSuccessful());
-    EXPECT_EQ(as<SubscribeResponse>(s).getError(), "403:/orvale/a:Forbidden");
-
-    UnsubscribeResponse unsubscribe("/orvale/b", "client-1");
-    setCommon(unsubscribe);
-    auto u = single(decodeFromServer(encode(unsubscribe)));
-    ASSERT_TRUE(u);
-    expectCommon(*u);
-    EXPECT_EQ(as<UnsubscribeResponse>(u).getChannel(), "/orvale/b");
-
-    PublishResponse published("/orvale/news");
-    setCommon(published);
-    auto p = single(decodeFromServer(encode(published)));
-    ASSERT_TRUE(p);
-    expectCommon(*p);
-    EXPECT_EQ(as<PublishResponse>(p).getChannel(), "/orvale/news");
-    EXPECT_TRUE(as<PublishResponse>(p).isSuccessful());
-
-    // What a server delivers to a subscriber is a publish request without `successful`.
-    PublishRequest delivered("/orvale/news", std::string("\"plain text\""));
-    setCommon(delivered);
-    auto r = single(decodeFromServer(encode(delivered)));
-    ASSERT_TRUE(r);
-    expectCommon(*r);
-    EXPECT_EQ(as<PublishRequest>(r).getJson(), "\"plain text\"");
+// Every message class with every common field set comes back as the same class and encodes to
+// the same frame: requests through the client decoder, responses and deliveries through the
+// server one.
+TEST(BayeuxCodec, EveryMessageRoundTrips) {
+    using Strings = std::vector<std::string>;
+    const std::pair<std::function<std::unique_ptr<BayeuxMessage>()>, bool> cases[] = {
+        {make<HandshakeRequest>("1.0", "1.0", Strings{"websocket", "long-polling"}), false},
+        {make<ConnectRequest>("websocket"), false},
+        {make<DisconnectRequest>("client-1"), false},
+        {make<SubscribeRequest>("/orvale/**", "client-1"), false},
+        {make<UnsubscribeRequest>("/orvale/*", "client-1"), false},
+        {make<PublishRequest>("/orvale/news", std::string(R"({"text":"hi","n":[1,2.5,null]})")),
+         false},
+        {[] {
+             auto h = std::make_unique<HandshakeResponse>();
+             h->setVersion("1.0");
+             h->setSupportedConnectionTypes({"websocket"});
+             return h;
+         },
+         true},
+        {make<ConnectStreamResponse>(), true},
+        {make<DisconnectResponse>(), true},
+        {[] {
+             auto s = std::make_unique<SubscribeResponse>("/orvale/a", "client-1");
+             s->setSuccessful(false);
+             s->setError("403:/orvale/a:Forbidden");
+             return s;
+         },
+         true},
+        {make<UnsubscribeResponse>("/orvale/b", "client-1"), true},
+        {make<PublishResponse>("/orvale/news"), true},
+        // What a server delivers to a subscriber is a publish request without `successful`.
+        {make<PublishRequest>("/orvale/news", std::string("\"plain text\"")), true},
+    };
+    for (const auto& [factory, fromServer] : cases) {
+        auto original = factory();
+        original->setId("17");
+        original->setClientId("client-1");
+        original->setExt(R"({"auth":{"token":"t"}})");
+        original->setAdvice(Advice{"retry", 0, 30000});
+        const std::string frame = encode(*original);
+        SCOPED_TRACE(frame);
+        auto decoded = single(fromServer ? decodeFromServer(frame) : decodeFromClient(frame));
+        ASSERT_TRUE(decoded);
+        EXPECT_EQ(decoded->kind(), original->kind());
+        EXPECT_EQ(typeid(*decoded), typeid(*original));
+        EXPECT_EQ(encode(*decoded), frame);
+        ASSERT_TRUE(decoded->getAdvice());
+        EXPECT_EQ(decoded->getAdvice()->timeout, 30000);
+    }
 }
 
 TEST(BayeuxCodec, EncodingOmitsEmptyFieldsAndInsertsJsonTextAsItIs) {
@@ -168,21 +98,16 @@ TEST(BayeuxCodec, EncodingOmitsEmptyFieldsAndInsertsJsonTextAsItIs) {
     connect.setClientId("c1");
     EXPECT_EQ(encode(connect),
               R"([{"channel":"/meta/connect","clientId":"c1","connectionType":"websocket"}])");
-
     PublishRequest publish("/a", std::string(R"({"x" : [ 1 ]})"));
     publish.setExt(R"({"k":1})");
     EXPECT_EQ(encode(publish), R"([{"channel":"/a","data":{"x" : [ 1 ]},"ext":{"k":1}}])");
-
-    PublishRequest empty("/a", std::string());
-    EXPECT_EQ(encode(empty), R"([{"channel":"/a","data":null}])");
-
+    EXPECT_EQ(encode(PublishRequest("/a", std::string())), R"([{"channel":"/a","data":null}])");
     DisconnectResponse failed;
     failed.setSuccessful(false);
     failed.setAdvice(Advice{"none", -1, -1});
     EXPECT_EQ(
         encode(failed),
         R"([{"channel":"/meta/disconnect","successful":false,"advice":{"reconnect":"none"}}])");
-
     SubscribeRequest a("/a", "c"), b("/b", "c");
     EXPECT_EQ(encode({&a, nullptr, &b}),
               R"([{"channel":"/meta/subscribe","clientId":"c","subscription":"/a"},)"
@@ -245,10 +170,16 @@ TEST(BayeuxCodec, DataAndExtKeepTheirSourceText) {
     EXPECT_EQ(as<PublishRequest>(escaped).getJson(), "[true]");
     EXPECT_EQ(escaped->getExt(), "{}");
 
-    // A single object rather than an array is scanned the same way.
-    auto single_object = single(decodeFromServer(R"(  {"data":"\"}\\","channel":"/y"}  )"));
-    ASSERT_TRUE(single_object);
-    EXPECT_EQ(as<PublishRequest>(single_object).getJson(), R"("\"}\\")");
+    // A single object rather than an array is scanned the same way; an integer id is a string.
+    auto object = single(decodeFromServer(R"(  {"data":"\"}\\","channel":"/y","id":42}  )"));
+    ASSERT_TRUE(object);
+    EXPECT_EQ(as<PublishRequest>(object).getJson(), R"("\"}\\")");
+    EXPECT_EQ(object->getId(), "42");
+    // A subscription array keeps its first pattern.
+    auto s =
+        single(decodeFromClient(R"([{"channel":"/meta/subscribe","subscription":["/a","/b"]}])"));
+    ASSERT_TRUE(s);
+    EXPECT_EQ(as<SubscribeRequest>(s).getChannel(), "/a");
 }
 
 // Frames as Faye 1.4.3 sends them over WebSocket.
@@ -279,132 +210,82 @@ TEST(BayeuxCodec, DecodesFayeReplies) {
     const auto& m = decoded.messages;
     EXPECT_EQ(as<SubscribeResponse>(m[0]).getChannel(), "/orvale/a");
     EXPECT_EQ(as<SubscribeResponse>(m[1]).getChannel(), "/orvale/b");
-    EXPECT_FALSE(as<SubscribeResponse>(m[2]).isSuccessful());
     EXPECT_EQ(as<SubscribeResponse>(m[2]).getError(), "405:/orvale/a b:Invalid channel");
     EXPECT_EQ(as<ConnectStreamResponse>(m[3]).getError(), "401:bogus123:Unknown client");
     EXPECT_EQ(m[3]->getAdvice()->reconnect, "handshake");
     EXPECT_EQ(m[3]->getAdvice()->interval, -1);
     EXPECT_EQ(as<PublishResponse>(m[4]).getChannel(), "/orvale/a");
-    EXPECT_EQ(m[4]->getId(), "6");
     EXPECT_EQ(as<PublishResponse>(m[5]).getChannel(), "/meta/foo");
     EXPECT_EQ(as<UnsubscribeResponse>(m[6]).getChannel(), "/orvale/zz");
     EXPECT_TRUE(as<ConnectStreamResponse>(m[7]).isSuccessful());
     EXPECT_EQ(m[8]->kind(), Kind::DisconnectResponse);
-
-    // Faye's deliveries carry the publisher's id and ext.
-    auto delivery = single(
-        decodeFromServer(R"([{"channel":"/orvale/a","data":{"x":1},"id":"6","ext":{"e":1}}])"));
-    ASSERT_TRUE(delivery);
-    EXPECT_EQ(delivery->kind(), Kind::PublishRequest);
-    EXPECT_EQ(delivery->getId(), "6");
-    EXPECT_EQ(delivery->getExt(), R"({"e":1})");
-    EXPECT_EQ(as<PublishRequest>(delivery).getJson(), R"({"x":1})");
-}
-
-TEST(BayeuxCodec, AcceptsASingleObjectAndIntegerIds) {
-    auto h = single(decodeFromClient(
-        R"({"channel":"/meta/handshake","id":42,"version":"1.0","supportedConnectionTypes":["websocket"]})"));
-    ASSERT_TRUE(h);
-    EXPECT_EQ(h->getId(), "42");
-    EXPECT_EQ(h->kind(), Kind::HandshakeRequest);
 }
 
 TEST(BayeuxCodec, UndecodableFramesGiveErrorsNotMessages) {
-    for (const char* frame : {"", "[", "{\"channel\":", "42", "\"text\"", "null", "[1,2]x",
-                              "[{\"channel\":\"/a\",\"data\":1},]", "\xff\xfe", "[\"\xc3\"]"}) {
-        auto server = decodeFromServer(frame);
-        auto client = decodeFromClient(frame);
-        EXPECT_TRUE(server.messages.empty()) << frame;
-        EXPECT_TRUE(client.messages.empty()) << frame;
-        EXPECT_FALSE(server.errors.empty()) << frame;
-        EXPECT_FALSE(client.errors.empty()) << frame;
-    }
-
     std::string deep =
         R"([{"channel":"/a","data":)" + std::string(200, '[') + std::string(200, ']') + "}]";
-    auto nested = decodeFromServer(deep);
-    EXPECT_TRUE(nested.messages.empty());
-    ASSERT_EQ(nested.errors.size(), 1u);
-
     std::string huge = R"([{"channel":"/a","data":")" + std::string(65 << 20, 'x') + "\"}]";
-    auto big = decodeFromServer(huge);
-    EXPECT_TRUE(big.messages.empty());
-    ASSERT_EQ(big.errors.size(), 1u);
-    EXPECT_NE(big.errors[0].find("exceeds"), std::string::npos);
+    for (const std::string& frame :
+         {std::string(), std::string("["), std::string("{\"channel\":"), std::string("42"),
+          std::string("\"text\""), std::string("null"), std::string("[1,2]x"),
+          std::string("[{\"channel\":\"/a\",\"data\":1},]"), std::string("\xff\xfe"),
+          std::string("[\"\xc3\"]"), deep, huge}) {
+        for (auto* decode : {&decodeFromServer, &decodeFromClient}) {
+            auto decoded = decode(frame);
+            EXPECT_TRUE(decoded.messages.empty()) << frame.substr(0, 40);
+            EXPECT_EQ(decoded.errors.size(), 1u) << frame.substr(0, 40);
+        }
+    }
 }
 
+// A bad element costs only itself: the good messages either side of it survive, and the one
+// error names what was wrong.
 TEST(BayeuxCodec, MistypedOrMissingFieldsAreReportedPerElement) {
     struct Case {
+        bool fromServer;
         const char* element;
         const char* problem;
     };
-    const Case serverCases[] = {
-        {R"(17)", "message 1: not an object"},
-        {R"({"successful":true})", "message 1: missing channel"},
-        {R"({"channel":5,"successful":true})", "message 1: channel is not a string"},
-        {R"({"channel":"nochannel","data":1})",
-         "message 1: channel 'nochannel' is not a channel name"},
-        {R"({"channel":"/meta/connect","successful":"yes"})",
-         "message 1: successful is not a boolean"},
-        {R"({"channel":"/meta/connect","successful":true,"id":{}})", "message 1: id is neither"},
-        {R"({"channel":"/meta/connect","successful":true,"clientId":7})",
-         "message 1: clientId is not a string"},
-        {R"({"channel":"/meta/connect","successful":true,"error":false})",
-         "message 1: error is not a string"},
-        {R"({"channel":"/meta/connect","successful":true,"advice":1})",
-         "message 1: advice is not an object"},
-        {R"({"channel":"/meta/connect","successful":true,"advice":{"timeout":"x"}})",
-         "message 1: advice.timeout is not a number"},
-        {R"({"channel":"/meta/connect","successful":true,"ext":[]})",
-         "message 1: ext is not an object"},
-        {R"({"channel":"/meta/handshake","successful":true,"supportedConnectionTypes":[1]})",
-         "message 1: supportedConnectionTypes holds"},
-        {R"({"channel":"/meta/subscribe","successful":true,"subscription":3})",
-         "message 1: subscription is neither"},
-        {R"({"channel":"/meta/connect"})", "message 1: message on /meta/connect has no successful"},
-        {R"({"channel":"/orvale/a"})", "message 1: message on /orvale/a has neither"},
+    const Case cases[] = {
+        {true, R"(17)", "not an object"},
+        {true, R"({"successful":true})", "missing channel"},
+        {true, R"({"channel":5,"successful":true})", "channel is not a string"},
+        {true, R"({"channel":"nochannel","data":1})", "is not a channel name"},
+        {true, R"({"channel":"/meta/connect","successful":"yes"})", "successful is not"},
+        {true, R"({"channel":"/meta/connect","successful":true,"id":{}})", "id is neither"},
+        {true, R"({"channel":"/meta/connect","successful":true,"clientId":7})", "clientId is not"},
+        {true, R"({"channel":"/meta/connect","successful":true,"error":false})", "error is not"},
+        {true, R"({"channel":"/meta/connect","successful":true,"advice":1})", "advice is not"},
+        {true, R"({"channel":"/meta/connect","successful":true,"advice":{"timeout":"x"}})",
+         "advice.timeout is not"},
+        {true, R"({"channel":"/meta/connect","successful":true,"ext":[]})", "ext is not"},
+        {true, R"({"channel":"/meta/handshake","successful":true,"supportedConnectionTypes":[1]})",
+         "supportedConnectionTypes holds"},
+        {true, R"({"channel":"/meta/subscribe","successful":true,"subscription":3})",
+         "subscription is neither"},
+        {true, R"({"channel":"/meta/connect"})", "has no successful"},
+        {true, R"({"channel":"/orvale/a"})", "has neither"},
+        {false, R"({"channel":"/meta/subscribe","clientId":"c"})", "missing subscription"},
+        {false, R"({"channel":"/meta/subscribe","subscription":[]})", "is an empty array"},
+        {false, R"({"channel":"/meta/unsubscribe","subscription":[1]})", "subscription holds"},
+        // Found by the fuzzer: an empty pattern was accepted, and encoding then left it out.
+        {false, R"({"channel":"/meta/subscribe","subscription":""})", "subscription is empty"},
+        {false, R"({"channel":"/meta/unsubscribe","subscription":[""]})", "subscription is empty"},
+        {false, R"({"channel":"/meta/bogus"})", "unknown meta channel"},
+        {false, R"({"channel":"/orvale/a","clientId":"c"})", "missing data"},
+        {false, R"({"channel":"/meta/connect","connectionType":1})", "connectionType is not"},
+        {false, R"({"channel":"/meta/handshake","supportedConnectionTypes":"websocket"})",
+         "supportedConnectionTypes is not"},
     };
-    for (const auto& c : serverCases) {
-        // A good message either side of the bad one shows that the rest of the frame survives.
+    for (const auto& c : cases) {
         const std::string frame = std::string(R"([{"channel":"/ok","data":1},)") + c.element +
                                   R"(,{"channel":"/ok2","data":2}])";
-        auto decoded = decodeFromServer(frame);
+        auto decoded = c.fromServer ? decodeFromServer(frame) : decodeFromClient(frame);
         ASSERT_EQ(decoded.messages.size(), 2u) << c.element;
-        EXPECT_EQ(decoded.messages[0]->bayeuxChannel(), "/ok");
         EXPECT_EQ(decoded.messages[1]->bayeuxChannel(), "/ok2");
         ASSERT_EQ(decoded.errors.size(), 1u) << c.element;
-        EXPECT_EQ(decoded.errors[0].rfind(c.problem, 0), 0u) << decoded.errors[0];
+        EXPECT_NE(decoded.errors[0].find(c.problem), std::string::npos) << decoded.errors[0];
     }
-
-    const Case clientCases[] = {
-        {R"({"channel":"/meta/subscribe","clientId":"c"})", "message 0: missing subscription"},
-        {R"({"channel":"/meta/subscribe","subscription":[]})",
-         "message 0: subscription is an empty array"},
-        {R"({"channel":"/meta/unsubscribe","subscription":[1]})", "message 0: subscription holds"},
-        // Found by the fuzzer: an empty pattern was accepted, and encoding then left it out.
-        {R"({"channel":"/meta/subscribe","subscription":""})", "message 0: subscription is empty"},
-        {R"({"channel":"/meta/unsubscribe","subscription":[""]})",
-         "message 0: subscription is empty"},
-        {R"({"channel":"/meta/bogus"})", "message 0: unknown meta channel /meta/bogus"},
-        {R"({"channel":"/orvale/a","clientId":"c"})", "message 0: missing data"},
-        {R"({"channel":"/meta/connect","connectionType":1})",
-         "message 0: connectionType is not a string"},
-        {R"({"channel":"/meta/handshake","supportedConnectionTypes":"websocket"})",
-         "message 0: supportedConnectionTypes is not an array"},
-    };
-    for (const auto& c : clientCases) {
-        auto decoded = decodeFromClient(std::string("[") + c.element + "]");
-        EXPECT_TRUE(decoded.messages.empty()) << c.element;
-        ASSERT_EQ(decoded.errors.size(), 1u) << c.element;
-        EXPECT_EQ(decoded.errors[0].rfind(c.problem, 0), 0u) << decoded.errors[0];
-    }
-}
-
-TEST(BayeuxCodec, SubscriptionArraysKeepTheFirstPattern) {
-    auto s =
-        single(decodeFromClient(R"([{"channel":"/meta/subscribe","subscription":["/a","/b"]}])"));
-    ASSERT_TRUE(s);
-    EXPECT_EQ(as<SubscribeRequest>(s).getChannel(), "/a");
 }
 
 TEST(BayeuxCodec, ExtMembersAreSetWithoutLosingTheOthers) {
@@ -416,10 +297,6 @@ TEST(BayeuxCodec, ExtMembersAreSetWithoutLosingTheOthers) {
     // Rewritten members keep their values: found by the fuzzer, "-0" read back as integer 0.
     EXPECT_EQ(codec::withExtMember(R"({"z":-0.0,"n":[1.5,-3,1e400]})", "k", "1"),
               R"({"z":-0.0,"n":[1.5,-3,null],"k":1})");
-
-    std::string quoted;
-    codec::appendQuoted(quoted, "a\"b");
-    EXPECT_EQ(quoted, R"("a\"b")");
 }
 
 }  // namespace
