@@ -1,6 +1,7 @@
 // The Bayeux endpoint against raw WebSocket and HTTP clients written over Boost.Beast, with
-// server services on the same in-process server: the protocol as remote clients see it over
-// both transports, its errors, its limits, and the sessions as the server sees them.
+// server services on the same in-process server: the protocol as remote clients see it, its
+// errors, its limits, TLS, and the sessions as the server sees them. Long-polling has its own
+// file, http_link_test.cpp.
 
 #include "connector/bayeux/endpoint.h"
 
@@ -11,165 +12,11 @@
 #include <boost/beast/websocket/ssl.hpp>
 #include <cstdlib>
 #include <filesystem>
-#include <mutex>
 
-#include "connector/message_service.h"
 #include "endpoint_clients.h"
-#include "log_capture.h"
 
-namespace connector::bayeux {
+namespace connector::bayeux::endpoint_test {
 namespace {
-
-using namespace std::chrono_literals;
-using message_service::JsonMessage;
-using message_service::MessageService;
-using orvale::test::HttpReply;
-using orvale::test::LogCapture;
-using orvale::test::onChannel;
-using orvale::test::RawHttp;
-using orvale::test::RawWebSocket;
-using orvale::test::str;
-using orvale::test::waitUntil;
-using orvale::test::withId;
-namespace json = boost::json;
-
-// ---------------------------------------------------------------------------------------------
-// Bayeux frames as clients send them.
-
-std::string quote(const std::string& text) {
-    return json::serialize(json::value(json::string_view(text.data(), text.size())));
-}
-
-std::string handshake(const std::string& id, const std::string& ext = "") {
-    return R"([{"channel":"/meta/handshake","id":")" + id +
-           R"(","version":"1.0","minimumVersion":"1.0","supportedConnectionTypes":["websocket","long-polling"])" +
-           (ext.empty() ? "" : ",\"ext\":" + ext) + "}]";
-}
-
-std::string connect(const std::string& clientId, const std::string& id, int timeout = -1,
-                    const std::string& type = "websocket") {
-    return R"([{"channel":"/meta/connect","clientId":)" + quote(clientId) + R"(,"id":")" + id +
-           R"(","connectionType":")" + type + "\"" +
-           (timeout >= 0 ? ",\"advice\":{\"timeout\":" + std::to_string(timeout) + "}" : "") + "}]";
-}
-
-std::string subscription(const char* meta, const std::string& clientId, const std::string& id,
-                         const std::string& channel) {
-    return std::string(R"([{"channel":")") + meta + R"(","clientId":)" + quote(clientId) +
-           R"(,"id":")" + id + R"(","subscription":)" + quote(channel) + "}]";
-}
-
-std::string subscribe(const std::string& clientId, const std::string& id,
-                      const std::string& channel) {
-    return subscription("/meta/subscribe", clientId, id, channel);
-}
-
-std::string unsubscribe(const std::string& clientId, const std::string& id,
-                        const std::string& channel) {
-    return subscription("/meta/unsubscribe", clientId, id, channel);
-}
-
-std::string publish(const std::string& clientId, const std::string& id, const std::string& channel,
-                    const std::string& data) {
-    return R"([{"channel":)" + quote(channel) + R"(,"clientId":)" + quote(clientId) + R"(,"id":")" +
-           id + R"(","data":)" + data + "}]";
-}
-
-std::string disconnect(const std::string& clientId, const std::string& id) {
-    return R"([{"channel":"/meta/disconnect","clientId":)" + quote(clientId) + R"(,"id":")" + id +
-           "\"}]";
-}
-
-bool successful(const std::optional<json::object>& message) {
-    if (!message)
-        return false;
-    const json::value* v = message->if_contains("successful");
-    return v && v->is_bool() && v->get_bool();
-}
-
-std::string error(const std::optional<json::object>& message) {
-    return message ? str(*message, "error") : "(no reply)";
-}
-
-std::string advice(const std::optional<json::object>& message, const char* field) {
-    if (!message || !message->contains("advice"))
-        return "";
-    return json::serialize(message->at("advice").as_object().contains(field)
-                               ? message->at("advice").at(field)
-                               : json::value());
-}
-
-bool isDelivery(const json::object& m) {
-    return m.contains("data") && !m.contains("successful");
-}
-
-std::optional<json::object> find(const std::vector<json::object>& messages,
-                                 const std::function<bool(const json::object&)>& predicate) {
-    for (const auto& m : messages)
-        if (predicate(m))
-            return m;
-    return std::nullopt;
-}
-
-// ---------------------------------------------------------------------------------------------
-
-// Collects what a server service hears, from any thread.
-struct Heard {
-    void add(std::string item) {
-        std::lock_guard<std::mutex> lock(mutex);
-        items.push_back(std::move(item));
-    }
-    std::vector<std::string> snapshot() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return items;
-    }
-    bool has(const std::string& item) {
-        auto all = snapshot();
-        return std::find(all.begin(), all.end(), item) != all.end();
-    }
-    std::mutex mutex;
-    std::vector<std::string> items;
-};
-
-class EndpointTest : public ::testing::Test {
-  protected:
-    static EndpointOptions defaults() {
-        EndpointOptions options;
-        options.connectTimeout = 20s;
-        options.sessionTimeout = 30s;
-        return options;
-    }
-
-    void start(EndpointOptions options = defaults()) {
-        endpoint = startBayeuxEndpoint(server, std::move(options));
-        port = endpoint->port();
-    }
-
-    std::string open(RawWebSocket& ws) {
-        auto reply = ws.call(handshake("hs"), "hs");
-        return successful(reply) ? str(*reply, "clientId") : std::string();
-    }
-
-    std::string open(RawHttp& http) {
-        auto reply = http.post(handshake("hs"));
-        if (!reply || reply->status != 200)
-            return {};
-        auto messages = reply->messages();
-        return messages.size() == 1 && successful(messages[0]) ? str(messages[0], "clientId")
-                                                               : std::string();
-    }
-
-    std::shared_ptr<MessageService> service(const std::string& name) {
-        return services->createMessageService(name, {}).get();
-    }
-
-    // One delivery thread: what a session is handed follows publication order across sessions.
-    std::shared_ptr<BayeuxServer> server = makeBayeuxServer(BayeuxServerOptions{1});
-    std::unique_ptr<BayeuxEndpoint> endpoint;
-    std::uint16_t port = 0;
-    std::shared_ptr<message_service::MessageServiceFactoryServerDelegate> services =
-        std::make_shared<message_service::MessageServiceFactoryServerDelegate>(server);
-};
 
 // ---------------------------------------------------------------------------------------------
 
@@ -252,132 +99,6 @@ TEST_F(EndpointTest, WhatFollowsADisconnectInItsFrameIsFromAnUnknownClient) {
     auto late = ws.await(withId("p2"));
     EXPECT_FALSE(successful(late));
     EXPECT_EQ(error(late), "402::Unknown client");
-}
-
-TEST_F(EndpointTest, LongPollingSessionAndHeldConnects) {
-    start();
-    RawHttp poll(port);
-    RawHttp other(port);
-    const std::string id = open(poll);
-    ASSERT_FALSE(id.empty());
-    auto subscribed = other.post(subscribe(id, "2", "/lp"));
-    ASSERT_TRUE(subscribed);
-    EXPECT_EQ(subscribed->status, 200u);
-    ASSERT_TRUE(successful(subscribed->messages().at(0)));
-
-    // A connect that finds nothing waiting is held until a delivery releases it.
-    poll.start(connect(id, "3", -1, "long-polling"));
-    auto published = other.post(publish(id, "4", "/lp", "\"hello\""));
-    ASSERT_TRUE(published);
-    EXPECT_TRUE(successful(published->messages().at(0)));
-    auto released = poll.finish();
-    ASSERT_TRUE(released);
-    auto messages = released->messages();
-    ASSERT_EQ(messages.size(), 2u) << released->body;
-    EXPECT_EQ(str(messages[0], "channel"), "/lp");
-    EXPECT_EQ(json::serialize(messages[0].at("data")), "\"hello\"");
-    EXPECT_EQ(str(messages[1], "channel"), "/meta/connect");
-    EXPECT_EQ(str(messages[1], "id"), "3");
-    EXPECT_TRUE(successful(messages[1]));
-
-    // Several deliveries come with one connect answer.
-    ASSERT_TRUE(other.post(publish(id, "5", "/lp", "1")));
-    ASSERT_TRUE(other.post(publish(id, "6", "/lp", "2")));
-    std::vector<std::string> data;
-    for (int round = 0; round < 3 && data.size() < 2; ++round) {
-        auto answer = poll.post(connect(id, "c" + std::to_string(round), -1, "long-polling"));
-        ASSERT_TRUE(answer);
-        for (const auto& m : answer->messages())
-            if (isDelivery(m))
-                data.push_back(json::serialize(m.at("data")));
-    }
-    EXPECT_EQ(data, (std::vector<std::string>{"1", "2"}));
-
-    // Unsubscribed, the client gets only what it still subscribes to.
-    auto unsubscribed = other.post(unsubscribe(id, "u", "/lp"));
-    ASSERT_TRUE(unsubscribed);
-    EXPECT_TRUE(successful(unsubscribed->messages().at(0)));
-    EXPECT_EQ(str(unsubscribed->messages().at(0), "subscription"), "/lp");
-    ASSERT_TRUE(successful(other.post(subscribe(id, "s", "/lp2"))->messages().at(0)));
-    ASSERT_TRUE(other.post(publish(id, "p1", "/lp", "\"gone\"")));
-    ASSERT_TRUE(other.post(publish(id, "p2", "/lp2", "\"kept\"")));
-    auto only = poll.post(connect(id, "c", -1, "long-polling"));
-    ASSERT_TRUE(only);
-    auto first = find(only->messages(), isDelivery);
-    ASSERT_TRUE(first) << only->body;
-    EXPECT_EQ(str(*first, "channel"), "/lp2");
-
-    // Disconnecting answers the held connect.
-    poll.start(connect(id, "7", -1, "long-polling"));
-    auto bye = other.post(disconnect(id, "8"));
-    ASSERT_TRUE(bye);
-    EXPECT_TRUE(successful(bye->messages().at(0)));
-    auto held = poll.finish();
-    ASSERT_TRUE(held);
-    auto connectAnswer = find(held->messages(), withId("7"));
-    EXPECT_TRUE(successful(connectAnswer));
-    EXPECT_EQ(endpoint->sessionCount(), 0u);
-
-    // Only POST on the endpoint's path, or below it as some clients send, is Bayeux.
-    auto below = other.post(handshake("1"), "/bayeux/handshake?x=1");
-    ASSERT_TRUE(below);
-    EXPECT_EQ(below->status, 200u);
-    EXPECT_TRUE(successful(below->messages().at(0)));
-    auto get = other.post("", "/bayeux", orvale::test::http::verb::get);
-    ASSERT_TRUE(get);
-    EXPECT_EQ(get->status, 405u);
-    for (const char* target : {"/elsewhere", "/bayeuxx", "/"}) {
-        auto elsewhere = other.post(handshake("1"), target);
-        ASSERT_TRUE(elsewhere) << target;
-        EXPECT_EQ(elsewhere->status, 404u) << target;
-    }
-}
-
-TEST_F(EndpointTest, HeldConnectsEndWithTheirTimeoutOrANewerConnect) {
-    auto options = defaults();
-    options.connectTimeout = 300ms;
-    start(options);
-
-    RawWebSocket ws(port);
-    const std::string wsId = open(ws);
-    ASSERT_FALSE(wsId.empty());
-    auto began = std::chrono::steady_clock::now();
-    auto answered = ws.call(connect(wsId, "2"), "2");
-    ASSERT_TRUE(successful(answered)) << error(answered);
-    EXPECT_GE(std::chrono::steady_clock::now() - began, 250ms);
-
-    RawHttp poll(port);
-    const std::string pollId = open(poll);
-    ASSERT_FALSE(pollId.empty());
-    began = std::chrono::steady_clock::now();
-    auto polled = poll.post(connect(pollId, "3", -1, "long-polling"));
-    ASSERT_TRUE(polled);
-    EXPECT_TRUE(successful(find(polled->messages(), withId("3"))));
-    EXPECT_GE(std::chrono::steady_clock::now() - began, 250ms);
-}
-
-TEST_F(EndpointTest, ANewerConnectAnswersTheOlderAcrossTransports) {
-    start();
-    RawHttp first(port);
-    RawHttp second(port);
-    const std::string id = open(first);
-    ASSERT_FALSE(id.empty());
-    first.start(connect(id, "2", -1, "long-polling"));
-    second.start(connect(id, "3", -1, "long-polling"));
-    auto older = first.finish();
-    ASSERT_TRUE(older);
-    EXPECT_TRUE(successful(find(older->messages(), withId("2"))));
-
-    // The client moves to a WebSocket with the same session, as some clients do after a
-    // long-polling handshake; its held long-polling connect is answered.
-    RawWebSocket ws(port);
-    ASSERT_TRUE(ws.send(connect(id, "4")));
-    auto replaced = second.finish();
-    ASSERT_TRUE(replaced);
-    EXPECT_TRUE(successful(find(replaced->messages(), withId("3"))));
-    ASSERT_TRUE(successful(ws.call(subscribe(id, "5", "/moved"), "5")));
-    ASSERT_TRUE(successful(ws.call(publish(id, "6", "/moved", "1"), "6")));
-    EXPECT_TRUE(ws.await(isDelivery));
 }
 
 TEST_F(EndpointTest, DeliveriesToAWebSocketAreBatchedIntoFrames) {
@@ -791,4 +512,4 @@ TEST(EndpointStartTest, ImpossibleSettingsThrow) {
 }
 
 }  // namespace
-}  // namespace connector::bayeux
+}  // namespace connector::bayeux::endpoint_test

@@ -1,7 +1,10 @@
 #pragma once
 // Raw Bayeux clients for the endpoint tests, written directly over Boost.Beast so that the tests
-// see exactly what goes over the wire. Each client owns an io_context that runs only while the
-// test waits on it (bounded), so a client needs no thread of its own.
+// see exactly what goes over the wire, and the frames they send; then the endpoint fixture. Each
+// client owns an io_context that runs only while the test waits on it (bounded), so a client needs
+// no thread of its own.
+
+#include <gtest/gtest.h>
 
 #include <boost/asio/connect.hpp>
 #include <boost/asio/io_context.hpp>
@@ -17,10 +20,15 @@
 #include <chrono>
 #include <deque>
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "connector/bayeux/endpoint.h"
+#include "connector/message_service.h"
+#include "log_capture.h"
 
 namespace orvale::test {
 
@@ -270,3 +278,159 @@ class RawHttp {
 };
 
 }  // namespace orvale::test
+
+// Frames as clients send them, what replies say, and a hub on an in-process server.
+namespace connector::bayeux::endpoint_test {
+
+using namespace std::chrono_literals;
+using message_service::JsonMessage;
+using message_service::MessageService;
+using orvale::test::HttpReply;
+using orvale::test::LogCapture;
+using orvale::test::onChannel;
+using orvale::test::RawHttp;
+using orvale::test::RawWebSocket;
+using orvale::test::str;
+using orvale::test::waitUntil;
+using orvale::test::withId;
+namespace json = boost::json;
+
+// ---------------------------------------------------------------------------------------------
+// Bayeux frames as clients send them.
+
+inline std::string quote(const std::string& text) {
+    return json::serialize(json::value(json::string_view(text.data(), text.size())));
+}
+
+inline std::string handshake(const std::string& id, const std::string& ext = "") {
+    return R"([{"channel":"/meta/handshake","id":")" + id +
+           R"(","version":"1.0","minimumVersion":"1.0","supportedConnectionTypes":["websocket","long-polling"])" +
+           (ext.empty() ? "" : ",\"ext\":" + ext) + "}]";
+}
+
+inline std::string connect(const std::string& clientId, const std::string& id, int timeout = -1,
+                           const std::string& type = "websocket") {
+    return R"([{"channel":"/meta/connect","clientId":)" + quote(clientId) + R"(,"id":")" + id +
+           R"(","connectionType":")" + type + "\"" +
+           (timeout >= 0 ? ",\"advice\":{\"timeout\":" + std::to_string(timeout) + "}" : "") + "}]";
+}
+
+inline std::string subscription(const char* meta, const std::string& clientId,
+                                const std::string& id, const std::string& channel) {
+    return std::string(R"([{"channel":")") + meta + R"(","clientId":)" + quote(clientId) +
+           R"(,"id":")" + id + R"(","subscription":)" + quote(channel) + "}]";
+}
+
+inline std::string subscribe(const std::string& clientId, const std::string& id,
+                             const std::string& channel) {
+    return subscription("/meta/subscribe", clientId, id, channel);
+}
+
+inline std::string unsubscribe(const std::string& clientId, const std::string& id,
+                               const std::string& channel) {
+    return subscription("/meta/unsubscribe", clientId, id, channel);
+}
+
+inline std::string publish(const std::string& clientId, const std::string& id,
+                           const std::string& channel, const std::string& data) {
+    return R"([{"channel":)" + quote(channel) + R"(,"clientId":)" + quote(clientId) + R"(,"id":")" +
+           id + R"(","data":)" + data + "}]";
+}
+
+inline std::string disconnect(const std::string& clientId, const std::string& id) {
+    return R"([{"channel":"/meta/disconnect","clientId":)" + quote(clientId) + R"(,"id":")" + id +
+           "\"}]";
+}
+
+inline bool successful(const std::optional<json::object>& message) {
+    if (!message)
+        return false;
+    const json::value* v = message->if_contains("successful");
+    return v && v->is_bool() && v->get_bool();
+}
+
+inline std::string error(const std::optional<json::object>& message) {
+    return message ? str(*message, "error") : "(no reply)";
+}
+
+inline std::string advice(const std::optional<json::object>& message, const char* field) {
+    if (!message || !message->contains("advice"))
+        return "";
+    return json::serialize(message->at("advice").as_object().contains(field)
+                               ? message->at("advice").at(field)
+                               : json::value());
+}
+
+inline bool isDelivery(const json::object& m) {
+    return m.contains("data") && !m.contains("successful");
+}
+
+inline std::optional<json::object> find(const std::vector<json::object>& messages,
+                                        const std::function<bool(const json::object&)>& predicate) {
+    for (const auto& m : messages)
+        if (predicate(m))
+            return m;
+    return std::nullopt;
+}
+
+// ---------------------------------------------------------------------------------------------
+
+// Collects what a server service hears, from any thread.
+struct Heard {
+    void add(std::string item) {
+        std::lock_guard<std::mutex> lock(mutex);
+        items.push_back(std::move(item));
+    }
+    std::vector<std::string> snapshot() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return items;
+    }
+    bool has(const std::string& item) {
+        auto all = snapshot();
+        return std::find(all.begin(), all.end(), item) != all.end();
+    }
+    std::mutex mutex;
+    std::vector<std::string> items;
+};
+
+class EndpointTest : public ::testing::Test {
+  protected:
+    static EndpointOptions defaults() {
+        EndpointOptions options;
+        options.connectTimeout = 20s;
+        options.sessionTimeout = 30s;
+        return options;
+    }
+
+    void start(EndpointOptions options = defaults()) {
+        endpoint = startBayeuxEndpoint(server, std::move(options));
+        port = endpoint->port();
+    }
+
+    std::string open(RawWebSocket& ws) {
+        auto reply = ws.call(handshake("hs"), "hs");
+        return successful(reply) ? str(*reply, "clientId") : std::string();
+    }
+
+    std::string open(RawHttp& http) {
+        auto reply = http.post(handshake("hs"));
+        if (!reply || reply->status != 200)
+            return {};
+        auto messages = reply->messages();
+        return messages.size() == 1 && successful(messages[0]) ? str(messages[0], "clientId")
+                                                               : std::string();
+    }
+
+    std::shared_ptr<MessageService> service(const std::string& name) {
+        return services->createMessageService(name, {}).get();
+    }
+
+    // One delivery thread: what a session is handed follows publication order across sessions.
+    std::shared_ptr<BayeuxServer> server = makeBayeuxServer(BayeuxServerOptions{1});
+    std::unique_ptr<BayeuxEndpoint> endpoint;
+    std::uint16_t port = 0;
+    std::shared_ptr<message_service::MessageServiceFactoryServerDelegate> services =
+        std::make_shared<message_service::MessageServiceFactoryServerDelegate>(server);
+};
+
+}  // namespace connector::bayeux::endpoint_test

@@ -1,0 +1,138 @@
+// The endpoint's HTTP long-polling link against a raw keep-alive HTTP client: held connects,
+// their timeouts, and a newer connect answering an older one, across transports too.
+
+#include <gtest/gtest.h>
+
+#include "endpoint_clients.h"
+
+namespace connector::bayeux::endpoint_test {
+namespace {
+
+TEST_F(EndpointTest, LongPollingSessionAndHeldConnects) {
+    start();
+    RawHttp poll(port);
+    RawHttp other(port);
+    const std::string id = open(poll);
+    ASSERT_FALSE(id.empty());
+    auto subscribed = other.post(subscribe(id, "2", "/lp"));
+    ASSERT_TRUE(subscribed);
+    EXPECT_EQ(subscribed->status, 200u);
+    ASSERT_TRUE(successful(subscribed->messages().at(0)));
+
+    // A connect that finds nothing waiting is held until a delivery releases it.
+    poll.start(connect(id, "3", -1, "long-polling"));
+    auto published = other.post(publish(id, "4", "/lp", "\"hello\""));
+    ASSERT_TRUE(published);
+    EXPECT_TRUE(successful(published->messages().at(0)));
+    auto released = poll.finish();
+    ASSERT_TRUE(released);
+    auto messages = released->messages();
+    ASSERT_EQ(messages.size(), 2u) << released->body;
+    EXPECT_EQ(str(messages[0], "channel"), "/lp");
+    EXPECT_EQ(json::serialize(messages[0].at("data")), "\"hello\"");
+    EXPECT_EQ(str(messages[1], "channel"), "/meta/connect");
+    EXPECT_EQ(str(messages[1], "id"), "3");
+    EXPECT_TRUE(successful(messages[1]));
+
+    // Several deliveries come with one connect answer.
+    ASSERT_TRUE(other.post(publish(id, "5", "/lp", "1")));
+    ASSERT_TRUE(other.post(publish(id, "6", "/lp", "2")));
+    std::vector<std::string> data;
+    for (int round = 0; round < 3 && data.size() < 2; ++round) {
+        auto answer = poll.post(connect(id, "c" + std::to_string(round), -1, "long-polling"));
+        ASSERT_TRUE(answer);
+        for (const auto& m : answer->messages())
+            if (isDelivery(m))
+                data.push_back(json::serialize(m.at("data")));
+    }
+    EXPECT_EQ(data, (std::vector<std::string>{"1", "2"}));
+
+    // Unsubscribed, the client gets only what it still subscribes to.
+    auto unsubscribed = other.post(unsubscribe(id, "u", "/lp"));
+    ASSERT_TRUE(unsubscribed);
+    EXPECT_TRUE(successful(unsubscribed->messages().at(0)));
+    EXPECT_EQ(str(unsubscribed->messages().at(0), "subscription"), "/lp");
+    ASSERT_TRUE(successful(other.post(subscribe(id, "s", "/lp2"))->messages().at(0)));
+    ASSERT_TRUE(other.post(publish(id, "p1", "/lp", "\"gone\"")));
+    ASSERT_TRUE(other.post(publish(id, "p2", "/lp2", "\"kept\"")));
+    auto only = poll.post(connect(id, "c", -1, "long-polling"));
+    ASSERT_TRUE(only);
+    auto first = find(only->messages(), isDelivery);
+    ASSERT_TRUE(first) << only->body;
+    EXPECT_EQ(str(*first, "channel"), "/lp2");
+
+    // Disconnecting answers the held connect.
+    poll.start(connect(id, "7", -1, "long-polling"));
+    auto bye = other.post(disconnect(id, "8"));
+    ASSERT_TRUE(bye);
+    EXPECT_TRUE(successful(bye->messages().at(0)));
+    auto held = poll.finish();
+    ASSERT_TRUE(held);
+    auto connectAnswer = find(held->messages(), withId("7"));
+    EXPECT_TRUE(successful(connectAnswer));
+    EXPECT_EQ(endpoint->sessionCount(), 0u);
+
+    // Only POST on the endpoint's path, or below it as some clients send, is Bayeux.
+    auto below = other.post(handshake("1"), "/bayeux/handshake?x=1");
+    ASSERT_TRUE(below);
+    EXPECT_EQ(below->status, 200u);
+    EXPECT_TRUE(successful(below->messages().at(0)));
+    auto get = other.post("", "/bayeux", orvale::test::http::verb::get);
+    ASSERT_TRUE(get);
+    EXPECT_EQ(get->status, 405u);
+    for (const char* target : {"/elsewhere", "/bayeuxx", "/"}) {
+        auto elsewhere = other.post(handshake("1"), target);
+        ASSERT_TRUE(elsewhere) << target;
+        EXPECT_EQ(elsewhere->status, 404u) << target;
+    }
+}
+
+TEST_F(EndpointTest, HeldConnectsEndWithTheirTimeoutOrANewerConnect) {
+    auto options = defaults();
+    options.connectTimeout = 300ms;
+    start(options);
+
+    RawWebSocket ws(port);
+    const std::string wsId = open(ws);
+    ASSERT_FALSE(wsId.empty());
+    auto began = std::chrono::steady_clock::now();
+    auto answered = ws.call(connect(wsId, "2"), "2");
+    ASSERT_TRUE(successful(answered)) << error(answered);
+    EXPECT_GE(std::chrono::steady_clock::now() - began, 250ms);
+
+    RawHttp poll(port);
+    const std::string pollId = open(poll);
+    ASSERT_FALSE(pollId.empty());
+    began = std::chrono::steady_clock::now();
+    auto polled = poll.post(connect(pollId, "3", -1, "long-polling"));
+    ASSERT_TRUE(polled);
+    EXPECT_TRUE(successful(find(polled->messages(), withId("3"))));
+    EXPECT_GE(std::chrono::steady_clock::now() - began, 250ms);
+}
+
+TEST_F(EndpointTest, ANewerConnectAnswersTheOlderAcrossTransports) {
+    start();
+    RawHttp first(port);
+    RawHttp second(port);
+    const std::string id = open(first);
+    ASSERT_FALSE(id.empty());
+    first.start(connect(id, "2", -1, "long-polling"));
+    second.start(connect(id, "3", -1, "long-polling"));
+    auto older = first.finish();
+    ASSERT_TRUE(older);
+    EXPECT_TRUE(successful(find(older->messages(), withId("2"))));
+
+    // The client moves to a WebSocket with the same session, as some clients do after a
+    // long-polling handshake; its held long-polling connect is answered.
+    RawWebSocket ws(port);
+    ASSERT_TRUE(ws.send(connect(id, "4")));
+    auto replaced = second.finish();
+    ASSERT_TRUE(replaced);
+    EXPECT_TRUE(successful(find(replaced->messages(), withId("3"))));
+    ASSERT_TRUE(successful(ws.call(subscribe(id, "5", "/moved"), "5")));
+    ASSERT_TRUE(successful(ws.call(publish(id, "6", "/moved", "1"), "6")));
+    EXPECT_TRUE(ws.await(isDelivery));
+}
+
+}  // namespace
+}  // namespace connector::bayeux::endpoint_test
