@@ -8,8 +8,10 @@ orvale_test(outbound_frames_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/outbound_fram
 orvale_test(paced_socket_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/paced_socket_test.cpp)
 orvale_test(ws_url_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/ws_url_test.cpp)
 orvale_test(inbound_publisher_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/inbound_publisher_test.cpp)
+# The transport service and its connection's frames share the peers of websocket_peers.h.
 orvale_test(websocket_transport_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/websocket_transport_test.cpp)
+orvale_test(websocket_connection_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/websocket_connection_test.cpp)
 foreach(test bayeux_codec_test json_reader_test outbound_frames_test paced_socket_test ws_url_test
-        inbound_publisher_test)
+        inbound_publisher_test websocket_transport_test websocket_connection_test)
     target_include_directories(${test} PRIVATE ${PROJECT_SOURCE_DIR}/platform)
 endforeach()
