@@ -251,21 +251,6 @@ TEST(BayeuxServerTest, OneDeliveryPerSessionListingEachMatchingPatternOnce) {
     EXPECT_EQ(single[0].channels, std::set<std::string>{"/a/b"});
 }
 
-TEST(BayeuxServerTest, SubscriptionHeldTwiceNeedsTwoUnsubscribes) {
-    auto server = connector::bayeux::makeBayeuxServer({1});
-    auto s = join(*server, "s");
-    subscribe(*server, "s", "/x");
-    subscribe(*server, "s", "/x");
-    unsubscribe(*server, "s", "/x");
-    server->acceptPublish(message("/x", "1"));
-    unsubscribe(*server, "s", "/x");
-    server->acceptPublish(message("/x", "2"));
-    flush(*server, {s});
-    auto got = s->received();
-    ASSERT_EQ(s->count("/x"), 1u);
-    EXPECT_EQ(got[0].json, "1");
-}
-
 TEST(BayeuxServerTest, SubscriptionChangesAreAnnouncedToEverySession) {
     auto server = connector::bayeux::makeBayeuxServer({2});
     auto a = join(*server, "A");

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "connector/message_service/client_delegate.h"
 #include "log_capture.h"
 #include "scripted_transport.h"
 
@@ -559,41 +558,6 @@ TEST_F(ClientTest, DestroyingAConnectedClientSendsADisconnect) {
     EXPECT_TRUE(capture.contains("Destructing message service server instance"));
     ASSERT_TRUE(transport->waitSent(3));
     EXPECT_NE(transport->sent<bx::DisconnectRequest>(2), nullptr);
-}
-
-TEST_F(ClientTest, DelegateRegistersConnectedInstancesOnly) {
-    auto delegate = std::make_shared<MessageServiceFactoryClientDelegate>(context);
-    auto bad = delegate->createMessageService("a b", {{"endpoint", "ws://x"}});
-    EXPECT_EQ(failureText(bad),
-              "Message service name must be alpha numeric ([_:-] also allowed): a b");
-    EXPECT_THROW(delegate->createMessageService("shared", {}), std::invalid_argument);
-
-    auto creating = delegate->createMessageService("shared", {{"endpoint", "ws://test/bayeux"}});
-    ASSERT_TRUE(transport->waitSent(1));
-    EXPECT_EQ(delegate->getMessageService("shared"), nullptr)
-        << "not registered before it connects";
-    auto reply = response<bx::HandshakeResponse>("0");
-    reply->setClientId("abc");
-    transport->reply(std::move(reply));
-    auto service = creating.get();
-    EXPECT_EQ(delegate->getMessageService("shared"), service);
-    EXPECT_EQ(delegate->createMessageService("shared", {{"endpoint", "ws://other"}}).get(),
-              service);
-
-    // Destroying the delegate disconnects live instances without waiting long for an answer.
-    const auto start = std::chrono::steady_clock::now();
-    delegate.reset();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
-    EXPECT_EQ(service->getState(), ConnectionState::DISCONNECTING);
-}
-
-TEST_F(ClientTest, DelegateReportsFailedConnections) {
-    auto refusing = std::make_shared<ScriptedTransport>();
-    refusing->install(*context, "Cannot connect to ws://x: Connection refused");
-    auto delegate = std::make_shared<MessageServiceFactoryClientDelegate>(makeConnector(context));
-    auto failed = delegate->createMessageService("c", {{"endpoint", "ws://x"}});
-    EXPECT_EQ(failureText(failed), "Cannot connect to ws://x: Connection refused");
-    EXPECT_EQ(delegate->getMessageService("c"), nullptr);
 }
 
 }  // namespace

@@ -1,0 +1,72 @@
+// The client delegate of the factory: it creates client services, and registers only those
+// that connected.
+
+#include "connector/message_service/client_delegate.h"
+
+#include <gtest/gtest.h>
+
+#include "scripted_transport.h"
+
+namespace connector::message_service {
+namespace {
+
+namespace bx = bayeux;
+using orvale::test::response;
+using orvale::test::ScriptedTransport;
+
+template <class T>
+std::string failureText(Future<T>& future) {
+    if (!future.waitFor(std::chrono::seconds(5)))
+        return "still pending";
+    try {
+        future.get();
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    return "no exception";
+}
+
+class ClientDelegateTest : public ::testing::Test {
+  protected:
+    std::shared_ptr<Context> context = std::make_shared<Context>();
+    std::shared_ptr<ScriptedTransport> transport = std::make_shared<ScriptedTransport>();
+};
+
+TEST_F(ClientDelegateTest, RegistersConnectedInstancesOnly) {
+    transport->install(*context);
+    auto delegate = std::make_shared<MessageServiceFactoryClientDelegate>(context);
+    auto bad = delegate->createMessageService("a b", {{"endpoint", "ws://x"}});
+    EXPECT_EQ(failureText(bad),
+              "Message service name must be alpha numeric ([_:-] also allowed): a b");
+    EXPECT_THROW(delegate->createMessageService("shared", {}), std::invalid_argument);
+
+    auto creating = delegate->createMessageService("shared", {{"endpoint", "ws://test/bayeux"}});
+    ASSERT_TRUE(transport->waitSent(1));
+    EXPECT_EQ(delegate->getMessageService("shared"), nullptr)
+        << "not registered before it connects";
+    auto reply = response<bx::HandshakeResponse>("0");
+    reply->setClientId("abc");
+    transport->reply(std::move(reply));
+    auto service = creating.get();
+    EXPECT_EQ(delegate->getMessageService("shared"), service);
+    EXPECT_EQ(delegate->createMessageService("shared", {{"endpoint", "ws://other"}}).get(),
+              service);
+
+    // Destroying the delegate disconnects live instances without waiting long for an answer.
+    const auto start = std::chrono::steady_clock::now();
+    delegate.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    EXPECT_EQ(service->getState(), ConnectionState::DISCONNECTING);
+}
+
+TEST_F(ClientDelegateTest, ReportsFailedConnections) {
+    auto refusing = std::make_shared<ScriptedTransport>();
+    refusing->install(*context, "Cannot connect to ws://x: Connection refused");
+    auto delegate = std::make_shared<MessageServiceFactoryClientDelegate>(makeConnector(context));
+    auto failed = delegate->createMessageService("c", {{"endpoint", "ws://x"}});
+    EXPECT_EQ(failureText(failed), "Cannot connect to ws://x: Connection refused");
+    EXPECT_EQ(delegate->getMessageService("c"), nullptr);
+}
+
+}  // namespace
+}  // namespace connector::message_service
