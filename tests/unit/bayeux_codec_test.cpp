@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <typeinfo>
 
 #include "bayeux/json_text.h"
@@ -29,7 +30,7 @@ const T& as(const std::unique_ptr<BayeuxMessage>& message) {
 
 // Decodes one message and checks it came back alone and without complaint.
 std::unique_ptr<BayeuxMessage> single(codec::Decoded decoded) {
-    EXPECT_TRUE(decoded.errors.empty()) << decoded.errors.front();
+    EXPECT_TRUE(decoded.errors.empty()) << decoded.errors.front().text();
     EXPECT_EQ(decoded.messages.size(), 1u);
     if (decoded.messages.size() != 1)
         return nullptr;
@@ -284,8 +285,24 @@ TEST(BayeuxCodec, MistypedOrMissingFieldsAreReportedPerElement) {
         ASSERT_EQ(decoded.messages.size(), 2u) << c.element;
         EXPECT_EQ(decoded.messages[1]->bayeuxChannel(), "/ok2");
         ASSERT_EQ(decoded.errors.size(), 1u) << c.element;
-        EXPECT_NE(decoded.errors[0].find(c.problem), std::string::npos) << decoded.errors[0];
+        EXPECT_NE(decoded.errors[0].text().find(c.problem), std::string::npos)
+            << decoded.errors[0].text();
     }
+}
+
+TEST(BayeuxCodec, AnElementErrorNamesTheElementsChannelAndIdWhereReadable) {
+    auto decoded = decodeFromClient(
+        R"([{"channel":"/meta/bogus","id":"7"},{"channel":"/a","id":42},{"channel":5,"id":[]}])");
+    ASSERT_EQ(decoded.errors.size(), 3u);
+    const std::tuple<std::size_t, const char*, const char*> expected[] = {
+        {0, "/meta/bogus", "7"}, {1, "/a", "42"}, {2, "", ""}};
+    for (std::size_t i = 0; i < 3; ++i) {
+        const auto& [index, channel, id] = expected[i];
+        EXPECT_EQ(decoded.errors[i].index, index);
+        EXPECT_EQ(decoded.errors[i].channel, channel);
+        EXPECT_EQ(decoded.errors[i].id, id);
+    }
+    EXPECT_FALSE(decodeFromClient("[1,").errors.at(0).index);
 }
 
 TEST(BayeuxCodec, ExtMembersAreSetWithoutLosingTheOthers) {
