@@ -34,9 +34,10 @@ void check(std::string_view frame, Decoded (*decode)(std::string_view), const ch
     const std::string encoded = reencode(first);
     const Decoded second = decode(encoded);
     if (!second.errors.empty() || second.messages.size() != first.messages.size()) {
-        std::fprintf(stderr, "%s: the re-encoded frame does not decode again: %s\n%s\n", side,
-                     second.errors.empty() ? "message count differs" : second.errors[0].c_str(),
-                     encoded.c_str());
+        std::fprintf(
+            stderr, "%s: the re-encoded frame does not decode again: %s\n%s\n", side,
+            second.errors.empty() ? "message count differs" : second.errors[0].text().c_str(),
+            encoded.c_str());
         std::abort();
     }
     for (std::size_t i = 0; i < first.messages.size(); ++i) {
@@ -54,7 +55,7 @@ void check(std::string_view frame, Decoded (*decode)(std::string_view), const ch
 
 bool rejectedAsJson(const Decoded& decoded) {
     for (const auto& error : decoded.errors)
-        if (error.rfind("invalid JSON", 0) == 0)
+        if (error.reason.rfind("invalid JSON", 0) == 0)
             return true;
     return false;
 }
@@ -69,7 +70,7 @@ void checkAgreesWithBoostJson(std::string_view frame) {
     if (rejectedAsJson(decoded) != static_cast<bool>(ec)) {
         std::fprintf(stderr, "the codec %s what Boost.JSON %s (%s)\n", ec ? "accepts" : "rejects",
                      ec ? "rejects" : "accepts",
-                     ec ? ec.message().c_str() : decoded.errors[0].c_str());
+                     ec ? ec.message().c_str() : decoded.errors[0].text().c_str());
         std::abort();
     }
 }
