@@ -160,11 +160,4 @@ TEST(ContextTest, ConcurrentRegistrationAndDelivery) {
     EXPECT_EQ(answered.load(), 1000);
 }
 
-TEST(ContextTest, OwnsOneStateForItsLifetime) {
-    Context context;
-    ASSERT_NE(context.getState(), nullptr);
-    context.getState()->set("orvapikey", std::string("k"), ContextScope::Global);
-    EXPECT_EQ(context.getState()->getString("orvapikey"), "k");
-}
-
 }  // namespace

@@ -154,9 +154,7 @@ TEST(InboundPublisher, DeliversOnlyWhatWasRequestedInOrder) {
     ASSERT_TRUE(waitUntil([&] { return recorder->channels().size() == 2; }));
     publisher->push(publish("/d"));
     // A round trip through the worker shows that no third message slipped out.
-    std::promise<void> flushed;
-    worker.executor()([&] { flushed.set_value(); });
-    flushed.get_future().wait();
+    ASSERT_TRUE(worker.run([] {}));
     EXPECT_EQ(recorder->channels(), (std::vector<std::string>{"/a", "/b"}));
 
     recorder->subscription()->request(UINT64_MAX);
@@ -179,9 +177,7 @@ TEST(InboundPublisher, CompletesAfterTheQueuedMessagesAndResolvesDone) {
     publisher->complete(false);
     publisher->push(publish("/after"));  // ignored: the stream has ended
 
-    std::promise<void> flushed;
-    worker.executor()([&] { flushed.set_value(); });
-    flushed.get_future().wait();
+    ASSERT_TRUE(worker.run([] {}));
     EXPECT_EQ(recorder->completions(), 0);  // the reply queued before the close comes first
     EXPECT_FALSE(done.isReady());
 
@@ -209,9 +205,7 @@ TEST(InboundPublisher, CancelStopsDeliveryAndCallsBack) {
     publisher->push(publish("/dropped"));
     recorder->subscription()->request(10);
     publisher->complete(true);
-    std::promise<void> flushed;
-    worker.executor()([&] { flushed.set_value(); });
-    flushed.get_future().wait();
+    ASSERT_TRUE(worker.run([] {}));
     EXPECT_TRUE(recorder->channels().empty());
     EXPECT_EQ(recorder->completions(), 0);
 }

@@ -64,21 +64,13 @@ class ServerImplTest : public ::testing::Test {
     std::shared_ptr<RecordingServer> server = std::make_shared<RecordingServer>();
 };
 
+// Two services of one name are two sessions of the server: their ids differ.
 TEST_F(ServerImplTest, ConstructionStateAndIds) {
-    orvale::test::LogCapture capture;
     auto a = make("same");
     auto b = make("same");
     EXPECT_EQ(a->getState(), ConnectionState::CONNECTED);
-    EXPECT_EQ(a->getId().size(), 16u);
     EXPECT_NE(a->getId(), b->getId());
-    EXPECT_EQ(a->getContext(), nullptr);
-    EXPECT_TRUE(capture.contains("Created new message service instance: " + a->getId()));
-    try {
-        MessageServiceServerImpl("x", nullptr);
-        FAIL();
-    } catch (const std::invalid_argument& e) {
-        EXPECT_STREQ(e.what(), "No bayeux server instance provided");
-    }
+    EXPECT_THROW(MessageServiceServerImpl("x", nullptr), std::invalid_argument);
 }
 
 TEST_F(ServerImplTest, RegistersLazilyOnceAndAgainAfterDisconnect) {
@@ -93,16 +85,6 @@ TEST_F(ServerImplTest, RegistersLazilyOnceAndAgainAfterDisconnect) {
     EXPECT_EQ(server->unregistrations, 1);
     auto s4 = service->subscribe("/b", [](const JsonMessage&) {}).get();
     EXPECT_EQ(server->registrations, 2);
-}
-
-TEST_F(ServerImplTest, IdsAreSharedByAllKindsOfRegistration) {
-    auto service = make();
-    auto sub = service->subscribe("/a", [](const JsonMessage&) {}).get();
-    auto state = service->listenStateChange([](const StateChangeEvent&) {}).get();
-    auto listen = service->listenSubscribe("/a", [](const SubscribeEvent&) {}).get();
-    EXPECT_EQ(std::dynamic_pointer_cast<SubscriptionImpl2>(sub)->getId(), 0u);
-    EXPECT_EQ(std::dynamic_pointer_cast<SubscriptionImpl2>(state)->getId(), 1u);
-    EXPECT_EQ(std::dynamic_pointer_cast<SubscriptionImpl2>(listen)->getId(), 2u);
 }
 
 TEST_F(ServerImplTest, DisconnectNotifiesTwiceAndUnsubscribesEverySubscription) {
