@@ -70,6 +70,7 @@ TEST_F(ServerImplTest, ConstructionStateAndIds) {
     auto b = make("same");
     EXPECT_EQ(a->getState(), ConnectionState::CONNECTED);
     EXPECT_NE(a->getId(), b->getId());
+    EXPECT_EQ(a->getContext(), nullptr) << "no transport behind a server service";
     EXPECT_THROW(MessageServiceServerImpl("x", nullptr), std::invalid_argument);
 }
 
