@@ -30,7 +30,8 @@ void MessageServiceClientImpl::deliver(MessagePtr&& message) {
     if (logger_.enabled(log::trace))
         logger_.log(log::trace, "Message received: ", log::typeName(*message));
     // Deliveries are most of the traffic; their exact type is checked before any cast.
-    if (typeid(*message) == typeid(bayeux::PublishRequest)) {
+    const Message& received = *message;  // typeid of a plain reference: no call to evaluate
+    if (typeid(received) == typeid(bayeux::PublishRequest)) {
         handle(std::unique_ptr<bayeux::PublishRequest>(
             static_cast<bayeux::PublishRequest*>(message.release())));
         return;
@@ -44,7 +45,7 @@ void MessageServiceClientImpl::deliver(MessagePtr&& message) {
             return;
         }
     }
-    if (typeid(*message) == typeid(bayeux::BayeuxContainer)) {
+    if (typeid(received) == typeid(bayeux::BayeuxContainer)) {
         handle(std::unique_ptr<bayeux::BayeuxContainer>(
             static_cast<bayeux::BayeuxContainer*>(message.release())));
     } else {

@@ -36,7 +36,8 @@ void MessageServiceClientImpl::PendingRequest::succeed(MessagePtr&& answer) {
         return;
     }
     auto& publish = std::get<PendingPublish>(completion);
-    if (typeid(*answer) != typeid(bayeux::PublishResponse) &&
+    const Message& received = *answer;  // typeid of a plain reference: no call to evaluate
+    if (typeid(received) != typeid(bayeux::PublishResponse) &&
         !dynamic_cast<const bayeux::PublishResponse*>(answer.get())) {
         failPublish(std::move(publish.promise), publish.channel,
                     "Incorrect response message type, id: " + id);

@@ -21,7 +21,8 @@ struct Clock {
     using rep = duration::rep;
     using period = duration::period;
     using time_point = std::chrono::time_point<Clock>;
-    static constexpr bool is_steady = true;
+    // Required of a clock type, though nothing here reads it.
+    [[maybe_unused]] static constexpr bool is_steady = true;
     static time_point now() {
         timespec ts{};
         ::clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);

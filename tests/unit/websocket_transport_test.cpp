@@ -402,7 +402,8 @@ struct StalledClient {
 TEST(WebSocketTransport, BatchesWhatIsQueuedDuringAWrite) {
     StalledClient stalled;
     ASSERT_TRUE(stalled.stall());
-    auto& [server, client, session] = stalled;
+    auto& client = stalled.client;
+    auto& session = stalled.session;
     const std::string& big = StalledClient::big();
     for (int i = 0; i < 5; ++i)
         client.send(publish("/queued/" + std::to_string(i)));
@@ -428,7 +429,8 @@ TEST(WebSocketTransport, BatchesWhatIsQueuedDuringAWrite) {
 TEST(WebSocketTransport, SplitsALargeBurstIntoBoundedFrames) {
     StalledClient stalled;
     ASSERT_TRUE(stalled.stall());
-    auto& [server, client, session] = stalled;
+    auto& client = stalled.client;
+    auto& session = stalled.session;
     const std::string& big = StalledClient::big();
     constexpr int kBurst = 5000;  // about 400 KiB of JSON
     const std::string data = "\"" + std::string(60, 'd') + "\"";
