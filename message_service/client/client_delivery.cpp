@@ -6,8 +6,8 @@
 
 #include "common/callback_runner.h"
 #include "common/channel_rules.h"
-#include "connector/message_service/client_impl.h"
 #include "common/module_logger.h"
+#include "connector/message_service/client_impl.h"
 
 namespace connector::message_service {
 
@@ -37,7 +37,7 @@ void MessageServiceClientImpl::deliver(MessagePtr&& message) {
         return;
     }
     if (const bayeux::BayeuxResponse* response = responseOf(*message)) {
-        std::unique_lock<std::mutex> lock(mutex_);
+        common::UniqueLock lock(mutex_);
         std::optional<PendingRequest> answered = takeAnsweredLocked(*response);
         lock.unlock();
         if (answered) {
@@ -64,7 +64,7 @@ void MessageServiceClientImpl::handle(std::unique_ptr<bayeux::BayeuxContainer>&&
     answered.swap(kept);
     answered.resize(messages.size());
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         for (std::size_t i = 0; i < messages.size(); ++i) {
             // Deliveries answer nothing; they are most of what a subscriber receives.
             if (!messages[i] || surely<bayeux::PublishRequest>(*messages[i]))
@@ -116,8 +116,8 @@ void MessageServiceClientImpl::handle(std::unique_ptr<bayeux::PublishRequest>&& 
     // Most channels have a few holders: these stay off the heap.
     boost::container::small_vector<std::shared_ptr<SubscriptionHolder>, 4> holders;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        auto collect = [&](const std::string& key) {
+        common::MutexLock lock(mutex_);
+        auto collect = [&](const std::string& key) ORVALE_REQUIRES(mutex_) {
             auto found = subscriptions_.find(key);
             if (found != subscriptions_.end())
                 holders.insert(holders.end(), found->second.begin(), found->second.end());

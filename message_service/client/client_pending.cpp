@@ -5,8 +5,8 @@
 #include <typeinfo>
 #include <utility>
 
-#include "connector/message_service/client_impl.h"
 #include "common/module_logger.h"
+#include "connector/message_service/client_impl.h"
 
 namespace connector::message_service {
 
@@ -59,7 +59,7 @@ void MessageServiceClientImpl::PendingRequest::fail(const std::string& text) {
 
 std::shared_ptr<MessageServiceClientImpl::OutboundPublisher> MessageServiceClientImpl::file(
     bayeux::BayeuxMessage& request, PendingRequest&& pending) {
-    std::unique_lock<std::mutex> lock(mutex_);
+    common::UniqueLock lock(mutex_);
     if (!outboundPublisher_) {
         lock.unlock();
         pending.fail("Failed to send message, not connected");
