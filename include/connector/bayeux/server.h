@@ -6,6 +6,10 @@
 // session. A published message is matched at once against the tree and queued for each matching
 // session; deliveries run on the server's own threads, never under its locks, in publication
 // order for each (publisher, subscriber) pair.
+//
+// Thread safety: a BayeuxServer may be called from any thread at once, also from inside a
+// session's deliver. The server calls a session's deliver on its delivery threads (a queueing
+// session's queuePublish on the publishing thread), never under a lock of its own.
 
 #include <cstddef>
 #include <memory>
