@@ -34,6 +34,7 @@
 #define ORVALE_REQUIRES_SHARED(...) \
     ORVALE_THREAD_ANNOTATION(requires_shared_capability(__VA_ARGS__))
 #define ORVALE_EXCLUDES(...) ORVALE_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
+#define ORVALE_ACQUIRED_AFTER(...) ORVALE_THREAD_ANNOTATION(acquired_after(__VA_ARGS__))
 #define ORVALE_ACQUIRE(...) ORVALE_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define ORVALE_ACQUIRE_SHARED(...) ORVALE_THREAD_ANNOTATION(acquire_shared_capability(__VA_ARGS__))
 #define ORVALE_TRY_ACQUIRE(...) ORVALE_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))

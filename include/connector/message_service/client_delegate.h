@@ -5,7 +5,7 @@
 // `mutex_` serialises creation and lookups and is held while a new instance starts
 // connecting. `instances_` has a mutex of its own, so that a connection completing on the
 // transport thread (or at once, inside the create call) can register its instance without
-// waiting for `mutex_`. Lock order: `mutex_`, then `instancesMutex_`.
+// waiting for `mutex_`.
 //
 // Thread safety: may be called from any thread at once; a created service's future resolves on
 // the transport's thread, or on the calling thread when the connection completes at once.
@@ -38,7 +38,7 @@ class MessageServiceFactoryClientDelegate
     common::Mutex mutex_;
     const Address transportAddress_;
     const std::shared_ptr<Context> context_;
-    common::Mutex instancesMutex_;
+    common::Mutex instancesMutex_ ORVALE_ACQUIRED_AFTER(mutex_);
     std::unordered_map<std::string, std::weak_ptr<MessageService>> instances_
         ORVALE_GUARDED_BY(instancesMutex_);
 };

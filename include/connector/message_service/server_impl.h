@@ -7,7 +7,7 @@
 // callback, listener or server operation runs with `mutex_` held, so that any of them may call
 // back into the service. `registerMutex_` guards no data: it is held only across the server's
 // register call, so that an operation that finds the session registered never overtakes a
-// registration still in flight. Lock order: `mutex_`, then `registerMutex_`.
+// registration still in flight.
 //
 // Thread safety: may be called from any thread at once. Subscription callbacks and subscribe
 // and unsubscribe listeners run on the server's delivery threads; state listeners run on the
@@ -115,7 +115,7 @@ class MessageServiceServerImpl : public MessageService,
     ConnectionState state_ ORVALE_GUARDED_BY(mutex_) = ConnectionState::CONNECTED;
     std::uint64_t nextId_ ORVALE_GUARDED_BY(mutex_) = 0;
     bool registered_ ORVALE_GUARDED_BY(mutex_) = false;
-    common::Mutex registerMutex_;
+    common::Mutex registerMutex_ ORVALE_ACQUIRED_AFTER(mutex_);
 };
 
 }  // namespace connector::message_service
