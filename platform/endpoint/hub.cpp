@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <mutex>
 
-#include "server/deferred_wakes.h"
 #include "bayeux/codec.h"
 #include "connector/common/random_string.h"
 #include "connector/log/diagnostic_logger.h"
+#include "server/deferred_wakes.h"
 
 namespace connector::bayeux::endpoint {
 
@@ -161,7 +161,7 @@ void Hub::handshake(const HandshakeRequest& request, FrameBuilder& out) {
     }
     std::shared_ptr<RemoteSession> session;
     {
-        std::unique_lock<std::shared_mutex> lock(mutex_);
+        common::WriterLock lock(mutex_);
         if (!accepting_) {
             lock.unlock();
             appendError(out, request, "503::Shutting down", Advice{"none", 0, -1});
@@ -287,7 +287,7 @@ void Hub::publish(std::unique_ptr<PublishRequest> request, FrameBuilder& out) {
 std::shared_ptr<RemoteSession> Hub::find(const std::string& id) const {
     if (id.empty())
         return nullptr;
-    std::shared_lock<std::shared_mutex> lock(mutex_);
+    common::ReaderLock lock(mutex_);
     auto it = sessions_.find(id);
     return it == sessions_.end() ? nullptr : it->second;
 }
@@ -296,7 +296,7 @@ void Hub::remove(const std::shared_ptr<RemoteSession>& session, const char* why)
     if (!session->close())
         return;
     {
-        std::unique_lock<std::shared_mutex> lock(mutex_);
+        common::WriterLock lock(mutex_);
         auto it = sessions_.find(session->id());
         if (it != sessions_.end() && it->second == session)
             sessions_.erase(it);
@@ -308,7 +308,7 @@ void Hub::remove(const std::shared_ptr<RemoteSession>& session, const char* why)
 void Hub::sweep(Clock::time_point now) {
     std::vector<std::shared_ptr<RemoteSession>> expired;
     {
-        std::shared_lock<std::shared_mutex> lock(mutex_);
+        common::ReaderLock lock(mutex_);
         for (const auto& entry : sessions_)
             if (entry.second->sweep(now, options_.sessionTimeout))
                 expired.push_back(entry.second);
@@ -320,7 +320,7 @@ void Hub::sweep(Clock::time_point now) {
 void Hub::shutdown() {
     std::unordered_map<std::string, std::shared_ptr<RemoteSession>> sessions;
     {
-        std::unique_lock<std::shared_mutex> lock(mutex_);
+        common::WriterLock lock(mutex_);
         accepting_ = false;
         sessions.swap(sessions_);
     }
@@ -331,7 +331,7 @@ void Hub::shutdown() {
 }
 
 std::size_t Hub::sessionCount() const {
-    std::shared_lock<std::shared_mutex> lock(mutex_);
+    common::ReaderLock lock(mutex_);
     return sessions_.size();
 }
 

@@ -55,7 +55,7 @@ void InboundPublisher::subscribe(std::shared_ptr<Subscriber> subscriber) {
     if (!subscriber)
         throw std::invalid_argument("subscribe() needs a subscriber");
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         if (!subscribed_) {
             subscribed_ = true;
             subscriber_ = std::move(subscriber);
@@ -74,7 +74,7 @@ void InboundPublisher::subscribe(std::shared_ptr<Subscriber> subscriber) {
 void InboundPublisher::push(MessagePtr message) {
     const bool here = onExecutorThread();
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         if (cancelled_ || completed_)
             return;
         queue_.push_back(std::move(message));
@@ -97,7 +97,7 @@ void InboundPublisher::push(MessagePtr message) {
 void InboundPublisher::complete(bool clean) {
     bool unheard;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         if (completed_)
             return;
         completed_ = true;
@@ -114,7 +114,7 @@ void InboundPublisher::request(std::uint64_t n) {
     if (n == 0)
         return;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         if (cancelled_)
             return;
         demand_ = (kUnbounded - demand_ <= n) ? kUnbounded : demand_ + n;
@@ -126,7 +126,7 @@ void InboundPublisher::cancel() {
     std::shared_ptr<Subscriber> released;
     std::deque<MessagePtr> dropped;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         if (cancelled_)
             return;
         cancelled_ = true;
@@ -140,7 +140,7 @@ void InboundPublisher::cancel() {
 
 void InboundPublisher::scheduleDrain() {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         // A running delivery re-reads the state under this lock before it stops, so it sees
         // whatever changed before this call.
         if (drainScheduled_ || draining_ || !subscriber_)
@@ -152,7 +152,7 @@ void InboundPublisher::scheduleDrain() {
 
 void InboundPublisher::drain() {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         drainScheduled_ = false;
         if (draining_)
             return;  // the running drain sees the new state before it stops
@@ -169,7 +169,7 @@ void InboundPublisher::drainClaimed() {
         bool completing = false;
         bool clean = true;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            common::MutexLock lock(mutex_);
             if (!subscriber_ || cancelled_) {
                 draining_ = false;
                 return;

@@ -15,9 +15,9 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 
 #include "connector/bayeux/messages.h"
+#include "connector/common/mutex.h"
 #include "connector/reactive_streams/reactive_streams.h"
 #include "done_signal.h"
 
@@ -63,18 +63,21 @@ class InboundPublisher : public reactive_streams::Publisher<MessagePtr>,
     const OnExecutorThread onExecutorThread_;
     DoneSignal done_;
 
-    std::mutex mutex_;  // guards every member below
-    std::deque<MessagePtr> queue_;
-    std::uint64_t demand_ = 0;  // UINT64_MAX: unbounded
-    std::shared_ptr<Subscriber> subscriber_;
-    std::shared_ptr<StreamSubscription> subscription_;
-    bool subscribed_ = false;  // a subscriber was accepted, ever
-    bool started_ = false;     // its onSubscribe was delivered
-    bool completed_ = false;   // the producer ended the stream
-    bool clean_ = true;
-    bool cancelled_ = false;
-    bool drainScheduled_ = false;  // a drain task is posted and has not started
-    bool draining_ = false;        // a delivery loop is running (on the delivering thread)
+    common::Mutex mutex_;
+    std::deque<MessagePtr> queue_ ORVALE_GUARDED_BY(mutex_);
+    std::uint64_t demand_ ORVALE_GUARDED_BY(mutex_) = 0;  // UINT64_MAX: unbounded
+    std::shared_ptr<Subscriber> subscriber_ ORVALE_GUARDED_BY(mutex_);
+    std::shared_ptr<StreamSubscription> subscription_ ORVALE_GUARDED_BY(mutex_);
+    // A subscriber was accepted, ever.
+    bool subscribed_ ORVALE_GUARDED_BY(mutex_) = false;
+    bool started_ ORVALE_GUARDED_BY(mutex_) = false;    // its onSubscribe was delivered
+    bool completed_ ORVALE_GUARDED_BY(mutex_) = false;  // the producer ended the stream
+    bool clean_ ORVALE_GUARDED_BY(mutex_) = true;
+    bool cancelled_ ORVALE_GUARDED_BY(mutex_) = false;
+    // A drain task is posted and has not started.
+    bool drainScheduled_ ORVALE_GUARDED_BY(mutex_) = false;
+    // A delivery loop is running (on the delivering thread).
+    bool draining_ ORVALE_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace connector::bayeux::transport
