@@ -7,6 +7,7 @@
 #include "common/callback_runner.h"
 #include "common/channel_rules.h"
 #include "common/module_logger.h"
+#include "connector/bayeux/channel.h"
 #include "connector/message_service/client_impl.h"
 
 namespace connector::message_service {
@@ -127,18 +128,14 @@ void MessageServiceClientImpl::handle(std::unique_ptr<bayeux::PublishRequest>&& 
             // itself last; every key is built in the one buffer.
             std::string key;
             key.reserve(wire.size() + 3);
-            std::size_t start = 0;
-            while (start < wire.size()) {
-                const std::size_t slash = wire.find('/', start);
-                const std::size_t end = slash == std::string::npos ? wire.size() : slash;
-                if (end > start) {
-                    const std::size_t prefix = key.size();
-                    collect(key.append("/*"));
-                    collect(key.append("*"));
-                    key.resize(prefix);
-                    key.append("/").append(wire, start, end - start);
-                }
-                start = end + 1;
+            for (std::string_view segment : bayeux::ChannelName(wire).segments()) {
+                if (segment.empty())
+                    continue;
+                const std::size_t prefix = key.size();
+                collect(key.append("/*"));
+                collect(key.append("*"));
+                key.resize(prefix);
+                key.append("/").append(segment);
             }
         }
         collect(wire);

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "connector/bayeux/channel.h"
 #include "connector/log/diagnostic_logger.h"
 #include "connector/message_service/client_impl.h"
 
@@ -31,9 +32,7 @@ Future<std::unique_ptr<Resp>> MessageServiceClientImpl::send(std::unique_ptr<Req
 
 // A subscription key ending in "/*" or "/**", which deeper channels match too.
 inline bool isWildcardKey(const std::string& key) {
-    const std::size_t size = key.size();
-    return (size >= 2 && key.compare(size - 2, 2, "/*") == 0) ||
-           (size >= 3 && key.compare(size - 3, 3, "/**") == 0);
+    return bayeux::ChannelName(key).isPattern();
 }
 
 // Casts a response to the expected type, naming both types when it is something else.

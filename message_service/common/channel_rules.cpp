@@ -1,6 +1,9 @@
 #include "common/channel_rules.h"
 
+#include <algorithm>
 #include <regex>
+
+#include "connector/bayeux/channel.h"
 
 namespace connector::message_service {
 
@@ -31,16 +34,13 @@ bool isValidChannelPattern(const std::string& channel) {
 }
 
 bool isValidPublishChannel(const std::string& channel) {
-    if (channel.size() < 2 || channel[0] != '/')
+    // A well-formed concrete channel whose segments hold only the name alphabet.
+    const bayeux::ChannelName name(channel);
+    if (!name.isValid() || name.isPattern())
         return false;
-    for (std::size_t i = 1; i < channel.size(); ++i) {
-        const char c = channel[i];
-        if (isSegmentChar(c))
-            continue;
-        if (c == '/' && channel[i - 1] != '/' && i + 1 < channel.size())
-            continue;
-        return false;
-    }
+    for (std::string_view segment : name.segments())
+        if (!std::all_of(segment.begin(), segment.end(), isSegmentChar))
+            return false;
     return true;
 }
 

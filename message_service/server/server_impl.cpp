@@ -9,6 +9,7 @@
 #include "common/module_logger.h"
 #include "common/service_records.h"
 #include "common/take_if.h"
+#include "connector/bayeux/channel.h"
 #include "connector/common/delay.h"
 #include "connector/common/random_string.h"
 
@@ -195,31 +196,7 @@ Future<std::shared_ptr<Subscription>> MessageServiceServerImpl::listenUnsubscrib
 }
 
 bool MessageServiceServerImpl::matches(const std::string& channel, const std::string& pattern) {
-    if (channel == pattern)
-        return true;
-    auto split = [](const std::string& text) {
-        std::vector<std::string> segments;
-        std::size_t start = 0;
-        while (start <= text.size()) {
-            const std::size_t slash = text.find('/', start);
-            const std::size_t end = slash == std::string::npos ? text.size() : slash;
-            segments.push_back(text.substr(start, end - start));
-            if (slash == std::string::npos)
-                break;
-            start = slash + 1;
-        }
-        return segments;
-    };
-    const auto c = split(channel);
-    const auto p = split(pattern);
-    if (p.empty())
-        return false;
-    const bool prefixEqual = c.size() >= p.size() && std::equal(p.begin(), p.end() - 1, c.begin());
-    if (p.back() == "*")
-        return c.size() == p.size() && prefixEqual;
-    if (p.back() == "**")
-        return prefixEqual;
-    return false;
+    return bayeux::ChannelName(pattern).matches(bayeux::ChannelName(channel));
 }
 
 template <class Event, class Request>

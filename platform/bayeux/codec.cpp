@@ -18,6 +18,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "connector/bayeux/channel.h"
 #include "json_reader.h"
 #include "json_text.h"
 
@@ -201,7 +202,7 @@ std::string toText(const json::value& value) {
 }
 
 bool isMetaChannel(std::string_view channel) {
-    return channel.compare(0, 6, "/meta/") == 0 || channel == "/meta";
+    return ChannelName(channel).isMeta();
 }
 
 // The member names the decoder reads, each with its slot; anything else is passed over.
@@ -309,7 +310,7 @@ class Fields {
 
     std::string channel() const {
         std::string channel = string("channel", true);
-        if (channel.empty() || channel[0] != '/')
+        if (!ChannelName(channel).isRooted())
             throw Problem("channel '" + channel + "' is not a channel name");
         return channel;
     }
@@ -552,13 +553,33 @@ std::unique_ptr<BayeuxMessage> decodeClientMessage(const Fields& fields) {
 
 using ElementDecoder = std::unique_ptr<BayeuxMessage> (*)(const Fields&);
 
+// What an undecodable message said of itself: its channel and id where they have a readable
+// form, so that the answer to it can name them.
+DecodeError elementError(const Fields& fields, std::size_t index, std::string reason) {
+    DecodeError error{index, {}, {}, std::move(reason)};
+    if (const jr::Value* channel = fields.find("channel");
+        channel && channel->type == jr::Type::String)
+        error.channel = jr::text(*channel);
+    try {
+        error.id = fields.id();
+    } catch (const Problem&) {
+        // An id of another type is left out of the answer.
+    }
+    return error;
+}
+
 void decodeElement(const std::vector<jr::Member>& members, std::size_t index,
                    ElementDecoder decoder, Decoded& out) {
+    const Fields fields(members);
     try {
-        out.messages.push_back(decoder(Fields(members)));
+        out.messages.push_back(decoder(fields));
     } catch (const Problem& problem) {
-        out.errors.push_back("message " + std::to_string(index) + ": " + problem.what());
+        out.errors.push_back(elementError(fields, index, problem.what()));
     }
+}
+
+DecodeError frameError(std::string reason) {
+    return DecodeError{std::nullopt, {}, {}, std::move(reason)};
 }
 
 // One pass over the frame: each element is checked and decoded as it is read. Text that turns
@@ -566,8 +587,9 @@ void decodeElement(const std::vector<jr::Member>& members, std::size_t index,
 Decoded decodeFrame(std::string_view frame, ElementDecoder decoder) {
     Decoded out;
     if (frame.size() > kMaxFrameBytes) {
-        out.errors.push_back("frame of " + std::to_string(frame.size()) +
-                             " bytes exceeds the limit of " + std::to_string(kMaxFrameBytes));
+        out.errors.push_back(frameError("frame of " + std::to_string(frame.size()) +
+                                        " bytes exceeds the limit of " +
+                                        std::to_string(kMaxFrameBytes)));
         return out;
     }
     try {
@@ -586,8 +608,7 @@ Decoded decodeFrame(std::string_view frame, ElementDecoder decoder) {
                         decodeElement(members, index, decoder, out);
                     } else {
                         reader.value(1);
-                        out.errors.push_back("message " + std::to_string(index) +
-                                             ": not an object");
+                        out.errors.push_back(DecodeError{index, {}, {}, "not an object"});
                     }
                     if (reader.peek() != ',')
                         break;
@@ -602,7 +623,7 @@ Decoded decodeFrame(std::string_view frame, ElementDecoder decoder) {
             reader.value(0);
             if (!reader.atEnd())
                 reader.fail("text after the value");
-            out.errors.push_back("frame is neither an array nor an object");
+            out.errors.push_back(frameError("frame is neither an array nor an object"));
             return out;
         }
         if (!reader.atEnd())
@@ -610,10 +631,10 @@ Decoded decodeFrame(std::string_view frame, ElementDecoder decoder) {
     } catch (const jr::SyntaxError& e) {
         out.messages.clear();
         out.errors.clear();
-        out.errors.push_back(std::string("invalid JSON: ") + e.what());
+        out.errors.push_back(frameError(std::string("invalid JSON: ") + e.what()));
     } catch (const std::exception& e) {
         // Only allocation failure gets here; what decoded so far is kept.
-        out.errors.push_back(std::string("cannot decode frame: ") + e.what());
+        out.errors.push_back(frameError(std::string("cannot decode frame: ") + e.what()));
     }
     return out;
 }
@@ -772,6 +793,10 @@ std::string encode(const BayeuxMessage& message) {
     encodeInto(message, out);
     out.push_back(']');
     return out;
+}
+
+std::string DecodeError::text() const {
+    return index ? "message " + std::to_string(*index) + ": " + reason : reason;
 }
 
 Decoded decodeFromServer(std::string_view frame) {

@@ -3,9 +3,12 @@
 //
 // A frame is a JSON array of message objects; a single object is accepted too. Decoding never
 // throws: what cannot be understood is reported in `errors` and left out.
+//
+// Thread safety: pure functions; any thread.
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,9 +17,22 @@
 
 namespace connector::bayeux::codec {
 
+// Why part of a frame was left out.
+struct DecodeError {
+    // The message's position in the frame; empty when the whole frame was refused.
+    std::optional<std::size_t> index;
+    // The message's channel and id as it sent them, where they could be read; empty otherwise.
+    std::string channel;
+    std::string id;
+    std::string reason;
+
+    // "message 3: missing data", or the frame's reason alone: for log lines.
+    std::string text() const;
+};
+
 struct Decoded {
     std::vector<std::unique_ptr<BayeuxMessage>> messages;
-    std::vector<std::string> errors;
+    std::vector<DecodeError> errors;
 };
 
 // Appends one message as a JSON object to `out`.

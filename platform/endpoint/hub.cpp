@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "bayeux/codec.h"
+#include "connector/bayeux/channel.h"
 #include "connector/common/random_string.h"
 #include "connector/log/diagnostic_logger.h"
 #include "server/deferred_wakes.h"
@@ -78,15 +79,16 @@ void appendUnknownClient(FrameBuilder& out, const BayeuxMessage& request) {
 
 // The reply to a subscription change or publish on a channel this client may not use, if any.
 std::optional<std::string> channelProblem(const std::string& channel, bool pattern) {
-    if (isMetaChannel(channel))
+    const ChannelName name(channel);
+    if (name.isMeta())
         return "403:" + channel + ":Forbidden channel";
-    if (!isValidChannel(channel, pattern))
+    if (!name.isValid() || (name.isPattern() && !pattern))
         return "405:" + channel + ":Invalid channel";
     return std::nullopt;
 }
 
-bool frameLevel(const std::string& problem) {
-    return problem.compare(0, 8, "message ") != 0;
+bool frameLevel(const codec::DecodeError& error) {
+    return !error.index;
 }
 
 }  // namespace
@@ -106,8 +108,8 @@ FrameOutcome Hub::handleFrame(std::string_view frame, const std::shared_ptr<Link
     codec::Decoded decoded = codec::decodeFromClient(frame);
     if (!decoded.errors.empty()) {
         outcome.unreadable = std::any_of(decoded.errors.begin(), decoded.errors.end(), frameLevel);
-        logger.log(log::trace, "Refused what a client sent: ", decoded.errors.front());
-        appendDecodeFailures(out, frame, decoded.errors);
+        logger.log(log::trace, "Refused what a client sent: ", decoded.errors.front().text());
+        appendDecodeFailures(out, decoded.errors);
     }
     // The sender of the previous message: a frame's messages nearly always share one.
     std::shared_ptr<RemoteSession> session;

@@ -1,15 +1,14 @@
-// The hub's own Bayeux JSON: deliveries, error replies and what is read back from a frame the
-// codec refused. Parsing here happens only on error paths and for handshakes.
+// The hub's own Bayeux JSON: deliveries, error replies, and the API key of a handshake, the one
+// place that parses JSON here.
 
 #include "wire.h"
 
 #include <boost/json/monotonic_resource.hpp>
 #include <boost/json/parse.hpp>
 #include <boost/json/value.hpp>
-#include <charconv>
 
-#include "../bayeux/json_text.h"
-#include "bayeux/codec.h"
+#include "bayeux/json_text.h"
+#include "connector/bayeux/channel.h"
 
 namespace connector::bayeux::endpoint {
 
@@ -31,50 +30,6 @@ std::string_view view(const json::string& s) {
 bool isKnownMetaChannel(std::string_view channel) {
     return channel == meta::handshake || channel == meta::connect || channel == meta::disconnect ||
            channel == meta::subscribe || channel == meta::unsubscribe;
-}
-
-// "message 3: missing data" -> index 3 and "missing data"; false for problems of a whole frame.
-bool splitProblem(std::string_view problem, std::size_t& index, std::string_view& text) {
-    constexpr std::string_view prefix = "message ";
-    if (problem.substr(0, prefix.size()) != prefix)
-        return false;
-    const char* first = problem.data() + prefix.size();
-    const char* last = problem.data() + problem.size();
-    auto result = std::from_chars(first, last, index);
-    if (result.ec != std::errc() || result.ptr + 2 > last || result.ptr[0] != ':')
-        return false;
-    text = std::string_view(result.ptr + 2, static_cast<std::size_t>(last - result.ptr - 2));
-    return true;
-}
-
-std::string idText(const json::value* id) {
-    if (!id)
-        return {};
-    if (id->is_string())
-        return std::string(view(id->get_string()));
-    if (id->is_int64())
-        return std::to_string(id->get_int64());
-    if (id->is_uint64())
-        return std::to_string(id->get_uint64());
-    return {};
-}
-
-void appendElementFailure(FrameBuilder& out, const json::value* element, std::string_view problem) {
-    std::string channel;
-    std::string id;
-    if (element && element->is_object()) {
-        const json::object& object = element->get_object();
-        if (const json::value* c = object.if_contains("channel"); c && c->is_string())
-            channel = std::string(view(c->get_string()));
-        id = idText(object.if_contains("id"));
-    }
-    if (!channel.empty() && isMetaChannel(channel) && !isKnownMetaChannel(channel)) {
-        appendErrorReply(out, channel, id, "403:" + channel + ":Forbidden channel");
-    } else if (!channel.empty() && !isValidChannel(channel, true)) {
-        appendErrorReply(out, channel, id, "405:" + channel + ":Invalid channel");
-    } else {
-        appendErrorReply(out, channel, id, "400::" + std::string(problem));
-    }
 }
 
 }  // namespace
@@ -186,51 +141,19 @@ std::string apiKeyOf(std::string_view ext) {
     return std::string(view(key->get_string()));
 }
 
-void appendDecodeFailures(FrameBuilder& out, std::string_view frame,
-                          const std::vector<std::string>& problems) {
-    if (problems.empty())
-        return;
-    json::error_code ec;
-    json::value root = json::parse(json::string_view(frame.data(), frame.size()), ec,
-                                   json::storage_ptr(), parseOptions());
-    for (const std::string& problem : problems) {
-        std::size_t index = 0;
-        std::string_view text;
-        if (ec || !splitProblem(problem, index, text)) {
-            appendErrorReply(out, {}, {}, "400::" + problem);
-            continue;
-        }
-        const json::value* element = nullptr;
-        if (root.is_array() && index < root.get_array().size())
-            element = &root.get_array()[index];
-        else if (root.is_object() && index == 0)
-            element = &root;
-        appendElementFailure(out, element, text);
-    }
-}
-
-bool isMetaChannel(std::string_view channel) {
-    return channel == "/meta" || channel.substr(0, 6) == "/meta/";
-}
-
-bool isValidChannel(std::string_view channel, bool wildcards) {
-    if (channel.size() < 2 || channel[0] != '/')
-        return false;
-    std::size_t start = 1;
-    while (true) {
-        const std::size_t slash = channel.find('/', start);
-        const bool last = slash == std::string_view::npos;
-        const std::string_view segment =
-            channel.substr(start, last ? std::string_view::npos : slash - start);
-        if (segment.empty())
-            return false;
-        if (segment.find('*') != std::string_view::npos) {
-            if (!wildcards || !last || (segment != "*" && segment != "**"))
-                return false;
-        }
-        if (last)
-            return true;
-        start = slash + 1;
+void appendDecodeFailures(FrameBuilder& out, const std::vector<codec::DecodeError>& errors) {
+    for (const codec::DecodeError& error : errors) {
+        const ChannelName channel(error.channel);
+        if (!error.index)
+            appendErrorReply(out, {}, {}, "400::" + error.reason);
+        else if (channel.isMeta() && !isKnownMetaChannel(error.channel))
+            appendErrorReply(out, error.channel, error.id,
+                             "403:" + error.channel + ":Forbidden channel");
+        else if (!error.channel.empty() && !channel.isValid())
+            appendErrorReply(out, error.channel, error.id,
+                             "405:" + error.channel + ":Invalid channel");
+        else
+            appendErrorReply(out, error.channel, error.id, "400::" + error.reason);
     }
 }
 

@@ -1,13 +1,14 @@
 #pragma once
 // The hub's own pieces of Bayeux JSON: deliveries and error replies written straight into a
 // frame being built, the API key read from a handshake's ext, and the error replies for the
-// elements of a frame the codec could not decode. Only wire.cpp parses JSON.
+// elements of a frame the codec could not decode.
 
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "bayeux/codec.h"
 #include "connector/bayeux/messages.h"
 
 namespace connector::bayeux::endpoint {
@@ -56,14 +57,8 @@ void appendErrorReply(FrameBuilder& frame, std::string_view channel, std::string
 // The string member "orvapikey" of an ext object text, or empty.
 std::string apiKeyOf(std::string_view ext);
 
-// Error replies for what the codec left out of `frame`, one per problem it reported. A problem
-// names its element by index; the element's channel and id are echoed when they can be read.
-void appendDecodeFailures(FrameBuilder& out, std::string_view frame,
-                          const std::vector<std::string>& problems);
-
-// True for /meta and every channel under it.
-bool isMetaChannel(std::string_view channel);
-// A channel name: "/" then non-empty segments; `wildcards` allows a last segment of * or **.
-bool isValidChannel(std::string_view channel, bool wildcards);
+// One error reply for each message or frame the codec refused, naming the message's channel
+// and id where it sent readable ones.
+void appendDecodeFailures(FrameBuilder& out, const std::vector<codec::DecodeError>& errors);
 
 }  // namespace connector::bayeux::endpoint

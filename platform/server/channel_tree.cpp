@@ -4,6 +4,8 @@
 
 #include <utility>
 
+#include "connector/bayeux/channel.h"
+
 namespace connector::bayeux::detail {
 
 namespace {
@@ -28,26 +30,17 @@ ChannelTree::ChannelTree() : root_(std::make_unique<ChannelNode>()) {
 }
 
 PatternSlot* ChannelTree::findSlot(std::string_view pattern, bool create) {
-    if (pattern.empty() || pattern.front() != '/')
+    const ChannelName name(pattern);
+    if (!name.isRooted())
         return nullptr;
-    std::string_view rest = pattern.substr(1);
-
-    // A wildcard counts only as the whole last segment; anywhere else it is a plain name.
-    const auto lastSlash = rest.rfind('/');
-    const std::string_view last =
-        lastSlash == std::string_view::npos ? rest : rest.substr(lastSlash + 1);
     PatternSlot ChannelNode::*member = &ChannelNode::exact;
-    if (last == "*" || last == "**") {
-        member = last == "*" ? &ChannelNode::one : &ChannelNode::any;
-        if (lastSlash == std::string_view::npos)
-            return &(root_.get()->*member);
-        rest = rest.substr(0, lastSlash);
-    }
+    if (name.wildcard() == ChannelName::Wildcard::one)
+        member = &ChannelNode::one;
+    else if (name.wildcard() == ChannelName::Wildcard::any)
+        member = &ChannelNode::any;
 
     ChannelNode* node = root_.get();
-    while (true) {
-        const auto slash = rest.find('/');
-        const std::string_view segment = rest.substr(0, slash);
+    for (std::string_view segment : name.baseSegments()) {
         auto it = node->children.find(segment);
         if (it == node->children.end()) {
             if (!create)
@@ -61,9 +54,6 @@ PatternSlot* ChannelTree::findSlot(std::string_view pattern, bool create) {
             ++nodes_;
         }
         node = it->second.get();
-        if (slash == std::string_view::npos)
-            break;
-        rest = rest.substr(slash + 1);
     }
     return &(node->*member);
 }
@@ -112,25 +102,20 @@ void ChannelTree::removeAll(SessionRecord& record,
 }
 
 void ChannelTree::match(std::string_view channel, std::vector<Match>& out) const {
-    if (channel.empty() || channel.front() != '/')
-        return;
-    std::string_view rest = channel.substr(1);
+    const ChannelName name(channel);
     const ChannelNode* node = root_.get();
-    while (true) {
-        const auto slash = rest.find('/');
-        const bool last = slash == std::string_view::npos;
+    const auto segments = name.segments();
+    for (auto it = segments.begin(); it != segments.end(); ++it) {
+        const bool last = it.last();
         appendMembers(node->any, out);
         if (last)
             appendMembers(node->one, out);
-        auto it = node->children.find(rest.substr(0, slash));
-        if (it == node->children.end())
+        auto child = node->children.find(*it);
+        if (child == node->children.end())
             return;
-        node = it->second.get();
-        if (last) {
+        node = child->second.get();
+        if (last)
             appendMembers(node->exact, out);
-            return;
-        }
-        rest = rest.substr(slash + 1);
     }
 }
 

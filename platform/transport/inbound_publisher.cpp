@@ -56,8 +56,8 @@ void InboundPublisher::subscribe(std::shared_ptr<Subscriber> subscriber) {
         throw std::invalid_argument("subscribe() needs a subscriber");
     {
         common::MutexLock lock(mutex_);
-        if (!subscribed_) {
-            subscribed_ = true;
+        if (stream_ == Stream::unsubscribed) {
+            stream_ = Stream::subscribed;
             subscriber_ = std::move(subscriber);
             subscription_ = std::make_shared<StreamSubscription>(weak_from_this());
         }
@@ -75,18 +75,15 @@ void InboundPublisher::push(MessagePtr message) {
     const bool here = onExecutorThread();
     {
         common::MutexLock lock(mutex_);
-        if (cancelled_ || completed_)
+        if (stream_ == Stream::cancelled || source_ != Source::open)
             return;
         queue_.push_back(std::move(message));
-        if (!subscriber_ || draining_ || (started_ && demand_ == 0))
+        if (!subscriber_ || drain_ == Drain::running ||
+            (stream_ == Stream::started && demand_ == 0))
             return;  // subscribe(), the running delivery or request() takes it from here
-        if (here) {
-            draining_ = true;
-        } else {
-            if (drainScheduled_)
-                return;
-            drainScheduled_ = true;
-        }
+        if (!here && drain_ == Drain::posted)
+            return;
+        drain_ = here ? Drain::running : Drain::posted;
     }
     if (here)
         drainClaimed();
@@ -98,11 +95,10 @@ void InboundPublisher::complete(bool clean) {
     bool unheard;
     {
         common::MutexLock lock(mutex_);
-        if (completed_)
+        if (source_ != Source::open)
             return;
-        completed_ = true;
-        clean_ = clean;
-        unheard = !subscribed_;
+        source_ = clean ? Source::endedClean : Source::endedUnclean;
+        unheard = stream_ == Stream::unsubscribed;
     }
     // With nobody subscribed yet the stream is over now; a later subscriber still gets the rest.
     if (unheard)
@@ -115,7 +111,7 @@ void InboundPublisher::request(std::uint64_t n) {
         return;
     {
         common::MutexLock lock(mutex_);
-        if (cancelled_)
+        if (stream_ == Stream::cancelled)
             return;
         demand_ = (kUnbounded - demand_ <= n) ? kUnbounded : demand_ + n;
     }
@@ -127,9 +123,9 @@ void InboundPublisher::cancel() {
     std::deque<MessagePtr> dropped;
     {
         common::MutexLock lock(mutex_);
-        if (cancelled_)
+        if (stream_ == Stream::cancelled)
             return;
-        cancelled_ = true;
+        stream_ = Stream::cancelled;
         released = std::move(subscriber_);
         dropped.swap(queue_);
     }
@@ -143,9 +139,9 @@ void InboundPublisher::scheduleDrain() {
         common::MutexLock lock(mutex_);
         // A running delivery re-reads the state under this lock before it stops, so it sees
         // whatever changed before this call.
-        if (drainScheduled_ || draining_ || !subscriber_)
+        if (drain_ != Drain::idle || !subscriber_)
             return;
-        drainScheduled_ = true;
+        drain_ = Drain::posted;
     }
     executor_([self = shared_from_this()] { self->drain(); });
 }
@@ -153,10 +149,9 @@ void InboundPublisher::scheduleDrain() {
 void InboundPublisher::drain() {
     {
         common::MutexLock lock(mutex_);
-        drainScheduled_ = false;
-        if (draining_)
+        if (drain_ == Drain::running)
             return;  // the running drain sees the new state before it stops
-        draining_ = true;
+        drain_ = Drain::running;
     }
     drainClaimed();
 }
@@ -170,12 +165,12 @@ void InboundPublisher::drainClaimed() {
         bool clean = true;
         {
             common::MutexLock lock(mutex_);
-            if (!subscriber_ || cancelled_) {
-                draining_ = false;
+            if (!subscriber_) {
+                drain_ = Drain::idle;
                 return;
             }
-            if (!started_) {
-                started_ = true;
+            if (stream_ == Stream::subscribed) {
+                stream_ = Stream::started;
                 subscriber = subscriber_;
                 subscription = subscription_;
             } else if (!queue_.empty() && demand_ > 0) {
@@ -184,14 +179,15 @@ void InboundPublisher::drainClaimed() {
                 if (demand_ != kUnbounded)
                     --demand_;
                 subscriber = subscriber_;
-            } else if (queue_.empty() && completed_) {
+            } else if (queue_.empty() && source_ != Source::open) {
                 completing = true;
-                clean = clean_;
+                clean = source_ == Source::endedClean;
+                stream_ = Stream::ended;
                 subscriber = std::move(subscriber_);
                 subscription_.reset();
-                draining_ = false;
+                drain_ = Drain::idle;
             } else {
-                draining_ = false;
+                drain_ = Drain::idle;
                 return;
             }
         }

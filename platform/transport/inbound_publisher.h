@@ -55,8 +55,28 @@ class InboundPublisher : public reactive_streams::Publisher<MessagePtr>,
     bool onExecutorThread() const { return onExecutorThread_ && onExecutorThread_(); }
     void scheduleDrain();
     void drain();
-    // Delivers until nothing more can go; the caller has set draining_.
+    // Delivers until nothing more can go; the caller has set drain_ to running.
     void drainClaimed();
+
+    // The stream as its subscriber sees it. Only these transitions happen:
+    //
+    //   unsubscribed --subscribe()--> subscribed --onSubscribe delivered--> started
+    //   started --queue empty and the source ended: onComplete delivered--> ended
+    //   started | ended --cancel() (from the subscription, or a throwing signal)--> cancelled
+    //
+    // A subscriber is held exactly in `subscribed` and `started`.
+    enum class Stream : std::uint8_t { unsubscribed, subscribed, started, ended, cancelled };
+    // The producer's side: open until complete(clean), which ends it once.
+    enum class Source : std::uint8_t { open, endedClean, endedUnclean };
+    // Who delivers next on the executor's thread:
+    //
+    //   idle --a change made off that thread--> posted --the task runs--> running
+    //   idle | posted --push() on that thread--> running (inline)
+    //   running --nothing more can go--> idle
+    //
+    // A posted task that finds `running` leaves the work to the running loop, which re-reads
+    // the state before it stops; one that finds `idle` simply looks for work.
+    enum class Drain : std::uint8_t { idle, posted, running };
 
     const Executor executor_;
     const std::function<void()> onCancel_;
@@ -68,16 +88,9 @@ class InboundPublisher : public reactive_streams::Publisher<MessagePtr>,
     std::uint64_t demand_ ORVALE_GUARDED_BY(mutex_) = 0;  // UINT64_MAX: unbounded
     std::shared_ptr<Subscriber> subscriber_ ORVALE_GUARDED_BY(mutex_);
     std::shared_ptr<StreamSubscription> subscription_ ORVALE_GUARDED_BY(mutex_);
-    // A subscriber was accepted, ever.
-    bool subscribed_ ORVALE_GUARDED_BY(mutex_) = false;
-    bool started_ ORVALE_GUARDED_BY(mutex_) = false;    // its onSubscribe was delivered
-    bool completed_ ORVALE_GUARDED_BY(mutex_) = false;  // the producer ended the stream
-    bool clean_ ORVALE_GUARDED_BY(mutex_) = true;
-    bool cancelled_ ORVALE_GUARDED_BY(mutex_) = false;
-    // A drain task is posted and has not started.
-    bool drainScheduled_ ORVALE_GUARDED_BY(mutex_) = false;
-    // A delivery loop is running (on the delivering thread).
-    bool draining_ ORVALE_GUARDED_BY(mutex_) = false;
+    Stream stream_ ORVALE_GUARDED_BY(mutex_) = Stream::unsubscribed;
+    Source source_ ORVALE_GUARDED_BY(mutex_) = Source::open;
+    Drain drain_ ORVALE_GUARDED_BY(mutex_) = Drain::idle;
 };
 
 }  // namespace connector::bayeux::transport

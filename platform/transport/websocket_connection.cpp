@@ -355,7 +355,7 @@ class WebSocketConnection final
         codec::Decoded decoded = codec::decodeFromServer(frame);
         for (const auto& problem : decoded.errors)
             logger.log(foundation::log::error, "Dropped what could not be decoded from ",
-                       settings_.url, ": ", problem,
+                       settings_.url, ": ", problem.text(),
                        "; frame: ", frame.substr(0, kQuotedFrameBytes));
         readBuffer_.consume(readBuffer_.size());
         if (readBuffer_.capacity() > kKeptReadBuffer)

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <string>
+#include <tuple>
 
 #include "bayeux/json_text.h"
 
@@ -45,7 +46,7 @@ void expectCommon(const BayeuxMessage& message) {
 
 // Decodes one message and checks it came back alone and without complaint.
 std::unique_ptr<BayeuxMessage> single(codec::Decoded decoded) {
-    EXPECT_TRUE(decoded.errors.empty()) << decoded.errors.front();
+    EXPECT_TRUE(decoded.errors.empty()) << decoded.errors.front().text();
     EXPECT_EQ(decoded.messages.size(), 1u);
     if (decoded.messages.size() != 1)
         return nullptr;
@@ -330,7 +331,8 @@ TEST(BayeuxCodec, UndecodableFramesGiveErrorsNotMessages) {
     auto big = decodeFromServer(huge);
     EXPECT_TRUE(big.messages.empty());
     ASSERT_EQ(big.errors.size(), 1u);
-    EXPECT_NE(big.errors[0].find("exceeds"), std::string::npos);
+    EXPECT_FALSE(big.errors[0].index);
+    EXPECT_NE(big.errors[0].reason.find("exceeds"), std::string::npos);
 }
 
 TEST(BayeuxCodec, MistypedOrMissingFieldsAreReportedPerElement) {
@@ -373,7 +375,7 @@ TEST(BayeuxCodec, MistypedOrMissingFieldsAreReportedPerElement) {
         EXPECT_EQ(decoded.messages[0]->bayeuxChannel(), "/ok");
         EXPECT_EQ(decoded.messages[1]->bayeuxChannel(), "/ok2");
         ASSERT_EQ(decoded.errors.size(), 1u) << c.element;
-        EXPECT_EQ(decoded.errors[0].rfind(c.problem, 0), 0u) << decoded.errors[0];
+        EXPECT_EQ(decoded.errors[0].text().rfind(c.problem, 0), 0u) << decoded.errors[0].text();
     }
 
     const Case clientCases[] = {
@@ -396,8 +398,23 @@ TEST(BayeuxCodec, MistypedOrMissingFieldsAreReportedPerElement) {
         auto decoded = decodeFromClient(std::string("[") + c.element + "]");
         EXPECT_TRUE(decoded.messages.empty()) << c.element;
         ASSERT_EQ(decoded.errors.size(), 1u) << c.element;
-        EXPECT_EQ(decoded.errors[0].rfind(c.problem, 0), 0u) << decoded.errors[0];
+        EXPECT_EQ(decoded.errors[0].text().rfind(c.problem, 0), 0u) << decoded.errors[0].text();
     }
+}
+
+TEST(BayeuxCodec, AnElementErrorNamesTheElementsChannelAndIdWhereReadable) {
+    auto decoded = decodeFromClient(
+        R"([{"channel":"/meta/bogus","id":"7"},{"channel":"/a","id":42},{"channel":5,"id":[]}])");
+    ASSERT_EQ(decoded.errors.size(), 3u);
+    const std::tuple<std::size_t, const char*, const char*> expected[] = {
+        {0, "/meta/bogus", "7"}, {1, "/a", "42"}, {2, "", ""}};
+    for (std::size_t i = 0; i < 3; ++i) {
+        const auto& [index, channel, id] = expected[i];
+        EXPECT_EQ(decoded.errors[i].index, index);
+        EXPECT_EQ(decoded.errors[i].channel, channel);
+        EXPECT_EQ(decoded.errors[i].id, id);
+    }
+    EXPECT_FALSE(decodeFromClient("[1,").errors.at(0).index);
 }
 
 TEST(BayeuxCodec, SubscriptionArraysKeepTheFirstPattern) {

@@ -1,6 +1,7 @@
 # Bayeux codec and WebSocket client transport. The tests of internal units reach their private
 # headers through the platform folder.
 orvale_test(bayeux_codec_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/bayeux_codec_test.cpp)
+orvale_test(channel_name_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/channel_name_test.cpp)
 orvale_test(json_reader_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/json_reader_test.cpp)
 # Boost.JSON is the reference the reader is checked against.
 target_link_libraries(json_reader_test PRIVATE Boost::json)
