@@ -2,8 +2,7 @@
 // Future, Promise and continuations: the one asynchronous-result mechanism of the connector.
 //
 // A Future and a Promise are two handles on one SharedFutureState. Continuations always run
-// outside the state's mutex, on the resolving thread, or on the thread calling then() when the
-// state is already resolved, so that a continuation may touch the state again.
+// outside the state's mutex, so that a continuation may touch the state again.
 //
 // Thread safety: a Future and its Promise may be used from different threads at once; one
 // handle is not shared between threads. A continuation runs on the thread that resolves the

@@ -8,8 +8,7 @@
 // order for each (publisher, subscriber) pair.
 //
 // Thread safety: a BayeuxServer may be called from any thread at once, also from inside a
-// session's deliver. The server calls a session's deliver on its delivery threads (a queueing
-// session's queuePublish on the publishing thread), never under a lock of its own.
+// session's deliver. It calls a session's deliver on its delivery threads, never under a lock.
 
 #include <cstddef>
 #include <memory>
