@@ -21,7 +21,8 @@ const log::basic_diagnostic_logger<char> logger("connector::bayeux::endpoint");
 
 // 15 characters of 62 (89 bits) fit a string's inline buffer, so the id that every message of
 // a session carries is copied without an allocation, in the hub and in its clients.
-constexpr std::uint8_t kClientIdLength = 15;
+// 22 characters of 62 kinds: 130 bits, beyond guessing.
+constexpr std::uint8_t kClientIdLength = 22;
 // How long a client refused for lack of room waits before handshaking again.
 constexpr std::int64_t kRetryHandshakeMs = 1000;
 
@@ -78,12 +79,12 @@ void appendUnknownClient(FrameBuilder& out, const BayeuxMessage& request) {
 }
 
 // The reply to a subscription change or publish on a channel this client may not use, if any.
-std::optional<std::string> channelProblem(const std::string& channel, bool pattern) {
-    const ChannelName name(channel);
+std::optional<std::string> channelProblem(const ChannelName& name, bool pattern) {
+    const std::string_view channel = name.text();
     if (name.isMeta())
-        return "403:" + channel + ":Forbidden channel";
+        return "403:" + std::string(channel) + ":Forbidden channel";
     if (!name.isValid() || (name.isPattern() && !pattern))
-        return "405:" + channel + ":Invalid channel";
+        return "405:" + std::string(channel) + ":Invalid channel";
     return std::nullopt;
 }
 
@@ -260,7 +261,7 @@ template <class Request, class Response>
 void Hub::changeSubscription(const Request& request, const std::shared_ptr<RemoteSession>& session,
                              FrameBuilder& out) {
     const std::string& channel = request.getChannel();
-    if (auto problem = channelProblem(channel, true)) {
+    if (auto problem = channelProblem(ChannelName(channel), true)) {
         appendError(out, request, std::move(*problem));
         return;
     }
@@ -278,11 +279,15 @@ void Hub::changeSubscription(const Request& request, const std::shared_ptr<Remot
 }
 
 void Hub::publish(std::unique_ptr<PublishRequest> request, FrameBuilder& out) {
-    if (auto problem = channelProblem(request->getChannel(), false)) {
+    const ChannelName channel(request->getChannel());
+    if (auto problem = channelProblem(channel, false)) {
         appendError(out, *request, std::move(*problem));
         return;
     }
     appendPublishAck(out, request->getChannel(), request->getId());
+    // A message on a service channel is meant for the server alone: no subscriber receives it.
+    if (channel.isService())
+        return;
     server_->acceptPublish(std::shared_ptr<const PublishRequest>(std::move(request)));
 }
 
