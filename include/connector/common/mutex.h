@@ -4,7 +4,7 @@
 // A member written `ORVALE_GUARDED_BY(mutex_)` may be touched only with `mutex_` held; a function
 // written `ORVALE_REQUIRES(mutex_)` is called only with it held. Clang checks both at compile time
 // under -Wthread-safety; other compilers see plain std::mutex wrappers and the macros vanish.
-// The wrappers add no state and no calls: each method is an inline call of the std one.
+// The wrappers cost nothing at run time: each method is an inline call of the std one.
 //
 // A function handed a held UniqueLock `lock` over `mutex_` says what it does with it:
 // - `ORVALE_REQUIRES(mutex_) ORVALE_RELEASE(lock)`: returns with it released. Callers see
