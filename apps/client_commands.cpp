@@ -4,13 +4,14 @@
 #include <boost/json/serialize.hpp>
 #include <boost/json/string.hpp>
 #include <iostream>
-#include <mutex>
 #include <optional>
 
 #include "cli.h"
 #include "client_factory.h"
 #include "commands.h"
 #include "signals.h"
+
+#include "connector/common/mutex.h"
 
 namespace orvale::app {
 
@@ -64,13 +65,13 @@ int runSub(const Words& words) {
                       })
                       .get();
 
-    std::mutex outputMutex;
+    connector::common::Mutex outputMutex;
     std::uint64_t printed = 0;  // guarded by outputMutex
     // The message printed last. Overlapping subscriptions are each called with the same
     // delivered message; holding it keeps its payload's address from being reused.
     std::optional<ms::JsonMessage> last;  // guarded by outputMutex
     auto print = [&](const ms::JsonMessage& message) {
-        std::lock_guard<std::mutex> lock(outputMutex);
+        connector::common::MutexLock lock(outputMutex);
         if (count != 0 && printed >= count)
             return;
         if (last && &last->getJson() == &message.getJson())
@@ -92,7 +93,7 @@ int runSub(const Words& words) {
     waitForStop(done);
     bool finished = false;
     {
-        std::lock_guard<std::mutex> lock(outputMutex);
+        connector::common::MutexLock lock(outputMutex);
         finished = count != 0 && printed >= count;
     }
     if (lost && !finished)

@@ -3,11 +3,12 @@
 
 #include <condition_variable>
 #include <iostream>
-#include <mutex>
 
 #include "cli.h"
 #include "client_factory.h"
 #include "commands.h"
+
+#include "connector/common/mutex.h"
 
 namespace orvale::app {
 
@@ -28,12 +29,12 @@ Prints every step and every state change, then exits.
 class Printer {
   public:
     void line(const std::string& text) {
-        std::lock_guard<std::mutex> lock(mutex_);
+        connector::common::MutexLock lock(mutex_);
         std::cout << text << "\n" << std::flush;
     }
 
   private:
-    std::mutex mutex_;
+    connector::common::Mutex mutex_;
 };
 
 }  // namespace
@@ -86,12 +87,12 @@ int runDemo(const Words& words) {
             })
             .get();
 
-    std::mutex mutex;
+    connector::common::Mutex mutex;
     std::condition_variable answered;
     int answers = 0;  // guarded by mutex
     auto listening = visitor->subscribe("/demo/answers", [&](const ms::JsonMessage& m) {
         out.line("visitor: received on " + m.getChannel() + ": " + m.getJson());
-        std::lock_guard<std::mutex> lock(mutex);
+        connector::common::MutexLock lock(mutex);
         ++answers;
         answered.notify_all();
     });
@@ -105,8 +106,8 @@ int runDemo(const Words& words) {
         await(published, 5s, "the visitor cannot publish");
     }
     {
-        std::unique_lock<std::mutex> lock(mutex);
-        if (!answered.wait_for(lock, 5s, [&] { return answers == kQuestions; }))
+        connector::common::UniqueLock lock(mutex);
+        if (!answered.wait_for(lock.native(), 5s, [&] { return answers == kQuestions; }))
             throw Failure("the visitor got " + std::to_string(answers) + " of " +
                           std::to_string(kQuestions) + " answers");
     }

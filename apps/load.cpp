@@ -5,13 +5,14 @@
 #include <algorithm>
 #include <atomic>
 #include <charconv>
-#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "cli.h"
 #include "client_factory.h"
 #include "process.h"
+
+#include "connector/common/mutex.h"
 
 namespace orvale::app {
 
@@ -146,7 +147,7 @@ Latency LoadRunner::latency(std::size_t rate, std::chrono::milliseconds duration
     const std::string channel = "/bench/lat" + tag;
     const std::size_t messages = static_cast<std::size_t>(rate * duration.count() / 1000);
     const std::size_t warmUp = messages / 10;
-    std::mutex mutex;
+    connector::common::Mutex mutex;
     std::vector<std::int64_t> samples;  // guarded by mutex
     samples.reserve(messages);
     std::atomic<std::size_t> received{0};
@@ -154,7 +155,7 @@ Latency LoadRunner::latency(std::size_t rate, std::chrono::milliseconds duration
     auto subscribed = subscriber->subscribe(channel, [&](const ms::JsonMessage& message) {
         const std::int64_t delay = nowNanos() - sentAt(message.getJson());
         if (received.fetch_add(1) >= warmUp) {
-            std::lock_guard<std::mutex> lock(mutex);
+            connector::common::MutexLock lock(mutex);
             samples.push_back(delay);
         }
     });
@@ -181,7 +182,7 @@ Latency LoadRunner::latency(std::size_t rate, std::chrono::milliseconds duration
     disconnectAll(services);
     std::vector<std::int64_t> sorted;
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        connector::common::MutexLock lock(mutex);
         sorted = samples;
     }
     if (sorted.empty())

@@ -5,18 +5,18 @@
 #include <any>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <shared_mutex>
 #include <string>
 #include <unordered_map>
 #include <utility>
 
+#include "connector/common/mutex.h"
 #include "connector/future.h"
 
 namespace connector {
 
 // Names a service: the service itself and the protocol it is reached through.
+// Thread safety: a value; an object shared between threads is only read.
 class Address {
   public:
     Address(const char* service, const char* protocol) : service_(service), protocol_(protocol) {}
@@ -38,6 +38,7 @@ class Address {
 };
 
 // Base of every request and response exchanged through a Context; owned by unique_ptr.
+// Thread safety: see connector/bayeux/messages.h.
 class Message {
   public:
     virtual ~Message() = default;
@@ -48,7 +49,9 @@ enum class ContextScope : int { Request = 0, Session = 1, Global = 2 };
 
 namespace common {
 
-// Named values attached to a call or a context; thread-safe.
+// Named values attached to a call or a context.
+//
+// Thread safety: may be called from any thread at once.
 class ContextState {
   public:
     void set(const std::string& name, std::any value, ContextScope scope);
@@ -59,8 +62,9 @@ class ContextState {
     std::optional<std::string> getString(const std::string& name) const;
 
   private:
-    mutable std::mutex mutex_;  // guards values_
-    std::unordered_map<std::string, std::pair<std::any, ContextScope>> values_;
+    mutable Mutex mutex_;
+    std::unordered_map<std::string, std::pair<std::any, ContextScope>> values_
+        ORVALE_GUARDED_BY(mutex_);
 };
 
 }  // namespace common
@@ -72,6 +76,9 @@ using ServiceHandler =
     std::function<Future<std::unique_ptr<Message>>(Context&, std::unique_ptr<Message>)>;
 
 // Registry of services by address; delivers requests to them.
+//
+// Thread safety: may be called from any thread at once; a handler runs on the thread that calls
+// deliver(), with no lock of the context held.
 class Context : public std::enable_shared_from_this<Context> {
   public:
     Context();
@@ -92,12 +99,15 @@ class Context : public std::enable_shared_from_this<Context> {
     struct AddressHash {
         std::size_t operator()(const Address& a) const;
     };
-    mutable std::shared_mutex mutex_;  // guards services_
-    std::unordered_map<Address, std::shared_ptr<ServiceHandler>, AddressHash> services_;
+    mutable common::SharedMutex mutex_;
+    std::unordered_map<Address, std::shared_ptr<ServiceHandler>, AddressHash> services_
+        ORVALE_GUARDED_BY(mutex_);
     std::shared_ptr<common::ContextState> state_;
 };
 
 // Wraps a Context for hosts that pass connectors around.
+//
+// Thread safety: immutable; may be called from any thread.
 class Connector {
   public:
     explicit Connector(std::shared_ptr<Context> context) : context_(std::move(context)) {}
@@ -109,6 +119,7 @@ class Connector {
 };
 
 // A context whose registry already holds the WebSocket Bayeux client transport.
+// Thread safety: both may be called from any thread.
 std::shared_ptr<Context> makeContext();
 std::shared_ptr<Connector> makeConnector(std::shared_ptr<Context> context);
 

@@ -1,9 +1,12 @@
 #pragma once
 // Future, Promise and continuations: the one asynchronous-result mechanism of the connector.
 //
-// A Future and a Promise are two handles on one SharedFutureState. The state's mutex guards
-// every field of the state; continuations always run outside it, on the resolving thread, or
-// on the thread calling then() when the state is already resolved.
+// A Future and a Promise are two handles on one SharedFutureState. Continuations always run
+// outside the state's mutex, so that a continuation may touch the state again.
+//
+// Thread safety: a Future and its Promise may be used from different threads at once; one
+// handle is not shared between threads. A continuation runs on the thread that resolves the
+// promise, or on the thread calling then() when the state is already resolved.
 
 #include <atomic>
 #include <chrono>
@@ -12,11 +15,12 @@
 #include <exception>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <type_traits>
 #include <utility>
+
+#include "connector/common/mutex.h"
 
 namespace connector {
 
@@ -48,19 +52,20 @@ enum : std::uint32_t { kPending = 0, kValue = 1, kException = 2, kCancelled = 3 
 template <class T>
 class SharedFutureState : public std::enable_shared_from_this<SharedFutureState<T>> {
   public:
-    std::mutex mutex;                                   // guards every member below
+    common::Mutex mutex;
     std::condition_variable condition;                  // get() and waitFor() wait here
-    Slot<T> result;                                     // the value when status is 1
-    std::exception_ptr error;                           // the exception when status is 2
-    std::unique_ptr<ContinuationBase<T>> continuation;  // run once on resolution
-    std::uint32_t status = kPending;
-    bool futureRetrieved = false;
-    bool valueRetrieved = false;
+    Slot<T> result ORVALE_GUARDED_BY(mutex);            // the value when status is 1
+    std::exception_ptr error ORVALE_GUARDED_BY(mutex);  // the exception when status is 2
+    // Run once on resolution.
+    std::unique_ptr<ContinuationBase<T>> continuation ORVALE_GUARDED_BY(mutex);
+    std::uint32_t status ORVALE_GUARDED_BY(mutex) = kPending;
+    bool futureRetrieved ORVALE_GUARDED_BY(mutex) = false;
+    bool valueRetrieved ORVALE_GUARDED_BY(mutex) = false;
 
     // Resolves with a value (status 1); a cancelled state drops it silently.
     template <class... A>
     void setValue(A&&... value) {
-        std::unique_lock<std::mutex> lock(mutex);
+        common::UniqueLock lock(mutex);
         if (!beginResolve())
             return;
         if constexpr (!std::is_void_v<T>)
@@ -70,7 +75,7 @@ class SharedFutureState : public std::enable_shared_from_this<SharedFutureState<
     }
 
     void setException(std::exception_ptr e) {
-        std::unique_lock<std::mutex> lock(mutex);
+        common::UniqueLock lock(mutex);
         if (!beginResolve())
             return;
         error = std::move(e);
@@ -80,7 +85,7 @@ class SharedFutureState : public std::enable_shared_from_this<SharedFutureState<
 
     // Resolves a still pending state with the abandonment error; used by ~Promise.
     void abandon() {
-        std::unique_lock<std::mutex> lock(mutex);
+        common::UniqueLock lock(mutex);
         if (status != kPending)
             return;
         error = std::make_exception_ptr(
@@ -94,7 +99,7 @@ class SharedFutureState : public std::enable_shared_from_this<SharedFutureState<
     bool cancel() {
         std::unique_ptr<ContinuationBase<T>> dropped;
         {
-            std::lock_guard<std::mutex> lock(mutex);
+            common::MutexLock lock(mutex);
             if (status != kPending)
                 return false;
             status = kCancelled;
@@ -105,12 +110,13 @@ class SharedFutureState : public std::enable_shared_from_this<SharedFutureState<
     }
 
     auto get() {
-        std::unique_lock<std::mutex> lock(mutex);
+        common::UniqueLock lock(mutex);
         if (valueRetrieved || continuation)
             throw std::runtime_error(
                 "Future already returned it's value or has an associated continuation.");
         valueRetrieved = true;
-        condition.wait(lock, [this] { return status != kPending; });
+        condition.wait(lock.native(),
+                       [this]() ORVALE_REQUIRES(mutex) { return status != kPending; });
         switch (status) {
             case kValue:
                 if constexpr (std::is_void_v<T>) {
@@ -130,14 +136,15 @@ class SharedFutureState : public std::enable_shared_from_this<SharedFutureState<
     }
 
     bool waitFor(std::chrono::milliseconds timeout) {
-        std::unique_lock<std::mutex> lock(mutex);
+        common::UniqueLock lock(mutex);
         if (status != kPending)
             return true;  // no clock read for what is already resolved
-        return condition.wait_for(lock, timeout, [this] { return status != kPending; });
+        return condition.wait_for(lock.native(), timeout,
+                                  [this]() ORVALE_REQUIRES(mutex) { return status != kPending; });
     }
 
     bool isReady() {
-        std::lock_guard<std::mutex> lock(mutex);
+        common::MutexLock lock(mutex);
         return status != kPending;
     }
 
@@ -145,7 +152,7 @@ class SharedFutureState : public std::enable_shared_from_this<SharedFutureState<
     auto then(F&& fn);
 
   private:
-    bool beginResolve() {
+    bool beginResolve() ORVALE_REQUIRES(mutex) {
         if (status == kCancelled)
             return false;
         if (status != kPending)
@@ -154,7 +161,7 @@ class SharedFutureState : public std::enable_shared_from_this<SharedFutureState<
     }
 
     // Wakes waiters, or hands the state to its continuation outside the lock.
-    void finishResolve(std::unique_lock<std::mutex>& lock);
+    void finishResolve(common::UniqueLock& lock) ORVALE_REQUIRES(mutex) ORVALE_RELEASE(lock);
 };
 
 template <class T, class F, class R>
@@ -257,7 +264,7 @@ class Promise {
 
     Future<T> getFuture() {
         auto& state = checked();
-        std::lock_guard<std::mutex> lock(state.mutex);
+        common::MutexLock lock(state.mutex);
         if (state.futureRetrieved)
             throw std::runtime_error("Promise already returned a future.");
         state.futureRetrieved = true;
@@ -291,6 +298,9 @@ class Promise {
     std::shared_ptr<detail::SharedFutureState<T>> state_;
     std::atomic<bool> valid_;
 };
+
+// Thread safety: the helpers below may be called from any thread; flatten's result resolves on
+// the thread that resolves the inner future.
 
 // A future already holding `value`.
 template <class T, class... A>
@@ -361,7 +371,7 @@ Future<T> flatten(Future<Future<T>>&& outer) {
 namespace detail {
 
 template <class T>
-void SharedFutureState<T>::finishResolve(std::unique_lock<std::mutex>& lock) {
+void SharedFutureState<T>::finishResolve(common::UniqueLock& lock) {
     if (!continuation || (status != kValue && status != kException)) {
         lock.unlock();
         condition.notify_all();
@@ -379,7 +389,7 @@ template <class F>
 auto SharedFutureState<T>::then(F&& fn) {
     using Fn = std::decay_t<F>;
     using R = std::invoke_result_t<Fn&, Future<T>&&>;
-    std::unique_lock<std::mutex> lock(mutex);
+    common::UniqueLock lock(mutex);
     if (valueRetrieved || continuation)
         throw std::runtime_error(
             "Future already has returned it's value or has an associated continuation.");

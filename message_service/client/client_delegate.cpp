@@ -4,9 +4,9 @@
 #include <stdexcept>
 #include <vector>
 
+#include "common/module_logger.h"
 #include "connector/message_service/client_impl.h"
 #include "connector/message_service/factory_delegator.h"
-#include "common/module_logger.h"
 
 namespace connector::message_service {
 
@@ -23,7 +23,7 @@ MessageServiceFactoryClientDelegate::~MessageServiceFactoryClientDelegate() {
     moduleLogger().log(foundation::log::trace, "Destructing the message service factory");
     std::vector<std::shared_ptr<MessageService>> live;
     {
-        std::lock_guard<std::mutex> lock(instancesMutex_);
+        common::MutexLock lock(instancesMutex_);
         for (auto& entry : instances_)
             if (auto instance = entry.second.lock())
                 live.push_back(std::move(instance));
@@ -40,11 +40,11 @@ MessageServiceFactoryClientDelegate::~MessageServiceFactoryClientDelegate() {
 Future<std::shared_ptr<MessageService>> MessageServiceFactoryClientDelegate::createMessageService(
     const std::string& name, const Options& options) {
     using Result = std::shared_ptr<MessageService>;
-    std::lock_guard<std::mutex> lock(mutex_);
+    common::MutexLock lock(mutex_);
     if (auto error = checkServiceName(name))
         return makeFailedFuture<Result>(error);
     {
-        std::lock_guard<std::mutex> registry(instancesMutex_);
+        common::MutexLock registry(instancesMutex_);
         if (auto existing = instances_[name].lock())
             return makeReadyFuture<Result>(std::move(existing));
     }
@@ -59,7 +59,7 @@ Future<std::shared_ptr<MessageService>> MessageServiceFactoryClientDelegate::cre
             if (!self || state != ConnectionState::CONNECTED)
                 throw std::runtime_error("Unknown error connecting message service.");
             {
-                std::lock_guard<std::mutex> registry(self->instancesMutex_);
+                common::MutexLock registry(self->instancesMutex_);
                 self->instances_[name] = instance;
             }
             return instance;
@@ -68,8 +68,8 @@ Future<std::shared_ptr<MessageService>> MessageServiceFactoryClientDelegate::cre
 
 std::shared_ptr<MessageService> MessageServiceFactoryClientDelegate::getMessageService(
     const std::string& name) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::lock_guard<std::mutex> registry(instancesMutex_);
+    common::MutexLock lock(mutex_);
+    common::MutexLock registry(instancesMutex_);
     return instances_[name].lock();
 }
 

@@ -31,13 +31,14 @@ void MessageServiceClientImpl::deliver(MessagePtr&& message) {
     if (logger_.enabled(log::trace))
         logger_.log(log::trace, "Message received: ", log::typeName(*message));
     // Deliveries are most of the traffic; their exact type is checked before any cast.
-    if (typeid(*message) == typeid(bayeux::PublishRequest)) {
+    const Message& received = *message;  // typeid of a plain reference: no call to evaluate
+    if (typeid(received) == typeid(bayeux::PublishRequest)) {
         handle(std::unique_ptr<bayeux::PublishRequest>(
             static_cast<bayeux::PublishRequest*>(message.release())));
         return;
     }
     if (const bayeux::BayeuxResponse* response = responseOf(*message)) {
-        std::unique_lock<std::mutex> lock(mutex_);
+        common::UniqueLock lock(mutex_);
         std::optional<PendingRequest> answered = takeAnsweredLocked(*response);
         lock.unlock();
         if (answered) {
@@ -45,7 +46,7 @@ void MessageServiceClientImpl::deliver(MessagePtr&& message) {
             return;
         }
     }
-    if (typeid(*message) == typeid(bayeux::BayeuxContainer)) {
+    if (typeid(received) == typeid(bayeux::BayeuxContainer)) {
         handle(std::unique_ptr<bayeux::BayeuxContainer>(
             static_cast<bayeux::BayeuxContainer*>(message.release())));
     } else {
@@ -64,7 +65,7 @@ void MessageServiceClientImpl::handle(std::unique_ptr<bayeux::BayeuxContainer>&&
     answered.swap(kept);
     answered.resize(messages.size());
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         for (std::size_t i = 0; i < messages.size(); ++i) {
             // Deliveries answer nothing; they are most of what a subscriber receives.
             if (!messages[i] || surely<bayeux::PublishRequest>(*messages[i]))
@@ -116,8 +117,8 @@ void MessageServiceClientImpl::handle(std::unique_ptr<bayeux::PublishRequest>&& 
     // Most channels have a few holders: these stay off the heap.
     boost::container::small_vector<std::shared_ptr<SubscriptionHolder>, 4> holders;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        auto collect = [&](const std::string& key) {
+        common::MutexLock lock(mutex_);
+        auto collect = [&](const std::string& key) ORVALE_REQUIRES(mutex_) {
             auto found = subscriptions_.find(key);
             if (found != subscriptions_.end())
                 holders.insert(holders.end(), found->second.begin(), found->second.end());

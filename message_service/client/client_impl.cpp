@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "client_request.h"
-#include "common/service_records.h"
 #include "common/module_logger.h"
+#include "common/service_records.h"
 
 namespace connector::message_service {
 
@@ -58,7 +58,7 @@ std::string MessageServiceClientImpl::getName() {
 }
 
 std::string MessageServiceClientImpl::getId() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    common::MutexLock lock(mutex_);
     return clientId_;
 }
 
@@ -66,8 +66,7 @@ ConnectionState MessageServiceClientImpl::getState() {
     return stateSeen_.load(std::memory_order_acquire);
 }
 
-void MessageServiceClientImpl::setState(ConnectionState newState,
-                                        std::unique_lock<std::mutex>& lock) {
+void MessageServiceClientImpl::setState(ConnectionState newState, common::UniqueLock& lock) {
     const ConnectionState previous = state_;
     state_ = newState;
     stateSeen_.store(newState, std::memory_order_release);
@@ -81,7 +80,7 @@ Future<std::shared_ptr<Subscription>> MessageServiceClientImpl::listenStateChang
     std::function<void(const StateChangeEvent&)> callback) {
     std::weak_ptr<Unsubscribeable> self =
         std::static_pointer_cast<Unsubscribeable>(shared_from_this());
-    std::unique_lock<std::mutex> lock(mutex_);
+    common::UniqueLock lock(mutex_);
     const std::uint64_t id = nextSubscriptionId_++;
     stateListeners_.push_back({std::move(callback), id});
     lock.unlock();
@@ -90,7 +89,7 @@ Future<std::shared_ptr<Subscription>> MessageServiceClientImpl::listenStateChang
 }
 
 Future<ConnectionState> MessageServiceClientImpl::connect() {
-    std::unique_lock<std::mutex> lock(mutex_);
+    common::UniqueLock lock(mutex_);
     if (state_ == ConnectionState::CONNECTED)
         return makeReadyFuture<ConnectionState>(state_);
     setState(ConnectionState::CONNECTING, lock);
@@ -126,7 +125,7 @@ Future<ConnectionState> MessageServiceClientImpl::handle(
     if (!response->getInbound() || !response->getOutbound())
         throw std::runtime_error("Transport connected without message streams: " + endpoint());
     std::weak_ptr<MessageServiceClientImpl> weak = shared_from_this();
-    std::unique_lock<std::mutex> lock(mutex_);
+    common::UniqueLock lock(mutex_);
     const std::uint64_t generation = ++transportGeneration_;
     auto outbound = std::make_shared<OutboundPublisher>(
         [weak, generation] {
@@ -180,7 +179,7 @@ Future<ConnectionState> MessageServiceClientImpl::handle(
                 throw std::runtime_error("Error disconnecting but MessageService instance is gone");
             try {
                 auto reply = answered.get();
-                std::unique_lock<std::mutex> lock(self->mutex_);
+                common::UniqueLock lock(self->mutex_);
                 self->clientId_ = reply->getClientId();
                 self->setState(ConnectionState::CONNECTED, lock);
                 self->sendMetaConnect();
@@ -188,7 +187,7 @@ Future<ConnectionState> MessageServiceClientImpl::handle(
                 return self->getState();
             } catch (const std::exception& e) {
                 self->logger_.log(log::error, "Handshake error: ", e.what());
-                std::unique_lock<std::mutex> lock(self->mutex_);
+                common::UniqueLock lock(self->mutex_);
                 self->setState(ConnectionState::DISCONNECTED, lock);
                 throw;
             }
@@ -196,7 +195,7 @@ Future<ConnectionState> MessageServiceClientImpl::handle(
 }
 
 void MessageServiceClientImpl::sendMetaConnect() {
-    std::unique_lock<std::mutex> lock(mutex_);
+    common::UniqueLock lock(mutex_);
     if (state_ != ConnectionState::CONNECTED) {
         lock.unlock();
         logger_.log(log::trace, "Not connected, not sending meta connect request");
@@ -224,7 +223,7 @@ void MessageServiceClientImpl::sendMetaConnect() {
 }
 
 void MessageServiceClientImpl::transportEnded(std::uint64_t generation, const char* why) {
-    std::unique_lock<std::mutex> lock(mutex_);
+    common::UniqueLock lock(mutex_);
     if (generation != transportGeneration_ || !outboundPublisher_)
         return;
     // Later sends fail at once instead of waiting for a socket that is gone.
@@ -243,7 +242,7 @@ void MessageServiceClientImpl::transportEnded(std::uint64_t generation, const ch
 }
 
 Future<DisconnectResult> MessageServiceClientImpl::disconnect() {
-    std::unique_lock<std::mutex> lock(mutex_);
+    common::UniqueLock lock(mutex_);
     if (state_ == ConnectionState::DISCONNECTED)
         return makeReadyFuture<DisconnectResult>(true);
     logger_.log(log::trace, "Disconnecting from: ", endpoint(), ", ", clientId_);
@@ -266,7 +265,7 @@ Future<DisconnectResult> MessageServiceClientImpl::disconnect() {
                 moduleLogger().log(log::error, "Error disconnecting: ", e.what());
                 throw;
             }
-            std::unique_lock<std::mutex> lock(self->mutex_);
+            common::UniqueLock lock(self->mutex_);
             self->setState(ConnectionState::DISCONNECTED, lock);
             return DisconnectResult(true);
         });

@@ -5,8 +5,8 @@
 #include <typeinfo>
 #include <utility>
 
-#include "connector/message_service/client_impl.h"
 #include "common/module_logger.h"
+#include "connector/message_service/client_impl.h"
 
 namespace connector::message_service {
 
@@ -36,7 +36,8 @@ void MessageServiceClientImpl::PendingRequest::succeed(MessagePtr&& answer) {
         return;
     }
     auto& publish = std::get<PendingPublish>(completion);
-    if (typeid(*answer) != typeid(bayeux::PublishResponse) &&
+    const Message& received = *answer;  // typeid of a plain reference: no call to evaluate
+    if (typeid(received) != typeid(bayeux::PublishResponse) &&
         !dynamic_cast<const bayeux::PublishResponse*>(answer.get())) {
         failPublish(std::move(publish.promise), publish.channel,
                     "Incorrect response message type, id: " + id);
@@ -58,7 +59,7 @@ void MessageServiceClientImpl::PendingRequest::fail(const std::string& text) {
 
 std::shared_ptr<MessageServiceClientImpl::OutboundPublisher> MessageServiceClientImpl::file(
     bayeux::BayeuxMessage& request, PendingRequest&& pending) {
-    std::unique_lock<std::mutex> lock(mutex_);
+    common::UniqueLock lock(mutex_);
     if (!outboundPublisher_) {
         lock.unlock();
         pending.fail("Failed to send message, not connected");

@@ -3,11 +3,11 @@
 #include <stdexcept>
 
 #include "client_request.h"
-#include "common/service_records.h"
 #include "common/channel_rules.h"
-#include "connector/message_service/client_impl.h"
 #include "common/module_logger.h"
+#include "common/service_records.h"
 #include "common/take_if.h"
+#include "connector/message_service/client_impl.h"
 
 namespace connector::message_service {
 
@@ -27,7 +27,7 @@ Future<std::shared_ptr<Subscription>> MessageServiceClientImpl::subscribeWithCon
             std::invalid_argument("Channel pattern is invalid: " + channel));
     std::weak_ptr<MessageServiceClientImpl> weak = shared_from_this();
 
-    std::unique_lock<std::mutex> lock(mutex_);
+    common::UniqueLock lock(mutex_);
     if (state_ != ConnectionState::CONNECTED)
         return makeFailedFuture<Result>(std::runtime_error("MessageService is not connected."));
     const std::uint64_t id = nextSubscriptionId_++;
@@ -63,7 +63,7 @@ Future<std::shared_ptr<Subscription>> MessageServiceClientImpl::subscribeWithCon
 Future<CancelResult> MessageServiceClientImpl::unsubscribeId(
     std::uint64_t id, const std::shared_ptr<common::ContextState>& context) {
     logger_.log(log::trace, "Unsubscribe: ", id);
-    std::unique_lock<std::mutex> lock(mutex_);
+    common::UniqueLock lock(mutex_);
     TakenHolders removed = takeHolders(subscriptions_, id);
     for (const auto& entry : removed)
         if (isWildcardKey(entry.first))

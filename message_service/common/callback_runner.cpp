@@ -4,9 +4,9 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <mutex>
 
 #include "connector/common/delay.h"
+#include "connector/common/mutex.h"
 
 namespace connector::message_service {
 
@@ -21,7 +21,8 @@ struct Clock {
     using rep = duration::rep;
     using period = duration::period;
     using time_point = std::chrono::time_point<Clock>;
-    static constexpr bool is_steady = true;
+    // Required of a clock type, though nothing here reads it.
+    [[maybe_unused]] static constexpr bool is_steady = true;
     static time_point now() {
         timespec ts{};
         ::clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
@@ -67,7 +68,7 @@ class Watch : public std::enable_shared_from_this<Watch> {
         Run interrupted;
         bool arm;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            common::MutexLock lock(mutex_);
             interrupted = current_;
             current_ = Run{&watched, now, false};
             arm = !armed_;
@@ -80,8 +81,9 @@ class Watch : public std::enable_shared_from_this<Watch> {
 
     // Ends the current run, once a report about it has been written.
     void end(const Run& interrupted) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        reported_.wait(lock, [this] { return !reporting_; });
+        common::UniqueLock lock(mutex_);
+        while (reporting_)
+            reported_.wait(lock.native());
         current_ = interrupted;
     }
 
@@ -99,7 +101,7 @@ class Watch : public std::enable_shared_from_this<Watch> {
         const Watched* report = nullptr;
         Clock::duration next = kWatchdog;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            common::MutexLock lock(mutex_);
             if (!current_.watched) {
                 armed_ = false;  // idle: the next callback arms a new check
                 return;
@@ -124,18 +126,19 @@ class Watch : public std::enable_shared_from_this<Watch> {
         Watch& watch;
         ~ReportDone() {
             {
-                std::lock_guard<std::mutex> lock(watch.mutex_);
+                common::MutexLock lock(watch.mutex_);
                 watch.reporting_ = false;
             }
             watch.reported_.notify_all();
         }
     };
 
-    std::mutex mutex_;                  // guards the members below
+    common::Mutex mutex_;
     std::condition_variable reported_;  // end() waits here for a report being written
-    Run current_;
-    bool armed_ = false;      // a check is scheduled
-    bool reporting_ = false;  // the current run's report is being written, with no lock held
+    Run current_ ORVALE_GUARDED_BY(mutex_);
+    bool armed_ ORVALE_GUARDED_BY(mutex_) = false;  // a check is scheduled
+    // The current run's report is being written, with no lock held.
+    bool reporting_ ORVALE_GUARDED_BY(mutex_) = false;
 };
 
 Watch& threadWatch() {

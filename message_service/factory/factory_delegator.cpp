@@ -43,7 +43,7 @@ Future<std::shared_ptr<MessageService>> MessageServiceFactoryDelegatorImpl::crea
         moduleLogger().log(log::trace, "Found existing message service instance: ", name);
         return makeReadyFuture<std::shared_ptr<MessageService>>(std::move(existing));
     }
-    std::lock_guard<std::mutex> lock(mutex_);
+    common::MutexLock lock(mutex_);
     if (auto error = checkServiceName(name))
         return makeFailedFuture<std::shared_ptr<MessageService>>(error);
 
@@ -81,12 +81,12 @@ void MessageServiceFactoryDelegatorImpl::setFactoryOptionsMappings(
         }
         moduleLogger().log(log::trace, "Setting options mappings: [", text, "]");
     }
-    std::lock_guard<std::mutex> lock(mutex_);
+    common::MutexLock lock(mutex_);
     optionsMappings_ = std::move(mappings);
 }
 
 std::vector<OptionsMapping> MessageServiceFactoryDelegatorImpl::getFactoryOptionsMappings() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    common::MutexLock lock(mutex_);
     return optionsMappings_;
 }
 

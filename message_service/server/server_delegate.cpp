@@ -1,8 +1,8 @@
 #include "connector/message_service/server_delegate.h"
 
 #include "common/channel_rules.h"
-#include "connector/message_service/factory_delegator.h"
 #include "common/module_logger.h"
+#include "connector/message_service/factory_delegator.h"
 #include "connector/message_service/server_impl.h"
 
 namespace connector::message_service {
@@ -15,7 +15,7 @@ MessageServiceFactoryServerDelegate::~MessageServiceFactoryServerDelegate() {
     moduleLogger().log(foundation::log::trace, "Destructing the message service factory");
     std::vector<std::shared_ptr<MessageServiceServerImpl>> live;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         if (sharedInstance_)
             live.push_back(sharedInstance_);
         for (auto& entry : instances_)
@@ -29,7 +29,7 @@ MessageServiceFactoryServerDelegate::~MessageServiceFactoryServerDelegate() {
 
 Future<std::shared_ptr<MessageService>> MessageServiceFactoryServerDelegate::createMessageService(
     const std::string& name, const Options& /*options*/) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    common::MutexLock lock(mutex_);
     if (name.empty())
         return makeFailedFuture<std::shared_ptr<MessageService>>(checkServiceName(name));
     if (name == kSharedServiceName) {
@@ -52,7 +52,7 @@ Future<std::shared_ptr<MessageService>> MessageServiceFactoryServerDelegate::cre
 
 std::shared_ptr<MessageService> MessageServiceFactoryServerDelegate::getMessageService(
     const std::string& name) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    common::MutexLock lock(mutex_);
     return instances_[name].lock();
 }
 

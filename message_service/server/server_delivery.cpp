@@ -4,10 +4,10 @@
 #include <boost/container/small_vector.hpp>
 #include <stdexcept>
 
-#include "common/service_records.h"
 #include "common/callback_runner.h"
 #include "common/channel_rules.h"
 #include "common/module_logger.h"
+#include "common/service_records.h"
 #include "connector/message_service/server_impl.h"
 
 namespace connector::message_service {
@@ -42,7 +42,7 @@ void MessageServiceServerImpl::deliver(
     // Inline room for the common case keeps delivery free of heap allocation.
     boost::container::small_vector<std::shared_ptr<SubscriptionHolder>, 4> holders;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         for (const auto& name : channels) {
             auto found = subscriptions_.find(name);
             if (found != subscriptions_.end())

@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include <algorithm>
+#include <type_traits>
 
 #include "common/channel_rules.h"
 #include "common/module_logger.h"
@@ -43,27 +44,26 @@ MessageServiceServerImpl::~MessageServiceServerImpl() {
 }
 
 ConnectionState MessageServiceServerImpl::getState() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    common::MutexLock lock(mutex_);
     return state_;
 }
 
-void MessageServiceServerImpl::ensureRegisteredWithService(std::unique_lock<std::mutex>& lock) {
+void MessageServiceServerImpl::ensureRegisteredWithService(common::UniqueLock& lock) {
     if (registered_) {
         lock.unlock();
         // Waits for a registration another thread may still be making.
-        std::lock_guard<std::mutex> registering(registerMutex_);
+        common::MutexLock registering(registerMutex_);
         return;
     }
     registered_ = true;
     std::weak_ptr<bayeux::BayeuxSession> self =
         std::static_pointer_cast<bayeux::BayeuxSession>(shared_from_this());
-    std::lock_guard<std::mutex> registering(registerMutex_);
+    common::MutexLock registering(registerMutex_);
     lock.unlock();
     bayeuxServer_->registerSession(std::move(self));
 }
 
-void MessageServiceServerImpl::setState(ConnectionState newState,
-                                        std::unique_lock<std::mutex>& lock) {
+void MessageServiceServerImpl::setState(ConnectionState newState, common::UniqueLock& lock) {
     const ConnectionState previous = state_;
     state_ = newState;
     std::vector<StateListenerRecord> listeners = stateListeners_;
@@ -73,7 +73,7 @@ void MessageServiceServerImpl::setState(ConnectionState newState,
 
 Future<std::shared_ptr<Subscription>> MessageServiceServerImpl::listenStateChange(
     std::function<void(const StateChangeEvent&)> callback) {
-    std::unique_lock<std::mutex> lock(mutex_);
+    common::UniqueLock lock(mutex_);
     const std::uint64_t id = nextId_++;
     stateListeners_.push_back({std::move(callback), id});
     lock.unlock();
@@ -89,7 +89,7 @@ Future<DisconnectResult> MessageServiceServerImpl::disconnect() {
 }
 
 void MessageServiceServerImpl::doDisconnect(bool unregister) {
-    std::unique_lock<std::mutex> lock(mutex_);
+    common::UniqueLock lock(mutex_);
     TakenHolders removed = takeAllHolders(subscriptions_);
     setState(ConnectionState::DISCONNECTING, lock);
 
@@ -125,7 +125,7 @@ Future<std::shared_ptr<Subscription>> MessageServiceServerImpl::subscribeWithCon
     std::weak_ptr<Unsubscribeable> self =
         std::static_pointer_cast<Unsubscribeable>(shared_from_this());
     std::string full = toWireChannel(channel);
-    std::unique_lock<std::mutex> lock(mutex_);
+    common::UniqueLock lock(mutex_);
     const std::uint64_t id = nextId_++;
     subscriptions_[full].push_back(std::make_shared<SubscriptionHolder>(id, std::move(callback)));
     ensureRegisteredWithService(lock);
@@ -147,7 +147,7 @@ Future<CancelResult> MessageServiceServerImpl::unsubscribeId(
     decltype(unsubscribeListeners_) cancelledUnsubscribe;
     decltype(stateListeners_) cancelledState;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         removed = takeHolders(subscriptions_, id);
         auto matchesId = [id](const auto& record) { return record.id == id; };
         cancelledSubscribe = takeIf(subscribeListeners_, matchesId);
@@ -161,17 +161,25 @@ Future<CancelResult> MessageServiceServerImpl::unsubscribeId(
 }
 
 template <class Event>
+std::vector<MessageServiceServerImpl::ListenerRecord<Event>>&
+MessageServiceServerImpl::listeners() {
+    if constexpr (std::is_same_v<Event, SubscribeEvent>)
+        return subscribeListeners_;
+    else
+        return unsubscribeListeners_;
+}
+
+template <class Event>
 Future<std::shared_ptr<Subscription>> MessageServiceServerImpl::addListener(
-    std::vector<ListenerRecord<Event>>& list, const std::string& pattern,
-    std::function<void(const Event&)> callback) {
+    const std::string& pattern, std::function<void(const Event&)> callback) {
     if (!isValidChannelPattern(pattern))
         return invalidArgument<std::shared_ptr<Subscription>>("Channel pattern is invalid: " +
                                                               pattern);
     std::weak_ptr<Unsubscribeable> self =
         std::static_pointer_cast<Unsubscribeable>(shared_from_this());
-    std::unique_lock<std::mutex> lock(mutex_);
+    common::UniqueLock lock(mutex_);
     const std::uint64_t id = nextId_++;
-    list.push_back({toWireChannel(pattern), std::move(callback), id});
+    listeners<Event>().push_back({toWireChannel(pattern), std::move(callback), id});
     ensureRegisteredWithService(lock);
     return makeReadyFuture<std::shared_ptr<Subscription>>(
         std::make_shared<SubscriptionImpl2>(id, std::move(self), context_));
@@ -179,12 +187,12 @@ Future<std::shared_ptr<Subscription>> MessageServiceServerImpl::addListener(
 
 Future<std::shared_ptr<Subscription>> MessageServiceServerImpl::listenSubscribe(
     const std::string& channelPattern, std::function<void(const SubscribeEvent&)> callback) {
-    return addListener(subscribeListeners_, channelPattern, std::move(callback));
+    return addListener<SubscribeEvent>(channelPattern, std::move(callback));
 }
 
 Future<std::shared_ptr<Subscription>> MessageServiceServerImpl::listenUnsubscribe(
     const std::string& channelPattern, std::function<void(const UnsubscribeEvent&)> callback) {
-    return addListener(unsubscribeListeners_, channelPattern, std::move(callback));
+    return addListener<UnsubscribeEvent>(channelPattern, std::move(callback));
 }
 
 bool MessageServiceServerImpl::matches(const std::string& channel, const std::string& pattern) {
@@ -192,13 +200,12 @@ bool MessageServiceServerImpl::matches(const std::string& channel, const std::st
 }
 
 template <class Event, class Request>
-void MessageServiceServerImpl::notifyListeners(const std::vector<ListenerRecord<Event>>& list,
-                                               const Request& request, const char* errorText,
+void MessageServiceServerImpl::notifyListeners(const Request& request, const char* errorText,
                                                const char* unknownErrorText) {
     std::vector<std::function<void(const Event&)>> callbacks;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (const auto& record : list)
+        common::MutexLock lock(mutex_);
+        for (const auto& record : listeners<Event>())
             if (matches(request.getChannel(), record.channel))
                 callbacks.push_back(record.callback);
     }
@@ -219,14 +226,14 @@ void MessageServiceServerImpl::notifyListeners(const std::vector<ListenerRecord<
 
 void MessageServiceServerImpl::deliver(
     const std::shared_ptr<const bayeux::SubscribeRequest>& request) {
-    notifyListeners(subscribeListeners_, *request, "Error executing subscribe listener: ",
-                    "Unknown error executing subscribe listener: ");
+    notifyListeners<SubscribeEvent>(*request, "Error executing subscribe listener: ",
+                                    "Unknown error executing subscribe listener: ");
 }
 
 void MessageServiceServerImpl::deliver(
     const std::shared_ptr<const bayeux::UnsubscribeRequest>& request) {
-    notifyListeners(unsubscribeListeners_, *request, "Error executing unsubscribe listener: ",
-                    "Unknown error executing unsubscribe listener: ");
+    notifyListeners<UnsubscribeEvent>(*request, "Error executing unsubscribe listener: ",
+                                      "Unknown error executing unsubscribe listener: ");
 }
 
 }  // namespace connector::message_service

@@ -6,20 +6,20 @@
 // they reach its top (or in a compaction once they outnumber the live ones). The thread is only
 // woken when a new deadline is earlier than the one it sleeps towards.
 //
-// Locking: Timer::mutex_ guards every member below it. Callbacks, and the destruction of
-// callbacks (which may own anything), always run with the mutex released.
+// Locking: callbacks, and the destruction of callbacks (which may own anything), always run
+// with Timer::mutex_ released, so that a callback may schedule and cancel timers.
 
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <exception>
 #include <functional>
-#include <mutex>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "connector/common/delay.h"
+#include "connector/common/mutex.h"
 #include "connector/log/diagnostic_logger.h"
 
 namespace connector::common {
@@ -42,7 +42,7 @@ class Timer {
     TickManager::Canceller schedule(Callback fn, std::int64_t delayMs) {
         const auto deadline =
             Clock::now() + std::chrono::milliseconds(std::max<std::int64_t>(0, delayMs));
-        std::unique_lock<std::mutex> lock(mutex_);
+        UniqueLock lock(mutex_);
         if (stopped_) {
             lock.unlock();
             return {};  // fn is dropped on return, outside the lock
@@ -67,7 +67,7 @@ class Timer {
 
     bool cancel(std::uint32_t slot, std::uint64_t generation) {
         Callback dropped;  // destroyed after the lock below is released
-        std::unique_lock<std::mutex> lock(mutex_);
+        UniqueLock lock(mutex_);
         if (slot < slots_.size() && slots_[slot].generation == generation) {
             dropped = std::move(slots_[slot].fn);
             releaseSlot(slot);
@@ -79,7 +79,8 @@ class Timer {
         // timer thread itself that wait could never end.
         if (running_ == generation && std::this_thread::get_id() != threadId_) {
             ++cancelWaiters_;
-            finished_.wait(lock, [&] { return running_ != generation; });
+            while (running_ == generation)
+                finished_.wait(lock.native());
             --cancelWaiters_;
         }
         return false;
@@ -110,7 +111,7 @@ class Timer {
 
     Timer() : epoch_(Clock::now()) {}
 
-    std::uint32_t takeSlot() {
+    std::uint32_t takeSlot() ORVALE_REQUIRES(mutex_) {
         if (freeHead_ != kNoSlot) {
             const std::uint32_t slot = freeHead_;
             freeHead_ = slots_[slot].nextFree;
@@ -120,38 +121,41 @@ class Timer {
         return static_cast<std::uint32_t>(slots_.size() - 1);
     }
 
-    void releaseSlot(std::uint32_t slot) {
+    void releaseSlot(std::uint32_t slot) ORVALE_REQUIRES(mutex_) {
         slots_[slot].fn = nullptr;
         slots_[slot].generation = 0;
         slots_[slot].nextFree = freeHead_;
         freeHead_ = slot;
     }
 
-    bool isLive(const Entry& e) const { return slots_[e.slot].generation == e.generation; }
+    bool isLive(const Entry& e) const ORVALE_REQUIRES(mutex_) {
+        return slots_[e.slot].generation == e.generation;
+    }
 
     // Cancelled entries wait in the heap until their deadline; rebuild it once they dominate, so
     // that a stream of cancelled watchdogs costs amortised constant time each.
-    void compactIfSparse() {
+    void compactIfSparse() ORVALE_REQUIRES(mutex_) {
         if (heap_.size() < 1024 || heap_.size() < 4 * live_)
             return;
-        heap_.erase(std::remove_if(heap_.begin(), heap_.end(),
-                                   [this](const Entry& e) { return !isLive(e); }),
-                    heap_.end());
+        heap_.erase(
+            std::remove_if(heap_.begin(), heap_.end(),
+                           [this](const Entry& e) ORVALE_REQUIRES(mutex_) { return !isLive(e); }),
+            heap_.end());
         std::make_heap(heap_.begin(), heap_.end(), Later{});
     }
 
-    void popTop() {
+    void popTop() ORVALE_REQUIRES(mutex_) {
         std::pop_heap(heap_.begin(), heap_.end(), Later{});
         heap_.pop_back();
     }
 
     void run() {
-        std::unique_lock<std::mutex> lock(mutex_);
+        UniqueLock lock(mutex_);
         threadId_ = std::this_thread::get_id();
         while (!stopping_) {
             if (heap_.empty()) {
                 sleepingUntil_ = Clock::time_point::max();
-                wake_.wait(lock);
+                wake_.wait(lock.native());
                 sleepingUntil_ = Clock::time_point::min();
                 continue;
             }
@@ -162,7 +166,7 @@ class Timer {
             }
             if (top.deadline > Clock::now()) {
                 sleepingUntil_ = top.deadline;
-                wake_.wait_until(lock, top.deadline);
+                wake_.wait_until(lock.native(), top.deadline);
                 sleepingUntil_ = Clock::time_point::min();
                 continue;
             }
@@ -202,7 +206,7 @@ class Timer {
         std::vector<Callback> dropped;
         std::thread thread;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            MutexLock lock(mutex_);
             stopped_ = true;
             stopping_ = true;
             thread = std::move(thread_);
@@ -227,22 +231,25 @@ class Timer {
     }
 
     const Clock::time_point epoch_;
-    std::mutex mutex_;
+    Mutex mutex_;
     std::condition_variable wake_;      // the timer thread sleeps here
     std::condition_variable finished_;  // cancel() waits here for a running callback
-    std::vector<Slot> slots_;
-    std::vector<Entry> heap_;  // min-heap on (deadline, generation), with cancelled entries
-    std::uint32_t freeHead_ = kNoSlot;
-    std::size_t live_ = 0;  // scheduled timers neither fired nor cancelled
-    std::uint64_t lastGeneration_ = 0;
-    std::uint64_t running_ = 0;  // generation of the callback running now, or 0
-    std::size_t cancelWaiters_ = 0;
+    std::vector<Slot> slots_ ORVALE_GUARDED_BY(mutex_);
+    // Min-heap on (deadline, generation), with cancelled entries.
+    std::vector<Entry> heap_ ORVALE_GUARDED_BY(mutex_);
+    std::uint32_t freeHead_ ORVALE_GUARDED_BY(mutex_) = kNoSlot;
+    // Scheduled timers neither fired nor cancelled.
+    std::size_t live_ ORVALE_GUARDED_BY(mutex_) = 0;
+    std::uint64_t lastGeneration_ ORVALE_GUARDED_BY(mutex_) = 0;
+    // Generation of the callback running now, or 0.
+    std::uint64_t running_ ORVALE_GUARDED_BY(mutex_) = 0;
+    std::size_t cancelWaiters_ ORVALE_GUARDED_BY(mutex_) = 0;
     // What the thread sleeps towards; min() while it is awake, so no one wakes it needlessly.
-    Clock::time_point sleepingUntil_ = Clock::time_point::min();
-    bool stopping_ = false;
-    bool stopped_ = false;
-    std::thread thread_;
-    std::thread::id threadId_;
+    Clock::time_point sleepingUntil_ ORVALE_GUARDED_BY(mutex_) = Clock::time_point::min();
+    bool stopping_ ORVALE_GUARDED_BY(mutex_) = false;
+    bool stopped_ ORVALE_GUARDED_BY(mutex_) = false;
+    std::thread thread_ ORVALE_GUARDED_BY(mutex_);
+    std::thread::id threadId_ ORVALE_GUARDED_BY(mutex_);
 };
 
 }  // namespace

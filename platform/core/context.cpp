@@ -22,13 +22,13 @@ std::size_t Context::AddressHash::operator()(const Address& a) const {
 void Context::registerService(const Address& address, ServiceHandler handler) {
     auto added = std::make_shared<ServiceHandler>(std::move(handler));
     std::shared_ptr<ServiceHandler> replaced;  // released after the lock: it may own anything
-    std::unique_lock<std::shared_mutex> lock(mutex_);
+    common::WriterLock lock(mutex_);
     auto& slot = services_[address];
     replaced = std::exchange(slot, std::move(added));
 }
 
 bool Context::hasService(const Address& address) const {
-    std::shared_lock<std::shared_mutex> lock(mutex_);
+    common::ReaderLock lock(mutex_);
     return services_.count(address) != 0;
 }
 
@@ -38,7 +38,7 @@ Future<std::unique_ptr<Message>> Context::deliver(const Address& address,
     try {
         std::shared_ptr<ServiceHandler> handler;
         {
-            std::shared_lock<std::shared_mutex> lock(mutex_);
+            common::ReaderLock lock(mutex_);
             auto it = services_.find(address);
             if (it != services_.end())
                 handler = it->second;

@@ -8,14 +8,14 @@ namespace connector::common {
 
 void ContextState::set(const std::string& name, std::any value, ContextScope scope) {
     std::any replaced;  // an old value may own anything; let it go outside the lock
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     auto& slot = values_[name];
     replaced = std::exchange(slot.first, std::move(value));
     slot.second = scope;
 }
 
 std::optional<std::any> ContextState::get(const std::string& name) const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     auto it = values_.find(name);
     if (it == values_.end())
         return std::nullopt;
@@ -23,7 +23,7 @@ std::optional<std::any> ContextState::get(const std::string& name) const {
 }
 
 std::optional<ContextScope> ContextState::scopeOf(const std::string& name) const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     auto it = values_.find(name);
     if (it == values_.end())
         return std::nullopt;
@@ -31,7 +31,7 @@ std::optional<ContextScope> ContextState::scopeOf(const std::string& name) const
 }
 
 std::optional<std::string> ContextState::getString(const std::string& name) const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     auto it = values_.find(name);
     if (it == values_.end())
         return std::nullopt;

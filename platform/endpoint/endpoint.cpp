@@ -15,12 +15,12 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
 #include "connections.h"
+#include "connector/common/mutex.h"
 #include "connector/log/diagnostic_logger.h"
 #include "hub.h"
 
@@ -128,7 +128,7 @@ class EndpointImpl final : public BayeuxEndpoint {
     std::size_t sessionCount() const override { return hub_->sessionCount(); }
 
     void stop() override {
-        std::lock_guard<std::mutex> lock(stopMutex_);
+        common::MutexLock lock(stopMutex_);
         if (stopped_)
             return;
         stopped_ = true;
@@ -222,8 +222,8 @@ class EndpointImpl final : public BayeuxEndpoint {
     std::optional<asio::steady_timer> retryTimer_;
     std::size_t nextLoop_ = 0;  // touched on loops_[0] only
     std::uint16_t port_ = 0;
-    std::mutex stopMutex_;  // serialises stop()
-    bool stopped_ = false;
+    common::Mutex stopMutex_;  // serialises stop()
+    bool stopped_ ORVALE_GUARDED_BY(stopMutex_) = false;
 };
 
 }  // namespace

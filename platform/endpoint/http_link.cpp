@@ -154,6 +154,7 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
 
     void respond(http::status status, std::string body, const char* contentType) {
         response_.emplace(status, version_);
+        response_->set(http::field::server, "orvale");
         response_->set(http::field::content_type, contentType);
         response_->set(http::field::cache_control, "no-cache, no-store");
         response_->keep_alive(keepAlive_);

@@ -21,7 +21,8 @@ const log::basic_diagnostic_logger<char> logger("connector::bayeux::endpoint");
 
 // 15 characters of 62 (89 bits) fit a string's inline buffer, so the id that every message of
 // a session carries is copied without an allocation, in the hub and in its clients.
-constexpr std::uint8_t kClientIdLength = 15;
+// 22 characters of 62 kinds: 130 bits, beyond guessing.
+constexpr std::uint8_t kClientIdLength = 22;
 // How long a client refused for lack of room waits before handshaking again.
 constexpr std::int64_t kRetryHandshakeMs = 1000;
 
@@ -78,12 +79,12 @@ void appendUnknownClient(FrameBuilder& out, const BayeuxMessage& request) {
 }
 
 // The reply to a subscription change or publish on a channel this client may not use, if any.
-std::optional<std::string> channelProblem(const std::string& channel, bool pattern) {
-    const ChannelName name(channel);
+std::optional<std::string> channelProblem(const ChannelName& name, bool pattern) {
+    const std::string_view channel = name.text();
     if (name.isMeta())
-        return "403:" + channel + ":Forbidden channel";
+        return "403:" + std::string(channel) + ":Forbidden channel";
     if (!name.isValid() || (name.isPattern() && !pattern))
-        return "405:" + channel + ":Invalid channel";
+        return "405:" + std::string(channel) + ":Invalid channel";
     return std::nullopt;
 }
 
@@ -163,7 +164,7 @@ void Hub::handshake(const HandshakeRequest& request, FrameBuilder& out) {
     }
     std::shared_ptr<RemoteSession> session;
     {
-        std::unique_lock<std::shared_mutex> lock(mutex_);
+        common::WriterLock lock(mutex_);
         if (!accepting_) {
             lock.unlock();
             appendError(out, request, "503::Shutting down", Advice{"none", 0, -1});
@@ -260,7 +261,7 @@ template <class Request, class Response>
 void Hub::changeSubscription(const Request& request, const std::shared_ptr<RemoteSession>& session,
                              FrameBuilder& out) {
     const std::string& channel = request.getChannel();
-    if (auto problem = channelProblem(channel, true)) {
+    if (auto problem = channelProblem(ChannelName(channel), true)) {
         appendError(out, request, std::move(*problem));
         return;
     }
@@ -278,18 +279,22 @@ void Hub::changeSubscription(const Request& request, const std::shared_ptr<Remot
 }
 
 void Hub::publish(std::unique_ptr<PublishRequest> request, FrameBuilder& out) {
-    if (auto problem = channelProblem(request->getChannel(), false)) {
+    const ChannelName channel(request->getChannel());
+    if (auto problem = channelProblem(channel, false)) {
         appendError(out, *request, std::move(*problem));
         return;
     }
     appendPublishAck(out, request->getChannel(), request->getId());
+    // A message on a service channel is meant for the server alone: no subscriber receives it.
+    if (channel.isService())
+        return;
     server_->acceptPublish(std::shared_ptr<const PublishRequest>(std::move(request)));
 }
 
 std::shared_ptr<RemoteSession> Hub::find(const std::string& id) const {
     if (id.empty())
         return nullptr;
-    std::shared_lock<std::shared_mutex> lock(mutex_);
+    common::ReaderLock lock(mutex_);
     auto it = sessions_.find(id);
     return it == sessions_.end() ? nullptr : it->second;
 }
@@ -298,7 +303,7 @@ void Hub::remove(const std::shared_ptr<RemoteSession>& session, const char* why)
     if (!session->close())
         return;
     {
-        std::unique_lock<std::shared_mutex> lock(mutex_);
+        common::WriterLock lock(mutex_);
         auto it = sessions_.find(session->id());
         if (it != sessions_.end() && it->second == session)
             sessions_.erase(it);
@@ -310,7 +315,7 @@ void Hub::remove(const std::shared_ptr<RemoteSession>& session, const char* why)
 void Hub::sweep(Clock::time_point now) {
     std::vector<std::shared_ptr<RemoteSession>> expired;
     {
-        std::shared_lock<std::shared_mutex> lock(mutex_);
+        common::ReaderLock lock(mutex_);
         for (const auto& entry : sessions_)
             if (entry.second->sweep(now, options_.sessionTimeout))
                 expired.push_back(entry.second);
@@ -322,7 +327,7 @@ void Hub::sweep(Clock::time_point now) {
 void Hub::shutdown() {
     std::unordered_map<std::string, std::shared_ptr<RemoteSession>> sessions;
     {
-        std::unique_lock<std::shared_mutex> lock(mutex_);
+        common::WriterLock lock(mutex_);
         accepting_ = false;
         sessions.swap(sessions_);
     }
@@ -333,7 +338,7 @@ void Hub::shutdown() {
 }
 
 std::size_t Hub::sessionCount() const {
-    std::shared_lock<std::shared_mutex> lock(mutex_);
+    common::ReaderLock lock(mutex_);
     return sessions_.size();
 }
 

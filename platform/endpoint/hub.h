@@ -7,16 +7,16 @@
 // through the connection's Link. sweep() answers held connects whose time is up and removes
 // sessions that went without a connect for too long; it runs on a timer of the endpoint.
 //
-// `mutex_` (shared for lookups, exclusive for changes) guards sessions_ and accepting_. A
-// session's lock may be taken under it, never the reverse. The server is called outside it.
+// `mutex_` is shared for lookups, exclusive for changes. A session's lock may be taken under
+// it, never the reverse. The server is called outside it, so that the server may call back in.
 
 #include <memory>
-#include <shared_mutex>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 
 #include "connector/bayeux/endpoint.h"
+#include "connector/common/mutex.h"
 #include "remote_session.h"
 #include "wire.h"
 
@@ -75,9 +75,10 @@ class Hub {
     const std::shared_ptr<BayeuxServer> server_;
     const EndpointOptions options_;
 
-    mutable std::shared_mutex mutex_;
-    std::unordered_map<std::string, std::shared_ptr<RemoteSession>> sessions_;
-    bool accepting_ = true;
+    mutable common::SharedMutex mutex_;
+    std::unordered_map<std::string, std::shared_ptr<RemoteSession>> sessions_
+        ORVALE_GUARDED_BY(mutex_);
+    bool accepting_ ORVALE_GUARDED_BY(mutex_) = true;
 };
 
 }  // namespace connector::bayeux::endpoint

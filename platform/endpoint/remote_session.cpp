@@ -2,6 +2,7 @@
 
 #include "remote_session.h"
 
+#include "connector/common/mutex.h"
 #include "connector/log/diagnostic_logger.h"
 
 namespace connector::bayeux::endpoint {
@@ -25,7 +26,7 @@ RemoteSession::RemoteSession(std::string id, std::size_t maxQueue, Clock::time_p
 }
 
 std::shared_ptr<common::ContextState> RemoteSession::getContext() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    common::MutexLock lock(mutex_);
     if (!context_)
         context_ = std::make_shared<common::ContextState>();
     return context_;
@@ -35,7 +36,7 @@ void RemoteSession::queuePublish(const std::shared_ptr<const PublishRequest>& re
     bool startedDropping = false;
     std::shared_ptr<Link> released;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         if (closed_)
             return;
         if (sizeLocked() >= maxQueue_) {
@@ -87,7 +88,7 @@ RemoteSession::ConnectAnswer RemoteSession::connect(const std::shared_ptr<Link>&
                                                     std::chrono::milliseconds holdFor,
                                                     Clock::time_point now, std::uint64_t& token) {
     std::shared_ptr<Link> released;
-    std::lock_guard<std::mutex> lock(mutex_);
+    common::MutexLock lock(mutex_);
     if (closed_)
         return ConnectAnswer::Closed;
     lastConnect_ = now;
@@ -113,7 +114,7 @@ void RemoteSession::takeDeliveries(const std::shared_ptr<Link>& link, bool answe
                                    std::vector<Delivery>& out) {
     std::vector<Delivery> taken;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         const bool target = sameLink(target_, link);
         if (!answeringConnect && !target)
             return;
@@ -140,7 +141,7 @@ void RemoteSession::takeDeliveries(const std::shared_ptr<Link>& link, bool answe
 }
 
 RemoteSession::Change RemoteSession::subscribe(const std::string& channel) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    common::MutexLock lock(mutex_);
     if (closed_)
         return Change::Closed;
     if (!subscriptions_.insert(channel).second)
@@ -150,7 +151,7 @@ RemoteSession::Change RemoteSession::subscribe(const std::string& channel) {
 }
 
 RemoteSession::Change RemoteSession::unsubscribe(const std::string& channel) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    common::MutexLock lock(mutex_);
     if (closed_)
         return Change::Closed;
     if (subscriptions_.erase(channel) == 0)
@@ -163,7 +164,7 @@ bool RemoteSession::close() {
     std::vector<Delivery> dropped;
     std::shared_ptr<Link> released;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         if (closed_)
             return false;
         closed_ = true;
@@ -180,12 +181,12 @@ bool RemoteSession::close() {
 }
 
 bool RemoteSession::closed() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    common::MutexLock lock(mutex_);
     return closed_;
 }
 
 void RemoteSession::runServerCalls(BayeuxServer& server) {
-    std::unique_lock<std::mutex> lock(mutex_);
+    common::UniqueLock lock(mutex_);
     if (callsRunning_)
         return;
     callsRunning_ = true;
@@ -218,7 +219,7 @@ void RemoteSession::runServerCalls(BayeuxServer& server) {
 
 bool RemoteSession::sweep(Clock::time_point now, std::chrono::milliseconds sessionTimeout) {
     std::shared_ptr<Link> released;
-    std::lock_guard<std::mutex> lock(mutex_);
+    common::MutexLock lock(mutex_);
     if (closed_)
         return false;
     if (held_) {
@@ -231,12 +232,12 @@ bool RemoteSession::sweep(Clock::time_point now, std::chrono::milliseconds sessi
 }
 
 std::uint64_t RemoteSession::droppedCount() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    common::MutexLock lock(mutex_);
     return dropped_;
 }
 
 std::size_t RemoteSession::queuedCount() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    common::MutexLock lock(mutex_);
     return sizeLocked();
 }
 

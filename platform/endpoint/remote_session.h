@@ -15,14 +15,13 @@
 // changes were recorded, never under the lock: changes are queued under `mutex_` and run by
 // runServerCalls() on whichever thread finds nobody else running them.
 //
-// `mutex_` guards every member below it. Under it the session only posts to links (Link's calls
-// never block); it calls no listener, promise or server.
+// Under `mutex_` the session only posts to links (Link's calls never block); it calls no
+// listener, promise or server, so that none of them can wait on the session.
 
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -31,6 +30,7 @@
 
 #include "../server/queueing_session.h"
 #include "connector/bayeux/server.h"
+#include "connector/common/mutex.h"
 #include "link.h"
 
 namespace connector::bayeux::endpoint {
@@ -110,28 +110,35 @@ class RemoteSession final : public BayeuxSession,
 
     // Answers the held connect, if any. Returns the reference that kept its link, for the
     // caller to drop once the lock is released.
-    [[nodiscard]] std::shared_ptr<Link> releaseLocked(ReleaseReason reason, Clock::time_point now);
-    void wakeLocked();
-    std::size_t sizeLocked() const { return queue_.size() - head_; }
+    [[nodiscard]] std::shared_ptr<Link> releaseLocked(ReleaseReason reason, Clock::time_point now)
+        ORVALE_REQUIRES(mutex_);
+    void wakeLocked() ORVALE_REQUIRES(mutex_);
+    std::size_t sizeLocked() const ORVALE_REQUIRES(mutex_) { return queue_.size() - head_; }
 
     const std::string id_;
     const std::size_t maxQueue_;
 
-    mutable std::mutex mutex_;
-    bool closed_ = false;
-    std::vector<Delivery> queue_;  // waiting deliveries from index head_ on
-    std::size_t head_ = 0;
-    std::uint64_t dropped_ = 0;
-    bool dropping_ = false;       // the queue overflowed since it was last emptied
-    std::weak_ptr<Link> target_;  // the WebSocket deliveries go to
-    bool wakePosted_ = false;     // target_ has been woken and has not taken the queue yet
-    std::optional<Held> held_;
-    std::uint64_t nextToken_ = 0;
-    Clock::time_point lastConnect_;  // the last connect received or answered
-    std::set<std::string> subscriptions_;
-    std::vector<std::pair<Call, std::string>> calls_;  // server calls not yet made
-    bool callsRunning_ = false;
-    std::shared_ptr<common::ContextState> context_;  // made on first use
+    mutable common::Mutex mutex_;
+    bool closed_ ORVALE_GUARDED_BY(mutex_) = false;
+    // Waiting deliveries from index head_ on.
+    std::vector<Delivery> queue_ ORVALE_GUARDED_BY(mutex_);
+    std::size_t head_ ORVALE_GUARDED_BY(mutex_) = 0;
+    std::uint64_t dropped_ ORVALE_GUARDED_BY(mutex_) = 0;
+    // The queue overflowed since it was last emptied.
+    bool dropping_ ORVALE_GUARDED_BY(mutex_) = false;
+    std::weak_ptr<Link> target_ ORVALE_GUARDED_BY(mutex_);  // the WebSocket deliveries go to
+    // target_ has been woken and has not taken the queue yet.
+    bool wakePosted_ ORVALE_GUARDED_BY(mutex_) = false;
+    std::optional<Held> held_ ORVALE_GUARDED_BY(mutex_);
+    std::uint64_t nextToken_ ORVALE_GUARDED_BY(mutex_) = 0;
+    // The last connect received or answered.
+    Clock::time_point lastConnect_ ORVALE_GUARDED_BY(mutex_);
+    std::set<std::string> subscriptions_ ORVALE_GUARDED_BY(mutex_);
+    // Server calls not yet made.
+    std::vector<std::pair<Call, std::string>> calls_ ORVALE_GUARDED_BY(mutex_);
+    bool callsRunning_ ORVALE_GUARDED_BY(mutex_) = false;
+    // Made on first use.
+    std::shared_ptr<common::ContextState> context_ ORVALE_GUARDED_BY(mutex_);
 };
 
 }  // namespace connector::bayeux::endpoint

@@ -45,6 +45,10 @@ class WebSocketLink final : public Link,
     void start(HttpRequest request) {
         beast::get_lowest_layer(ws_).expires_never();
         ws_.set_option(websocket::stream_base::timeout::suggested(beast::role_type::server));
+        // The upgrade answer names the hub, not the library under it.
+        ws_.set_option(websocket::stream_base::decorator([](websocket::response_type& response) {
+            response.set(beast::http::field::server, "orvale");
+        }));
         ws_.read_message_max(hub_->options().maxMessageBytes);
         ws_.auto_fragment(false);
         ws_.text(true);

@@ -35,7 +35,7 @@ DeliveryQueue::Appender::~Appender() {
 void DeliveryQueue::wakeIfIdle() {
     bool wake = false;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         wake = claimWakeLocked();
     }
     if (wake)
@@ -50,12 +50,12 @@ bool DeliveryQueue::claimWakeLocked() {
 }
 
 bool DeliveryQueue::take(std::vector<Delivery>& batch) {
-    std::unique_lock<std::mutex> lock(mutex_);
+    common::UniqueLock lock(mutex_);
     while (pending_.empty()) {
         if (stopping_)
             return false;
         idle_ = true;
-        wake_.wait(lock);
+        wake_.wait(lock.native());
         idle_ = false;
     }
     batch.swap(pending_);
@@ -64,7 +64,7 @@ bool DeliveryQueue::take(std::vector<Delivery>& batch) {
 
 void DeliveryQueue::stop() {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         stopping_ = true;
     }
     wake_.notify_all();

@@ -5,18 +5,16 @@
 // consumer costs them no notification; the consumer swaps the whole pending vector out in one
 // step and delivers the batch without the lock. Both vectors keep their capacity, so a steady
 // flow allocates nothing.
-//
-// Locking: mutex_ guards pending_, idle_ and stopping_.
 
 #include <array>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <variant>
 #include <vector>
 
 #include "channel_tree.h"
+#include "connector/common/mutex.h"
 
 namespace connector::bayeux::detail {
 
@@ -49,42 +47,46 @@ class DeliveryQueue {
   public:
     // Holds the queue's lock while a producer appends several deliveries; wakes the consumer
     // on release when it was asleep.
-    class Appender {
+    class ORVALE_SCOPED_CAPABILITY Appender {
       public:
-        explicit Appender(DeliveryQueue& queue) : queue_(queue), lock_(queue.mutex_) {}
-        ~Appender();
+        explicit Appender(DeliveryQueue& queue) ORVALE_ACQUIRE(queue.mutex_)
+            : queue_(queue), lock_(queue.mutex_) {}
+        ~Appender() ORVALE_RELEASE();
         Appender(const Appender&) = delete;
         Appender& operator=(const Appender&) = delete;
 
-        void push(Delivery&& delivery) { queue_.pending_.push_back(std::move(delivery)); }
+        void push(Delivery&& delivery) {
+            queue_.mutex_.assumeHeld();  // held by lock_ since construction
+            queue_.pending_.push_back(std::move(delivery));
+        }
 
       private:
         DeliveryQueue& queue_;
-        std::unique_lock<std::mutex> lock_;
+        common::UniqueLock lock_;
     };
 
     // Waits for deliveries and swaps them into the empty `batch`. False once the queue is
     // stopped and empty.
-    bool take(std::vector<Delivery>& batch);
+    bool take(std::vector<Delivery>& batch) ORVALE_EXCLUDES(mutex_);
 
     // Lets the consumer finish what is queued, then makes take() return false.
-    void stop();
+    void stop() ORVALE_EXCLUDES(mutex_);
 
     // Wakes the consumer if it sleeps while deliveries wait (an appender inside a
     // DeferredWakes left it asleep).
-    void wakeIfIdle();
+    void wakeIfIdle() ORVALE_EXCLUDES(mutex_);
 
   private:
-    // The consumer sleeps while deliveries wait; mutex_ held.
-    bool sleepsWithWorkLocked() const { return idle_ && !pending_.empty(); }
-    // True when the caller must wake the consumer, which then counts as awake; mutex_ held.
-    bool claimWakeLocked();
+    // The consumer sleeps while deliveries wait.
+    bool sleepsWithWorkLocked() const ORVALE_REQUIRES(mutex_) { return idle_ && !pending_.empty(); }
+    // True when the caller must wake the consumer, which then counts as awake.
+    bool claimWakeLocked() ORVALE_REQUIRES(mutex_);
 
-    std::mutex mutex_;
+    common::Mutex mutex_;
     std::condition_variable wake_;
-    std::vector<Delivery> pending_;
-    bool idle_ = false;  // the consumer waits on wake_
-    bool stopping_ = false;
+    std::vector<Delivery> pending_ ORVALE_GUARDED_BY(mutex_);
+    bool idle_ ORVALE_GUARDED_BY(mutex_) = false;  // the consumer waits on wake_
+    bool stopping_ ORVALE_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace connector::bayeux::detail

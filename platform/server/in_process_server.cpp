@@ -8,7 +8,6 @@
 #include <exception>
 #include <functional>
 #include <optional>
-#include <shared_mutex>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -16,6 +15,7 @@
 #include <vector>
 
 #include "channel_tree.h"
+#include "connector/common/mutex.h"
 #include "connector/log/diagnostic_logger.h"
 #include "delivery_queue.h"
 
@@ -66,7 +66,7 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
 
     void shutdown() {
         {
-            std::unique_lock<std::shared_mutex> lock(treeMutex_);
+            common::WriterLock lock(treeMutex_);
             if (!accepting_)
                 return;
             accepting_ = false;
@@ -88,7 +88,7 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
             return;
         std::string id = session->getId();
         std::shared_ptr<Retirement> retirement;
-        std::unique_lock<std::shared_mutex> lock(treeMutex_);
+        common::WriterLock lock(treeMutex_);
         if (!accepting_)
             return;
         if (auto it = byAddress_.find(session.get()); it != byAddress_.end()) {
@@ -113,7 +113,7 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
         if (!session)
             return;
         std::shared_ptr<Retirement> retirement;
-        std::unique_lock<std::shared_mutex> lock(treeMutex_);
+        common::WriterLock lock(treeMutex_);
         auto it = byAddress_.find(session.get());
         if (it == byAddress_.end())
             return;
@@ -124,7 +124,7 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
     void acceptSubscribe(std::shared_ptr<const SubscribeRequest> request) {
         if (!request)
             return;
-        std::unique_lock<std::shared_mutex> lock(treeMutex_);
+        common::WriterLock lock(treeMutex_);
         if (!accepting_)
             return;
         auto it = byId_.find(request->getClientId());
@@ -137,7 +137,7 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
         if (!request)
             return;
         std::shared_ptr<Retirement> retirement;
-        std::unique_lock<std::shared_mutex> lock(treeMutex_);
+        common::WriterLock lock(treeMutex_);
         if (!accepting_)
             return;
         auto it = byId_.find(request->getClientId());
@@ -173,19 +173,19 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
     }
 
     std::size_t sessionCount() const {
-        std::shared_lock<std::shared_mutex> lock(treeMutex_);
+        common::ReaderLock lock(treeMutex_);
         return byId_.size();
     }
 
     std::size_t channelNodeCount() const {
-        std::shared_lock<std::shared_mutex> lock(treeMutex_);
+        common::ReaderLock lock(treeMutex_);
         return tree_.nodeCount();
     }
 
     std::size_t threadCount() const { return workers_.size(); }
 
     bool accepting() const {
-        std::shared_lock<std::shared_mutex> lock(treeMutex_);
+        common::ReaderLock lock(treeMutex_);
         return accepting_;
     }
 
@@ -203,7 +203,7 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
         // Reused by every publish on this thread, so matching allocates nothing once warm.
         thread_local std::vector<Match> matches;
         matches.clear();
-        std::shared_lock<std::shared_mutex> lock(treeMutex_);
+        common::ReaderLock lock(treeMutex_);
         if (!accepting_)
             return;
         tree_.match(request->getChannel(), matches);
@@ -250,7 +250,8 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
     }
 
     // Takes a record out of the registry and the tree; it is freed with `retirement`.
-    void removeLocked(SessionRecord& record, std::shared_ptr<Retirement>& retirement) {
+    void removeLocked(SessionRecord& record, std::shared_ptr<Retirement>& retirement)
+        ORVALE_REQUIRES(treeMutex_) {
         if (!retirement)
             retirement = std::make_shared<Retirement>();
         record.removed.store(true, std::memory_order_release);
@@ -266,7 +267,7 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
     }
 
     // Queues the retirement behind everything already queued on every thread.
-    void retireLocked(const std::shared_ptr<Retirement>& retirement) {
+    void retireLocked(const std::shared_ptr<Retirement>& retirement) ORVALE_REQUIRES(treeMutex_) {
         std::shared_ptr<const Retirement> shared = retirement;
         for (auto& worker : workers_) {
             Delivery delivery;
@@ -277,7 +278,7 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
 
     // Queues `request` for every registered session, with one queue lock per thread.
     template <class Request>
-    void announceLocked(const std::shared_ptr<const Request>& request) {
+    void announceLocked(const std::shared_ptr<const Request>& request) ORVALE_REQUIRES(treeMutex_) {
         for (auto& [id, record] : byId_) {
             Delivery delivery;
             delivery.what = request;
@@ -298,7 +299,7 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
     void dropExpired(SessionRecord& record) {
         std::shared_ptr<Retirement> retirement;
         {
-            std::unique_lock<std::shared_mutex> lock(treeMutex_);
+            common::WriterLock lock(treeMutex_);
             auto it = byId_.find(record.id);
             if (it == byId_.end() || it->second.get() != &record)
                 return;
@@ -363,13 +364,17 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
 
     std::vector<std::unique_ptr<Worker>> workers_;  // fixed after construction
 
-    mutable std::shared_mutex treeMutex_;  // guards every member below
-    ChannelTree tree_;
-    std::unordered_map<std::string, std::unique_ptr<SessionRecord>> byId_;
-    std::unordered_map<const BayeuxSession*, SessionRecord*> byAddress_;
-    std::vector<std::vector<Delivery>> announceScratch_;  // one per thread, empty between uses
-    std::size_t nextWorker_ = 0;
-    bool accepting_ = true;
+    // Also guards every SessionRecord::held, which the tree changes.
+    mutable common::SharedMutex treeMutex_;
+    ChannelTree tree_ ORVALE_GUARDED_BY(treeMutex_);
+    std::unordered_map<std::string, std::unique_ptr<SessionRecord>> byId_
+        ORVALE_GUARDED_BY(treeMutex_);
+    std::unordered_map<const BayeuxSession*, SessionRecord*> byAddress_
+        ORVALE_GUARDED_BY(treeMutex_);
+    // One per thread, empty between uses.
+    std::vector<std::vector<Delivery>> announceScratch_ ORVALE_GUARDED_BY(treeMutex_);
+    std::size_t nextWorker_ ORVALE_GUARDED_BY(treeMutex_) = 0;
+    bool accepting_ ORVALE_GUARDED_BY(treeMutex_) = true;
 };
 
 }  // namespace detail

@@ -1,11 +1,11 @@
 #pragma once
 // The done() futures of a stream: any number of callers, all resolved once when it ends.
 
-#include <mutex>
 #include <optional>
 #include <utility>
 #include <vector>
 
+#include "connector/common/mutex.h"
 #include "connector/future.h"
 
 namespace connector::bayeux::transport {
@@ -14,7 +14,7 @@ class DoneSignal {
   public:
     // A future resolved with the outcome (true: ended cleanly), ready at once if already ended.
     Future<bool> future() {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         if (outcome_)
             return makeReadyFuture<bool>(*outcome_);
         waiting_.emplace_back();
@@ -25,7 +25,7 @@ class DoneSignal {
     void resolve(bool clean) {
         std::vector<Promise<bool>> waiting;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            common::MutexLock lock(mutex_);
             if (outcome_)
                 return;
             outcome_ = clean;
@@ -36,14 +36,14 @@ class DoneSignal {
     }
 
     bool ended() const {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         return outcome_.has_value();
     }
 
   private:
-    mutable std::mutex mutex_;  // guards outcome_ and waiting_
-    std::optional<bool> outcome_;
-    std::vector<Promise<bool>> waiting_;
+    mutable common::Mutex mutex_;
+    std::optional<bool> outcome_ ORVALE_GUARDED_BY(mutex_);
+    std::vector<Promise<bool>> waiting_ ORVALE_GUARDED_BY(mutex_);
 };
 
 }  // namespace connector::bayeux::transport

@@ -55,7 +55,7 @@ void InboundPublisher::subscribe(std::shared_ptr<Subscriber> subscriber) {
     if (!subscriber)
         throw std::invalid_argument("subscribe() needs a subscriber");
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         if (stream_ == Stream::unsubscribed) {
             stream_ = Stream::subscribed;
             subscriber_ = std::move(subscriber);
@@ -74,7 +74,7 @@ void InboundPublisher::subscribe(std::shared_ptr<Subscriber> subscriber) {
 void InboundPublisher::push(MessagePtr message) {
     const bool here = onExecutorThread();
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         if (stream_ == Stream::cancelled || source_ != Source::open)
             return;
         queue_.push_back(std::move(message));
@@ -94,7 +94,7 @@ void InboundPublisher::push(MessagePtr message) {
 void InboundPublisher::complete(bool clean) {
     bool unheard;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         if (source_ != Source::open)
             return;
         source_ = clean ? Source::endedClean : Source::endedUnclean;
@@ -110,7 +110,7 @@ void InboundPublisher::request(std::uint64_t n) {
     if (n == 0)
         return;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         if (stream_ == Stream::cancelled)
             return;
         demand_ = (kUnbounded - demand_ <= n) ? kUnbounded : demand_ + n;
@@ -122,7 +122,7 @@ void InboundPublisher::cancel() {
     std::shared_ptr<Subscriber> released;
     std::deque<MessagePtr> dropped;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         if (stream_ == Stream::cancelled)
             return;
         stream_ = Stream::cancelled;
@@ -136,7 +136,7 @@ void InboundPublisher::cancel() {
 
 void InboundPublisher::scheduleDrain() {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         // A running delivery re-reads the state under this lock before it stops, so it sees
         // whatever changed before this call.
         if (drain_ != Drain::idle || !subscriber_)
@@ -148,7 +148,7 @@ void InboundPublisher::scheduleDrain() {
 
 void InboundPublisher::drain() {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         if (drain_ == Drain::running)
             return;  // the running drain sees the new state before it stops
         drain_ = Drain::running;
@@ -164,7 +164,7 @@ void InboundPublisher::drainClaimed() {
         bool completing = false;
         bool clean = true;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            common::MutexLock lock(mutex_);
             if (!subscriber_) {
                 drain_ = Drain::idle;
                 return;

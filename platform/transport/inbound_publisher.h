@@ -15,9 +15,9 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 
 #include "connector/bayeux/messages.h"
+#include "connector/common/mutex.h"
 #include "connector/reactive_streams/reactive_streams.h"
 #include "done_signal.h"
 
@@ -83,14 +83,14 @@ class InboundPublisher : public reactive_streams::Publisher<MessagePtr>,
     const OnExecutorThread onExecutorThread_;
     DoneSignal done_;
 
-    std::mutex mutex_;  // guards every member below
-    std::deque<MessagePtr> queue_;
-    std::uint64_t demand_ = 0;  // UINT64_MAX: unbounded
-    std::shared_ptr<Subscriber> subscriber_;
-    std::shared_ptr<StreamSubscription> subscription_;
-    Stream stream_ = Stream::unsubscribed;
-    Source source_ = Source::open;
-    Drain drain_ = Drain::idle;
+    common::Mutex mutex_;
+    std::deque<MessagePtr> queue_ ORVALE_GUARDED_BY(mutex_);
+    std::uint64_t demand_ ORVALE_GUARDED_BY(mutex_) = 0;  // UINT64_MAX: unbounded
+    std::shared_ptr<Subscriber> subscriber_ ORVALE_GUARDED_BY(mutex_);
+    std::shared_ptr<StreamSubscription> subscription_ ORVALE_GUARDED_BY(mutex_);
+    Stream stream_ ORVALE_GUARDED_BY(mutex_) = Stream::unsubscribed;
+    Source source_ ORVALE_GUARDED_BY(mutex_) = Source::open;
+    Drain drain_ ORVALE_GUARDED_BY(mutex_) = Drain::idle;
 };
 
 }  // namespace connector::bayeux::transport

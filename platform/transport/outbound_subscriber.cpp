@@ -4,6 +4,8 @@
 
 #include <limits>
 
+#include "connector/common/mutex.h"
+
 namespace connector::bayeux::transport {
 
 OutboundSubscriber::OutboundSubscriber(std::weak_ptr<Connection> connection,
@@ -19,7 +21,7 @@ void OutboundSubscriber::onSubscribe(std::shared_ptr<reactive_streams::Subscript
     std::shared_ptr<reactive_streams::Subscription> previous;
     bool closed;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         closed = closed_;
         if (!closed) {
             previous = std::move(subscription_);
@@ -58,7 +60,7 @@ Future<bool> OutboundSubscriber::done() {
 void OutboundSubscriber::connectionClosed() {
     std::shared_ptr<reactive_streams::Subscription> subscription;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         closed_ = true;
         subscription = std::move(subscription_);
     }

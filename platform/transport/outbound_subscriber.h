@@ -8,9 +8,9 @@
 // publisher stops producing, and done() resolves.
 
 #include <memory>
-#include <mutex>
 
 #include "connection.h"
+#include "connector/common/mutex.h"
 #include "connector/reactive_streams/reactive_streams.h"
 #include "done_signal.h"
 
@@ -38,9 +38,9 @@ class OutboundSubscriber : public reactive_streams::Subscriber<MessagePtr> {
     const std::shared_ptr<CloseOnRelease> keeper_;
     const std::shared_ptr<DoneSignal> closedSignal_;
 
-    std::mutex mutex_;  // guards subscription_ and closed_
-    std::shared_ptr<reactive_streams::Subscription> subscription_;
-    bool closed_ = false;
+    common::Mutex mutex_;
+    std::shared_ptr<reactive_streams::Subscription> subscription_ ORVALE_GUARDED_BY(mutex_);
+    bool closed_ ORVALE_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace connector::bayeux::transport

@@ -58,7 +58,7 @@ class PacedSocket {
     auto async_read_some(const MutableBuffers& buffers, Handler&& handler) {
         return boost::asio::async_initiate<Handler, void(boost::system::error_code, std::size_t)>(
             [this](auto&& handler, const MutableBuffers& buffers) {
-                startRead(buffers, std::forward<decltype(handler)>(handler));
+                this->startRead(buffers, std::forward<decltype(handler)>(handler));
             },
             handler, buffers);
     }

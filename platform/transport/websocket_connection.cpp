@@ -19,13 +19,13 @@
 #include <boost/beast/websocket/stream.hpp>
 #include <chrono>
 #include <deque>
-#include <mutex>
 #include <string_view>
 #include <thread>
 #include <vector>
 
 #include "../bayeux/json_text.h"
 #include "bayeux/codec.h"
+#include "connector/common/mutex.h"
 #include "connector/log/diagnostic_logger.h"
 #include "inbound_publisher.h"
 #include "io_thread.h"
@@ -154,7 +154,7 @@ class WebSocketConnection final
             return;
         bool schedule = false;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            common::MutexLock lock(mutex_);
             if (closeRequested_)
                 return;
             std::size_t begin = 0;
@@ -173,7 +173,7 @@ class WebSocketConnection final
 
     void close() override {
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            common::MutexLock lock(mutex_);
             if (closeRequested_)
                 return;
             closeRequested_ = true;
@@ -307,7 +307,7 @@ class WebSocketConnection final
         error_code ignored;
         socket().close(ignored);
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            common::MutexLock lock(mutex_);
             closeRequested_ = true;
         }
         closed_->resolve(false);
@@ -383,7 +383,7 @@ class WebSocketConnection final
             return writeNext();
         bool closeNow = false;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            common::MutexLock lock(mutex_);
             if (writing_ || phase_ != Phase::Open) {
                 flushPosted_ = false;
                 return;
@@ -521,7 +521,7 @@ class WebSocketConnection final
         error_code ignored;
         socket().close(ignored);
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            common::MutexLock lock(mutex_);
             closeRequested_ = true;
             pending_.clear();
         }
@@ -555,10 +555,10 @@ class WebSocketConnection final
     bool timedOut_ = false;
     bool aborted_ = false;
 
-    std::mutex mutex_;  // guards pending_, flushPosted_ and closeRequested_
-    OutboundFrames pending_{kBatchFrameBytes};
-    bool flushPosted_ = false;
-    bool closeRequested_ = false;
+    common::Mutex mutex_;
+    OutboundFrames pending_ ORVALE_GUARDED_BY(mutex_) = OutboundFrames(kBatchFrameBytes);
+    bool flushPosted_ ORVALE_GUARDED_BY(mutex_) = false;
+    bool closeRequested_ ORVALE_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace

@@ -10,10 +10,10 @@
 #include <algorithm>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/system/system_error.hpp>
-#include <mutex>
 #include <stdexcept>
 #include <vector>
 
+#include "connector/common/mutex.h"
 #include "connector/log/diagnostic_logger.h"
 #include "io_thread.h"
 #include "websocket_connection.h"
@@ -34,7 +34,7 @@ class TransportService {
     ~TransportService() {
         std::vector<std::weak_ptr<Connection>> connections;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            common::MutexLock lock(mutex_);
             connections.swap(connections_);
         }
         for (auto& weak : connections)
@@ -63,7 +63,7 @@ class TransportService {
         auto future = promise.getFuture();
         std::shared_ptr<Connection> connection;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            common::MutexLock lock(mutex_);
             if (!io_)
                 io_ = std::make_shared<IoThread>();
             settings.io = io_;
@@ -85,7 +85,7 @@ class TransportService {
         // Opening posts to the I/O thread, whose handlers may resolve the promise: no lock here.
         connection = openWebSocketConnection(std::move(settings), std::move(promise));
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            common::MutexLock lock(mutex_);
             connections_.push_back(connection);
         }
         return future;
@@ -115,10 +115,10 @@ class TransportService {
 
     const WebSocketTransportOptions options_;
 
-    std::mutex mutex_;  // guards io_, tls_ and connections_
-    std::shared_ptr<IoThread> io_;
-    std::shared_ptr<boost::asio::ssl::context> tls_;
-    std::vector<std::weak_ptr<Connection>> connections_;
+    common::Mutex mutex_;
+    std::shared_ptr<IoThread> io_ ORVALE_GUARDED_BY(mutex_);
+    std::shared_ptr<boost::asio::ssl::context> tls_ ORVALE_GUARDED_BY(mutex_);
+    std::vector<std::weak_ptr<Connection>> connections_ ORVALE_GUARDED_BY(mutex_);
 };
 
 }  // namespace

@@ -87,7 +87,9 @@ TEST(BayeuxCodec, EveryMessageRoundTrips) {
         auto decoded = single(fromServer ? decodeFromServer(frame) : decodeFromClient(frame));
         ASSERT_TRUE(decoded);
         EXPECT_EQ(decoded->kind(), original->kind());
-        EXPECT_EQ(typeid(*decoded), typeid(*original));
+        const BayeuxMessage& decodedMessage = *decoded;
+        const BayeuxMessage& originalMessage = *original;
+        EXPECT_EQ(typeid(decodedMessage), typeid(originalMessage));
         EXPECT_EQ(encode(*decoded), frame);
         ASSERT_TRUE(decoded->getAdvice());
         EXPECT_EQ(decoded->getAdvice()->timeout, 30000);

@@ -7,9 +7,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/beast/ssl/ssl_stream.hpp>
 #include <boost/beast/websocket/ssl.hpp>
+#include <cctype>
 #include <cstdlib>
 #include <filesystem>
 
@@ -26,7 +28,9 @@ TEST_F(EndpointTest, WebSocketSessionFromHandshakeToDisconnect) {
     auto hello = ws.call(handshake("1"), "1");
     ASSERT_TRUE(successful(hello)) << error(hello);
     const std::string id = str(*hello, "clientId");
-    EXPECT_EQ(id.size(), 15u);
+    // 22 characters of [A-Za-z0-9]: 130 bits from a cryptographic generator.
+    EXPECT_EQ(id.size(), 22u);
+    EXPECT_TRUE(std::all_of(id.begin(), id.end(), [](char c) { return std::isalnum(c); })) << id;
     EXPECT_EQ(str(*hello, "channel"), "/meta/handshake");
     EXPECT_EQ(str(*hello, "version"), "1.0");
     EXPECT_EQ(json::serialize(hello->at("supportedConnectionTypes")),
@@ -83,6 +87,28 @@ TEST_F(EndpointTest, WebSocketSessionFromHandshakeToDisconnect) {
     EXPECT_FALSE(successful(after));
     EXPECT_EQ(error(after), "402::Unknown client");
     EXPECT_EQ(advice(after, "reconnect"), "\"handshake\"");
+}
+
+TEST_F(EndpointTest, ServiceChannelsAreAnsweredButNeverBroadcast) {
+    start();
+    RawWebSocket listener(port);
+    RawWebSocket sender(port);
+    const std::string a = open(listener);
+    const std::string b = open(sender);
+    ASSERT_FALSE(a.empty());
+    ASSERT_FALSE(b.empty());
+    ASSERT_TRUE(listener.send(connect(a, "c")));
+    for (const char* pattern : {"/**", "/service/**", "/service/x"})
+        ASSERT_TRUE(successful(listener.call(subscribe(a, pattern, pattern), pattern)));
+
+    auto answered = sender.call(publish(b, "1", "/service/x", "1"), "1");
+    ASSERT_TRUE(successful(answered)) << error(answered);
+    ASSERT_TRUE(successful(sender.call(publish(b, "2", "/chat/x", "2"), "2")));
+    // Deliveries keep publication order: the first one to arrive shows the service message
+    // reached nobody.
+    auto delivered = listener.await(isDelivery);
+    ASSERT_TRUE(delivered);
+    EXPECT_EQ(str(*delivered, "channel"), "/chat/x");
 }
 
 TEST_F(EndpointTest, WhatFollowsADisconnectInItsFrameIsFromAnUnknownClient) {

@@ -28,7 +28,8 @@ struct StalledClient {
 TEST(WebSocketConnection, BatchesWhatIsQueuedDuringAWrite) {
     StalledClient stalled;
     ASSERT_TRUE(stalled.stall());
-    auto& [server, client, session] = stalled;
+    auto& client = stalled.client;
+    auto& session = stalled.session;
     const std::string& big = StalledClient::big();
     for (int i = 0; i < 5; ++i)
         client.send(publish("/queued/" + std::to_string(i)));
@@ -52,7 +53,8 @@ TEST(WebSocketConnection, BatchesWhatIsQueuedDuringAWrite) {
 TEST(WebSocketConnection, SplitsALargeBurstIntoBoundedFrames) {
     StalledClient stalled;
     ASSERT_TRUE(stalled.stall());
-    auto& [server, client, session] = stalled;
+    auto& client = stalled.client;
+    auto& session = stalled.session;
     const std::string& big = StalledClient::big();
     constexpr int kBurst = 5000;  // about 400 KiB of JSON
     const std::string data = "\"" + std::string(60, 'd') + "\"";

@@ -1,6 +1,9 @@
 #pragma once
 // The Bayeux endpoint (the hub): serves an in-process BayeuxServer to remote Bayeux clients over
 // WebSocket and HTTP long-polling. Each remote client is a session of the server.
+//
+// Thread safety: may be called from any thread at once, except that stop() and the destructor
+// join the endpoint's I/O threads and so must not run on one of them.
 
 #include <chrono>
 #include <cstddef>

@@ -5,6 +5,9 @@
 // the messages that open a transport. Meta messages know their Bayeux channel from their
 // class; getChannel() of a subscribe or unsubscribe message is the subscription pattern and of
 // a publish message the channel published on.
+//
+// Thread safety: none of their own: a message is built on one thread, then handed on by
+// unique_ptr, or shared as const and only read.
 
 #include <cstdint>
 #include <memory>

@@ -6,6 +6,9 @@
 // session. A published message is matched at once against the tree and queued for each matching
 // session; deliveries run on the server's own threads, never under its locks, in publication
 // order for each (publisher, subscriber) pair.
+//
+// Thread safety: a BayeuxServer may be called from any thread at once, also from inside a
+// session's deliver. It calls a session's deliver on its delivery threads, never under a lock.
 
 #include <cstddef>
 #include <memory>

@@ -1,5 +1,9 @@
 #pragma once
 // The WebSocket Bayeux client transport (ws:// and wss://) as a Context service.
+//
+// Thread safety: the functions and the handler may be called from any thread at once. The
+// handler's future and the inbound stream's signals come on the transport's one I/O thread
+// (a request it refuses fails at once, on the calling thread).
 
 #include <cstddef>
 #include <string>

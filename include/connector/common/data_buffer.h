@@ -1,5 +1,7 @@
 #pragma once
 // Bytes handed to publish: a JSON text owned by value and moved along the publish path.
+//
+// Thread safety: a value like std::string: one object is changed by one thread at a time.
 
 #include <string>
 #include <utility>

@@ -1,5 +1,8 @@
 #pragma once
 // One-shot timers on one timer thread per process.
+//
+// Thread safety: delay() may be called from any thread, callbacks included; callbacks run on the
+// timer thread. A Canceller is used by one thread at a time.
 
 #include <cstdint>
 #include <functional>

@@ -5,7 +5,7 @@
 // as requests waiting for their answers: once the ring has grown to the queue's usual length,
 // pushing and taking allocate nothing (a std::deque allocates and frees a block every few
 // elements). Elements may also be taken from the middle; those before it move back one slot.
-// Not thread-safe.
+// Thread safety: none; its owner guards it.
 
 #include <cstddef>
 #include <new>

@@ -4,6 +4,9 @@
 // Each record carries the attributes Channel (the logger's name) and Severity (a single-bit
 // flag); a JSON-tagged record also carries Json. This header stays free of Boost.Log so that
 // it can be included everywhere; the records are built and pushed in one source file.
+//
+// Thread safety: loggers and the functions below may be used from any thread at once; each
+// record is pushed into the Boost.Log core on the thread that logs it.
 
 #include <atomic>
 #include <exception>

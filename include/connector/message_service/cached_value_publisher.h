@@ -3,9 +3,12 @@
 // FIFO cache (dropping the oldest beyond its capacity) and hands them out as the subscriber's
 // demand allows. The client services use it as their stream of outgoing messages.
 //
-// `mutex_` guards every member. The subscriber, onDone and the done promise are always called
-// with it released, so a subscriber may call back into the publisher. `draining_` keeps one
-// drain loop at a time: a value offered while a loop runs is left in the cache for that loop.
+// The subscriber, onDone and the done promise are always called with `mutex_` released, so a
+// subscriber may call back into the publisher. `draining_` keeps one drain loop at a time: a
+// value offered while a loop runs is left in the cache for that loop.
+//
+// Thread safety: may be called from any thread at once. The subscriber and onDone run on the
+// thread whose call (next, complete, request, subscribe or cancel) let the value or the end out.
 
 #include <cstdint>
 #include <deque>
@@ -13,9 +16,9 @@
 #include <functional>
 #include <limits>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 
+#include "connector/common/mutex.h"
 #include "connector/future.h"
 #include "connector/reactive_streams/reactive_streams.h"
 
@@ -50,7 +53,7 @@ class CachedValuePublisher : public Publisher<T>,
           onDone_(std::move(onDone)) {}
 
     ~CachedValuePublisher() override {
-        std::unique_lock<std::mutex> lock(mutex_);
+        common::UniqueLock lock(mutex_);
         try {
             finish(lock);
         } catch (...) {
@@ -64,7 +67,7 @@ class CachedValuePublisher : public Publisher<T>,
 
     // Offers one value; discarded once the stream has ended.
     void next(T&& value) {
-        std::unique_lock<std::mutex> lock(mutex_);
+        common::UniqueLock lock(mutex_);
         if (state_ > kCompleting)
             return;
         if (subscriber_ && demand_ > 0 && cache_.empty() && !draining_) {
@@ -82,7 +85,7 @@ class CachedValuePublisher : public Publisher<T>,
 
     // Ends the stream once the cached values have gone out.
     void complete() {
-        std::unique_lock<std::mutex> lock(mutex_);
+        common::UniqueLock lock(mutex_);
         if (state_ != kActive)
             return;
         state_ = kCompleting;
@@ -91,21 +94,19 @@ class CachedValuePublisher : public Publisher<T>,
     }
 
     void request(std::uint64_t n) {
-        std::unique_lock<std::mutex> lock(mutex_);
+        common::UniqueLock lock(mutex_);
         if (n > 0) {
             demand_ = (std::numeric_limits<std::uint64_t>::max() - demand_ < n)
                           ? std::numeric_limits<std::uint64_t>::max()
                           : demand_ + n;
         }
         drain(lock);
-        if (!lock.owns_lock())
-            lock.lock();
         if (state_ == kCompleting && cache_.empty())
             finish(lock);
     }
 
     void subscribe(std::shared_ptr<Subscriber<T>> subscriber) override {
-        std::unique_lock<std::mutex> lock(mutex_);
+        common::UniqueLock lock(mutex_);
         if (subscriber_)
             throw std::invalid_argument("Only one subscription allowed.");
         std::weak_ptr<CachedValuePublisher> self = this->shared_from_this();
@@ -113,10 +114,11 @@ class CachedValuePublisher : public Publisher<T>,
         subscriber_ = subscriber;
         auto subscription = subscription_;
         const std::uint32_t state = state_;
+        const std::exception_ptr error = error_;
         lock.unlock();
         subscriber->onSubscribe(subscription);
         if (state == kFailed) {
-            subscriber->onError(error_);
+            subscriber->onError(error);
         } else if (state == kCompleted) {
             subscriber->onComplete();
         } else {
@@ -126,12 +128,12 @@ class CachedValuePublisher : public Publisher<T>,
     }
 
     Future<bool> done() override {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         return donePromise_.getFuture();
     }
 
     std::size_t cachedCount() {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         return cache_.size();
     }
 
@@ -145,7 +147,7 @@ class CachedValuePublisher : public Publisher<T>,
     };
 
     void cancel() {
-        std::unique_lock<std::mutex> lock(mutex_);
+        common::UniqueLock lock(mutex_);
         if (state_ >= kCompleted)
             return;
         state_ = kCancelled;
@@ -154,8 +156,9 @@ class CachedValuePublisher : public Publisher<T>,
         onDone_();
     }
 
-    // Called with the lock held; may release and retake it while values go out.
-    void drain(std::unique_lock<std::mutex>& lock) {
+    // May release and retake the lock while values go out; returns with it held unless it
+    // throws.
+    void drain(common::UniqueLock& lock) ORVALE_REQUIRES(mutex_, lock) {
         if (draining_)
             return;
         draining_ = true;
@@ -182,13 +185,12 @@ class CachedValuePublisher : public Publisher<T>,
             draining_ = false;
             throw;
         }
-        if (!lock.owns_lock())
-            lock.lock();
         draining_ = false;
     }
 
-    // Moves to completed once; tells the subscriber and onDone with the lock released.
-    void finish(std::unique_lock<std::mutex>& lock) {
+    // Moves to completed once; tells the subscriber and onDone with the lock released, and
+    // returns with it held unless one of them throws.
+    void finish(common::UniqueLock& lock) ORVALE_REQUIRES(mutex_, lock) {
         if (state_ >= kCompleted)
             return;
         state_ = kCompleted;
@@ -201,21 +203,25 @@ class CachedValuePublisher : public Publisher<T>,
         lock.lock();
     }
 
-    std::mutex mutex_;
+    common::Mutex mutex_;
     const std::uint64_t capacity_;
-    std::deque<T> cache_;
+    std::deque<T> cache_ ORVALE_GUARDED_BY(mutex_);
     F onDone_;
+    // Resolved with mutex_ released; only getFuture() is called under it.
     Promise<bool> donePromise_;
-    std::exception_ptr error_;
-    std::shared_ptr<Subscriber<T>> subscriber_;
-    std::shared_ptr<CachedValueSubscription> subscription_;
-    std::uint64_t demand_ = 0;
-    std::uint32_t state_ = kActive;
-    bool draining_ = false;
+    std::exception_ptr error_ ORVALE_GUARDED_BY(mutex_);
+    std::shared_ptr<Subscriber<T>> subscriber_ ORVALE_GUARDED_BY(mutex_);
+    std::shared_ptr<CachedValueSubscription> subscription_ ORVALE_GUARDED_BY(mutex_);
+    std::uint64_t demand_ ORVALE_GUARDED_BY(mutex_) = 0;
+    std::uint32_t state_ ORVALE_GUARDED_BY(mutex_) = kActive;
+    bool draining_ ORVALE_GUARDED_BY(mutex_) = false;
 };
 
 // A subscriber that asks for unbounded demand at once and hands every value to a callback.
-// `mutex_` guards subscription_ and done_; the callback runs with it released.
+// The callback runs with `mutex_` released, so that it may cancel the subscriber.
+//
+// Thread safety: may be called from any thread at once; the callback runs on the thread that
+// calls onNext().
 template <class T>
 class CallbackSubscriber : public Subscriber<T> {
   public:
@@ -223,7 +229,7 @@ class CallbackSubscriber : public Subscriber<T> {
     ~CallbackSubscriber() override { cancel(); }
 
     void onSubscribe(std::shared_ptr<Subscription> subscription) override {
-        std::unique_lock<std::mutex> lock(mutex_);
+        common::UniqueLock lock(mutex_);
         subscription_ = subscription;
         if (done_)
             return;
@@ -232,7 +238,7 @@ class CallbackSubscriber : public Subscriber<T> {
     }
 
     void onComplete() override {
-        std::unique_lock<std::mutex> lock(mutex_);
+        common::UniqueLock lock(mutex_);
         if (done_)
             return;
         done_ = true;
@@ -241,12 +247,12 @@ class CallbackSubscriber : public Subscriber<T> {
     }
 
     Future<bool> done() override {
-        std::lock_guard<std::mutex> lock(mutex_);
+        common::MutexLock lock(mutex_);
         return donePromise_.getFuture();
     }
 
     void onNext(T&& value) override {
-        std::unique_lock<std::mutex> lock(mutex_);
+        common::UniqueLock lock(mutex_);
         if (done_)
             return;
         lock.unlock();
@@ -254,7 +260,7 @@ class CallbackSubscriber : public Subscriber<T> {
     }
 
     void onError(std::exception_ptr error) override {
-        std::unique_lock<std::mutex> lock(mutex_);
+        common::UniqueLock lock(mutex_);
         if (done_)
             return;
         done_ = true;
@@ -264,7 +270,7 @@ class CallbackSubscriber : public Subscriber<T> {
 
     // Ends the subscriber early and cancels its subscription.
     void cancel() {
-        std::unique_lock<std::mutex> lock(mutex_);
+        common::UniqueLock lock(mutex_);
         if (done_)
             return;
         done_ = true;
@@ -276,11 +282,11 @@ class CallbackSubscriber : public Subscriber<T> {
     }
 
   private:
-    std::mutex mutex_;
-    Promise<bool> donePromise_;
+    common::Mutex mutex_;
+    Promise<bool> donePromise_;  // resolved with mutex_ released
     std::function<void(T)> callback_;
-    std::weak_ptr<Subscription> subscription_;
-    bool done_ = false;
+    std::weak_ptr<Subscription> subscription_ ORVALE_GUARDED_BY(mutex_);
+    bool done_ ORVALE_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace connector::reactive_streams

@@ -3,15 +3,18 @@
 // first connection has succeeded; the registry holds instances weakly.
 //
 // `mutex_` serialises creation and lookups and is held while a new instance starts
-// connecting. `instancesMutex_` guards `instances_` alone, so that a connection completing on
-// the transport thread (or at once, inside the create call) can register its instance without
+// connecting. `instances_` has a mutex of its own, so that a connection completing on the
+// transport thread (or at once, inside the create call) can register its instance without
 // waiting for `mutex_`.
+//
+// Thread safety: may be called from any thread at once; a created service's future resolves on
+// the transport's thread, or on the calling thread when the connection completes at once.
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 
+#include "connector/common/mutex.h"
 #include "connector/core.h"
 #include "connector/message_service/message_service.h"
 
@@ -32,11 +35,12 @@ class MessageServiceFactoryClientDelegate
     std::shared_ptr<MessageService> getMessageService(const std::string& name) override;
 
   private:
-    std::mutex mutex_;
+    common::Mutex mutex_;
     const Address transportAddress_;
     const std::shared_ptr<Context> context_;
-    std::mutex instancesMutex_;
-    std::unordered_map<std::string, std::weak_ptr<MessageService>> instances_;
+    common::Mutex instancesMutex_ ORVALE_ACQUIRED_AFTER(mutex_);
+    std::unordered_map<std::string, std::weak_ptr<MessageService>> instances_
+        ORVALE_GUARDED_BY(instancesMutex_);
 };
 
 }  // namespace connector::message_service

@@ -3,16 +3,19 @@
 // Context: it opens the transport, handshakes, keeps one meta connect outstanding while it is
 // connected, and matches responses to its pending requests by message id.
 //
-// `mutex_` guards every member below it. No request is sent, no promise resolved and no
-// callback or listener run while it is held: the code copies under the lock, releases, then
-// calls. Continuations hold the instance only weakly. The client has no timers and no
+// No request is sent, no promise resolved and no callback or listener run while `mutex_` is
+// held: the code copies under the lock, releases, then calls, so that any of them may call back
+// into the service. Continuations hold the instance only weakly. The client has no timers and no
 // automatic reconnection.
+//
+// Thread safety: may be called from any thread at once. Subscription callbacks, listeners and
+// futures run on the transport's thread; a state listener also runs on the thread whose call
+// (connect, disconnect) changed the state.
 
 #include <atomic>
 #include <cstdint>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -21,6 +24,7 @@
 #include <vector>
 
 #include "connector/bayeux/messages.h"
+#include "connector/common/mutex.h"
 #include "connector/common/ring_queue.h"
 #include "connector/log/diagnostic_logger.h"
 #include "connector/message_service/cached_value_publisher.h"
@@ -106,48 +110,53 @@ class MessageServiceClientImpl : public MessageService,
     // With no transport connected nothing is filed, no id is used, `pending` fails and the
     // result is null.
     std::shared_ptr<OutboundPublisher> file(bayeux::BayeuxMessage& request,
-                                            PendingRequest&& pending);
-    void sendMetaConnect();
+                                            PendingRequest&& pending) ORVALE_EXCLUDES(mutex_);
+    void sendMetaConnect() ORVALE_EXCLUDES(mutex_);
     Future<ConnectionState> handle(std::unique_ptr<bayeux::ConnectTransportResponse>&& response);
-    void setState(ConnectionState newState, std::unique_lock<std::mutex>& lock);
+    // Changes the state, releases `lock`, then tells the state listeners.
+    void setState(ConnectionState newState, common::UniqueLock& lock) ORVALE_REQUIRES(mutex_)
+        ORVALE_RELEASE(lock);
 
     void deliver(MessagePtr&& message);
     void handle(std::unique_ptr<bayeux::BayeuxContainer>&& container);
     // The response `message` is, or null.
     static const bayeux::BayeuxResponse* responseOf(const Message& message);
-    // Takes the pending request answered by `response` out of pendingRequests_; mutex_ held.
-    std::optional<PendingRequest> takeAnsweredLocked(const bayeux::BayeuxResponse& response);
+    // Takes the pending request answered by `response` out of pendingRequests_.
+    std::optional<PendingRequest> takeAnsweredLocked(const bayeux::BayeuxResponse& response)
+        ORVALE_REQUIRES(mutex_);
     // Completes `answered` with its answer; mutex_ not held.
     static void complete(PendingRequest&& answered, MessagePtr&& answer);
     void handle(std::unique_ptr<bayeux::PublishRequest>&& request);
     // The transport of `generation` has gone: fail what is pending and become DISCONNECTED.
-    void transportEnded(std::uint64_t generation, const char* why);
+    void transportEnded(std::uint64_t generation, const char* why) ORVALE_EXCLUDES(mutex_);
 
     const std::string& endpoint() const { return options_.at("endpoint"); }
 
-    std::mutex mutex_;
+    common::Mutex mutex_;
     const std::string name_;
-    std::string clientId_;
+    std::string clientId_ ORVALE_GUARDED_BY(mutex_);
     const foundation::log::basic_diagnostic_logger<char> logger_;
     const foundation::log::basic_diagnostic_logger<char, foundation::log::json_tagger> jsonLogger_;
     const Options options_;
     const std::shared_ptr<Context> context_;
     const Address address_;
-    std::shared_ptr<OutboundPublisher> outboundPublisher_;  // empty: no transport connected
-    std::shared_ptr<InboundSubscriber> inboundSubscriber_;
-    std::uint64_t transportGeneration_ = 0;  // tells a current transport from a replaced one
+    // Empty: no transport connected.
+    std::shared_ptr<OutboundPublisher> outboundPublisher_ ORVALE_GUARDED_BY(mutex_);
+    std::shared_ptr<InboundSubscriber> inboundSubscriber_ ORVALE_GUARDED_BY(mutex_);
+    // Tells a current transport from a replaced one.
+    std::uint64_t transportGeneration_ ORVALE_GUARDED_BY(mutex_) = 0;
     // In sending order. Answers come mostly in that order behind the one long-held meta connect,
     // so taking one moves at most that connect.
-    common::RingQueue<PendingRequest> pendingRequests_;
-    SubscriptionTable subscriptions_;
+    common::RingQueue<PendingRequest> pendingRequests_ ORVALE_GUARDED_BY(mutex_);
+    SubscriptionTable subscriptions_ ORVALE_GUARDED_BY(mutex_);
     // Holders under "/*" and "/**" keys: with none, a delivery looks up its own channel only.
-    std::size_t wildcardHolders_ = 0;
-    std::vector<StateListenerRecord> stateListeners_;
-    ConnectionState state_ = ConnectionState::DISCONNECTED;
+    std::size_t wildcardHolders_ ORVALE_GUARDED_BY(mutex_) = 0;
+    std::vector<StateListenerRecord> stateListeners_ ORVALE_GUARDED_BY(mutex_);
+    ConnectionState state_ ORVALE_GUARDED_BY(mutex_) = ConnectionState::DISCONNECTED;
     // state_ for getState(), which every publish asks without taking mutex_.
     std::atomic<ConnectionState> stateSeen_{ConnectionState::DISCONNECTED};
     std::atomic<std::uint64_t> nextMessageId_{0};
-    std::uint64_t nextSubscriptionId_ = 0;
+    std::uint64_t nextSubscriptionId_ ORVALE_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace connector::message_service

@@ -3,14 +3,17 @@
 // mappings and hands creation to the client delegate (when the options name an "endpoint") or to
 // the server delegate.
 //
-// `mutex_` guards `optionsMappings_` and serialises creation; it is held across the call into a
-// delegate, so delegates must never call back into the delegator.
+// `mutex_` also serialises creation; it is held across the call into a delegate, so delegates
+// must never call back into the delegator.
+//
+// Thread safety: may be called from any thread at once; the returned future resolves on the
+// thread the delegate resolves it on.
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "connector/common/mutex.h"
 #include "connector/message_service/message_service.h"
 
 namespace connector::message_service {
@@ -31,10 +34,10 @@ class MessageServiceFactoryDelegatorImpl
     std::vector<OptionsMapping> getFactoryOptionsMappings() override;
 
   private:
-    std::mutex mutex_;
+    common::Mutex mutex_;
     std::shared_ptr<MessageServiceFactoryDelegate> serverDelegate_;
     std::shared_ptr<MessageServiceFactoryDelegate> clientDelegate_;
-    std::vector<OptionsMapping> optionsMappings_;  // guarded by mutex_
+    std::vector<OptionsMapping> optionsMappings_ ORVALE_GUARDED_BY(mutex_);
 };
 
 // Checks a service name; returns an empty exception pointer when it is valid.

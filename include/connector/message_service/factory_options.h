@@ -3,6 +3,8 @@
 // entries of the map at "embeddedConnector.messageServiceFactoryOptions" inside the property
 // "orv". Written over the names of the service framework's property API (GetProperty, Any,
 // AnyMap::AtCompoundKey, any_cast) so that it works with any library offering them.
+//
+// Thread safety: may be called from any thread; it only reads the service reference.
 
 #include <any>
 #include <string>

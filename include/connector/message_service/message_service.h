@@ -2,6 +2,10 @@
 // The message service interface: a named publish/subscribe service, either a client of a remote
 // Bayeux server or a session of an in-process one. Every operation reports through a Future;
 // bad input gives a failed future, never an exception.
+//
+// Thread safety: services and factories may be called from any thread at once. Callbacks,
+// listeners and futures run on the service's delivery threads, or on the calling thread when a
+// call settles at once; never under a service lock, so they may call the service again.
 
 #include <cstdint>
 #include <functional>

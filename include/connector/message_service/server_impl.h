@@ -3,21 +3,25 @@
 // listeners and publications go straight to the server, and the server delivers to it on the
 // server's own threads.
 //
-// `mutex_` guards subscriptions_, the three listener lists, state_, nextId_ and registered_;
 // name_, id_, context_, the loggers and bayeuxServer_ never change after construction. No
-// callback, listener or server operation runs with `mutex_` held. `registerMutex_` is held only
-// across the server's register call, so that an operation that finds the session registered
-// never overtakes a registration still in flight.
+// callback, listener or server operation runs with `mutex_` held, so that any of them may call
+// back into the service. `registerMutex_` guards no data: it is held only across the server's
+// register call, so that an operation that finds the session registered never overtakes a
+// registration still in flight.
+//
+// Thread safety: may be called from any thread at once. Subscription callbacks and subscribe
+// and unsubscribe listeners run on the server's delivery threads; state listeners run on the
+// thread whose call changed the state (disconnect, or the destructor).
 
 #include <cstdint>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
 #include "connector/bayeux/server.h"
+#include "connector/common/mutex.h"
 #include "connector/log/diagnostic_logger.h"
 #include "connector/message_service/message_service.h"
 #include "connector/message_service/subscription.h"
@@ -78,32 +82,40 @@ class MessageServiceServerImpl : public MessageService,
         std::uint64_t id;
     };
 
-    void ensureRegisteredWithService(std::unique_lock<std::mutex>& lock);
-    void setState(ConnectionState newState, std::unique_lock<std::mutex>& lock);
-    void doDisconnect(bool unregister);
+    // Registers the session with the server once, the call made after `lock` is released;
+    // waits for a registration in flight on another thread.
+    void ensureRegisteredWithService(common::UniqueLock& lock) ORVALE_REQUIRES(mutex_)
+        ORVALE_RELEASE(lock) ORVALE_EXCLUDES(registerMutex_);
+    // Changes the state, releases `lock`, then tells the state listeners.
+    void setState(ConnectionState newState, common::UniqueLock& lock) ORVALE_REQUIRES(mutex_)
+        ORVALE_RELEASE(lock);
+    void doDisconnect(bool unregister) ORVALE_EXCLUDES(mutex_);
+    // The subscribe or the unsubscribe listeners, by event type.
     template <class Event>
-    Future<std::shared_ptr<Subscription>> addListener(std::vector<ListenerRecord<Event>>& list,
-                                                      const std::string& pattern,
-                                                      std::function<void(const Event&)> callback);
+    std::vector<ListenerRecord<Event>>& listeners() ORVALE_REQUIRES(mutex_);
+    template <class Event>
+    Future<std::shared_ptr<Subscription>> addListener(const std::string& pattern,
+                                                      std::function<void(const Event&)> callback)
+        ORVALE_EXCLUDES(mutex_);
     template <class Event, class Request>
-    void notifyListeners(const std::vector<ListenerRecord<Event>>& list, const Request& request,
-                         const char* errorText, const char* unknownErrorText);
+    void notifyListeners(const Request& request, const char* errorText,
+                         const char* unknownErrorText) ORVALE_EXCLUDES(mutex_);
 
-    std::mutex mutex_;
+    common::Mutex mutex_;
     const std::string name_;
     const std::string id_;
     const std::shared_ptr<common::ContextState> context_;  // never set: always empty
     const foundation::log::basic_diagnostic_logger<char> logger_;
     const foundation::log::basic_diagnostic_logger<char, foundation::log::json_tagger> jsonLogger_;
     const std::shared_ptr<bayeux::BayeuxServer> bayeuxServer_;
-    SubscriptionTable subscriptions_;
-    std::vector<ListenerRecord<SubscribeEvent>> subscribeListeners_;
-    std::vector<ListenerRecord<UnsubscribeEvent>> unsubscribeListeners_;
-    std::vector<StateListenerRecord> stateListeners_;
-    ConnectionState state_ = ConnectionState::CONNECTED;
-    std::uint64_t nextId_ = 0;
-    bool registered_ = false;
-    std::mutex registerMutex_;
+    SubscriptionTable subscriptions_ ORVALE_GUARDED_BY(mutex_);
+    std::vector<ListenerRecord<SubscribeEvent>> subscribeListeners_ ORVALE_GUARDED_BY(mutex_);
+    std::vector<ListenerRecord<UnsubscribeEvent>> unsubscribeListeners_ ORVALE_GUARDED_BY(mutex_);
+    std::vector<StateListenerRecord> stateListeners_ ORVALE_GUARDED_BY(mutex_);
+    ConnectionState state_ ORVALE_GUARDED_BY(mutex_) = ConnectionState::CONNECTED;
+    std::uint64_t nextId_ ORVALE_GUARDED_BY(mutex_) = 0;
+    bool registered_ ORVALE_GUARDED_BY(mutex_) = false;
+    common::Mutex registerMutex_ ORVALE_ACQUIRED_AFTER(mutex_);
 };
 
 }  // namespace connector::message_service

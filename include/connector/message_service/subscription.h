@@ -3,6 +3,10 @@
 // subscription or a listener); cancelling it or dropping its last reference removes the
 // registration from the service, which it reaches only through a weak reference.
 // SubscriptionHolder is the record a service keeps for each channel subscription.
+//
+// Thread safety: a Subscription may be used from any thread, also from inside its own callback.
+// A holder does not change once filed; the tables and listener records are guarded by their
+// service's lock.
 
 #include <atomic>
 #include <cstdint>

@@ -1,6 +1,8 @@
 #pragma once
 // Value types of the message service interface: connection states, listener events, delivered
 // messages and the results of the asynchronous operations.
+//
+// Thread safety: values; an object shared between threads is only read.
 
 #include <cstdint>
 #include <memory>

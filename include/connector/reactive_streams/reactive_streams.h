@@ -1,5 +1,8 @@
 #pragma once
 // Base classes of the reactive streams between the client services and their transports.
+//
+// Thread safety: the implementations in this library may be called from any thread at once;
+// each says on which thread it signals.
 
 #include <cstdint>
 #include <exception>
