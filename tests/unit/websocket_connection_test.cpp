@@ -13,6 +13,8 @@ struct StalledClient {
     Client client = connectClient(server.url());
     std::shared_ptr<ServerSession> session = server.nextSession();
 
+    // Generous for the waits on it: an instrumented -O0 build takes seconds to move 32 MiB.
+    static constexpr auto kBigWait = std::chrono::seconds(30);
     static const std::string& big() {
         static const std::string text = "\"" + std::string(std::size_t{32} << 20, 'x') + "\"";
         return text;
@@ -38,7 +40,7 @@ TEST(WebSocketConnection, BatchesWhatIsQueuedDuringAWrite) {
     client.send(publish("/after/connect"));
     session->startReading();
 
-    ASSERT_TRUE(waitUntil([&] { return session->frames().size() >= 4; }, 10s));
+    ASSERT_TRUE(waitUntil([&] { return session->frames().size() >= 4; }, StalledClient::kBigWait));
     const auto frames = session->frames();
     ASSERT_EQ(frames.size(), 4u);
     EXPECT_EQ(frames[0].size(), big.size() + std::string(R"([{"channel":"/big","data":}])").size());
@@ -68,7 +70,7 @@ TEST(WebSocketConnection, SplitsALargeBurstIntoBoundedFrames) {
             const auto frames = session->frames();
             return frames.size() > 1 && frames.back().size() > (std::size_t{32} << 20);
         },
-        10s));
+        StalledClient::kBigWait));
     const auto frames = session->frames();
     ASSERT_GE(frames.size(), 3u);
     std::size_t seen = 0;
