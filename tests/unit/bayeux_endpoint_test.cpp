@@ -89,6 +89,16 @@ TEST_F(EndpointTest, WebSocketSessionFromHandshakeToDisconnect) {
     EXPECT_EQ(advice(after, "reconnect"), "\"handshake\"");
 }
 
+TEST_F(EndpointTest, BothTransportsNameTheServerOrvale) {
+    start();
+    RawWebSocket ws(port);
+    EXPECT_EQ(ws.server(), "orvale");
+    RawHttp http(port);
+    auto reply = http.post(handshake("1"));
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->server, "orvale");
+}
+
 TEST_F(EndpointTest, ServiceChannelsAreAnsweredButNeverBroadcast) {
     start();
     RawWebSocket listener(port);

@@ -112,10 +112,11 @@ class RawWebSocket {
         ws_.read_message_max(std::size_t{64} << 20);
         bool done = false;
         beast::error_code error;
-        ws_.async_handshake("127.0.0.1:" + std::to_string(port), path, [&](beast::error_code ec) {
-            error = ec;
-            done = true;
-        });
+        ws_.async_handshake(upgrade_, "127.0.0.1:" + std::to_string(port), path,
+                            [&](beast::error_code ec) {
+                                error = ec;
+                                done = true;
+                            });
         if (!runUntil(
                 io_, [&] { return done; }, kWait) ||
             error)
@@ -180,6 +181,8 @@ class RawWebSocket {
     // How many messages each frame received so far carried.
     const std::vector<std::size_t>& frameSizes() const { return frameSizes_; }
     bool closed() const { return closed_; }
+    // The Server header of the upgrade answer.
+    std::string server() const { return std::string(upgrade_[http::field::server]); }
 
   private:
     void readNext() {
@@ -201,6 +204,7 @@ class RawWebSocket {
 
     asio::io_context io_;
     websocket::stream<beast::tcp_stream> ws_;
+    websocket::response_type upgrade_;
     beast::flat_buffer buffer_;
     std::string outgoing_;
     std::deque<json::object> inbox_;
@@ -212,6 +216,7 @@ class RawWebSocket {
 struct HttpReply {
     unsigned status = 0;
     std::string body;
+    std::string server;  // the Server header
     std::vector<json::object> messages() const { return parseMessages(body); }
 };
 
@@ -255,7 +260,8 @@ class RawHttp {
                 io_, [&] { return done_; }, timeout) ||
             error_)
             return std::nullopt;
-        return HttpReply{response_.result_int(), response_.body()};
+        return HttpReply{response_.result_int(), response_.body(),
+                         std::string(response_[http::field::server])};
     }
 
     std::optional<HttpReply> post(const std::string& body, const std::string& target = "/bayeux",
