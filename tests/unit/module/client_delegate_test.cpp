@@ -5,26 +5,16 @@
 
 #include <gtest/gtest.h>
 
+#include "failure_text.h"
 #include "scripted_transport.h"
 
 namespace connector::message_service {
 namespace {
 
 namespace bx = bayeux;
+using orvale::test::failureText;
 using orvale::test::response;
 using orvale::test::ScriptedTransport;
-
-template <class T>
-std::string failureText(Future<T>& future) {
-    if (!future.waitFor(std::chrono::seconds(5)))
-        return "still pending";
-    try {
-        future.get();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "no exception";
-}
 
 class ClientDelegateTest : public ::testing::Test {
   protected:

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "failure_text.h"
 #include "log_capture.h"
 #include "scripted_transport.h"
 
@@ -9,20 +10,9 @@ namespace connector::message_service {
 namespace {
 
 namespace bx = bayeux;
+using orvale::test::failureText;
 using orvale::test::response;
 using orvale::test::ScriptedTransport;
-
-template <class T>
-std::string failureText(Future<T>& future) {
-    if (!future.waitFor(std::chrono::seconds(5)))
-        return "still pending";
-    try {
-        future.get();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "no exception";
-}
 
 std::unique_ptr<bx::PublishRequest> delivery(const std::string& wire, const std::string& json) {
     return std::make_unique<bx::PublishRequest>(wire, common::DataBuffer(json));

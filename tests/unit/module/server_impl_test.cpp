@@ -5,10 +5,13 @@
 #include <thread>
 
 #include "connector/message_service/server_delegate.h"
+#include "failure_text.h"
 #include "log_capture.h"
 
 namespace connector::message_service {
 namespace {
+
+using orvale::test::failureText;
 
 using bayeux::PublishRequest;
 using bayeux::SubscribeRequest;
@@ -44,16 +47,6 @@ class RecordingServer : public bayeux::BayeuxServer {
 std::shared_ptr<const PublishRequest> published(const std::string& wireChannel,
                                                 const std::string& json) {
     return std::make_shared<PublishRequest>(wireChannel, common::DataBuffer(json));
-}
-
-template <class T>
-std::string failureText(Future<T> future) {
-    try {
-        future.get();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "no exception";
 }
 
 class ServerImplTest : public ::testing::Test {
