@@ -24,10 +24,7 @@ ChannelName::ChannelName(std::string_view text) noexcept : text_(text) {
     else if (last == "**")
         wildcard_ = Wildcard::any;
 
-    if (isUnder(text, "/meta"))
-        kind_ = Kind::meta;
-    else if (isUnder(text, "/service"))
-        kind_ = Kind::service;
+    kind_ = kindOf(text);
 
     // Well formed: rooted, no empty segment, and a '*' only in the wildcard segment.
     valid_ = text.size() >= 2 && text.front() == '/' && text.back() != '/';
@@ -38,6 +35,14 @@ ChannelName::ChannelName(std::string_view text) noexcept : text_(text) {
         else if (text[i] == '*')
             valid_ = i > starsFrom;
     }
+}
+
+ChannelName::Kind ChannelName::kindOf(std::string_view text) noexcept {
+    if (isUnder(text, "/meta"))
+        return Kind::meta;
+    if (isUnder(text, "/service"))
+        return Kind::service;
+    return Kind::broadcast;
 }
 
 bool ChannelName::matches(const ChannelName& channel) const {

@@ -201,8 +201,9 @@ std::string toText(const json::value& value) {
     return out;
 }
 
+// Asked of every decoded message: the kind alone, without checking the whole name.
 bool isMetaChannel(std::string_view channel) {
-    return ChannelName(channel).isMeta();
+    return ChannelName::kindOf(channel) == ChannelName::Kind::meta;
 }
 
 // The member names the decoder reads, each with its slot; anything else is passed over.
@@ -310,7 +311,7 @@ class Fields {
 
     std::string channel() const {
         std::string channel = string("channel", true);
-        if (!ChannelName(channel).isRooted())
+        if (!ChannelName::isRooted(channel))
             throw Problem("channel '" + channel + "' is not a channel name");
         return channel;
     }

@@ -97,7 +97,11 @@ class ChannelName {
     // A slash, then non-empty segments, with '*' only in a last segment of exactly "*" or "**".
     bool isValid() const { return valid_; }
     // Whether the text starts with a slash.
-    bool isRooted() const { return !text_.empty() && text_.front() == '/'; }
+    bool isRooted() const { return isRooted(text_); }
+
+    // The two answers that need no scan of the whole text, for paths that ask only them.
+    static Kind kindOf(std::string_view text) noexcept;
+    static bool isRooted(std::string_view text) { return !text.empty() && text.front() == '/'; }
 
     // Every segment, the wildcard segment of a pattern included.
     Segments segments() const { return Segments(text_); }
