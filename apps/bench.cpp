@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 
+#include "bench_modes.h"
 #include "cli.h"
 #include "commands.h"
 #include "load.h"
@@ -26,6 +27,8 @@ namespace {
 const char* const kUsage =
     R"(usage: orvale bench [--messages N] [--window N] [--repeat N] [--rate N] [--seconds N]
                    [--sessions N] [--no-faye] [--node PATH] [--faye-script FILE]
+       orvale bench --floods [--hub PATH]
+       orvale bench --capacity N [--subscribers N] [--repeat N] [--hub PATH] [--no-faye]
 
 Runs the same load, made by orvale client services, against `orvale serve` and against a Faye
 server, each in a process of its own, and prints a table:
@@ -43,6 +46,19 @@ The two servers' throughput runs take turns, so that a slow spell of the machine
   --node PATH        the Node.js executable (default: node)
   --faye-script FILE the Faye server script (default: tests/interop/faye_server.js of the
                      source tree, or $ORVALE_SOURCE_DIR/tests/interop/faye_server.js)
+
+--floods runs three attacks, each against a fresh `orvale serve` with its default options, and
+prints the hub's peak resident memory under each: 20 clients that each send a 1 MiB frame of
+[1,1,...] and never read; 2 subscribers that never read while 64 KiB messages are published to
+them; one connection sending four 1 MiB frames of handshakes, after which a fresh client tries
+to handshake every 250 ms (how long it waits is printed).
+
+--capacity N opens N WebSocket sessions (from 127.0.0.2, .3, ... so that ports do not run out),
+each with its connect held, subscribes the first --subscribers of them (default 10000) to one
+channel, and prints the hub's memory per session and the median time one broadcast takes to reach
+all of them; then the same against Faye. N is capped by the descriptors this process may open.
+
+  --hub PATH         the orvale executable whose `serve` is loaded (default: this one)
 )";
 
 struct Figures {
@@ -185,14 +201,20 @@ std::string defaultFayeScript() {
 int runBench(const Words& words) {
     const Args args(words,
                     {"--messages", "--rate", "--seconds", "--sessions", "--window", "--repeat",
-                     "--node", "--faye-script"},
-                    {"--help", "--no-faye"});
+                     "--node", "--faye-script", "--hub", "--capacity", "--subscribers"},
+                    {"--help", "--no-faye", "--floods"});
     if (args.has("--help")) {
         std::cout << kUsage;
         return 0;
     }
     if (!args.positional().empty())
         throw UsageError("unexpected argument '" + args.positional().front() + "'");
+    const std::string hub = args.value("--hub", selfExecutable());
+    if (args.has("--floods")) {
+        FloodSettings floods;
+        floods.hub = hub;
+        return runFloods(floods);
+    }
     const Settings settings{args.number("--window", 1000, 1, 100000),
                             args.number("--messages", 500000, 100, 100000000),
                             args.number("--rate", 10000, 1, 1000000),
@@ -204,9 +226,19 @@ int runBench(const Words& words) {
     if (withFaye && !std::filesystem::exists(script))
         throw Failure("no Faye server script at " + script + " (give --faye-script or --no-faye)");
 
-    const Target orvale{"orvale serve",
-                        {selfExecutable(), "serve", "--port", "0", "--max-sessions", "1000000"},
-                        orvaleUrl};
+    if (args.has("--capacity")) {
+        CapacitySettings capacity;
+        capacity.hub = hub;
+        capacity.sessions = args.number("--capacity", 0, 1, 10000000);
+        capacity.subscribers = args.number("--subscribers", 10000, 1, 10000000);
+        capacity.repeat = args.number("--repeat", 3, 1, 100);
+        capacity.node = args.value("--node", "node");
+        if (withFaye)
+            capacity.fayeScript = script;
+        return runCapacity(capacity);
+    }
+    const Target orvale{
+        "orvale serve", {hub, "serve", "--port", "0", "--max-sessions", "1000000"}, orvaleUrl};
     const Target faye{"faye", {args.value("--node", "node"), script, "--timeout", "25"}, fayeUrl};
 
     std::vector<Target> targets{orvale};

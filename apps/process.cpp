@@ -106,10 +106,18 @@ std::string ChildProcess::firstLine(std::chrono::milliseconds timeout) {
 }
 
 std::size_t ChildProcess::residentBytes() const {
+    return statusBytes("VmRSS:");
+}
+
+std::size_t ChildProcess::peakResidentBytes() const {
+    return statusBytes("VmHWM:");
+}
+
+std::size_t ChildProcess::statusBytes(const std::string& field) const {
     std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
     std::string key;
     while (status >> key) {
-        if (key == "VmRSS:") {
+        if (key == field) {
             std::size_t kib = 0;
             status >> kib;
             return kib * 1024;

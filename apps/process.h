@@ -24,10 +24,15 @@ class ChildProcess {
     pid_t pid() const { return pid_; }
     // The child's resident memory, from /proc.
     std::size_t residentBytes() const;
+    // The most resident memory the child has had since it started.
+    std::size_t peakResidentBytes() const;
     // The CPU time the child has used so far (user and system, all threads), from /proc.
     double cpuSeconds() const;
 
   private:
+    // A size in kB from /proc/<pid>/status, in bytes.
+    std::size_t statusBytes(const std::string& field) const;
+
     pid_t pid_ = -1;
     int stdinFd_ = -1;
     int stdoutFd_ = -1;
