@@ -1,8 +1,10 @@
 #pragma once
 // Small JSON text helpers shared by the codec, its reader and the transport. What parses JSON is
-// in codec.cpp and json_reader.cpp; here are only the inline byte tests both of those share.
+// in codec_decode.cpp and json_reader.cpp; here are only the inline helpers they share with the
+// encoder.
 
 #include <array>
+#include <charconv>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -40,5 +42,13 @@ void appendQuoted(std::string& out, std::string_view text);
 // The JSON object text `ext` (empty meaning {}) with member `name` set to the JSON value text
 // `value`, replacing a member of that name. An `ext` that is not an object is replaced whole.
 std::string withExtMember(std::string_view ext, std::string_view name, std::string_view value);
+
+// Appends `value` in decimal.
+template <class Integer>
+void appendInteger(std::string& out, Integer value) {
+    char buffer[32];
+    const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
+    out.append(buffer, result.ptr);
+}
 
 }  // namespace connector::bayeux::codec
