@@ -10,7 +10,7 @@ target_link_libraries(websocket_transport_bench PRIVATE orvale::connector orvale
 # Our client services against a real Faye server, beside Faye's Node client and a bare
 # WebSocket client, in one run (needs node and the npm packages of tests/interop).
 add_executable(client_load
-    ${CMAKE_CURRENT_LIST_DIR}/client_load.cpp)
+    ${CMAKE_CURRENT_LIST_DIR}/client_load.cpp ${CMAKE_CURRENT_LIST_DIR}/client_load_raw.cpp)
 target_include_directories(client_load PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
 target_compile_definitions(client_load PRIVATE ORVALE_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
 target_link_libraries(client_load PRIVATE orvale::connector orvale_warnings Boost::json Boost::log
