@@ -6,6 +6,7 @@
 #include "cli.h"
 #include "commands.h"
 #include "connector/bayeux/endpoint.h"
+#include "console_log.h"
 #include "signals.h"
 
 namespace orvale::app {
@@ -15,7 +16,7 @@ namespace {
 const char* const kUsage =
     R"(usage: orvale serve [--host H] [--port P] [--path /bayeux] [--api-key K]
                    [--cert FILE --key FILE] [--connect-timeout MS] [--session-timeout MS]
-                   [--max-sessions N]
+                   [--max-sessions N] [--log-format text|json]
 
 Serves Bayeux clients (CometD, Faye, orvale client services) over WebSocket and HTTP
 long-polling at ws://H:P/path, printing that URL on the first line of stdout, until SIGINT or
@@ -29,6 +30,9 @@ SIGTERM.
   --connect-timeout MS   how long a /meta/connect is held (default 25000)
   --session-timeout MS   a session without /meta/connect for this long ends (default 45000)
   --max-sessions N       handshakes beyond N sessions are refused (default 100000)
+  --log-format F         text (default): "orvale [severity] logger: message" lines on stderr;
+                         json: one object a line, {"time","severity","logger","message"} and
+                         "fields" for structured records
 )";
 
 }  // namespace
@@ -36,7 +40,7 @@ SIGTERM.
 int runServe(const Words& words) {
     const Args args(words,
                     {"--host", "--port", "--path", "--api-key", "--cert", "--key",
-                     "--connect-timeout", "--session-timeout", "--max-sessions"},
+                     "--connect-timeout", "--session-timeout", "--max-sessions", "--log-format"},
                     {"--help"});
     if (args.has("--help")) {
         std::cout << kUsage;
@@ -44,6 +48,10 @@ int runServe(const Words& words) {
     }
     if (!args.positional().empty())
         throw UsageError("unexpected argument '" + args.positional().front() + "'");
+    const std::string logFormat = args.value("--log-format", "text");
+    if (logFormat != "text" && logFormat != "json")
+        throw UsageError("--log-format is text or json");
+    setConsoleLogFormat(logFormat == "json" ? LogFormat::Json : LogFormat::Text);
     connector::bayeux::EndpointOptions options;
     options.host = args.value("--host", options.host);
     options.port = static_cast<std::uint16_t>(args.number("--port", 8080, 0, 65535));
