@@ -112,7 +112,8 @@ class WebSocketLink final : public Link,
                            hub_->options().maxMessageBytes, " bytes");
             else if (ec != websocket::error::closed)
                 logger.log(log::trace, "WebSocket ended: ", ec.message());
-            end();
+            // Closed outright, so that a write its peer no longer takes cannot hold the link.
+            abort();
             return;
         }
         const std::string_view frame(static_cast<const char*>(readBuffer_.data().data()),
