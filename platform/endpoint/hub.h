@@ -56,6 +56,7 @@ class Hub {
 
     std::size_t sessionCount() const;
     const EndpointOptions& options() const { return options_; }
+    // The endpoint's counters, shared with its connections and sessions.
     const std::shared_ptr<Gauges>& gauges() const { return gauges_; }
 
   private:
