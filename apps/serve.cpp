@@ -16,7 +16,8 @@ namespace {
 const char* const kUsage =
     R"(usage: orvale serve [--host H] [--port P] [--path /bayeux] [--api-key K]
                    [--cert FILE --key FILE] [--connect-timeout MS] [--session-timeout MS]
-                   [--max-sessions N] [--log-format text|json]
+                   [--max-sessions N] [--max-connections N] [--max-queue-bytes B]
+                   [--max-output-bytes B] [--ws-idle-timeout MS] [--log-format text|json]
 
 Serves Bayeux clients (CometD, Faye, orvale client services) over WebSocket and HTTP
 long-polling at ws://H:P/path, printing that URL on the first line of stdout, until SIGINT or
@@ -30,6 +31,13 @@ SIGTERM.
   --connect-timeout MS   how long a /meta/connect is held (default 25000)
   --session-timeout MS   a session without /meta/connect for this long ends (default 45000)
   --max-sessions N       handshakes beyond N sessions are refused (default 100000)
+  --max-connections N    connections beyond N are closed on arrival (default 100000)
+  --max-queue-bytes B    bytes of messages queued for one session (default 4194304); a full
+                         queue drops its oldest messages and the session's next /meta/connect
+                         reply carries ext.dropped, the number lost
+  --max-output-bytes B   a connection whose unread output passes B is closed (default 16777216)
+  --ws-idle-timeout MS   a WebSocket that sends no frame, or takes no output, for this long is
+                         closed; at least twice --connect-timeout (default 60000)
   --log-format F         text (default): "orvale [severity] logger: message" lines on stderr;
                          json: one object a line, {"time","severity","logger","message"} and
                          "fields" for structured records
@@ -38,10 +46,12 @@ SIGTERM.
 }  // namespace
 
 int runServe(const Words& words) {
-    const Args args(words,
-                    {"--host", "--port", "--path", "--api-key", "--cert", "--key",
-                     "--connect-timeout", "--session-timeout", "--max-sessions", "--log-format"},
-                    {"--help"});
+    const Args args(
+        words,
+        {"--host", "--port", "--path", "--api-key", "--cert", "--key", "--connect-timeout",
+         "--session-timeout", "--max-sessions", "--max-connections", "--max-queue-bytes",
+         "--max-output-bytes", "--ws-idle-timeout", "--log-format"},
+        {"--help"});
     if (args.has("--help")) {
         std::cout << kUsage;
         return 0;
@@ -68,6 +78,13 @@ int runServe(const Words& words) {
     options.sessionTimeout = std::chrono::milliseconds(
         args.number("--session-timeout", options.sessionTimeout.count(), 1, 86400000));
     options.maxSessions = args.number("--max-sessions", options.maxSessions, 1, 10000000);
+    options.maxConnections = args.number("--max-connections", options.maxConnections, 1, 10000000);
+    constexpr std::uint64_t kGiB = std::uint64_t{1} << 30;
+    options.maxQueueBytes = args.number("--max-queue-bytes", options.maxQueueBytes, 1024, kGiB);
+    options.maxOutputBytes =
+        args.number("--max-output-bytes", options.maxOutputBytes, 64 * 1024, 4 * kGiB);
+    options.webSocketIdleTimeout = std::chrono::milliseconds(
+        args.number("--ws-idle-timeout", options.webSocketIdleTimeout.count(), 1, 86400000));
 
     // On a machine of fewer than four cores one delivery thread beside the hub's one I/O thread
     // beats more threads taking turns on the same cores.

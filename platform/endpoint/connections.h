@@ -9,6 +9,8 @@
 #include <boost/beast/ssl/ssl_stream.hpp>
 #include <memory>
 
+#include "gauges.h"
+
 namespace connector::bayeux::endpoint {
 
 class Hub;
@@ -17,12 +19,15 @@ using PlainStream = boost::beast::tcp_stream;
 using TlsStream = boost::beast::ssl_stream<boost::beast::tcp_stream>;
 using HttpRequest = boost::beast::http::request<boost::beast::http::string_body>;
 
-// Serves HTTP on a freshly accepted stream; a TLS stream is handshaken first.
-void serveHttp(PlainStream stream, std::shared_ptr<Hub> hub);
-void serveHttp(TlsStream stream, std::shared_ptr<Hub> hub);
+// Serves HTTP on a freshly accepted stream; a TLS stream is handshaken first. `slot` counts the
+// connection until it closes.
+void serveHttp(PlainStream stream, std::shared_ptr<Hub> hub, ConnectionSlot slot);
+void serveHttp(TlsStream stream, std::shared_ptr<Hub> hub, ConnectionSlot slot);
 
 // Accepts the WebSocket upgrade `request` read from `stream`, then serves Bayeux frames.
-void serveWebSocket(PlainStream stream, HttpRequest request, std::shared_ptr<Hub> hub);
-void serveWebSocket(TlsStream stream, HttpRequest request, std::shared_ptr<Hub> hub);
+void serveWebSocket(PlainStream stream, HttpRequest request, std::shared_ptr<Hub> hub,
+                    ConnectionSlot slot);
+void serveWebSocket(TlsStream stream, HttpRequest request, std::shared_ptr<Hub> hub,
+                    ConnectionSlot slot);
 
 }  // namespace connector::bayeux::endpoint

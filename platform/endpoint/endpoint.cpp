@@ -3,6 +3,8 @@
 //
 // Each I/O thread (one, or two from four cores on) runs its own io_context, so a connection
 // lives on one thread and needs no strand; accepted sockets are spread over the threads in turn.
+// A connection beyond maxConnections is closed as soon as it is accepted; a failed accept (out
+// of descriptors, say) is retried after a pause that grows while the failures go on.
 // stop() first ends every session (after which no session posts to a connection), then stops and
 // joins the threads, then destroys the io_contexts, which frees every connection still waiting on
 // one.
@@ -19,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "accept_backoff.h"
 #include "connections.h"
 #include "connector/common/mutex.h"
 #include "connector/log/diagnostic_logger.h"
@@ -35,9 +38,6 @@ using error_code = boost::system::error_code;
 using endpoint::Hub;
 
 const log::basic_diagnostic_logger<char> logger("connector::bayeux::endpoint");
-
-// A failed accept (out of descriptors, say) is retried after this pause.
-constexpr std::chrono::milliseconds kAcceptRetry{100};
 
 std::chrono::milliseconds sweepInterval(const EndpointOptions& options) {
     const auto shortest = std::min(options.connectTimeout, options.sessionTimeout);
@@ -98,7 +98,9 @@ class Loop {
 class EndpointImpl final : public BayeuxEndpoint {
   public:
     EndpointImpl(std::shared_ptr<BayeuxServer> server, EndpointOptions options)
-        : tls_(makeTls(options)), sweepEvery_(sweepInterval(options)) {
+        : tls_(makeTls(options)),
+          sweepEvery_(sweepInterval(options)),
+          maxConnections_(std::max<std::size_t>(options.maxConnections, 1)) {
         if (!server)
             throw std::invalid_argument("The endpoint needs a Bayeux server");
         hub_ = std::make_shared<Hub>(std::move(server), options);
@@ -126,6 +128,15 @@ class EndpointImpl final : public BayeuxEndpoint {
 
     std::uint16_t port() const override { return port_; }
     std::size_t sessionCount() const override { return hub_->sessionCount(); }
+
+    EndpointStats stats() const override {
+        const endpoint::Gauges& gauges = *hub_->gauges();
+        EndpointStats stats;
+        stats.connections = gauges.connections.load(std::memory_order_relaxed);
+        stats.outputBytes = gauges.outputBytes.load(std::memory_order_relaxed);
+        stats.droppedMessages = gauges.droppedMessages.load(std::memory_order_relaxed);
+        return stats;
+    }
 
     void stop() override {
         common::MutexLock lock(stopMutex_);
@@ -175,26 +186,47 @@ class EndpointImpl final : public BayeuxEndpoint {
         if (ec == asio::error::operation_aborted)
             return;
         if (ec) {
-            logger.log(log::warning, "Accepting a connection failed: ", ec.message());
+            if (backoff_.failures() == 0)
+                logger.log(log::warning, "Accepting a connection failed: ", ec.message(),
+                           "; retrying after growing pauses");
             retryTimer_.emplace(loops_[0]->io());
-            retryTimer_->expires_after(kAcceptRetry);
+            retryTimer_->expires_after(backoff_.failed());
             retryTimer_->async_wait([this](error_code ec) {
                 if (!ec)
                     accept();
             });
             return;
         }
+        if (const std::uint64_t failures = backoff_.succeeded(); failures > 1)
+            logger.log(log::warning, "Accepting connections again after ", failures,
+                       " failed attempts");
+        serve(std::move(socket));
+        accept();
+    }
+
+    void serve(tcp::socket socket) {
         error_code ignored;
+        if (hub_->gauges()->connections.load(std::memory_order_relaxed) >= maxConnections_) {
+            if (!refusing_)
+                logger.log(log::warning, "Refusing connections: ", maxConnections_,
+                           " are open already");
+            refusing_ = true;
+            socket.close(ignored);
+            return;
+        }
+        refusing_ = false;
         socket.set_option(tcp::no_delay(true), ignored);
+        endpoint::ConnectionSlot slot(hub_->gauges());
         try {
             if (tls_)
-                endpoint::serveHttp(endpoint::TlsStream(std::move(socket), *tls_), hub_);
+                endpoint::serveHttp(endpoint::TlsStream(std::move(socket), *tls_), hub_,
+                                    std::move(slot));
             else
-                endpoint::serveHttp(endpoint::PlainStream(std::move(socket)), hub_);
+                endpoint::serveHttp(endpoint::PlainStream(std::move(socket)), hub_,
+                                    std::move(slot));
         } catch (const std::exception& e) {
             logger.log(log::error, "Cannot serve a new connection: ", e.what());
         }
-        accept();
     }
 
     void scheduleSweep() {
@@ -214,13 +246,17 @@ class EndpointImpl final : public BayeuxEndpoint {
     // Declared first so that it outlives every TLS stream, which are freed with loops_.
     const std::shared_ptr<asio::ssl::context> tls_;
     const std::chrono::milliseconds sweepEvery_;
+    const std::size_t maxConnections_;
     std::shared_ptr<Hub> hub_;
     std::vector<std::unique_ptr<Loop>> loops_;
     // On loops_[0]; reset before the loops go.
     std::optional<tcp::acceptor> acceptor_;
     std::optional<asio::steady_timer> sweepTimer_;
     std::optional<asio::steady_timer> retryTimer_;
-    std::size_t nextLoop_ = 0;  // touched on loops_[0] only
+    // Touched on loops_[0] only.
+    std::size_t nextLoop_ = 0;
+    endpoint::AcceptBackoff backoff_;
+    bool refusing_ = false;  // the connections at the cap are being refused
     std::uint16_t port_ = 0;
     common::Mutex stopMutex_;  // serialises stop()
     bool stopped_ ORVALE_GUARDED_BY(stopMutex_) = false;

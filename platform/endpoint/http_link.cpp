@@ -2,7 +2,9 @@
 //
 // Everything here runs on the connection's I/O thread. One request is served at a time; a POST
 // whose /meta/connect is held waits, with its other replies, until the session releases it
-// through the Link. An upgrade hands the stream over to a WebSocket link.
+// through the Link. An upgrade hands the stream over to a WebSocket link. A response larger
+// than maxOutputBytes is not written: the connection is closed instead, as a WebSocket whose
+// output passes the bound is.
 
 #include <boost/asio/post.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
@@ -41,8 +43,11 @@ constexpr bool kSecure = std::is_same_v<Stream, TlsStream>;
 template <class Stream>
 class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink<Stream>> {
   public:
-    HttpLink(Stream&& stream, std::shared_ptr<Hub> hub)
-        : stream_(std::move(stream)), hub_(std::move(hub)) {}
+    HttpLink(Stream&& stream, std::shared_ptr<Hub> hub, ConnectionSlot slot)
+        : stream_(std::move(stream)),
+          hub_(std::move(hub)),
+          slot_(std::move(slot)),
+          meter_(hub_->gauges()) {}
 
     void start() {
         if constexpr (kSecure<Stream>) {
@@ -99,7 +104,7 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
         if (!servesPath(request.target()))
             return respond(http::status::not_found, "", "text/plain");
         if (beast::websocket::is_upgrade(request)) {
-            serveWebSocket(std::move(stream_), parser_->release(), hub_);
+            serveWebSocket(std::move(stream_), parser_->release(), hub_, std::move(slot_));
             return;
         }
         if (request.method() != http::verb::post)
@@ -153,6 +158,13 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
     }
 
     void respond(http::status status, std::string body, const char* contentType) {
+        const std::size_t limit = hub_->options().maxOutputBytes;
+        if (body.size() > limit) {
+            logger.log(log::warning, "Closed a connection whose unread output passed ", limit,
+                       " bytes");
+            return close();
+        }
+        meter_.set(body.size());
         response_.emplace(status, version_);
         response_->set(http::field::server, "orvale");
         response_->set(http::field::content_type, contentType);
@@ -168,6 +180,7 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
 
     void onWritten(error_code ec) {
         response_.reset();
+        meter_.set(0);
         if (ec) {
             logger.log(log::trace, "Writing an HTTP response failed: ", ec.message());
             return close();
@@ -190,6 +203,8 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
 
     Stream stream_;
     const std::shared_ptr<Hub> hub_;
+    ConnectionSlot slot_;  // counts this connection; goes to the WebSocket link on an upgrade
+    OutputMeter meter_;
     beast::flat_buffer buffer_;
     std::optional<http::request_parser<http::string_body>> parser_;
     std::optional<http::response<http::string_body>> response_;
@@ -201,19 +216,20 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
 };
 
 template <class Stream>
-void start(Stream&& stream, std::shared_ptr<Hub>&& hub) {
-    auto link = std::make_shared<HttpLink<Stream>>(std::move(stream), std::move(hub));
+void start(Stream&& stream, std::shared_ptr<Hub>&& hub, ConnectionSlot&& slot) {
+    auto link =
+        std::make_shared<HttpLink<Stream>>(std::move(stream), std::move(hub), std::move(slot));
     link->start();
 }
 
 }  // namespace
 
-void serveHttp(PlainStream stream, std::shared_ptr<Hub> hub) {
-    start(std::move(stream), std::move(hub));
+void serveHttp(PlainStream stream, std::shared_ptr<Hub> hub, ConnectionSlot slot) {
+    start(std::move(stream), std::move(hub), std::move(slot));
 }
 
-void serveHttp(TlsStream stream, std::shared_ptr<Hub> hub) {
-    start(std::move(stream), std::move(hub));
+void serveHttp(TlsStream stream, std::shared_ptr<Hub> hub, ConnectionSlot slot) {
+    start(std::move(stream), std::move(hub), std::move(slot));
 }
 
 }  // namespace connector::bayeux::endpoint

@@ -97,6 +97,10 @@ bool frameLevel(const codec::DecodeError& error) {
 Hub::Hub(std::shared_ptr<BayeuxServer> server, EndpointOptions options)
     : server_(std::move(server)), options_(std::move(options)) {}
 
+QueueBounds Hub::queueBounds() const {
+    return QueueBounds{options_.maxQueuePerSession, options_.maxQueueBytes, gauges_};
+}
+
 Advice Hub::connectAdvice() const {
     return Advice{"retry", 0, static_cast<std::int64_t>(options_.connectTimeout.count())};
 }
@@ -182,7 +186,7 @@ void Hub::handshake(const HandshakeRequest& request, FrameBuilder& out) {
         do {
             id = common::randomString(kClientIdLength);
         } while (sessions_.count(id) != 0);
-        session = std::make_shared<RemoteSession>(id, options_.maxQueuePerSession, Clock::now());
+        session = std::make_shared<RemoteSession>(id, queueBounds(), Clock::now());
         sessions_.emplace(std::move(id), session);
     }
     session->runServerCalls(*server_);
@@ -237,6 +241,9 @@ void Hub::appendConnectAnswer(RemoteSession& session, const std::shared_ptr<Link
     response.setClientId(session.id());
     response.setAdvice(release.reason == ReleaseReason::Ended ? Advice{"none", 0, -1}
                                                               : connectAdvice());
+    // A client whose queue overflowed learns how many messages it lost since the last answer.
+    if (const std::uint64_t dropped = session.takeUnreportedDrops())
+        response.setExt("{\"dropped\":" + std::to_string(dropped) + "}");
     appendMessage(out, response);
 }
 

@@ -17,6 +17,7 @@
 
 #include "connector/bayeux/endpoint.h"
 #include "connector/common/mutex.h"
+#include "gauges.h"
 #include "remote_session.h"
 #include "wire.h"
 
@@ -55,6 +56,8 @@ class Hub {
 
     std::size_t sessionCount() const;
     const EndpointOptions& options() const { return options_; }
+    // The endpoint's counters, shared with its connections and sessions.
+    const std::shared_ptr<Gauges>& gauges() const { return gauges_; }
 
   private:
     void handshake(const HandshakeRequest& request, FrameBuilder& out);
@@ -71,9 +74,11 @@ class Hub {
     std::shared_ptr<RemoteSession> find(const std::string& id) const;
     void remove(const std::shared_ptr<RemoteSession>& session, const char* why);
     Advice connectAdvice() const;
+    QueueBounds queueBounds() const;
 
     const std::shared_ptr<BayeuxServer> server_;
     const EndpointOptions options_;
+    const std::shared_ptr<Gauges> gauges_ = std::make_shared<Gauges>();
 
     mutable common::SharedMutex mutex_;
     std::unordered_map<std::string, std::shared_ptr<RemoteSession>> sessions_

@@ -2,8 +2,12 @@
 
 #include "remote_session.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "connector/common/mutex.h"
 #include "connector/log/diagnostic_logger.h"
+#include "wire.h"
 
 namespace connector::bayeux::endpoint {
 
@@ -20,8 +24,12 @@ constexpr std::size_t kCompactAfter = 64;
 
 }  // namespace
 
-RemoteSession::RemoteSession(std::string id, std::size_t maxQueue, Clock::time_point now)
-    : id_(std::move(id)), maxQueue_(maxQueue == 0 ? 1 : maxQueue), lastConnect_(now) {
+RemoteSession::RemoteSession(std::string id, QueueBounds bounds, Clock::time_point now)
+    : id_(std::move(id)),
+      maxQueue_(std::max<std::size_t>(bounds.messages, 1)),
+      maxQueueBytes_(std::max<std::size_t>(bounds.bytes, 1)),
+      gauges_(std::move(bounds.gauges)),
+      lastConnect_(now) {
     calls_.emplace_back(Call::Register, std::string());
 }
 
@@ -33,15 +41,25 @@ std::shared_ptr<common::ContextState> RemoteSession::getContext() {
 }
 
 void RemoteSession::queuePublish(const std::shared_ptr<const PublishRequest>& request) {
+    const std::size_t bytes = deliveryBytes(*request);
+    std::vector<Delivery> lost;  // freed once the lock is released
     bool startedDropping = false;
+    std::size_t heldMessages = 0;
+    std::size_t heldBytes = 0;
     std::shared_ptr<Link> released;
     {
         common::MutexLock lock(mutex_);
         if (closed_)
             return;
-        if (sizeLocked() >= maxQueue_) {
-            queue_[head_++].reset();
-            ++dropped_;
+        // The newest message is always kept, even one larger than the whole byte bound.
+        while (sizeLocked() > 0 &&
+               (sizeLocked() >= maxQueue_ || queuedBytes_ + bytes > maxQueueBytes_)) {
+            queuedBytes_ -= deliveryBytes(*queue_[head_]);
+            lost.push_back(std::move(queue_[head_++]));
+        }
+        if (!lost.empty()) {
+            dropped_ += lost.size();
+            unreportedDrops_ += lost.size();
             startedDropping = !dropping_;
             dropping_ = true;
             if (head_ >= kCompactAfter && head_ * 2 >= queue_.size()) {
@@ -50,14 +68,19 @@ void RemoteSession::queuePublish(const std::shared_ptr<const PublishRequest>& re
             }
         }
         queue_.push_back(request);
+        queuedBytes_ += bytes;
+        heldMessages = sizeLocked();
+        heldBytes = queuedBytes_;
         if (held_ && !held_->webSocket)
             released = releaseLocked(ReleaseReason::Due, Clock::now());
         else
             wakeLocked();
     }
+    if (!lost.empty() && gauges_)
+        gauges_->droppedMessages.fetch_add(lost.size(), std::memory_order_relaxed);
     if (startedDropping)
-        logger.log(foundation::log::warning, "Session ", id_, " holds ", maxQueue_,
-                   " undelivered messages; dropping the oldest");
+        logger.log(foundation::log::warning, "Session ", id_, " holds ", heldMessages,
+                   " undelivered messages of ", heldBytes, " bytes; dropping the oldest");
 }
 
 void RemoteSession::wakeLocked() {
@@ -130,6 +153,7 @@ void RemoteSession::takeDeliveries(const std::shared_ptr<Link>& link, bool answe
             queue_.shrink_to_fit();
             head_ = 0;
         }
+        queuedBytes_ = 0;
         dropping_ = false;
     }
     // Released outside the lock: dropping the last reference frees the payload.
@@ -171,6 +195,7 @@ bool RemoteSession::close() {
         released = releaseLocked(ReleaseReason::Ended, Clock::now());
         dropped.swap(queue_);
         head_ = 0;
+        queuedBytes_ = 0;
         target_.reset();
         for (const std::string& channel : subscriptions_)
             calls_.emplace_back(Call::Unsubscribe, channel);
@@ -234,6 +259,11 @@ bool RemoteSession::sweep(Clock::time_point now, std::chrono::milliseconds sessi
 std::uint64_t RemoteSession::droppedCount() const {
     common::MutexLock lock(mutex_);
     return dropped_;
+}
+
+std::uint64_t RemoteSession::takeUnreportedDrops() {
+    common::MutexLock lock(mutex_);
+    return std::exchange(unreportedDrops_, 0);
 }
 
 std::size_t RemoteSession::queuedCount() const {

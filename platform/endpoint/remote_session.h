@@ -5,11 +5,12 @@
 // over a WebSocket, so the session only keeps weak references to the link its deliveries go to
 // (the WebSocket that sent its latest connect) and to the link holding its connect.
 //
-// Deliveries from the server are queued here, on the publishing thread (see QueueingSession), at
-// most `maxQueue` of them; when a slow client lets the queue fill, the oldest message is dropped
-// to make room (counted, with one warning per episode). A WebSocket link is woken once and takes
-// everything queued when its socket is free, so one frame carries many messages; a long-polling
-// client gets them with its held connect.
+// Deliveries from the server are queued here, on the publishing thread (see QueueingSession),
+// bounded both in number and in bytes (the size each takes in a frame); when a slow client lets
+// the queue fill, the oldest messages are dropped to make room (counted, with one warning per
+// episode), and the next answer to a connect tells the client how many it lost. A WebSocket link
+// is woken once and takes everything queued when its socket is free, so one frame carries many
+// messages; a long-polling client gets them with its held connect.
 //
 // The server is called (acceptSubscribe, acceptUnsubscribe, unregisterSession) in the order the
 // changes were recorded, never under the lock: changes are queued under `mutex_` and run by
@@ -31,6 +32,7 @@
 #include "../server/queueing_session.h"
 #include "connector/bayeux/server.h"
 #include "connector/common/mutex.h"
+#include "gauges.h"
 #include "link.h"
 
 namespace connector::bayeux::endpoint {
@@ -38,12 +40,18 @@ namespace connector::bayeux::endpoint {
 using Clock = std::chrono::steady_clock;
 using Delivery = std::shared_ptr<const PublishRequest>;
 
+struct QueueBounds {
+    std::size_t messages = 1;
+    std::size_t bytes = 1;
+    std::shared_ptr<Gauges> gauges;  // counts what every session drops; may be null
+};
+
 class RemoteSession final : public BayeuxSession,
                             public QueueingSession,
                             public std::enable_shared_from_this<RemoteSession> {
   public:
     // The registration with the server is the first queued server call.
-    RemoteSession(std::string id, std::size_t maxQueue, Clock::time_point now);
+    RemoteSession(std::string id, QueueBounds bounds, Clock::time_point now);
 
     // BayeuxSession
     std::shared_ptr<common::ContextState> getContext() override;
@@ -94,6 +102,8 @@ class RemoteSession final : public BayeuxSession,
 
     // Messages dropped because the queue was full, since the session began.
     std::uint64_t droppedCount() const;
+    // Messages dropped since the previous call: what the next connect answer reports.
+    std::uint64_t takeUnreportedDrops();
     std::size_t queuedCount() const;
 
   private:
@@ -117,13 +127,17 @@ class RemoteSession final : public BayeuxSession,
 
     const std::string id_;
     const std::size_t maxQueue_;
+    const std::size_t maxQueueBytes_;
+    const std::shared_ptr<Gauges> gauges_;
 
     mutable common::Mutex mutex_;
     bool closed_ ORVALE_GUARDED_BY(mutex_) = false;
     // Waiting deliveries from index head_ on.
     std::vector<Delivery> queue_ ORVALE_GUARDED_BY(mutex_);
     std::size_t head_ ORVALE_GUARDED_BY(mutex_) = 0;
+    std::size_t queuedBytes_ ORVALE_GUARDED_BY(mutex_) = 0;
     std::uint64_t dropped_ ORVALE_GUARDED_BY(mutex_) = 0;
+    std::uint64_t unreportedDrops_ ORVALE_GUARDED_BY(mutex_) = 0;
     // The queue overflowed since it was last emptied.
     bool dropping_ ORVALE_GUARDED_BY(mutex_) = false;
     std::weak_ptr<Link> target_ ORVALE_GUARDED_BY(mutex_);  // the WebSocket deliveries go to

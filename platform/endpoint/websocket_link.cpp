@@ -5,8 +5,16 @@
 // and leave as one JSON array per write, so a busy socket batches whatever arrives meanwhile.
 // Reading pauses while too much output waits, so a client that sends faster than it reads is
 // held back by its own backlog.
+//
+// Bounds: once the output waiting for the peer (the frame being written and what collects behind
+// it) passes maxOutputBytes the connection is closed. A timer closes a connection that sends no
+// frame for the idle time while the hub waits for one (pings do not count, so a client cannot
+// keep a connection it never reads alive with them), or whose peer leaves one write unfinished
+// for as long.
 
+#include <algorithm>
 #include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/websocket/ssl.hpp>
 #include <boost/beast/websocket/stream.hpp>
@@ -39,8 +47,14 @@ template <class Stream>
 class WebSocketLink final : public Link,
                             public std::enable_shared_from_this<WebSocketLink<Stream>> {
   public:
-    WebSocketLink(Stream&& stream, std::shared_ptr<Hub> hub)
-        : ws_(std::move(stream)), hub_(std::move(hub)) {}
+    WebSocketLink(Stream&& stream, std::shared_ptr<Hub> hub, ConnectionSlot slot)
+        : ws_(std::move(stream)),
+          hub_(std::move(hub)),
+          slot_(std::move(slot)),
+          meter_(hub_->gauges()),
+          idleTimer_(ws_.get_executor()),
+          idleTime_(
+              std::max(hub_->options().webSocketIdleTimeout, 2 * hub_->options().connectTimeout)) {}
 
     void start(HttpRequest request) {
         beast::get_lowest_layer(ws_).expires_never();
@@ -81,9 +95,11 @@ class WebSocketLink final : public Link,
             return;
         }
         read();
+        watchIdle(Clock::now() + idleTime_);
     }
 
     void read() {
+        readSince_ = Clock::now();
         ws_.async_read(readBuffer_, [self = this->shared_from_this()](error_code ec, std::size_t) {
             self->onRead(ec);
         });
@@ -96,8 +112,8 @@ class WebSocketLink final : public Link,
                            hub_->options().maxMessageBytes, " bytes");
             else if (ec != websocket::error::closed)
                 logger.log(log::trace, "WebSocket ended: ", ec.message());
-            closed_ = true;
-            ready_.clear();
+            // Closed outright, so that a write its peer no longer takes cannot hold the link.
+            abort();
             return;
         }
         const std::string_view frame(static_cast<const char*>(readBuffer_.data().data()),
@@ -114,6 +130,8 @@ class WebSocketLink final : public Link,
         if (readBuffer_.capacity() > kKeptBuffer)
             readBuffer_.shrink_to_fit();
         flush();
+        if (closed_)
+            return;
         if (writing_ && out_.bytes() > kHighWater)
             readPaused_ = true;
         else
@@ -136,21 +154,72 @@ class WebSocketLink final : public Link,
 
     // Sends everything waiting as one frame unless a write is under way.
     void flush() {
-        if (writing_ || closed_)
+        if (closed_)
             return;
+        if (writing_)
+            return checkOutput();
         if (!ready_.empty()) {
             const std::shared_ptr<Link> link = self();
             for (const auto& session : ready_)
                 Hub::appendDeliveries(*session, link, out_);
             ready_.clear();
         }
-        if (out_.empty())
+        if (!out_.empty()) {
+            writeBuffer_ = out_.close(std::move(spare_));
+            writing_ = true;
+            writeSince_ = Clock::now();
+            ws_.async_write(asio::buffer(writeBuffer_),
+                            [self = this->shared_from_this()](error_code ec, std::size_t) {
+                                self->onWritten(ec);
+                            });
+        }
+        checkOutput();
+    }
+
+    // Closes the connection once the output waiting for its peer passes the bound.
+    void checkOutput() {
+        const std::size_t waiting = (writing_ ? writeBuffer_.size() : 0) + out_.bytes();
+        meter_.set(waiting);
+        const std::size_t limit = hub_->options().maxOutputBytes;
+        if (waiting <= limit)
             return;
-        writeBuffer_ = out_.close(std::move(spare_));
-        writing_ = true;
-        ws_.async_write(
-            asio::buffer(writeBuffer_),
-            [self = this->shared_from_this()](error_code ec, std::size_t) { self->onWritten(ec); });
+        logger.log(log::warning, "Closed a connection whose unread output passed ", limit,
+                   " bytes");
+        abort();
+    }
+
+    // Checks at `when` that the peer still sends frames and takes what is written to it.
+    void watchIdle(Clock::time_point when) {
+        idleTimer_.expires_at(when);
+        idleTimer_.async_wait([weak = this->weak_from_this()](error_code ec) {
+            if (ec)
+                return;
+            if (auto self = weak.lock())
+                self->onIdleCheck();
+        });
+    }
+
+    void onIdleCheck() {
+        if (closed_)
+            return;
+        const auto now = Clock::now();
+        const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(idleTime_).count();
+        if (writing_ && now - writeSince_ >= idleTime_) {
+            logger.log(log::warning, "Closed a WebSocket whose peer took no output for ", ms,
+                       " ms");
+            return abort();
+        }
+        // While reading is paused the hub waits for no frame; the write is watched instead.
+        if (!readPaused_ && now - readSince_ >= idleTime_) {
+            logger.log(log::trace, "Closed a WebSocket that sent no frame for ", ms, " ms");
+            return abort();
+        }
+        Clock::time_point next = now + idleTime_;
+        if (writing_)
+            next = std::min(next, writeSince_ + idleTime_);
+        if (!readPaused_)
+            next = std::min(next, readSince_ + idleTime_);
+        watchIdle(next);
     }
 
     void onWritten(error_code ec) {
@@ -161,11 +230,12 @@ class WebSocketLink final : public Link,
             spare_ = std::string();
         if (ec) {
             logger.log(log::trace, "Writing to a WebSocket failed: ", ec.message());
-            closed_ = true;
-            ready_.clear();
+            end();
             return;
         }
         flush();
+        if (closed_)
+            return;
         if (!writing_)
             out_.trim(kKeptBuffer);
         if (readPaused_ && out_.bytes() <= kHighWater) {
@@ -174,9 +244,17 @@ class WebSocketLink final : public Link,
         }
     }
 
-    void abort() {
+    // Stops serving: nothing more is read, queued or written.
+    void end() {
         closed_ = true;
         ready_.clear();
+        out_ = FrameBuilder();
+        meter_.set(writing_ ? writeBuffer_.size() : 0);
+        idleTimer_.cancel();
+    }
+
+    void abort() {
+        end();
         error_code ignored;
         beast::get_lowest_layer(ws_).socket().close(ignored);
     }
@@ -185,6 +263,12 @@ class WebSocketLink final : public Link,
 
     websocket::stream<Stream> ws_;
     const std::shared_ptr<Hub> hub_;
+    const ConnectionSlot slot_;  // counts this connection while it lives
+    OutputMeter meter_;
+    asio::steady_timer idleTimer_;
+    const Clock::duration idleTime_;
+    Clock::time_point readSince_;         // when the pending read began
+    Clock::time_point writeSince_;        // when the pending write began
     std::optional<HttpRequest> upgrade_;  // the upgrade request, until it has been answered
     beast::flat_buffer readBuffer_;
     FrameBuilder out_;                                   // replies and deliveries not yet written
@@ -197,19 +281,23 @@ class WebSocketLink final : public Link,
 };
 
 template <class Stream>
-void start(Stream&& stream, HttpRequest&& request, std::shared_ptr<Hub>&& hub) {
-    auto link = std::make_shared<WebSocketLink<Stream>>(std::move(stream), std::move(hub));
+void start(Stream&& stream, HttpRequest&& request, std::shared_ptr<Hub>&& hub,
+           ConnectionSlot&& slot) {
+    auto link =
+        std::make_shared<WebSocketLink<Stream>>(std::move(stream), std::move(hub), std::move(slot));
     link->start(std::move(request));
 }
 
 }  // namespace
 
-void serveWebSocket(PlainStream stream, HttpRequest request, std::shared_ptr<Hub> hub) {
-    start(std::move(stream), std::move(request), std::move(hub));
+void serveWebSocket(PlainStream stream, HttpRequest request, std::shared_ptr<Hub> hub,
+                    ConnectionSlot slot) {
+    start(std::move(stream), std::move(request), std::move(hub), std::move(slot));
 }
 
-void serveWebSocket(TlsStream stream, HttpRequest request, std::shared_ptr<Hub> hub) {
-    start(std::move(stream), std::move(request), std::move(hub));
+void serveWebSocket(TlsStream stream, HttpRequest request, std::shared_ptr<Hub> hub,
+                    ConnectionSlot slot) {
+    start(std::move(stream), std::move(request), std::move(hub), std::move(slot));
 }
 
 }  // namespace connector::bayeux::endpoint

@@ -42,6 +42,14 @@ class FrameBuilder {
 // left out, so a client never learns another client's identity.
 void appendDelivery(FrameBuilder& frame, const PublishRequest& request);
 
+// The bytes appendDelivery writes for `request`, escapes in its channel aside.
+inline std::size_t deliveryBytes(const PublishRequest& request) {
+    // {"channel":"","data":} and the comma before it.
+    constexpr std::size_t kFraming = 23;
+    const std::size_t data = request.getJson().size();
+    return kFraming + request.getChannel().size() + (data == 0 ? 4 : data);
+}
+
 // Appends any Bayeux message through the codec.
 void appendMessage(FrameBuilder& frame, const BayeuxMessage& message);
 

@@ -294,36 +294,61 @@ TEST_F(EndpointTest, HandshakesBeyondMaxSessionsAreRefused) {
     EXPECT_FALSE(open(ws).empty());
 }
 
-// The documented overflow policy: a full queue drops its oldest message for each new one.
-TEST_F(EndpointTest, AFullQueueDropsItsOldestMessages) {
-    auto options = defaults();
-    options.maxQueuePerSession = 5;
-    start(options);
-    LogCapture log;
-    RawHttp poll(port);
-    const std::string id = open(poll);
-    ASSERT_FALSE(id.empty());
-    ASSERT_TRUE(successful(poll.post(subscribe(id, "2", "/orvale/q/data"))->messages().at(0)));
-
+// The documented overflow policy: a queue full by count or by bytes drops its oldest messages
+// for each new one, and the client's next connect answer says how many it lost.
+TEST_F(EndpointTest, AFullQueueDropsItsOldestMessagesAndSaysHowMany) {
+    struct Case {
+        const char* name;
+        std::size_t maxMessages;
+        std::size_t maxBytes;
+        std::size_t padding;  // bytes in each message
+        std::vector<std::string> kept;
+    };
+    const std::vector<Case> cases = {
+        {"by count", 5, 1 << 20, 8, {"15", "16", "17", "18", "19"}},
+        {"by bytes", 10000, 256 * 1024, 64 * 1024, {"17", "18", "19"}},
+    };
     auto feeder = service("feeder");
     auto watcher = service("watcher");
     std::atomic<bool> synced{false};
     auto sync = watcher->subscribe("/q/sync", [&](const JsonMessage&) { synced = true; }).get();
-    for (int i = 0; i < 20; ++i)
-        feeder->publish("/q/data", std::to_string(i));
-    feeder->publish("/q/sync", "0");
-    // With one delivery thread, the watcher hears the marker after the client got the rest.
-    ASSERT_TRUE(waitUntil([&] { return synced.load(); }));
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto options = defaults();
+        options.maxQueuePerSession = c.maxMessages;
+        options.maxQueueBytes = c.maxBytes;
+        start(options);
+        LogCapture log;
+        RawHttp poll(port);  // a subscriber that does not poll while it is fed
+        const std::string id = open(poll);
+        ASSERT_FALSE(id.empty());
+        ASSERT_TRUE(successful(poll.post(subscribe(id, "2", "/orvale/q/data"))->messages().at(0)));
+        synced = false;
+        for (int i = 0; i < 20; ++i)
+            feeder->publish("/q/data",
+                            quote(std::to_string(i) + ":" + std::string(c.padding, 'x')));
+        feeder->publish("/q/sync", "0");
+        // With one delivery thread, the watcher hears the marker after the client got the rest.
+        ASSERT_TRUE(waitUntil([&] { return synced.load(); }));
 
-    auto answer = poll.post(connect(id, "3", -1, "long-polling"));
-    ASSERT_TRUE(answer);
-    std::vector<std::string> data;
-    for (const auto& m : answer->messages())
-        if (isDelivery(m))
-            data.push_back(json::serialize(m.at("data")));
-    EXPECT_EQ(data, (std::vector<std::string>{"15", "16", "17", "18", "19"}));
-    EXPECT_EQ(log.count("Session " + id + " holds 5 undelivered messages; dropping the oldest"),
-              1u);
+        auto answer = poll.post(connect(id, "3", -1, "long-polling"));
+        ASSERT_TRUE(answer);
+        std::vector<std::string> data;
+        for (const auto& m : answer->messages())
+            if (isDelivery(m))
+                data.push_back(str(m, "data").substr(0, str(m, "data").find(':')));
+        EXPECT_EQ(data, c.kept);
+        const std::string lost = std::to_string(20 - c.kept.size());
+        auto reply = find(answer->messages(), withId("3"));
+        ASSERT_TRUE(reply && reply->contains("ext")) << answer->body;
+        EXPECT_EQ(json::serialize(reply->at("ext")), R"({"dropped":)" + lost + "}");
+        EXPECT_EQ(std::to_string(endpoint->stats().droppedMessages), lost);
+        EXPECT_EQ(log.count("Session " + id + " holds "), 1u);
+        // Reported once: the next answer has nothing to add.
+        auto next = poll.post(connect(id, "4", 0, "long-polling"));
+        ASSERT_TRUE(next);
+        EXPECT_FALSE(find(next->messages(), withId("4"))->contains("ext")) << next->body;
+    }
 }
 
 TEST_F(EndpointTest, ExpiredSessionsLoseTheirSubscriptions) {

@@ -105,9 +105,20 @@ inline void connectSocket(asio::io_context& io, beast::tcp_stream& stream, std::
         throw std::runtime_error("cannot connect: " + error.message());
 }
 
+// Reading::Off makes a client that never reads what it is sent, with a small receive buffer so
+// that the hub's writes to it soon stall.
+enum class Reading { On, Off };
+
 class RawWebSocket {
   public:
-    explicit RawWebSocket(std::uint16_t port, const std::string& path = "/bayeux") : ws_(io_) {
+    explicit RawWebSocket(std::uint16_t port, const std::string& path = "/bayeux",
+                          Reading reading = Reading::On)
+        : ws_(io_) {
+        if (reading == Reading::Off) {
+            auto& socket = beast::get_lowest_layer(ws_).socket();
+            socket.open(tcp::v4());
+            socket.set_option(asio::socket_base::receive_buffer_size(4096));
+        }
         connectSocket(io_, beast::get_lowest_layer(ws_), port);
         ws_.read_message_max(std::size_t{64} << 20);
         bool done = false;
@@ -121,7 +132,8 @@ class RawWebSocket {
                 io_, [&] { return done; }, kWait) ||
             error)
             throw std::runtime_error("WebSocket handshake failed: " + error.message());
-        readNext();
+        if (reading == Reading::On)
+            readNext();
     }
 
     // Writes one text frame; false when it could not be written in time.
@@ -130,6 +142,19 @@ class RawWebSocket {
         beast::error_code error;
         outgoing_ = frame;
         ws_.async_write(asio::buffer(outgoing_), [&](beast::error_code ec, std::size_t) {
+            error = ec;
+            done = true;
+        });
+        return runUntil(
+                   io_, [&] { return done; }, kWait) &&
+               !error;
+    }
+
+    // Sends a ping; false when it could not be written in time.
+    bool ping() {
+        bool done = false;
+        beast::error_code error;
+        ws_.async_ping({}, [&](beast::error_code ec) {
             error = ec;
             done = true;
         });
@@ -296,6 +321,7 @@ using orvale::test::LogCapture;
 using orvale::test::onChannel;
 using orvale::test::RawHttp;
 using orvale::test::RawWebSocket;
+using orvale::test::Reading;
 using orvale::test::str;
 using orvale::test::waitUntil;
 using orvale::test::withId;
@@ -346,6 +372,14 @@ inline std::string publish(const std::string& clientId, const std::string& id,
 inline std::string disconnect(const std::string& clientId, const std::string& id) {
     return R"([{"channel":"/meta/disconnect","clientId":)" + quote(clientId) + R"(,"id":")" + id +
            "\"}]";
+}
+
+// `count` numbers in a frame: messages the hub cannot read, each earning an error reply.
+inline std::string unreadable(int count) {
+    std::string frame = "[1";
+    for (int i = 1; i < count; ++i)
+        frame += ",1";
+    return frame + "]";
 }
 
 inline bool successful(const std::optional<json::object>& message) {

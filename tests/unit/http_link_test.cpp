@@ -134,5 +134,18 @@ TEST_F(EndpointTest, ANewerConnectAnswersTheOlderAcrossTransports) {
     EXPECT_TRUE(ws.await(isDelivery));
 }
 
+TEST_F(EndpointTest, AReplyPastTheOutputBoundClosesTheConnection) {
+    auto options = defaults();
+    options.maxOutputBytes = 256 * 1024;
+    start(options);
+    LogCapture log;
+    RawHttp poll(port);
+    // 20,000 messages the hub cannot read earn about a megabyte of error replies.
+    EXPECT_FALSE(poll.post(unreadable(20000)));
+    EXPECT_EQ(log.count("Closed a connection whose unread output passed 262144 bytes"), 1u);
+    RawHttp other(port);
+    EXPECT_FALSE(open(other).empty());
+}
+
 }  // namespace
 }  // namespace connector::bayeux::endpoint_test

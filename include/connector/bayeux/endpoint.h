@@ -23,13 +23,32 @@ struct EndpointOptions {
     std::string certFile;  // PEM certificate and key: TLS when both are set
     std::string keyFile;
     std::size_t maxMessageBytes = 1024 * 1024;  // largest frame or HTTP body accepted
-    // Messages queued for one session. A slow client whose queue is full loses its oldest
-    // message for each new one (a warning is logged when the dropping starts); it stays
-    // connected and gets the newest messages.
+    // Each session's delivery queue holds at most maxQueuePerSession messages and
+    // maxQueueBytes bytes of them. A slow client whose queue is full loses its oldest messages
+    // to make room for each new one (a warning is logged when the dropping starts; a message
+    // larger than the whole bound is still queued, alone); it stays connected, gets the newest
+    // messages, and its next /meta/connect reply carries ext.dropped, the number it lost.
     std::size_t maxQueuePerSession = 10000;
+    std::size_t maxQueueBytes = 4 * 1024 * 1024;
+    // A connection whose output waiting for its peer (replies and deliveries not yet taken)
+    // passes this is closed. Keep it well above maxQueueBytes: one write may carry a whole queue.
+    std::size_t maxOutputBytes = 16 * 1024 * 1024;
     std::size_t maxSessions = 100000;
+    // Connections beyond this are closed as soon as they are accepted.
+    std::size_t maxConnections = 100000;
     std::chrono::milliseconds connectTimeout{25000};  // how long a /meta/connect is held
     std::chrono::milliseconds sessionTimeout{45000};  // a session without connect expires
+    // A WebSocket that sends no Bayeux frame (pings do not count) for this long, or whose
+    // peer leaves a write unfinished for this long, is closed. At least twice connectTimeout
+    // is used, since a client waiting on a held connect sends nothing meanwhile.
+    std::chrono::milliseconds webSocketIdleTimeout{60000};
+};
+
+// What the endpoint holds at one moment, and what it has dropped since it started.
+struct EndpointStats {
+    std::size_t connections = 0;        // open client connections
+    std::size_t outputBytes = 0;        // replies and deliveries waiting for connections' peers
+    std::uint64_t droppedMessages = 0;  // deliveries lost to full session queues
 };
 
 class BayeuxEndpoint {
@@ -37,6 +56,7 @@ class BayeuxEndpoint {
     virtual ~BayeuxEndpoint() = default;
     virtual std::uint16_t port() const = 0;
     virtual std::size_t sessionCount() const = 0;
+    virtual EndpointStats stats() const = 0;
     // Closes every connection and stops the I/O threads; also done by the destructor.
     virtual void stop() = 0;
 };

@@ -1,0 +1,97 @@
+// The endpoint's WebSocket link against raw clients that misbehave: one that never reads what it
+// is sent, one that only pings, and one that keeps sending but leaves the hub's writes unfinished.
+// The link must let go of each, and of the memory it holds for it, within its bounds.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <thread>
+
+#include "endpoint_clients.h"
+
+namespace connector::bayeux::endpoint_test {
+namespace {
+
+using orvale::test::Clock;
+
+TEST_F(EndpointTest, UnreadRepliesPastTheOutputBoundCloseTheWebSocket) {
+    auto options = defaults();
+    options.maxOutputBytes = 256 * 1024;
+    start(options);
+    LogCapture log;
+    RawWebSocket silent(port, "/bayeux", Reading::Off);
+    ASSERT_EQ(endpoint->stats().connections, 1u);
+    // About 100 KB of replies a frame: the kernel's buffers fill first, then the hub's.
+    const std::string frame = unreadable(2000);
+    std::size_t peak = 0;
+    const auto deadline = Clock::now() + orvale::test::kWait;
+    while (endpoint->stats().connections != 0 && Clock::now() < deadline) {
+        silent.send(frame);
+        peak = std::max(peak, endpoint->stats().outputBytes);
+    }
+    EXPECT_EQ(endpoint->stats().connections, 0u);
+    EXPECT_EQ(log.count("Closed a connection whose unread output passed 262144 bytes"), 1u);
+    // At most one frame's replies beyond the bound, and nothing once the connection is gone.
+    EXPECT_LE(peak, options.maxOutputBytes + 200 * 1024);
+    EXPECT_TRUE(waitUntil([&] { return endpoint->stats().outputBytes == 0; }));
+}
+
+// Pings keep neither a silent client nor a non-reader connected; a client that answers its held
+// connects is never idle, though it too sends nothing while a connect is held.
+TEST_F(EndpointTest, IdleWebSocketsAreClosedThoughTheyPing) {
+    auto options = defaults();
+    options.connectTimeout = 100ms;
+    options.webSocketIdleTimeout = 400ms;
+    start(options);
+    LogCapture log;
+    auto feeder = service("feeder");
+    const std::string big = quote(std::string(64 * 1024, 'x'));
+
+    struct Case {
+        const char* name;
+        Reading reading;
+        bool sends;  // publishes while its subscription floods it
+        const char* closing;
+    };
+    for (const Case& c : {Case{"pings only", Reading::On, false,
+                               "Closed a WebSocket that sent no frame for 400 ms"},
+                          Case{"sends, never reads", Reading::Off, true,
+                               "Closed a WebSocket whose peer took no output for 400 ms"}}) {
+        SCOPED_TRACE(c.name);
+        // The session is made over long-polling, as some clients do before moving on.
+        std::string id;
+        {
+            RawHttp http(port);
+            id = open(http);
+            ASSERT_FALSE(id.empty());
+        }
+        RawWebSocket ws(port, "/bayeux", c.reading);
+        ASSERT_TRUE(ws.send(subscribe(id, "s", "/orvale/flood")));
+        ASSERT_TRUE(ws.send(connect(id, "c", 0)));
+        const auto began = Clock::now();
+        while (log.count(c.closing) == 0 && Clock::now() - began < orvale::test::kWait) {
+            ws.ping();
+            if (c.sends) {
+                for (int i = 0; i < 16; ++i)
+                    feeder->publish("/flood", big);
+                ws.send(publish(id, "p", "/elsewhere", "1"));
+            }
+            std::this_thread::sleep_for(50ms);
+        }
+        EXPECT_EQ(log.count(c.closing), 1u);
+        EXPECT_GE(Clock::now() - began, 350ms);
+        EXPECT_TRUE(waitUntil([&] { return endpoint->stats().connections == 0; }));
+    }
+
+    RawWebSocket healthy(port);
+    const std::string id = open(healthy);
+    ASSERT_FALSE(id.empty());
+    for (int i = 0; i < 10; ++i) {
+        const std::string n = std::to_string(i);
+        ASSERT_TRUE(successful(healthy.call(connect(id, n), n))) << n;
+    }
+    EXPECT_EQ(endpoint->stats().connections, 1u);
+}
+
+}  // namespace
+}  // namespace connector::bayeux::endpoint_test
