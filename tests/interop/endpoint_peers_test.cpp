@@ -2,10 +2,9 @@
 // both transports, server services talking with them, our command-line clients, the API key,
 // and clients killed mid-session.
 
-#include <mutex>
-
 #include "common.h"
 #include "connector/message_service.h"
+#include "inbox.h"
 
 namespace orvale::test {
 namespace {
@@ -24,13 +23,8 @@ std::vector<std::string> received(const ChildProcess& peer) {
 
 // A hub in this process with a server service that answers what remote clients send.
 class HubInProcess {
-    // First, so that they outlive the listeners that a session ending at teardown still calls.
-    std::mutex mutex;
-    std::vector<std::string> items;
-    void add(std::string item) {
-        std::lock_guard<std::mutex> lock(mutex);
-        items.push_back(std::move(item));
-    }
+    // First, so that it outlives the listeners that a session ending at teardown still calls.
+    Inbox heard_;
 
   public:
     explicit HubInProcess(bayeux::EndpointOptions options = {})
@@ -40,24 +34,22 @@ class HubInProcess {
         subscriptions = {
             desk->subscribe("/desk/in",
                             [this, weak](const ms::JsonMessage& m) {
-                                add("in " + m.getJson());
+                                heard_.add("in " + m.getJson());
                                 if (auto self = weak.lock())
                                     self->publish("/desk/out", "{\"echo\":" + m.getJson() + "}");
                             })
                 .get(),
             desk->listenSubscribe(
-                    "/desk/**", [this](const ms::SubscribeEvent& e) { add("+" + e.getChannel()); })
+                    "/desk/**",
+                    [this](const ms::SubscribeEvent& e) { heard_.add("+" + e.getChannel()); })
                 .get(),
             desk->listenUnsubscribe(
                     "/desk/**",
-                    [this](const ms::UnsubscribeEvent& e) { add("-" + e.getChannel()); })
+                    [this](const ms::UnsubscribeEvent& e) { heard_.add("-" + e.getChannel()); })
                 .get()};
     }
     std::string httpUrl() const { return "http" + url.substr(2); }
-    bool heard(const std::string& item) {
-        std::lock_guard<std::mutex> lock(mutex);
-        return std::find(items.begin(), items.end(), item) != items.end();
-    }
+    bool heard(const std::string& item) { return heard_.has(item); }
     std::vector<std::string> talk(const char* peer, const char* listen) {
         return {peer, httpUrl(), "talk", "/orvale/desk/out", listen, "1"};
     }
