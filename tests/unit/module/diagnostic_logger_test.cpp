@@ -24,6 +24,7 @@ TEST(DiagnosticLogger, RecordsCarryChannelSeverityAndMessage) {
     auto records = capture.records();
     ASSERT_EQ(records.size(), 2u);
     EXPECT_EQ(records[0].channel, "connector::message_service::svc");
+    EXPECT_EQ(records[1].channel, logger.name());
     EXPECT_EQ(records[0].severity, 8);
     EXPECT_EQ(records[0].message, "Subscribe: /a, 3");
     EXPECT_EQ(records[1].severity, 512);
