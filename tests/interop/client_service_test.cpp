@@ -51,16 +51,14 @@ TEST_F(ClientServiceWithFaye, HandshakesKeepsTheConnectLoopTurningAndDisconnects
     EXPECT_TRUE(waitUntil([&] { return capture.count("Sending meta connect") >= 3; }));
     EXPECT_EQ(capture.count("Meta connect error: "), 0u);
 
-    std::vector<ConnectionState> states;
-    auto listener =
-        service->listenStateChange([&](const StateChangeEvent& e) { states.push_back(e.newState); })
-            .get();
+    Inbox states;
+    auto listener = service->listenStateChange(states.stateSink()).get();
     auto done = service->disconnect();
     ASSERT_TRUE(done.waitFor(5s));
     EXPECT_TRUE(done.get().success);
     EXPECT_EQ(service->getState(), ConnectionState::DISCONNECTED);
-    EXPECT_EQ(states, (std::vector<ConnectionState>{ConnectionState::DISCONNECTING,
-                                                    ConnectionState::DISCONNECTED}));
+    EXPECT_EQ(states.snapshot(), (std::vector<std::string>{"CONNECTED->DISCONNECTING",
+                                                           "DISCONNECTING->DISCONNECTED"}));
     EXPECT_THROW(service->publish("/a", "1").get(), std::runtime_error);
 }
 

@@ -12,6 +12,7 @@
 
 #include "bayeux/codec.h"
 #include "child_process.h"
+#include "failure_text.h"
 #include "log_capture.h"
 
 namespace connector::bayeux {
@@ -124,15 +125,7 @@ struct Peer {
 
 std::string connectError(const std::string& url, WebSocketTransportOptions options = {}) {
     std::shared_ptr<Context> context;
-    auto future = connectTo(url, options, context);
-    if (!future.waitFor(15s))
-        return "still pending";
-    try {
-        future.get();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "connected";
+    return orvale::test::failureText(connectTo(url, options, context));
 }
 
 std::string fayeUrl(orvale::test::ChildProcess& faye, const char* scheme = "ws",

@@ -1,10 +1,11 @@
 #pragma once
 // Collects what a subscription receives, from whichever thread delivers it, as
-// "<channel> <json>" lines, or any other line a test adds.
+// "<channel> <json>" lines, state changes as "FROM->TO" lines, or any line a test adds.
 
 #include <algorithm>
 #include <functional>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,13 @@ class Inbox {
   public:
     std::function<void(const connector::message_service::JsonMessage&)> sink() {
         return [this](const connector::message_service::JsonMessage& m) { add(m); };
+    }
+    std::function<void(const connector::message_service::StateChangeEvent&)> stateSink() {
+        return [this](const connector::message_service::StateChangeEvent& e) {
+            std::ostringstream line;
+            line << e.previousState << "->" << e.newState;
+            add(line.str());
+        };
     }
     void add(const connector::message_service::JsonMessage& m) {
         add(m.getChannel() + " " + m.getJson());

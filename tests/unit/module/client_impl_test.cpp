@@ -2,9 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <sstream>
-
 #include "failure_text.h"
+#include "inbox.h"
 #include "log_capture.h"
 #include "scripted_transport.h"
 
@@ -75,20 +74,14 @@ class ClientTest : public ::testing::Test {
         return seen;
     }
 
-    // Notes each state change of `c` in `states` as "FROM->TO".
     std::shared_ptr<Subscription> watch(const std::shared_ptr<MessageServiceClientImpl>& c) {
-        return c
-            ->listenStateChange([this](const StateChangeEvent& e) {
-                std::ostringstream out;
-                out << e.previousState << "->" << e.newState;
-                states.push_back(out.str());
-            })
-            .get();
+        return c->listenStateChange(states.stateSink()).get();
     }
 
     std::shared_ptr<Context> context = std::make_shared<Context>();
     std::shared_ptr<ScriptedTransport> transport = std::make_shared<ScriptedTransport>();
-    Strings seen, states;
+    Strings seen;
+    orvale::test::Inbox states;  // "FROM->TO" for each state change watched
     orvale::test::LogCapture capture;
 };
 
@@ -129,7 +122,7 @@ TEST_F(ClientTest, HandshakeNumbersRequestsAndStartsTheConnectLoop) {
     EXPECT_EQ(metaConnect->getId(), "1");
     EXPECT_EQ(metaConnect->getClientId(), "abc");
     EXPECT_EQ(metaConnect->getConnectionType(), "websocket");
-    EXPECT_EQ(states, (Strings{"DISCONNECTED->CONNECTING", "CONNECTING->CONNECTED"}));
+    EXPECT_EQ(states.snapshot(), (Strings{"DISCONNECTED->CONNECTING", "CONNECTING->CONNECTED"}));
 
     // Each answered meta connect sends the next one.
     answer<bx::ConnectStreamResponse>(1);
@@ -431,7 +424,8 @@ TEST_F(ClientTest, DisconnectStatesAndTheEndOfTheLoop) {
         << "the subscriptions are gone before the answer";
     answer<bx::DisconnectResponse>(3);
     EXPECT_TRUE(done.get().success);
-    EXPECT_EQ(states, (Strings{"CONNECTED->DISCONNECTING", "DISCONNECTING->DISCONNECTED"}));
+    EXPECT_EQ(states.snapshot(),
+              (Strings{"CONNECTED->DISCONNECTING", "DISCONNECTING->DISCONNECTED"}));
     // The outstanding meta connect's answer does not start a new one.
     answer<bx::ConnectStreamResponse>(1);
     EXPECT_TRUE(capture.contains("Not connected, not sending meta connect request"));

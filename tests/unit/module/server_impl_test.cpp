@@ -2,11 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <thread>
 
 #include "connector/message_service/server_delegate.h"
 #include "failure_text.h"
+#include "inbox.h"
 #include "log_capture.h"
 
 namespace connector::message_service {
@@ -59,19 +59,13 @@ class ServerImplTest : public ::testing::Test {
                         })
             .get();
     }
-    // Notes each state change of `s` in `states` as "FROM->TO".
     std::shared_ptr<Subscription> watch(const std::shared_ptr<MessageServiceServerImpl>& s) {
-        return s
-            ->listenStateChange([this](const StateChangeEvent& e) {
-                std::ostringstream out;
-                out << e.previousState << "->" << e.newState;
-                states.push_back(out.str());
-            })
-            .get();
+        return s->listenStateChange(states.stateSink()).get();
     }
 
     std::shared_ptr<RecordingServer> server = std::make_shared<RecordingServer>();
-    Strings seen, states;
+    Strings seen;
+    orvale::test::Inbox states;  // "FROM->TO" for each state change watched
     orvale::test::LogCapture capture;
 };
 
@@ -98,14 +92,15 @@ TEST_F(ServerImplTest, ConstructionStateAndLazyRegistration) {
 TEST_F(ServerImplTest, DisconnectNotifiesTwiceAndUnsubscribesEverySubscription) {
     auto service = make();
     auto listener = watch(service);
-    EXPECT_TRUE(states.empty()) << "registering does not call the listener";
+    EXPECT_EQ(states.size(), 0u) << "registering does not call the listener";
     auto a1 = subscribed(service, "/a", "a1");
     auto a2 = subscribed(service, "/a", "a2");
     auto b = subscribed(service, "/b/*", "b");
     service->deliver({"/orvale/a"}, published("/orvale/a", "0"));
     EXPECT_EQ(seen, (Strings{"a1 /a 0", "a2 /a 0"}));
     EXPECT_TRUE(service->disconnect().get().success);
-    EXPECT_EQ(states, (Strings{"CONNECTED->DISCONNECTING", "DISCONNECTING->DISCONNECTED"}));
+    EXPECT_EQ(states.snapshot(),
+              (Strings{"CONNECTED->DISCONNECTING", "DISCONNECTING->DISCONNECTED"}));
     ASSERT_EQ(server->unsubscribes.size(), 3u);
     Strings channels;
     for (auto& r : server->unsubscribes) {
