@@ -91,6 +91,7 @@ TEST_F(ClientServiceWithFaye, SubscriptionsAcrossTwoServersSharingRedis) {
     // takes every channel below its prefix.
     ASSERT_TRUE(waitUntil([&] { return one.size() == 2; }));
     EXPECT_EQ(one.snapshot()[1], "/room/a/b [2]");
+    ASSERT_TRUE(waitUntil([&] { return own.size() == 1; }));
     EXPECT_EQ(own.snapshot()[0], "/room/a {\"n\":1}");
 
     // Unsubscribing stops that subscription; a marker on another shows the later message went by.

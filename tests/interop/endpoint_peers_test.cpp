@@ -1,6 +1,6 @@
 // The hub against real Bayeux peers: Faye's Node client and CometD's JavaScript client over
-// both transports, server services talking with them, our command-line clients, the API key,
-// and clients killed mid-session.
+// both transports, server services talking with them, the API key, and clients killed
+// mid-session.
 
 #include "common.h"
 #include "connector/message_service.h"
@@ -143,19 +143,6 @@ TEST(ApiKeyTest, AHandshakeWithoutTheKeyIsRefused) {
         EXPECT_NE(text(result, "message").find("403::Unauthorized"), std::string::npos)
             << text(result, "message");
     }
-}
-
-// orvale pub and orvale sub, each a process, against a server service in the hub's process.
-TEST(CommandLinePeersTest, PubAndSubTalkWithAServerService) {
-    HubInProcess hub;
-    auto sub = orvale({"sub", hub.url, "/desk/out", "--count", "1"});
-    ASSERT_TRUE(waitUntil([&] { return hub.heard("+/desk/out"); }, 10s));
-    auto pub = orvale({"pub", hub.url, "/desk/in", R"({"from":"pub"})"});
-    EXPECT_EQ(run(*pub), 0) << pub->errors();
-    EXPECT_TRUE(waitUntil([&] { return hub.heard(R"(in {"from":"pub"})"); }));
-    ASSERT_EQ(run(*sub), 0) << sub->errors();
-    EXPECT_EQ(sub->lines(), std::vector<std::string>{
-                                R"({"channel":"/desk/out","data":{"echo":{"from":"pub"}}})"});
 }
 
 }  // namespace

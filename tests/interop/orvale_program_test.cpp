@@ -1,14 +1,10 @@
-// The orvale program as users run it: serve, sub, pub, demo, exit statuses and error lines, and
-// our client services against a hub in another process.
+// The orvale program as users run it: serve, sub and pub (client services against a hub in
+// another process), demo, exit statuses and error lines.
 
 #include "common.h"
-#include "connector/message_service.h"
-#include "inbox.h"
 
 namespace orvale::test {
 namespace {
-
-namespace ms = connector::message_service;
 
 // What a failed command leaves on stderr: exactly one line, naming `mentions`.
 void expectOneLine(const ChildProcess& child, const std::string& mentions) {
@@ -41,27 +37,6 @@ TEST(OrvaleProgramTest, SubPrintsWhatPubPublishesOnExactAndWildcardChannels) {
                   "{\"n\":" + std::to_string(start + i) + "}");
     }
     EXPECT_EQ(sub->errors(), "");
-}
-
-TEST(OrvaleProgramTest, ClientServicesTalkThroughServeInAnotherProcess) {
-    ServeProcess serve;
-    auto delegator = std::make_shared<ms::MessageServiceFactoryDelegatorImpl>(
-        std::make_shared<ms::MessageServiceFactoryServerDelegate>(
-            connector::bayeux::makeBayeuxServer()),
-        std::make_shared<ms::MessageServiceFactoryClientDelegate>(connector::makeContext()));
-    auto alice = delegator->createMessageService("alice", {{"endpoint", serve.url}}).get();
-    auto bob = delegator->createMessageService("bob", {{"endpoint", serve.url}}).get();
-    Inbox heard;
-    auto news = bob->subscribe("/news/**", heard.sink()).get();
-    auto replies = alice->subscribe("/replies", heard.sink()).get();
-    EXPECT_TRUE(alice->publish("/news/today", R"({"x":1})").get().success);
-    ASSERT_TRUE(waitUntil([&] { return heard.size() == 1; }));
-    EXPECT_TRUE(bob->publish("/replies", R"({"thanks":true})").get().success);
-    ASSERT_TRUE(waitUntil([&] { return heard.size() == 2; }));
-    EXPECT_EQ(heard.snapshot(),
-              (std::vector<std::string>{R"(/news/today {"x":1})", R"(/replies {"thanks":true})"}));
-    EXPECT_TRUE(alice->disconnect().get().success);
-    EXPECT_TRUE(bob->disconnect().get().success);
 }
 
 TEST(OrvaleProgramTest, FailuresExitNonZeroWithOneLine) {
