@@ -20,7 +20,7 @@
 const fs = require('fs');
 const path = require('path');
 // Faye comes from the npm packages of the interop tests, with the shared output helpers.
-const {faye, print, fail} = require(path.join(__dirname, '../tests/interop/faye_client.js'));
+const {faye, print, fail} = require(path.join(__dirname, '../tests/interop/bayeux_client.js'));
 
 function parseArgs(argv) {
   const options = {url: null, messages: 40000, window: 500, rounds: 5000, serverPid: null};

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <map>
 #include <thread>
 
 #include "connector/message_service.h"
@@ -23,22 +22,38 @@ class ServerServicesTest : public ::testing::Test {
         return delegator->createMessageService(name, {}).get();
     }
 
-    std::shared_ptr<bayeux::BayeuxServer> server = bayeux::makeBayeuxServer();
     std::shared_ptr<MessageServiceFactoryDelegatorImpl> delegator =
         std::make_shared<MessageServiceFactoryDelegatorImpl>(
-            std::make_shared<MessageServiceFactoryServerDelegate>(server),
+            std::make_shared<MessageServiceFactoryServerDelegate>(bayeux::makeBayeuxServer()),
             std::make_shared<MessageServiceFactoryClientDelegate>(std::make_shared<Context>()));
 };
 
-TEST_F(ServerServicesTest, ExactAndWildcardSubscriptionsAcrossServices) {
+// Exact and wildcard subscriptions and the listeners of another service, through the shared
+// instance and named ones; a disconnected service may subscribe again but not publish.
+TEST_F(ServerServicesTest, SubscriptionsListenersAndDisconnectAcrossServices) {
+    auto shared = create("shared");
+    EXPECT_EQ(create("shared"), shared);
     auto alice = create("alice");
+    EXPECT_EQ(create("alice"), alice);
+    EXPECT_EQ(delegator->getMessageService("alice"), alice);
     auto bob = create("bob");
-    Inbox exact, one, deep;
+    Inbox exact, one, deep, events, later;
+    auto l1 =
+        alice
+            ->listenSubscribe("/news/**",
+                              [&](const SubscribeEvent& e) { events.add("+" + e.getChannel()); })
+            .get();
+    auto l2 =
+        alice
+            ->listenUnsubscribe(
+                "/news/**", [&](const UnsubscribeEvent& e) { events.add("-" + e.getChannel()); })
+            .get();
     auto s1 = bob->subscribe("/news/sport", exact.sink()).get();
     auto s2 = bob->subscribe("/news/*", one.sink()).get();
     auto s3 = bob->subscribe("/news/**", deep.sink()).get();
+    auto other = bob->subscribe("/other", [](const JsonMessage&) {}).get();
     alice->publish("/news/sport", "{\"goal\":1}").get();
-    alice->publish("/news/sport/live", "2").get();
+    shared->publish("/news/sport/live", "2").get();
     alice->publish("/weather", "3").get();
     ASSERT_TRUE(waitUntil([&] { return deep.size() == 2; }));
     ASSERT_TRUE(waitUntil([&] { return exact.size() == 1 && one.size() == 1; }));
@@ -47,71 +62,22 @@ TEST_F(ServerServicesTest, ExactAndWildcardSubscriptionsAcrossServices) {
     EXPECT_EQ(deep.snapshot()[1], "/news/sport/live 2");
 
     // After unsubscribing, nothing more arrives on that subscription.
-    s1->unsubscribe().get();
+    s1.reset();
     alice->publish("/news/sport", "4").get();
     ASSERT_TRUE(waitUntil([&] { return deep.size() == 3; }));
     EXPECT_EQ(exact.size(), 1u);
-}
+    ASSERT_TRUE(waitUntil([&] { return events.size() == 4; }));
+    EXPECT_EQ(events.snapshot(),
+              (std::vector<std::string>{"+/news/sport", "+/news/*", "+/news/**", "-/news/sport"}));
 
-TEST_F(ServerServicesTest, ListenersSeeOtherServicesSubscriptionsWithoutPrefix) {
-    auto watcher = create("watcher");
-    auto worker = create("worker");
-    std::mutex mutex;
-    std::vector<std::string> events;
-    auto l1 = watcher
-                  ->listenSubscribe("/jobs/**",
-                                    [&](const SubscribeEvent& e) {
-                                        std::lock_guard<std::mutex> lock(mutex);
-                                        events.push_back("+" + e.getChannel());
-                                    })
-                  .get();
-    auto l2 = watcher
-                  ->listenUnsubscribe("/jobs/**",
-                                      [&](const UnsubscribeEvent& e) {
-                                          std::lock_guard<std::mutex> lock(mutex);
-                                          events.push_back("-" + e.getChannel());
-                                      })
-                  .get();
-    auto sub = worker->subscribe("/jobs/build", [](const JsonMessage&) {}).get();
-    auto other = worker->subscribe("/other", [](const JsonMessage&) {}).get();
-    sub.reset();
-    auto count = [&] {
-        std::lock_guard<std::mutex> lock(mutex);
-        return events.size();
-    };
-    ASSERT_TRUE(waitUntil([&] { return count() == 2; }));
-    std::lock_guard<std::mutex> lock(mutex);
-    EXPECT_EQ(events, (std::vector<std::string>{"+/jobs/build", "-/jobs/build"}));
-}
-
-TEST_F(ServerServicesTest, DisconnectThenResubscribe) {
-    auto publisher = create("pub");
-    auto service = create("sub");
-    Inbox inbox;
-    auto before = service->subscribe("/a", inbox.sink()).get();
-    EXPECT_TRUE(service->disconnect().get().success);
-    EXPECT_EQ(service->getState(), ConnectionState::DISCONNECTED);
-    publisher->publish("/a", "lost").get();
-    // Subscribing works again after a disconnect (the service registers anew) ...
-    auto after = service->subscribe("/a", inbox.sink()).get();
-    publisher->publish("/a", "kept").get();
-    ASSERT_TRUE(waitUntil([&] { return inbox.size() == 1; }));
-    EXPECT_EQ(inbox.snapshot()[0], "/a kept");
-    // ... but the service stays disconnected for publishing.
-    auto refused = service->publish("/a", "x");
-    EXPECT_THROW(refused.get(), std::runtime_error);
-}
-
-TEST_F(ServerServicesTest, SharedInstanceAndExistingInstancesThroughTheDelegator) {
-    auto shared = create("shared");
-    EXPECT_EQ(create("shared"), shared);
-    auto a = create("a");
-    EXPECT_EQ(create("a"), a);
-    EXPECT_EQ(delegator->getMessageService("a"), a);
-    Inbox inbox;
-    auto sub = a->subscribe("/free", inbox.sink()).get();
-    shared->publish("/free", "1").get();
-    ASSERT_TRUE(waitUntil([&] { return inbox.size() == 1; }));
+    EXPECT_TRUE(bob->disconnect().get().success);
+    EXPECT_EQ(bob->getState(), ConnectionState::DISCONNECTED);
+    alice->publish("/news/x", "lost").get();
+    auto again = bob->subscribe("/news/x", later.sink()).get();
+    alice->publish("/news/x", "kept").get();
+    ASSERT_TRUE(waitUntil([&] { return later.size() == 1; }));
+    EXPECT_EQ(later.snapshot()[0], "/news/x kept");
+    EXPECT_THROW(bob->publish("/a", "x").get(), std::runtime_error);
 }
 
 // Several publishers and subscribers at once, with subscriptions coming and going: a
@@ -130,30 +96,27 @@ TEST_F(ServerServicesTest, NothingLostUnderConcurrency) {
         std::vector<int> last = std::vector<int>(publishers, -1);
         std::atomic<long> count{0};
         std::atomic<int> violations{0};
-        void take(const JsonMessage& m) {
-            const auto& json = m.getJson();  // "p,i"
-            const int p = json[0] - '0';
-            const int i = std::stoi(json.substr(2));
-            std::lock_guard<std::mutex> lock(mutex);
-            if (i <= last[p])
-                ++violations;
-            last[p] = i;
-            ++count;
+        std::function<void(const JsonMessage&)> sink() {
+            return [this](const JsonMessage& m) {
+                const auto& json = m.getJson();  // "p,i"
+                const int p = json[0] - '0';
+                const int i = std::stoi(json.substr(2));
+                std::lock_guard<std::mutex> lock(mutex);
+                violations += i <= last[p];
+                last[p] = i;
+                ++count;
+            };
         }
     };
-    Tally exact, wild;
-    auto s1 = steady->subscribe("/load/x", [&](const JsonMessage& m) { exact.take(m); }).get();
-    auto s2 = steady->subscribe("/load/*", [&](const JsonMessage& m) { wild.take(m); }).get();
+    Tally exact, wild, churned;
+    auto s1 = steady->subscribe("/load/x", exact.sink()).get();
+    auto s2 = steady->subscribe("/load/*", wild.sink()).get();
 
-    // Churn: other services subscribe and cancel while messages flow.
+    // Churn: another service subscribes and cancels while messages flow.
     std::atomic<bool> stop{false};
-    Tally churned;
-    std::thread churn([&] {
-        auto service = create("churn");
+    std::thread churn([&, service = create("churn")] {
         while (!stop) {
-            auto sub =
-                service->subscribe("/load/**", [&](const JsonMessage& m) { churned.take(m); })
-                    .get();
+            auto sub = service->subscribe("/load/**", churned.sink()).get();
             std::this_thread::yield();
             sub->unsubscribe().get();
         }

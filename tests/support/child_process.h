@@ -1,19 +1,19 @@
 #pragma once
 // Child processes for the interop tests and the load benchmark: `orvale` commands, Node scripts
-// and redis-server. stdout is read line by line on a thread of its own, stderr is kept whole;
+// and redis-server. stdout is read line by line and stderr whole, each on a thread of its own;
 // every wait is bounded, and the destructor kills what is still running.
 
 #include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -32,10 +32,8 @@ namespace orvale::test {
 class ChildProcess {
   public:
     // Starts argv[0], searched in PATH.
-    explicit ChildProcess(std::vector<std::string> argv) : argv_(std::move(argv)) {
-        int in[2];
-        int out[2];
-        int err[2];
+    explicit ChildProcess(std::vector<std::string> argv) {
+        int in[2], out[2], err[2];
         if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
             throw std::runtime_error("pipe: " + std::string(std::strerror(errno)));
         posix_spawn_file_actions_t actions;
@@ -47,29 +45,29 @@ class ChildProcess {
         // The child must not keep this process's sockets (a hub's listener, say) open.
         posix_spawn_file_actions_addclosefrom_np(&actions, 3);
         std::vector<char*> args;
-        for (auto& arg : argv_)
+        for (auto& arg : argv)
             args.push_back(arg.data());
         args.push_back(nullptr);
         const int result = posix_spawnp(&pid_, args[0], &actions, nullptr, args.data(), environ);
         posix_spawn_file_actions_destroy(&actions);
-        ::close(in[0]);
-        ::close(out[1]);
-        ::close(err[1]);
+        for (int fd : {in[0], out[1], err[1]})
+            ::close(fd);
         stdin_ = in[1];
         if (result != 0) {
             ::close(out[0]);
             ::close(err[0]);
-            throw std::runtime_error("cannot start " + argv_[0] + ": " + std::strerror(result));
+            throw std::runtime_error("cannot start " + argv[0] + ": " + std::strerror(result));
         }
-        reader_ = std::thread([this, outFd = out[0], errFd = err[0]] { read(outFd, errFd); });
+        readers_[0] = std::thread([this, fd = out[0]] { drain(fd, true); });
+        readers_[1] = std::thread([this, fd = err[0]] { drain(fd, false); });
     }
 
     ~ChildProcess() {
         ::close(stdin_);
         kill(SIGKILL);
         waitExit(std::chrono::seconds(5));
-        if (reader_.joinable())
-            reader_.join();
+        for (auto& reader : readers_)
+            reader.join();
     }
 
     ChildProcess(const ChildProcess&) = delete;
@@ -88,11 +86,9 @@ class ChildProcess {
         std::optional<std::string> found;
         changed_.wait_for(lock, timeout, [&] {
             for (const auto& line : lines_)
-                if (predicate(line)) {
-                    found = line;
-                    return true;
-                }
-            return outputClosed_;
+                if (predicate(line))
+                    return bool(found = line);
+            return open_ == 0;
         });
         return found;
     }
@@ -108,20 +104,17 @@ class ChildProcess {
         std::unique_lock<std::mutex> lock(mutex_);
         while (!exitStatus_) {
             int status = 0;
-            if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+            if (::waitpid(pid_, &status, WNOHANG) == pid_)
                 exitStatus_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-                break;
-            }
-            if (std::chrono::steady_clock::now() >= deadline)
+            else if (std::chrono::steady_clock::now() >= deadline)
                 return std::nullopt;
-            lock.unlock();
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-            lock.lock();
+            else
+                changed_.wait_for(lock, std::chrono::milliseconds(5));
         }
         // The pipes close once the child has gone, unless a descendant of it holds them.
-        const auto drained =
-            std::max(deadline, std::chrono::steady_clock::now() + std::chrono::seconds(1));
-        changed_.wait_until(lock, drained, [&] { return outputClosed_; });
+        changed_.wait_until(
+            lock, std::max(deadline, std::chrono::steady_clock::now() + std::chrono::seconds(1)),
+            [&] { return open_ == 0; });
         return exitStatus_;
     }
 
@@ -136,57 +129,43 @@ class ChildProcess {
     pid_t pid() const { return pid_; }
 
   private:
-    void read(int outFd, int errFd) {
+    void drain(int fd, bool isStdout) {
         std::string partial;
-        pollfd fds[2] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
-        int open = 2;
-        while (open > 0) {
-            if (::poll(fds, 2, -1) < 0) {
-                if (errno == EINTR)
-                    continue;
+        char buffer[4096];
+        for (;;) {
+            const ssize_t n = ::read(fd, buffer, sizeof buffer);
+            if (n < 0 && errno == EINTR)
+                continue;
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (n <= 0) {
+                if (!partial.empty())
+                    lines_.push_back(partial);
+                --open_;
                 break;
             }
-            for (auto& fd : fds) {
-                if (fd.fd < 0 || !(fd.revents & (POLLIN | POLLHUP | POLLERR)))
-                    continue;
-                char buffer[4096];
-                const ssize_t n = ::read(fd.fd, buffer, sizeof buffer);
-                if (n <= 0) {
-                    ::close(fd.fd);
-                    fd.fd = -1;
-                    --open;
-                    continue;
-                }
-                std::lock_guard<std::mutex> lock(mutex_);
-                if (fd.fd == errFd) {
-                    errors_.append(buffer, static_cast<std::size_t>(n));
-                    continue;
-                }
-                partial.append(buffer, static_cast<std::size_t>(n));
-                std::size_t newline;
-                while ((newline = partial.find('\n')) != std::string::npos) {
-                    lines_.push_back(partial.substr(0, newline));
-                    partial.erase(0, newline + 1);
-                }
-                changed_.notify_all();
+            if (!isStdout) {
+                errors_.append(buffer, static_cast<std::size_t>(n));
+                continue;
             }
+            partial.append(buffer, static_cast<std::size_t>(n));
+            for (std::size_t end; (end = partial.find('\n')) != std::string::npos;) {
+                lines_.push_back(partial.substr(0, end));
+                partial.erase(0, end + 1);
+            }
+            changed_.notify_all();
         }
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (!partial.empty())
-            lines_.push_back(partial);
-        outputClosed_ = true;
+        ::close(fd);
         changed_.notify_all();
     }
 
-    std::vector<std::string> argv_;
     pid_t pid_ = -1;
     int stdin_ = -1;
-    std::thread reader_;
+    std::thread readers_[2];
     mutable std::mutex mutex_;  // guards every member below
     std::condition_variable changed_;
     std::vector<std::string> lines_;
     std::string errors_;
-    bool outputClosed_ = false;
+    int open_ = 2;  // output pipes not yet at their end
     std::optional<int> exitStatus_;
 };
 
@@ -194,10 +173,6 @@ class ChildProcess {
 inline std::string sourceDir() {
     const char* dir = std::getenv("ORVALE_SOURCE_DIR");
     return dir ? dir : ".";
-}
-
-inline std::string interopScript(const std::string& name) {
-    return sourceDir() + "/tests/interop/" + name;
 }
 
 // Why the Node peers cannot run here (their npm packages are not installed), or nothing.
@@ -212,7 +187,6 @@ inline std::optional<std::string> nodeUnavailable() {
 }
 
 // Skips the test when the npm packages are missing; fails it in CI (CI set), where they must be.
-// For GoogleTest tests only.
 #define ORVALE_REQUIRE_NODE()                                                            \
     do {                                                                                 \
         if (auto orvaleWhyNot = ::orvale::test::nodeUnavailable()) {                     \
@@ -226,10 +200,11 @@ inline std::optional<std::string> nodeUnavailable() {
 // `node <script> args...`, where a script without a folder is one of tests/interop.
 inline std::unique_ptr<ChildProcess> node(const std::string& script,
                                           std::vector<std::string> args) {
-    std::vector<std::string> argv{
-        "node", script.find('/') == std::string::npos ? interopScript(script) : script};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return std::make_unique<ChildProcess>(argv);
+    args.insert(args.begin(), script.find('/') == std::string::npos
+                                  ? sourceDir() + "/tests/interop/" + script
+                                  : script);
+    args.insert(args.begin(), "node");
+    return std::make_unique<ChildProcess>(std::move(args));
 }
 
 // A Node peer that announces readiness with its first stdout line (a server prints its port);
@@ -242,6 +217,11 @@ inline std::unique_ptr<ChildProcess> startNode(
         throw std::runtime_error("node " + script + " printed no line within " +
                                  std::to_string(timeout.count()) + " ms: " + child->errors());
     return child;
+}
+
+// Runs a child to its end (at most `timeout`) and returns its exit status, or -1.
+inline int run(ChildProcess& child, std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+    return child.waitExit(timeout).value_or(-1);
 }
 
 }  // namespace orvale::test

@@ -1,9 +1,11 @@
 #pragma once
 // Collects what a subscription receives, from whichever thread delivers it, as
-// "<channel> <json>" lines.
+// "<channel> <json>" lines, state changes as "FROM->TO" lines, or any line a test adds.
 
+#include <algorithm>
 #include <functional>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -16,15 +18,29 @@ class Inbox {
     std::function<void(const connector::message_service::JsonMessage&)> sink() {
         return [this](const connector::message_service::JsonMessage& m) { add(m); };
     }
+    std::function<void(const connector::message_service::StateChangeEvent&)> stateSink() {
+        return [this](const connector::message_service::StateChangeEvent& e) {
+            std::ostringstream line;
+            line << e.previousState << "->" << e.newState;
+            add(line.str());
+        };
+    }
     void add(const connector::message_service::JsonMessage& m) {
+        add(m.getChannel() + " " + m.getJson());
+    }
+    void add(std::string item) {
         std::lock_guard<std::mutex> lock(mutex_);
-        items_.push_back(m.getChannel() + " " + m.getJson());
+        items_.push_back(std::move(item));
     }
     std::vector<std::string> snapshot() {
         std::lock_guard<std::mutex> lock(mutex_);
         return items_;
     }
     std::size_t size() { return snapshot().size(); }
+    bool has(const std::string& item) {
+        const auto items = snapshot();
+        return std::find(items.begin(), items.end(), item) != items.end();
+    }
 
   private:
     std::mutex mutex_;

@@ -1,5 +1,6 @@
 #include "log_capture.h"
 
+#include <algorithm>
 #include <boost/log/attributes/value_extraction.hpp>
 #include <boost/log/core.hpp>
 #include <boost/log/sinks/basic_sink_backend.hpp>
@@ -15,19 +16,15 @@ class Backend
     : public boost::log::sinks::basic_sink_backend<boost::log::sinks::synchronized_feeding> {
   public:
     void consume(const boost::log::record_view& rec) {
-        CapturedRecord r;
-        if (auto v = boost::log::extract<std::string>("Channel", rec))
-            r.channel = *v;
-        if (auto v = boost::log::extract<int>("Severity", rec))
-            r.severity = *v;
-        if (auto v = boost::log::extract<std::string>("Message", rec))
-            r.message = *v;
-        if (auto v = boost::log::extract<std::string>("Json", rec))
-            r.json = *v;
+        auto text = [&](const char* name) {
+            return boost::log::extract_or_default<std::string>(name, rec, std::string());
+        };
+        CapturedRecord r{text("Channel"), boost::log::extract_or_default<int>("Severity", rec, 0),
+                         text("Message"), text("Json")};
         std::lock_guard<std::mutex> lock(mutex);
         records.push_back(std::move(r));
     }
-    mutable std::mutex mutex;  // guards records
+    std::mutex mutex;  // guards records
     std::vector<CapturedRecord> records;
 };
 
@@ -37,11 +34,10 @@ struct LogCapture::Impl {
     boost::shared_ptr<Backend> backend = boost::make_shared<Backend>();
     boost::shared_ptr<boost::log::sinks::synchronous_sink<Backend>> sink =
         boost::make_shared<boost::log::sinks::synchronous_sink<Backend>>(backend);
-    int previousMask = 0;
+    int previousMask = foundation::log::getEnabledMask();
 };
 
 LogCapture::LogCapture() : impl_(std::make_unique<Impl>()) {
-    impl_->previousMask = foundation::log::getEnabledMask();
     foundation::log::setEnabledMask(0x7FFF);
     boost::log::core::get()->add_sink(impl_->sink);
 }
@@ -65,10 +61,8 @@ std::vector<CapturedRecord> LogCapture::find(const std::string& prefix) const {
 }
 
 bool LogCapture::contains(const std::string& message) const {
-    for (auto& r : records())
-        if (r.message == message)
-            return true;
-    return false;
+    const auto all = records();
+    return std::any_of(all.begin(), all.end(), [&](auto& r) { return r.message == message; });
 }
 
 void LogCapture::clear() {

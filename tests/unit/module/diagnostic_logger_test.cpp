@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "common/module_logger.h"
 #include "connector/message_service/types.h"
 #include "log_capture.h"
 
@@ -25,10 +24,13 @@ TEST(DiagnosticLogger, RecordsCarryChannelSeverityAndMessage) {
     auto records = capture.records();
     ASSERT_EQ(records.size(), 2u);
     EXPECT_EQ(records[0].channel, "connector::message_service::svc");
+    EXPECT_EQ(records[1].channel, logger.name());
     EXPECT_EQ(records[0].severity, 8);
     EXPECT_EQ(records[0].message, "Subscribe: /a, 3");
     EXPECT_EQ(records[1].severity, 512);
     EXPECT_EQ(records[1].message, "State: DISCONNECTED");
+    EXPECT_EQ(typeName(connector::message_service::SubscribeEvent("/a")),
+              "connector::message_service::SubscribeEvent");
 }
 
 TEST(DiagnosticLogger, MaskUsesOnlyLowFifteenBits) {
@@ -48,15 +50,13 @@ TEST(DiagnosticLogger, MaskUsesOnlyLowFifteenBits) {
     EXPECT_EQ(capture.records()[0].message, "counted");
 }
 
-TEST(DiagnosticLogger, JsonRecordShape) {
+TEST(DiagnosticLogger, JsonRecordsAndTheJsonLogger) {
     EXPECT_EQ(buildJsonRecord({}, "[1,2]"), "{\"content\":[1,2]}");
     EXPECT_EQ(buildJsonRecord({{"operation", "Publish"}, {"channel", "/a\"b"}}, "{\"x\":1}"),
               "{\"operation\":\"Publish\",\"channel\":\"/a\"b\",\"content\":{\"x\":1}}");
     const std::string big(10000, 'x');
     EXPECT_EQ(buildJsonRecord({{"t", big}}, "0").size(), big.size() + 20);
-}
 
-TEST(DiagnosticLogger, JsonLoggerPushesFixedLineWithJsonAttribute) {
     orvale::test::LogCapture capture;
     basic_diagnostic_logger<char, json_tagger> logger("connector::message_service::svc");
     logger.log(trace, {{"operation", "Publish"}, {"channel", "/a"}}, "{\"v\":1}");
@@ -69,12 +69,6 @@ TEST(DiagnosticLogger, JsonLoggerPushesFixedLineWithJsonAttribute) {
     setEnabledMask(error);
     logger.log(trace, {{"operation", "Publish"}}, "1");
     EXPECT_EQ(capture.records().size(), 1u);
-}
-
-TEST(DiagnosticLogger, ModuleLoggerAndDemangler) {
-    EXPECT_EQ(connector::message_service::moduleLogger().name(), "connector::message_service");
-    EXPECT_EQ(typeName(connector::message_service::SubscribeEvent("/a")),
-              "connector::message_service::SubscribeEvent");
 }
 
 }  // namespace

@@ -19,39 +19,49 @@ std::string errorText(const std::function<void()>& action) {
     return "no exception";
 }
 
-TEST(Future, ValueAndExceptionReachGet) {
+TEST(Future, ValuesExceptionsAndBoundedWaits) {
     Promise<std::string> promise;
     auto future = promise.getFuture();
+    EXPECT_FALSE(future.waitFor(std::chrono::milliseconds(10)));
     promise.setValue("hello");
+    EXPECT_TRUE(future.waitFor(std::chrono::milliseconds(10)));
     EXPECT_EQ(future.get(), "hello");
 
     Promise<int> failing;
     auto failed = failing.getFuture();
     failing.setException(std::make_exception_ptr(std::invalid_argument("bad")));
     EXPECT_THROW(failed.get(), std::invalid_argument);
+
+    Promise<void> done;
+    auto voidFuture = done.getFuture();
+    done.setValue();
+    EXPECT_NO_THROW(voidFuture.get());
+    auto pointer = makeReadyFuture<std::unique_ptr<int>>(std::make_unique<int>(9));
+    EXPECT_EQ(pointer.then([](Future<std::unique_ptr<int>>&& f) { return *f.get() * 2; }).get(),
+              18);
 }
 
 TEST(Future, MisuseTextsAreExact) {
+    const std::string resolved = "Promise already resolved.";
+    const std::string gotten =
+        "Future already returned it's value or has an associated continuation.";
+    const std::string continued =
+        "Future already has returned it's value or has an associated continuation.";
     Promise<int> promise;
     auto future = promise.getFuture();
     EXPECT_EQ(errorText([&] { promise.getFuture(); }), "Promise already returned a future.");
     promise.setValue(1);
-    EXPECT_EQ(errorText([&] { promise.setValue(2); }), "Promise already resolved.");
-    EXPECT_EQ(errorText([&] { promise.setException(std::runtime_error("x")); }),
-              "Promise already resolved.");
+    EXPECT_EQ(errorText([&] { promise.setValue(2); }), resolved);
+    EXPECT_EQ(errorText([&] { promise.setException(std::runtime_error("x")); }), resolved);
     EXPECT_EQ(future.get(), 1);
-    EXPECT_EQ(errorText([&] { future.get(); }),
-              "Future already returned it's value or has an associated continuation.");
-    EXPECT_EQ(errorText([&] { future.then([](Future<int>&&) {}); }),
-              "Future already has returned it's value or has an associated continuation.");
+    EXPECT_EQ(errorText([&] { future.get(); }), gotten);
+    EXPECT_EQ(errorText([&] { future.then([](Future<int>&&) {}); }), continued);
 
     Promise<int> chained;
     auto withContinuation = chained.getFuture();
     withContinuation.then([](Future<int>&& f) { return f.get(); });
-    EXPECT_EQ(errorText([&] { withContinuation.then([](Future<int>&&) {}); }),
-              "Future already has returned it's value or has an associated continuation.");
-    EXPECT_EQ(errorText([&] { withContinuation.get(); }),
-              "Future already returned it's value or has an associated continuation.");
+    EXPECT_EQ(errorText([&] { withContinuation.then([](Future<int>&&) {}); }), continued);
+    EXPECT_EQ(errorText([&] { withContinuation.get(); }), gotten);
 
     Future<int> moved = std::move(withContinuation);
     EXPECT_EQ(errorText([&] { withContinuation.get(); }), "Future state isn't valid!");
@@ -62,45 +72,34 @@ TEST(Future, MisuseTextsAreExact) {
 }
 
 TEST(Future, AbandonedPromiseFailsTheFutureAndRunsContinuation) {
-    Future<int> future;
-    {
-        Promise<int> promise;
-        future = promise.getFuture();
-    }
-    EXPECT_EQ(errorText([&] { future.get(); }), "Promise destroyed before it provided a value.");
-
+    const std::string abandoned = "Promise destroyed before it provided a value.";
+    Future<int> future, kept;
     std::string seen;
     {
-        Promise<int> promise;
-        promise.getFuture().then([&](Future<int>&& f) { seen = errorText([&] { f.get(); }); });
+        Promise<int> promise, resolved, continued;
+        future = promise.getFuture();
+        kept = resolved.getFuture();
+        resolved.setValue(7);
+        continued.getFuture().then([&](Future<int>&& f) { seen = errorText([&] { f.get(); }); });
     }
-    EXPECT_EQ(seen, "Promise destroyed before it provided a value.");
-
-    // A resolved promise is destroyed silently.
-    Future<int> kept;
-    {
-        Promise<int> promise;
-        kept = promise.getFuture();
-        promise.setValue(7);
-    }
-    EXPECT_EQ(kept.get(), 7);
+    EXPECT_EQ(errorText([&] { future.get(); }), abandoned);
+    EXPECT_EQ(seen, abandoned);
+    EXPECT_EQ(kept.get(), 7) << "a resolved promise is destroyed silently";
 }
 
-TEST(Future, ThenOnResolvedStateRunsBeforeReturningOnCallingThread) {
-    auto future = makeReadyFuture<int>(20);
+// A continuation runs at once on the calling thread when the value is there, else on the
+// thread that resolves; continuations chain.
+TEST(Future, ContinuationRunsWhereTheValueArrivesAndChains) {
     std::thread::id ranOn;
-    auto next = future.then([&](Future<int>&& f) {
+    auto next = makeReadyFuture<int>(20).then([&](Future<int>&& f) {
         ranOn = std::this_thread::get_id();
         return f.get() + 1;
     });
     EXPECT_EQ(ranOn, std::this_thread::get_id());
     ASSERT_TRUE(next.waitFor(std::chrono::milliseconds(0)));
     EXPECT_EQ(next.get(), 21);
-}
 
-TEST(Future, ContinuationRunsOnResolvingThreadAndChains) {
     Promise<int> promise;
-    std::thread::id ranOn;
     auto chained = promise.getFuture()
                        .then([&](Future<int>&& f) {
                            ranOn = std::this_thread::get_id();
@@ -120,7 +119,6 @@ TEST(Future, ThrowingContinuationFailsItsFutureWithThatException) {
     };
     auto result = makeReadyFuture<int>(1).then([](Future<int>&&) -> int { throw Custom("boom"); });
     EXPECT_THROW(result.get(), Custom);
-
     // An upstream failure passes through a continuation that calls get().
     auto passed =
         makeFailedFuture<int>(std::invalid_argument("upstream")).then([](Future<int>&& f) {
@@ -143,26 +141,6 @@ TEST(Future, CancelledStateDropsValuesAndGetThrows) {
     auto tail = head.then([](Future<int>&& f) { return f.get(); });
     head.cancel();
     EXPECT_EQ(errorText([&] { tail.get(); }), "Promise destroyed before it provided a value.");
-}
-
-TEST(Future, VoidAndMoveOnlyValues) {
-    Promise<void> done;
-    auto future = done.getFuture();
-    done.setValue();
-    EXPECT_NO_THROW(future.get());
-
-    auto pointer = makeReadyFuture<std::unique_ptr<int>>(std::make_unique<int>(9));
-    auto doubled = pointer.then([](Future<std::unique_ptr<int>>&& f) { return *f.get() * 2; });
-    EXPECT_EQ(doubled.get(), 18);
-}
-
-TEST(Future, WaitForIsBoundedAndConsumesNothing) {
-    Promise<int> promise;
-    auto future = promise.getFuture();
-    EXPECT_FALSE(future.waitFor(std::chrono::milliseconds(10)));
-    promise.setValue(4);
-    EXPECT_TRUE(future.waitFor(std::chrono::milliseconds(10)));
-    EXPECT_EQ(future.get(), 4);
 }
 
 TEST(Future, FlattenUnwrapsValueAndBothFailures) {
@@ -211,10 +189,7 @@ TEST(Future, ManyWaitersAreAllWoken) {
     std::vector<std::thread> waiters;
     std::atomic<int> woken{0};
     for (int i = 0; i < 4; ++i)
-        waiters.emplace_back([&] {
-            if (future.waitFor(std::chrono::seconds(5)))
-                ++woken;
-        });
+        waiters.emplace_back([&] { woken += future.waitFor(std::chrono::seconds(5)); });
     gate.setValue();
     for (auto& t : waiters)
         t.join();

@@ -6,16 +6,17 @@
 
 #include "connector/message_service/server_delegate.h"
 #include "failure_text.h"
+#include "inbox.h"
 #include "log_capture.h"
 
 namespace connector::message_service {
 namespace {
 
-using orvale::test::failureText;
-
 using bayeux::PublishRequest;
 using bayeux::SubscribeRequest;
 using bayeux::UnsubscribeRequest;
+using orvale::test::failureText;
+using Strings = std::vector<std::string>;
 
 // Records what a session hands to its server; delivery is driven by the tests themselves.
 class RecordingServer : public bayeux::BayeuxServer {
@@ -25,28 +26,22 @@ class RecordingServer : public bayeux::BayeuxServer {
         ++unregistrations;
     }
     void acceptUnsubscribe(std::shared_ptr<const UnsubscribeRequest> r) override {
-        std::lock_guard<std::mutex> lock(mutex);
         unsubscribes.push_back(std::move(r));
     }
     void acceptSubscribe(std::shared_ptr<const SubscribeRequest> r) override {
-        std::lock_guard<std::mutex> lock(mutex);
         subscribes.push_back(std::move(r));
     }
     void acceptPublish(std::shared_ptr<const PublishRequest> r) override {
-        std::lock_guard<std::mutex> lock(mutex);
         publishes.push_back(std::move(r));
     }
-    std::atomic<int> registrations{0};
-    std::atomic<int> unregistrations{0};
-    std::mutex mutex;
+    int registrations = 0, unregistrations = 0;
     std::vector<std::shared_ptr<const UnsubscribeRequest>> unsubscribes;
     std::vector<std::shared_ptr<const SubscribeRequest>> subscribes;
     std::vector<std::shared_ptr<const PublishRequest>> publishes;
 };
 
-std::shared_ptr<const PublishRequest> published(const std::string& wireChannel,
-                                                const std::string& json) {
-    return std::make_shared<PublishRequest>(wireChannel, common::DataBuffer(json));
+std::shared_ptr<const PublishRequest> published(const std::string& wire, const std::string& json) {
+    return std::make_shared<PublishRequest>(wire, common::DataBuffer(json));
 }
 
 class ServerImplTest : public ::testing::Test {
@@ -54,91 +49,99 @@ class ServerImplTest : public ::testing::Test {
     std::shared_ptr<MessageServiceServerImpl> make(const std::string& name = "svc") {
         return std::make_shared<MessageServiceServerImpl>(name, server);
     }
+    // Subscribes `s`; deliveries are noted in `seen` as "<tag> <channel> <json>".
+    std::shared_ptr<Subscription> subscribed(const std::shared_ptr<MessageServiceServerImpl>& s,
+                                             const std::string& pattern, const std::string& tag) {
+        return s
+            ->subscribe(pattern,
+                        [this, tag](const JsonMessage& m) {
+                            seen.push_back(tag + " " + m.getChannel() + " " + m.getJson());
+                        })
+            .get();
+    }
+    std::shared_ptr<Subscription> watch(const std::shared_ptr<MessageServiceServerImpl>& s) {
+        return s->listenStateChange(states.stateSink()).get();
+    }
+
     std::shared_ptr<RecordingServer> server = std::make_shared<RecordingServer>();
+    Strings seen;
+    orvale::test::Inbox states;  // "FROM->TO" for each state change watched
+    orvale::test::LogCapture capture;
 };
 
 // Two services of one name are two sessions of the server: their ids differ.
-TEST_F(ServerImplTest, ConstructionStateAndIds) {
-    auto a = make("same");
-    auto b = make("same");
-    EXPECT_EQ(a->getState(), ConnectionState::CONNECTED);
-    EXPECT_NE(a->getId(), b->getId());
-    EXPECT_EQ(a->getContext(), nullptr) << "no transport behind a server service";
+TEST_F(ServerImplTest, ConstructionStateAndLazyRegistration) {
+    auto service = make("same");
+    EXPECT_EQ(service->getState(), ConnectionState::CONNECTED);
+    EXPECT_NE(service->getId(), make("same")->getId());
+    EXPECT_EQ(service->getContext(), nullptr) << "no transport behind a server service";
     EXPECT_THROW(MessageServiceServerImpl("x", nullptr), std::invalid_argument);
-}
 
-TEST_F(ServerImplTest, RegistersLazilyOnceAndAgainAfterDisconnect) {
-    auto service = make();
     service->publish("/a", "1").get();
     EXPECT_EQ(server->registrations, 0) << "publishing does not register";
-    auto s1 = service->subscribe("/a", [](const JsonMessage&) {}).get();
+    auto s1 = subscribed(service, "/a", "a");
     auto s2 = service->listenSubscribe("/a", [](const SubscribeEvent&) {}).get();
     auto s3 = service->listenUnsubscribe("/a", [](const UnsubscribeEvent&) {}).get();
     EXPECT_EQ(server->registrations, 1);
     service->disconnect().get();
     EXPECT_EQ(server->unregistrations, 1);
-    auto s4 = service->subscribe("/b", [](const JsonMessage&) {}).get();
-    EXPECT_EQ(server->registrations, 2);
+    auto s4 = subscribed(service, "/b", "b");
+    EXPECT_EQ(server->registrations, 2) << "registers again after a disconnect";
 }
 
 TEST_F(ServerImplTest, DisconnectNotifiesTwiceAndUnsubscribesEverySubscription) {
     auto service = make();
-    std::vector<std::pair<ConnectionState, ConnectionState>> events;
-    auto listener = service
-                        ->listenStateChange([&](const StateChangeEvent& e) {
-                            events.emplace_back(e.previousState, e.newState);
-                        })
-                        .get();
-    EXPECT_TRUE(events.empty()) << "registering does not call the listener";
-    int calls = 0;
-    auto a1 = service->subscribe("/a", [&](const JsonMessage&) { ++calls; }).get();
-    auto a2 = service->subscribe("/a", [&](const JsonMessage&) { ++calls; }).get();
-    auto b = service->subscribe("/b/*", [](const JsonMessage&) {}).get();
+    auto listener = watch(service);
+    EXPECT_EQ(states.size(), 0u) << "registering does not call the listener";
+    auto a1 = subscribed(service, "/a", "a1");
+    auto a2 = subscribed(service, "/a", "a2");
+    auto b = subscribed(service, "/b/*", "b");
     service->deliver({"/orvale/a"}, published("/orvale/a", "0"));
-    EXPECT_EQ(calls, 2);
-    calls = 0;
+    EXPECT_EQ(seen, (Strings{"a1 /a 0", "a2 /a 0"}));
     EXPECT_TRUE(service->disconnect().get().success);
-    ASSERT_EQ(events.size(), 2u);
-    EXPECT_EQ(events[0],
-              std::make_pair(ConnectionState::CONNECTED, ConnectionState::DISCONNECTING));
-    EXPECT_EQ(events[1],
-              std::make_pair(ConnectionState::DISCONNECTING, ConnectionState::DISCONNECTED));
+    EXPECT_EQ(states.snapshot(),
+              (Strings{"CONNECTED->DISCONNECTING", "DISCONNECTING->DISCONNECTED"}));
     ASSERT_EQ(server->unsubscribes.size(), 3u);
-    int onA = 0;
+    Strings channels;
     for (auto& r : server->unsubscribes) {
-        onA += r->getChannel() == "/orvale/a";
+        channels.push_back(r->getChannel());
         EXPECT_EQ(r->getClientId(), service->getId());
     }
-    EXPECT_EQ(onA, 2);
+    std::sort(channels.begin(), channels.end());
+    EXPECT_EQ(channels, (Strings{"/orvale/a", "/orvale/a", "/orvale/b/*"}));
     // Nothing is delivered any more, and publishing is refused.
+    seen.clear();
     service->deliver({"/orvale/a"}, published("/orvale/a", "1"));
-    EXPECT_EQ(calls, 0);
+    EXPECT_TRUE(seen.empty());
     EXPECT_EQ(failureText(service->publish("/a", "1")), "MessageService is not connected.");
     // A second disconnect goes through both states again.
     service->disconnect().get();
-    EXPECT_EQ(events.size(), 4u);
+    EXPECT_EQ(states.size(), 4u);
 }
 
-TEST_F(ServerImplTest, ThrowingStateListenerIsLoggedAndOthersRun) {
-    orvale::test::LogCapture capture;
+TEST_F(ServerImplTest, StateListenersThrowSafelyAndCancelById) {
     auto service = make();
-    int second = 0;
-    auto l1 =
+    auto thrower =
         service->listenStateChange([](const StateChangeEvent&) { throw std::runtime_error("bad"); })
             .get();
-    auto l2 = service->listenStateChange([&](const StateChangeEvent&) { ++second; }).get();
+    auto counted = watch(service);
     service->disconnect().get();
-    EXPECT_EQ(second, 2);
+    EXPECT_EQ(states.size(), 2u);
     EXPECT_TRUE(
         capture.contains("Error executing state change listener: CONNECTED->DISCONNECTING, bad"));
     EXPECT_EQ(capture.count("Error executing state change listener: "), 2u);
+    // A listener's id cancels it through unsubscribeId; unknown ids succeed too.
+    EXPECT_TRUE(service->unsubscribeId(1, nullptr).get().success);
+    EXPECT_TRUE(service->unsubscribeId(99, nullptr).get().success);
+    EXPECT_TRUE(server->unsubscribes.empty());
+    service->disconnect().get();
+    EXPECT_EQ(states.size(), 2u);
 }
 
 TEST_F(ServerImplTest, EachSubscriptionSendsItsOwnRequests) {
     auto service = make();
-    int first = 0, second = 0;
-    auto s1 = service->subscribe("/a", [&](const JsonMessage&) { ++first; }).get();
-    auto s2 = service->subscribe("/a", [&](const JsonMessage&) { ++second; }).get();
+    auto s1 = subscribed(service, "/a", "1");
+    auto s2 = subscribed(service, "/a", "2");
     ASSERT_EQ(server->subscribes.size(), 2u);
     EXPECT_EQ(server->subscribes[0]->getChannel(), "/orvale/a");
     EXPECT_EQ(server->subscribes[1]->getClientId(), service->getId());
@@ -146,31 +149,17 @@ TEST_F(ServerImplTest, EachSubscriptionSendsItsOwnRequests) {
     ASSERT_EQ(server->unsubscribes.size(), 1u);
     EXPECT_EQ(server->unsubscribes[0]->getChannel(), "/orvale/a");
     service->deliver({"/orvale/a"}, published("/orvale/a", "1"));
-    EXPECT_EQ(first, 0);
-    EXPECT_EQ(second, 1);
+    EXPECT_EQ(seen, Strings{"2 /a 1"});
     s2.reset();  // dropping the handle cancels too
     EXPECT_EQ(server->unsubscribes.size(), 2u);
-}
 
-TEST_F(ServerImplTest, StateListenerIdCancelsThroughUnsubscribeId) {
-    auto service = make();
-    int calls = 0;
-    auto handle = service->listenStateChange([&](const StateChangeEvent&) { ++calls; }).get();
-    EXPECT_TRUE(service->unsubscribeId(0, nullptr).get().success);
-    EXPECT_TRUE(server->unsubscribes.empty());
-    EXPECT_TRUE(service->unsubscribeId(99, nullptr).get().success);
-    service->disconnect().get();
-    EXPECT_EQ(calls, 0);
-}
-
-TEST_F(ServerImplTest, CancellingAListenerThatHoldsAHandleOfTheSameService) {
-    auto service = make();
-    auto channel = service->subscribe("/a", [](const JsonMessage&) {}).get();
+    // A listener holding the only handle of another subscription: cancelling it cancels that.
+    auto channel = subscribed(service, "/c", "c");
     auto listener = service->listenSubscribe("/b", [channel](const SubscribeEvent&) {}).get();
     channel.reset();
     listener->unsubscribe().get();
-    ASSERT_EQ(server->unsubscribes.size(), 1u);
-    EXPECT_EQ(server->unsubscribes[0]->getChannel(), "/orvale/a");
+    ASSERT_EQ(server->unsubscribes.size(), 3u);
+    EXPECT_EQ(server->unsubscribes[2]->getChannel(), "/orvale/c");
 }
 
 TEST_F(ServerImplTest, ChannelChecksOfOrdinaryAndSharedServices) {
@@ -196,7 +185,6 @@ TEST_F(ServerImplTest, ChannelChecksOfOrdinaryAndSharedServices) {
 }
 
 TEST_F(ServerImplTest, PublishHandsThePrefixedRequestToTheServerAndLogsJson) {
-    orvale::test::LogCapture capture;
     auto service = make();
     auto context = std::make_shared<common::ContextState>();
     EXPECT_TRUE(service->publishWithContext("/x/y", "{\"v\":1}", context).get().success);
@@ -214,29 +202,18 @@ TEST_F(ServerImplTest, PublishHandsThePrefixedRequestToTheServerAndLogsJson) {
 
 TEST_F(ServerImplTest, DeliveryOncePerListedChannelInOrder) {
     auto service = make();
-    std::vector<std::string> seen;
-    auto exact = service
-                     ->subscribe("/a/b",
-                                 [&](const JsonMessage& m) {
-                                     seen.push_back("exact " + m.getChannel() + " " + m.getJson());
-                                 })
-                     .get();
-    auto wild =
-        service
-            ->subscribe("/a/*",
-                        [&](const JsonMessage& m) { seen.push_back("wild " + m.getChannel()); })
-            .get();
+    auto exact = subscribed(service, "/a/b", "exact");
+    auto wild = subscribed(service, "/a/*", "wild");
     service->deliver({"/orvale/a/*", "/orvale/a/b", "/orvale/a/b"},
                      published("/orvale/a/b", "[1]"));
-    EXPECT_EQ(seen, (std::vector<std::string>{"wild /a/b", "exact /a/b [1]", "exact /a/b [1]"}));
+    EXPECT_EQ(seen, (Strings{"wild /a/b [1]", "exact /a/b [1]", "exact /a/b [1]"}));
     EXPECT_THROW(service->deliver({}, published("/short", "1")), std::out_of_range);
 }
 
 TEST_F(ServerImplTest, CallbackMayCancelItselfAndThrowingCallbacksAreLogged) {
-    orvale::test::LogCapture capture;
     auto service = make();
     std::shared_ptr<Subscription> self;
-    int selfCalls = 0, laterCalls = 0;
+    int selfCalls = 0;
     self = service
                ->subscribe("/a",
                            [&](const JsonMessage&) {
@@ -245,31 +222,25 @@ TEST_F(ServerImplTest, CallbackMayCancelItselfAndThrowingCallbacksAreLogged) {
                                throw std::runtime_error("oops");
                            })
                .get();
-    auto later = service->subscribe("/a", [&](const JsonMessage&) { ++laterCalls; }).get();
+    auto later = subscribed(service, "/a", "later");
     auto unknown = service->subscribe("/a", [](const JsonMessage&) { throw 42; }).get();
     service->deliver({"/orvale/a"}, published("/orvale/a", "1"));
     service->deliver({"/orvale/a"}, published("/orvale/a", "2"));
     EXPECT_EQ(selfCalls, 1);
-    EXPECT_EQ(laterCalls, 2);
+    EXPECT_EQ(seen, (Strings{"later /a 1", "later /a 2"}));
     EXPECT_TRUE(capture.contains("Caught exception from subscription callback: /a, oops"));
     EXPECT_EQ(capture.count("Caught unknown exception from subscription callback: /a"), 2u);
 }
 
 TEST_F(ServerImplTest, SlowCallbackWarnsTwiceFastOneDoesNot) {
-    orvale::test::LogCapture capture;
     auto service = make();
-    auto slow = service
-                    ->subscribe("/slow",
-                                [](const JsonMessage&) {
-                                    std::this_thread::sleep_for(std::chrono::milliseconds(150));
-                                })
-                    .get();
-    auto fast = service
-                    ->subscribe("/fast",
-                                [](const JsonMessage&) {
-                                    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-                                })
-                    .get();
+    auto sleeping = [](int ms) {
+        return [ms](const JsonMessage&) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+        };
+    };
+    auto slow = service->subscribe("/slow", sleeping(150)).get();
+    auto fast = service->subscribe("/fast", sleeping(50)).get();
     service->deliver({"/orvale/fast"}, published("/orvale/fast", "1"));
     EXPECT_EQ(capture.count("Callback took longer than expected"), 0u);
     service->deliver({"/orvale/slow"}, published("/orvale/slow", "{\"s\":1}"));
@@ -281,58 +252,58 @@ TEST_F(ServerImplTest, SlowCallbackWarnsTwiceFastOneDoesNot) {
 }
 
 TEST_F(ServerImplTest, ListenersSeeMatchingRequestsWithoutPrefix) {
-    orvale::test::LogCapture capture;
     auto service = make();
-    std::vector<std::string> one, any, unsubs;
-    auto l1 = service
-                  ->listenSubscribe("/a/*",
-                                    [&](const SubscribeEvent& e) { one.push_back(e.getChannel()); })
-                  .get();
-    auto l2 = service
-                  ->listenSubscribe("/a/**",
-                                    [&](const SubscribeEvent& e) { any.push_back(e.getChannel()); })
-                  .get();
+    auto listen = [&](const std::string& pattern, const std::string& tag) {
+        return service
+            ->listenSubscribe(pattern,
+                              [this, tag](const SubscribeEvent& e) {
+                                  seen.push_back(tag + " " + e.getChannel());
+                              })
+            .get();
+    };
+    auto l1 = listen("/a/*", "one");
+    auto l2 = listen("/a/**", "any");
     auto l3 = service
-                  ->listenUnsubscribe(
-                      "/a/b", [&](const UnsubscribeEvent& e) { unsubs.push_back(e.getChannel()); })
+                  ->listenUnsubscribe("/a/b",
+                                      [this](const UnsubscribeEvent& e) {
+                                          seen.push_back("unsubscribe " + e.getChannel());
+                                      })
                   .get();
     auto thrower =
         service
             ->listenSubscribe("/x", [](const SubscribeEvent&) { throw std::runtime_error("no"); })
             .get();
-    service->deliver(std::make_shared<SubscribeRequest>("/orvale/a/b/c", "other"));
-    service->deliver(std::make_shared<SubscribeRequest>("/orvale/a/b", "other"));
+    for (const char* wire : {"/orvale/a/b/c", "/orvale/a/b", "/orvale", "/orvale/x"})
+        service->deliver(std::make_shared<SubscribeRequest>(wire, "other"));
     service->deliver(std::make_shared<UnsubscribeRequest>("/orvale/a/b", "other"));
-    service->deliver(std::make_shared<SubscribeRequest>("/orvale", "other"));
-    service->deliver(std::make_shared<SubscribeRequest>("/orvale/x", "other"));
-    EXPECT_EQ(one, (std::vector<std::string>{"/a/b"}));
-    EXPECT_EQ(any, (std::vector<std::string>{"/a/b/c", "/a/b"}));
-    EXPECT_EQ(unsubs, (std::vector<std::string>{"/a/b"}));
+    EXPECT_EQ(seen, (Strings{"any /a/b/c", "one /a/b", "any /a/b", "unsubscribe /a/b"}));
     EXPECT_TRUE(capture.contains("Error executing subscribe listener: /x, no"));
 }
 
 TEST(ServerMatching, WildcardsCountOnlyAsTheLastSegment) {
-    using S = MessageServiceServerImpl;
-    EXPECT_TRUE(S::matches("/a/b", "/a/b"));
-    EXPECT_TRUE(S::matches("/a/b", "/a/*"));
-    EXPECT_FALSE(S::matches("/a/b/c", "/a/*"));
-    EXPECT_FALSE(S::matches("/a", "/a/*"));
-    EXPECT_TRUE(S::matches("/a/b/c", "/a/**"));
-    EXPECT_FALSE(S::matches("/a", "/a/**"));
-    EXPECT_FALSE(S::matches("/a/b", "/a*"));
-    EXPECT_FALSE(S::matches("/a/b/c", "/a/*/c"));
+    const std::pair<const char*, const char*> matching[] = {
+        {"/a/b", "/a/b"}, {"/a/b", "/a/*"}, {"/a/b/c", "/a/**"}};
+    const std::pair<const char*, const char*> other[] = {
+        {"/a/b/c", "/a/*"}, {"/a", "/a/*"}, {"/a", "/a/**"}, {"/a/b", "/a*"}, {"/a/b/c", "/a/*/c"}};
+    for (const auto& [channel, pattern] : matching)
+        EXPECT_TRUE(MessageServiceServerImpl::matches(channel, pattern)) << channel << pattern;
+    for (const auto& [channel, pattern] : other)
+        EXPECT_FALSE(MessageServiceServerImpl::matches(channel, pattern)) << channel << pattern;
 }
 
 TEST(ServerDelegate, InstancesByNameAndTheSharedInstance) {
-    auto server = std::make_shared<RecordingServer>();
-    auto delegate = std::make_shared<MessageServiceFactoryServerDelegate>(server);
+    auto delegate =
+        std::make_shared<MessageServiceFactoryServerDelegate>(std::make_shared<RecordingServer>());
+    auto idOf = [](const std::shared_ptr<MessageService>& s) {
+        return std::dynamic_pointer_cast<MessageServiceServerImpl>(s)->getId();
+    };
     auto a = delegate->createMessageService("a", {}).get();
     EXPECT_EQ(delegate->createMessageService("a", {}).get(), a);
     EXPECT_EQ(delegate->getMessageService("a"), a);
-    const std::string firstId = std::dynamic_pointer_cast<MessageServiceServerImpl>(a)->getId();
+    const std::string firstId = idOf(a);
     a.reset();
     auto again = delegate->createMessageService("a", {}).get();
-    EXPECT_NE(std::dynamic_pointer_cast<MessageServiceServerImpl>(again)->getId(), firstId);
+    EXPECT_NE(idOf(again), firstId);
 
     std::weak_ptr<MessageService> shared = delegate->createMessageService("shared", {}).get();
     EXPECT_FALSE(shared.expired()) << "the delegate keeps the shared instance";
@@ -345,19 +316,16 @@ TEST(ServerDelegate, InstancesByNameAndTheSharedInstance) {
     EXPECT_EQ(failureText(delegate->createMessageService("a b", {})),
               "Message service name must be alpha numeric ([_:-] also allowed): a b");
 
-    std::vector<ConnectionState> sharedStates, againStates;
+    // Destroying the delegate disconnects every instance, the shared one included.
+    std::vector<ConnectionState> last(2);
     auto l1 = shared.lock()
-                  ->listenStateChange(
-                      [&](const StateChangeEvent& e) { sharedStates.push_back(e.newState); })
+                  ->listenStateChange([&](const StateChangeEvent& e) { last[0] = e.newState; })
                   .get();
-    auto l2 = again
-                  ->listenStateChange(
-                      [&](const StateChangeEvent& e) { againStates.push_back(e.newState); })
-                  .get();
+    auto l2 =
+        again->listenStateChange([&](const StateChangeEvent& e) { last[1] = e.newState; }).get();
     delegate.reset();
     EXPECT_TRUE(shared.expired());
-    EXPECT_EQ(againStates.back(), ConnectionState::DISCONNECTED);
-    EXPECT_EQ(sharedStates.back(), ConnectionState::DISCONNECTED);
+    EXPECT_EQ(last, std::vector<ConnectionState>(2, ConnectionState::DISCONNECTED));
 }
 
 }  // namespace

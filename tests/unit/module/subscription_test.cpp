@@ -21,37 +21,26 @@ class RecordingService : public Unsubscribeable {
     std::vector<std::pair<std::uint64_t, std::shared_ptr<common::ContextState>>> calls;
 };
 
-TEST(Subscription, DroppingTheHandleCancelsOnceWithItsContext) {
+TEST(Subscription, CancelsOnceWithItsContextAndSucceedsAtOnceAfterwards) {
     auto service = std::make_shared<RecordingService>();
     auto context = std::make_shared<common::ContextState>();
-    { auto handle = std::make_shared<SubscriptionImpl2>(7, service, context); }
+    { auto dropped = std::make_shared<SubscriptionImpl2>(7, service, context); }
     ASSERT_EQ(service->calls.size(), 1u);
-    EXPECT_EQ(service->calls[0].first, 7u);
-    EXPECT_EQ(service->calls[0].second, context);
+    EXPECT_EQ(service->calls[0], std::make_pair(std::uint64_t{7}, context));
 
-    auto empty = std::make_shared<SubscriptionImpl2>(8, service, nullptr);
-    empty.reset();
-    ASSERT_EQ(service->calls.size(), 2u);
-    EXPECT_EQ(service->calls[1].second, nullptr);
-}
-
-TEST(Subscription, SecondUnsubscribeSucceedsWithoutReachingTheService) {
-    auto service = std::make_shared<RecordingService>();
-    SubscriptionImpl2 handle(1, service, nullptr);
+    SubscriptionImpl2 handle(8, service, nullptr);
     EXPECT_TRUE(handle.unsubscribe().get().success);
-    auto second = handle.unsubscribe();
-    ASSERT_TRUE(second.waitFor(std::chrono::milliseconds(0)));
-    EXPECT_TRUE(second.get().success);
-    EXPECT_EQ(service->calls.size(), 1u);
-}
-
-TEST(Subscription, HandleOutlivingItsServiceSucceedsAtOnce) {
-    auto service = std::make_shared<RecordingService>();
-    auto handle = std::make_shared<SubscriptionImpl2>(1, service, nullptr);
+    EXPECT_EQ(service->calls[1], std::make_pair(std::uint64_t{8}, decltype(context)()));
+    // Once cancelled, or once its service is gone, a handle succeeds without asking anyone.
+    auto orphan = std::make_shared<SubscriptionImpl2>(9, service, nullptr);
+    auto again = handle.unsubscribe();
+    EXPECT_EQ(service->calls.size(), 2u);
     service.reset();
-    auto result = handle->unsubscribe();
-    ASSERT_TRUE(result.waitFor(std::chrono::milliseconds(0)));
-    EXPECT_TRUE(result.get().success);
+    auto orphaned = orphan->unsubscribe();
+    for (auto* future : {&again, &orphaned}) {
+        ASSERT_TRUE(future->waitFor(std::chrono::milliseconds(0)));
+        EXPECT_TRUE(future->get().success);
+    }
 }
 
 TEST(Subscription, ConcurrentCancelsReachTheServiceOnce) {

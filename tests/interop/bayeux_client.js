@@ -1,0 +1,165 @@
+'use strict';
+// Faye's Node client or CometD's JavaScript client in a scripted exchange with a Bayeux server.
+//
+//   node bayeux_client.js faye|cometd URL exchange [--only long-polling] [--api-key K]
+//   node bayeux_client.js faye|cometd URL talk LISTEN PUBLISH COUNT [--api-key K]
+//
+// URL is http://host:port/path. Faye handshakes over long-polling and then moves to a WebSocket,
+// CometD starts on one; --only long-polling keeps both off WebSockets.
+// exchange: subscribes to an exact and a wildcard channel, publishes on both and receives,
+//   unsubscribes from the exact one, publishes on both again and receives only on the wildcard.
+// talk: subscribes to LISTEN, prints {"event":"ready"}, publishes {"from":PEER} on PUBLISH and
+//   prints each of COUNT messages received on LISTEN.
+// Both then disconnect. Every stdout line is a JSON object; the last is {"result":"ok",...} or
+// {"result":"error","message":...} (exit status 1). A run is bounded by 15 seconds.
+// Required as a module (by bench/faye_client_load.js) it gives Faye and the output helpers only.
+
+const faye = require('faye');
+const print = (object) => process.stdout.write(JSON.stringify(object) + '\n');
+function fail(message) {
+  print({result: 'error', message: String(message)});
+  process.exit(1);
+}
+module.exports = {faye, print, fail};
+if (require.main !== module) return;
+
+// Both clients behind one interface; `used` records the transport of the handshake and the last.
+function fayeClient(url, only, apiKey) {
+  const client = new faye.Client(url, {timeout: 30, retry: 1});
+  if (only === 'long-polling') client.disable('websocket');
+  const used = {handshake: null, last: null};
+  client.addExtension({
+    outgoing(message, callback) {
+      const type = client._dispatcher.connectionType;
+      if (message.channel !== '/meta/handshake') used.last = type;
+      else {
+        used.handshake = type;
+        if (apiKey) message.ext = Object.assign({}, message.ext, {orvapikey: apiKey});
+      }
+      callback(message);
+    },
+  });
+  return {
+    used,
+    handshake: async () => {},  // Faye handshakes with its first request
+    async subscribe(channel, push) {
+      const subscription = client.subscribe(channel, () => {}).withChannel(push);
+      await subscription;
+      return {subscription};  // wrapped: awaiting the thenable itself would unwrap it
+    },
+    unsubscribe: async (handle) => handle.subscription.cancel(),
+    publish: (channel, data) => client.publish(channel, data),
+    disconnect: () => client.disconnect(),
+  };
+}
+
+async function cometdClient(url, only, apiKey) {
+  const {adapt} = await import('cometd-nodejs-client');
+  const {CometD} = await import('cometd');
+  adapt();
+  const cometd = new CometD();
+  cometd.configure({url, logLevel: 'warn'});
+  if (only === 'long-polling') cometd.unregisterTransport('websocket');
+  // A CometD call taking a reply callback, as a promise of a successful reply.
+  const call = (what, start) => new Promise((resolve, reject) => start((reply) => {
+    if (reply && reply.successful) resolve(reply);
+    else reject(new Error(what + ' failed: ' + JSON.stringify(reply)));
+  }));
+  const used = {handshake: null, last: null};
+  return {
+    used,
+    async handshake() {
+      const props = apiKey ? {ext: {orvapikey: apiKey}} : {};
+      await call('handshake', (done) => cometd.handshake(props, done));
+      used.handshake = cometd.getTransport().type;
+    },
+    async subscribe(channel, push) {
+      let handle = null;
+      await call('subscribe ' + channel, (done) => {
+        handle = cometd.subscribe(channel, (m) => push(m.channel, m.data), done);
+      });
+      return handle;
+    },
+    unsubscribe: (handle) => call('unsubscribe', (done) => cometd.unsubscribe(handle, done)),
+    publish: (channel, data) => call('publish ' + channel, (done) => cometd.publish(channel, data, done)),
+    async disconnect() {
+      used.last = cometd.getTransport().type;
+      await call('disconnect', (done) => cometd.disconnect(done));
+    },
+  };
+}
+
+// Messages in arrival order, taken one at a time.
+function inbox() {
+  const messages = [];
+  let waiter = null;
+  return {
+    push(channel, data) {
+      messages.push({channel, data});
+      if (waiter) waiter();
+    },
+    pending: () => messages.length,
+    async next(ms) {
+      while (messages.length === 0) {
+        await new Promise((resolve, reject) => {
+          waiter = resolve;
+          setTimeout(() => reject(new Error('no message within ' + ms + ' ms')), ms).unref();
+        });
+      }
+      const message = messages.shift();
+      print({event: 'received', channel: message.channel, data: message.data});
+    },
+  };
+}
+
+async function exchange(client) {
+  const exact = inbox();
+  const wild = inbox();
+  const exactHandle = await client.subscribe('/orvale/interop/exact', exact.push);
+  await client.subscribe('/orvale/interop/wild/*', wild.push);
+  await client.publish('/orvale/interop/exact', {n: 1});
+  await client.publish('/orvale/interop/wild/a', {n: 2});
+  await exact.next(5000);
+  await wild.next(5000);
+  await client.unsubscribe(exactHandle);
+  await client.publish('/orvale/interop/exact', {n: 3});
+  await client.publish('/orvale/interop/wild/b', {n: 4});
+  await wild.next(5000);
+  // Deliveries keep publication order: the exact message would have come before this one.
+  if (exact.pending() !== 0) fail('received on /orvale/interop/exact after unsubscribing');
+}
+
+async function talk(client, peer, [listen, publish, count]) {
+  const box = inbox();
+  await client.subscribe(listen, box.push);
+  print({event: 'ready'});
+  await client.publish(publish, {from: peer});
+  for (let i = 0; i < Number(count || 1); i++) await box.next(10000);
+}
+
+(async () => {
+  const options = {only: null, apiKey: null};
+  const positional = [];
+  const argv = process.argv.slice(2);
+  for (let i = 0; i < argv.length; i++) {
+    if (argv[i] === '--only') options.only = argv[++i];
+    else if (argv[i] === '--api-key') options.apiKey = argv[++i];
+    else positional.push(argv[i]);
+  }
+  const [peer, url, scenario, ...rest] = positional;
+  const make = {faye: fayeClient, cometd: cometdClient}[peer];
+  if (!make || !url || !['exchange', 'talk'].includes(scenario))
+    fail('usage: bayeux_client.js faye|cometd URL exchange|talk ...');
+  setTimeout(() => fail('timed out'), 15000).unref();
+  try {
+    const client = await make(url, options.only, options.apiKey);
+    await client.handshake();
+    if (scenario === 'exchange') await exchange(client);
+    else await talk(client, peer, rest);
+    await client.disconnect();
+    print({result: 'ok', handshakeTransport: client.used.handshake, transport: client.used.last});
+    process.exit(0);
+  } catch (e) {
+    fail(e && e.message ? e.message : e);
+  }
+})();
