@@ -10,6 +10,7 @@
 
 #include "child_process.h"
 #include "log_capture.h"
+#include "test_certificates.h"
 
 namespace orvale::test {
 

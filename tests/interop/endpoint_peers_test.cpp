@@ -97,6 +97,22 @@ TEST_P(PeersTest, ScriptedExchangeWithServe) {
     EXPECT_EQ(text(resultOf(*accepted), "result"), "ok");
 }
 
+// The same exchange over TLS, https:// and wss://, with the peer trusting the test CA only.
+TEST_P(PeersTest, ScriptedExchangeOverTls) {
+    TestCertificates certificates;
+    ServeProcess secure(
+        {"--cert", certificates.dir + "/server.pem", "--key", certificates.dir + "/server.key"});
+    const std::string url = "https://localhost" + secure.url.substr(secure.url.rfind(':'));
+    ::setenv("NODE_EXTRA_CA_CERTS", (certificates.dir + "/ca.pem").c_str(), 1);
+    auto client = node("bayeux_client.js", {peer, url, "exchange"});
+    ::unsetenv("NODE_EXTRA_CA_CERTS");
+    ASSERT_EQ(run(*client), 0) << client->errors();
+    const auto result = resultOf(*client);
+    ASSERT_EQ(text(result, "result"), "ok") << boost::json::serialize(result);
+    EXPECT_EQ(text(result, "transport"), "websocket");
+    EXPECT_EQ(received(*client).size(), 3u);
+}
+
 TEST_P(PeersTest, TalkWithAServerServiceInTheHubProcess) {
     HubInProcess hub;
     auto client = node("bayeux_client.js", hub.talk(peer, "/orvale/desk/in"));

@@ -14,6 +14,7 @@
 #include "child_process.h"
 #include "failure_text.h"
 #include "log_capture.h"
+#include "test_certificates.h"
 
 namespace connector::bayeux {
 namespace {
@@ -199,36 +200,9 @@ TEST(WebSocketTransportWithFaye, RunsAWholeBayeuxSession) {
     EXPECT_EQ(rejected->getAdvice()->reconnect, "handshake");
 }
 
-// A CA and a server certificate for "localhost" made with the openssl command line.
-class TestCertificates {
-  public:
-    TestCertificates() {
-        char pattern[] = "/tmp/orvale-tls-XXXXXX";
-        if (!::mkdtemp(pattern))
-            throw std::runtime_error("mkdtemp failed");
-        dir = pattern;
-        std::ofstream(dir + "/server.ext")
-            << "subjectAltName=DNS:localhost\nbasicConstraints=CA:FALSE\n"
-               "extendedKeyUsage=serverAuth\n";
-        const std::string ec = " -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes";
-        run("openssl req -x509" + ec +
-            " -keyout ca.key -out ca.pem -days 2 -subj '/CN=orvale test CA'");
-        run("openssl req" + ec + " -keyout server.key -out server.csr -subj '/CN=localhost'");
-        run("openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial"
-            " -out server.pem -days 2 -extfile server.ext");
-    }
-    ~TestCertificates() { run("rm -rf '" + dir + "'", false); }
-    void run(const std::string& command, bool mustSucceed = true) const {
-        if (std::system(("cd '" + dir + "' && " + command + " >/dev/null 2>&1").c_str()) != 0 &&
-            mustSucceed)
-            throw std::runtime_error("failed: " + command);
-    }
-    std::string dir;
-};
-
 TEST(WebSocketTransportWithFaye, SecureWebSocketVerifiesTheServer) {
     ORVALE_REQUIRE_NODE();
-    TestCertificates certificates;
+    orvale::test::TestCertificates certificates;
     auto faye = orvale::test::startNode("faye_server.js",
                                         {"--cert", certificates.dir + "/server.pem", "--key",
                                          certificates.dir + "/server.key", "--timeout", "1"});
