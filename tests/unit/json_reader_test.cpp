@@ -32,7 +32,7 @@ bool readerAccepts(const std::string& text) {
 }
 
 TEST(JsonReader, AcceptsWhatAStrictParserAccepts) {
-    const std::vector<std::string> texts = {
+    std::vector<std::string> texts = {
         "", " ", "{}", "[]", " [ ] ", "[1,]", "[,1]", "{\"a\":1,}", "{\"a\" 1}", "{a:1}",
         "{\"a\":1}x", "[1 2]", "[\"a\"\"b\"]", "true", "tru", "nulll", "falsey",
         "[true,false,null]",
@@ -43,6 +43,7 @@ TEST(JsonReader, AcceptsWhatAStrictParserAccepts) {
         // strings: escapes and control characters
         "\"\\u00e9\"", "\"\\u00E9\"", "\"\\u00g9\"", "\"\\x\"", "\"\\\"", "\"a\tb\"", "\"a\\tb\"",
         "\"\\/\"", "\"abc", std::string("\"a\0b\"", 5),
+        R"("a\"b\\c\/d\b\f\n\r\t\u0001\u00e9\u20ac\ud83d\ude00 plain \u00C9")",
         // UTF-16 surrogates
         "\"\\ud83d\\ude00\"", "\"\\ud83d\"", "\"\\ude00\"", "\"\\ud83dx\"", "\"\\ud83d\\u0041\"",
         "\"\\ud83d\\ud83d\"",
@@ -54,50 +55,26 @@ TEST(JsonReader, AcceptsWhatAStrictParserAccepts) {
         std::string(64, '[') + std::string(64, ']'), std::string(65, '[') + std::string(65, ']'),
         std::string(63, '[') + "{\"a\":1}" + std::string(63, ']'),
         std::string(64, '[') + "{\"a\":1}" + std::string(64, ']')};
-    for (const auto& text : texts)
-        EXPECT_EQ(readerAccepts(text), boostAccepts(text)) << '"' << text << '"';
-}
-
-// Strings are scanned eight bytes at a time: every kind of byte that ends the plain run must be
-// seen at every offset within and across those words, and the text kept must be the same.
-TEST(JsonReader, EveryByteThatEndsAPlainRunIsSeenAtEveryOffset) {
-    const std::vector<std::string> specials = {
-        "\x1f",    "\x01",     "\x7f", " ",    "\\\"",         "\\\\", "\\n",
-        "\\u00e9", "\xc3\xa9", "\xc3", "\xff", "\xed\xa0\x80", "\""};
-    for (const auto& special : specials) {
-        for (std::size_t at = 0; at < 20; ++at) {
-            std::string body(20, 'a');
-            body.insert(at, special);
-            const std::string text = "\"" + body + "\"";
-            EXPECT_EQ(readerAccepts(text), boostAccepts(text))
-                << "byte(s) " << ::testing::PrintToString(special) << " at " << at;
-            if (boostAccepts(text)) {
-                Reader reader(text, 64);
-                const Value value = reader.value(0);
-                EXPECT_EQ(json_reader::text(value),
-                          std::string(boost::json::parse(text).as_string().c_str()));
-            }
+    // Strings are scanned eight bytes at a time: every kind of byte that ends the plain run is
+    // tried at every offset within and across those words.
+    for (const std::string special : {"\x1f", "\x01", "\x7f", " ", "\\\"", "\\\\", "\\n", "\\u00e9",
+                                      "\xc3\xa9", "\xc3", "\xff", "\xed\xa0\x80", "\""})
+        for (std::size_t at = 0; at < 20; ++at)
+            texts.push_back("\"" + std::string(20, 'a').insert(at, special) + "\"");
+    for (const auto& text : texts) {
+        ASSERT_EQ(readerAccepts(text), boostAccepts(text)) << ::testing::PrintToString(text);
+        // Accepted strings read to the text the parser reads.
+        if (text[0] == '"' && boostAccepts(text)) {
+            const auto parsed = boost::json::parse(text);
+            const auto& expected = parsed.as_string();
+            EXPECT_EQ(json_reader::text(Reader(text, 64).value(0)),
+                      std::string(expected.data(), expected.size()));
         }
     }
 }
 
-// Keys and strings unescape as a parser reads them; members and elements come in source order
-// with their text.
 TEST(JsonReader, MembersAndElementsComeInSourceOrderWithTheirText) {
-    const std::string escaped =
-        R"({"k\u00e9y":"a\"b\\c\/d\b\f\n\r\t\u0001\u00e9\u20ac\ud83d\ude00 plain \u00C9"})";
     std::vector<Member> found;
-    Reader(escaped, 64).object(0, found);
-    const auto document = boost::json::parse(escaped);
-    const auto parsed = document.as_object().begin();
-    ASSERT_EQ(found.size(), 1u);
-    EXPECT_TRUE(keyIs(found[0], std::string(parsed->key())));
-    EXPECT_FALSE(keyIs(found[0], "key"));
-    EXPECT_EQ(json_reader::text(found[0].value), std::string(parsed->value().as_string()));
-    const std::size_t colon = escaped.find(':');
-    EXPECT_EQ(source(found[0].value), escaped.substr(colon + 1, escaped.size() - colon - 2));
-
-    found.clear();
     Reader(R"( { "a" : [1, {"x":null}] , "b":"s", "a":-1.5e2 } )", 64).object(0, found);
     ASSERT_EQ(found.size(), 3u);
     const std::pair<Type, std::string> expected[] = {

@@ -130,20 +130,17 @@ class ServerSession : public std::enable_shared_from_this<ServerSession> {
     int closeCode_ = -1;
 };
 
-// Accepts WebSocket sessions on loopback on its own thread; with `answerHandshake` false it
-// accepts TCP connections and never answers them.
+// Accepts WebSocket sessions on loopback on its own thread; with `readAtOnce` false they read
+// nothing until told to.
 class TestServer {
   public:
-    explicit TestServer(bool readAtOnce = true, bool answerHandshake = true)
-        : readAtOnce_(readAtOnce), answerHandshake_(answerHandshake) {
+    explicit TestServer(bool readAtOnce = true) : readAtOnce_(readAtOnce) {
         acceptNext();
         thread_ = std::thread([this] { io_.run(); });
     }
     ~TestServer() {
         asio::post(io_, [this] {
             acceptor_.close();
-            for (auto& socket : silent_)
-                socket.close();
             for (auto& weak : sessions_)
                 if (auto session = weak.lock())
                     session->abort();
@@ -172,25 +169,20 @@ class TestServer {
         acceptor_.async_accept([this](beast::error_code ec, tcp::socket socket) {
             if (ec)
                 return;
-            if (!answerHandshake_) {
-                silent_.push_back(std::move(socket));
-            } else {
-                auto session = std::make_shared<ServerSession>(std::move(socket), readAtOnce_);
-                sessions_.push_back(session);
-                session->accept([this, session] {
-                    std::lock_guard<std::mutex> lock(mutex_);
-                    accepted_.push_back(session);
-                });
-            }
+            auto session = std::make_shared<ServerSession>(std::move(socket), readAtOnce_);
+            sessions_.push_back(session);
+            session->accept([this, session] {
+                std::lock_guard<std::mutex> lock(mutex_);
+                accepted_.push_back(session);
+            });
             acceptNext();
         });
     }
 
-    const bool readAtOnce_, answerHandshake_;
+    const bool readAtOnce_;
     asio::io_context io_;
     tcp::acceptor acceptor_{io_, tcp::endpoint(asio::ip::make_address("127.0.0.1"), 0)};
     const unsigned short port_ = acceptor_.local_endpoint().port();
-    std::vector<tcp::socket> silent_;                     // server thread only
     std::vector<std::weak_ptr<ServerSession>> sessions_;  // server thread only
     std::mutex mutex_;                                    // guards accepted_
     std::deque<std::shared_ptr<ServerSession>> accepted_;

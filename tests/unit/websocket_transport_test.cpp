@@ -199,13 +199,15 @@ TEST(WebSocketTransport, ContextDestructionJoinsTheThreadAndKeepsWhatArrived) {
 
 // Each failure to connect names the URL and the cause; only ConnectTransport is understood.
 TEST(WebSocketTransport, ConnectFailuresNameTheUrlAndTheCause) {
-    std::string refused;  // a port nobody listens on: bound, then released
-    {
-        asio::io_context io;
-        tcp::acceptor acceptor(io, tcp::endpoint(asio::ip::make_address("127.0.0.1"), 0));
-        refused = "ws://127.0.0.1:" + std::to_string(acceptor.local_endpoint().port()) + "/bayeux";
-    }
-    TestServer silent(true, /*answerHandshake=*/false);
+    // A listener that never accepts: the kernel takes the TCP connection, nobody answers the
+    // WebSocket handshake. A port nobody listens on: bound, then released.
+    asio::io_context io;
+    const tcp::endpoint loopback(asio::ip::make_address("127.0.0.1"), 0);
+    auto url = [](const tcp::acceptor& a) {
+        return "ws://127.0.0.1:" + std::to_string(a.local_endpoint().port()) + "/bayeux";
+    };
+    const tcp::acceptor silentAcceptor(io, loopback);
+    const std::string silent = url(silentAcceptor), refused = url(tcp::acceptor(io, loopback));
     WebSocketTransportOptions quick;
     quick.connectTimeoutMs = 300;
     const struct {
@@ -218,7 +220,7 @@ TEST(WebSocketTransport, ConnectFailuresNameTheUrlAndTheCause) {
         {"bayeux.example/path", "the URL does not start with ws:// or wss://", {}},
         {"ws://127.0.0.1:99999/bayeux", "invalid port", {}},
         {"ws://nonexistent.invalid/bayeux", "", {}},
-        {silent.url(), "timed out after 300 ms", quick},
+        {silent, "timed out after 300 ms", quick},
     };
     for (const auto& c : cases) {
         const std::string error =
@@ -230,10 +232,10 @@ TEST(WebSocketTransport, ConnectFailuresNameTheUrlAndTheCause) {
             EXPECT_EQ(error, prefix + c.cause);
     }
     auto gone = contextWith();
-    auto pending = connectTo(gone, silent.url());
+    auto pending = connectTo(gone, silent);
     gone.reset();
     EXPECT_EQ(orvale::test::failureText(pending),
-              "Cannot connect to " + silent.url() + ": the transport was shut down");
+              "Cannot connect to " + silent + ": the transport was shut down");
     auto wrong =
         contextWith()->deliver(webSocketTransportAddress(), std::make_unique<DisconnectRequest>());
     EXPECT_THROW(wrong.get(), std::invalid_argument);
