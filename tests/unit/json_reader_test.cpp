@@ -75,7 +75,7 @@ TEST(JsonReader, AcceptsWhatAStrictParserAccepts) {
 
 TEST(JsonReader, MembersAndElementsComeInSourceOrderWithTheirText) {
     std::vector<Member> found;
-    Reader(R"( { "a" : [1, {"x":null}] , "b":"s", "a":-1.5e2 } )", 64).object(0, found);
+    Reader(R"( { "a" : [1, {"x":null}] , "\u0062":"s", "a":-1.5e2 } )", 64).object(0, found);
     ASSERT_EQ(found.size(), 3u);
     const std::pair<Type, std::string> expected[] = {
         {Type::Array, R"([1, {"x":null}])"}, {Type::String, "s"}, {Type::Number, "-1.5e2"}};
@@ -83,6 +83,8 @@ TEST(JsonReader, MembersAndElementsComeInSourceOrderWithTheirText) {
         EXPECT_EQ(std::make_pair(found[i].value.type, std::string(found[i].value.text)),
                   expected[i]);
     EXPECT_EQ(found[2].key, "a");
+    EXPECT_TRUE(keyIs(found[0], "a") && keyIs(found[1], "b"));  // the second one escaped
+    EXPECT_FALSE(keyIs(found[0], "b") || keyIs(found[1], "\\u0062"));
     const auto inner = elements(found[0].value.text);
     ASSERT_EQ(inner.size(), 2u);
     EXPECT_EQ(inner[0].text, "1");

@@ -57,11 +57,14 @@ TEST(PacedSocket, GathersAFastStreamAndNeverStrandsTheByteAfterIt) {
     // 30-byte writes every 100 us: each lands in a segment of its own.
     constexpr std::size_t kWrites = 2000;
     const std::string chunk(30, 'x');
-    const auto start = std::chrono::steady_clock::now();
-    for (std::size_t i = 0; i < kWrites; ++i) {
-        std::this_thread::sleep_until(start + i * 100us);
-        pair.write(chunk);
-    }
+    auto fastStream = [&] {
+        const auto start = std::chrono::steady_clock::now();
+        for (std::size_t i = 0; i < kWrites; ++i) {
+            std::this_thread::sleep_until(start + i * 100us);
+            pair.write(chunk);
+        }
+    };
+    fastStream();
     ASSERT_TRUE(waitUntil([&] { return pair.bytes == kWrites * chunk.size(); }));
     EXPECT_LT(pair.reads, kWrites / 4);  // read as they landed, there would be one per write
 
@@ -72,6 +75,15 @@ TEST(PacedSocket, GathersAFastStreamAndNeverStrandsTheByteAfterIt) {
     pair.write("!");
     ASSERT_TRUE(waitUntil([&] { return pair.bytes == kWrites * chunk.size() + 1; }));
     EXPECT_EQ(pair.reads, before + 1);
+
+    // Fast again, then slower: a chunk or two per paced read gathers too little, pacing stops,
+    // and nothing is lost.
+    fastStream();
+    for (int i = 0; i < 20; ++i) {
+        std::this_thread::sleep_for(1ms);
+        pair.write(chunk);
+    }
+    ASSERT_TRUE(waitUntil([&] { return pair.bytes == (2 * kWrites + 20) * chunk.size() + 1; }));
 }
 
 TEST(PacedSocket, ReadsEveryArrivalWhenPacingIsOffOrTheStreamIsSlow) {
