@@ -57,15 +57,20 @@ TEST(PacedSocket, GathersAFastStreamAndNeverStrandsTheByteAfterIt) {
     // 30-byte writes every 100 us: each lands in a segment of its own.
     constexpr std::size_t kWrites = 2000;
     const std::string chunk(30, 'x');
-    auto fastStream = [&] {
+    // Ended by a larger write, the last paced read gathers plenty and the next finds nothing.
+    const std::string last(700, 'y');
+    auto fastStream = [&](bool endLarger) {
         const auto start = std::chrono::steady_clock::now();
         for (std::size_t i = 0; i < kWrites; ++i) {
             std::this_thread::sleep_until(start + i * 100us);
             pair.write(chunk);
         }
+        if (endLarger)
+            pair.write(last);
     };
-    fastStream();
-    ASSERT_TRUE(waitUntil([&] { return pair.bytes == kWrites * chunk.size(); }));
+    const std::size_t streamed = kWrites * chunk.size() + last.size();
+    fastStream(true);
+    ASSERT_TRUE(waitUntil([&] { return pair.bytes == streamed; }));
     EXPECT_LT(pair.reads, kWrites / 4);  // read as they landed, there would be one per write
 
     // The stream has stopped: a paced read finds nothing, and then a single byte must wake the
@@ -73,17 +78,18 @@ TEST(PacedSocket, GathersAFastStreamAndNeverStrandsTheByteAfterIt) {
     std::this_thread::sleep_for(20ms);
     const std::size_t before = pair.reads;
     pair.write("!");
-    ASSERT_TRUE(waitUntil([&] { return pair.bytes == kWrites * chunk.size() + 1; }));
+    ASSERT_TRUE(waitUntil([&] { return pair.bytes == streamed + 1; }));
     EXPECT_EQ(pair.reads, before + 1);
 
     // Fast again, then slower: a chunk or two per paced read gathers too little, pacing stops,
     // and nothing is lost.
-    fastStream();
+    fastStream(false);
     for (int i = 0; i < 20; ++i) {
         std::this_thread::sleep_for(1ms);
         pair.write(chunk);
     }
-    ASSERT_TRUE(waitUntil([&] { return pair.bytes == (2 * kWrites + 20) * chunk.size() + 1; }));
+    ASSERT_TRUE(
+        waitUntil([&] { return pair.bytes == streamed + (kWrites + 20) * chunk.size() + 1; }));
 }
 
 TEST(PacedSocket, ReadsEveryArrivalWhenPacingIsOffOrTheStreamIsSlow) {
