@@ -5,336 +5,212 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <deque>
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
 #include <future>
-#include <thread>
 
 #include "log_capture.h"
+#include "recording_subscriber.h"
 
 namespace connector::bayeux::transport {
 namespace {
 
 using orvale::test::waitUntil;
+using Strings = std::vector<std::string>;
 
-// One worker thread running posted tasks in order, like the transport's I/O thread.
-class Worker {
-  public:
-    Worker() : thread_([this] { run(); }) {}
+// One thread running posted tasks in order, like the transport's I/O thread, and a publisher
+// that delivers on it.
+struct Worker {
+    explicit Worker(std::function<void()> onCancel = nullptr, bool inline_ = false)
+        : publisher(std::make_shared<InboundPublisher>(
+              [this](std::function<void()> task) { boost::asio::post(io, std::move(task)); },
+              std::move(onCancel),
+              inline_ ? InboundPublisher::OnExecutorThread(
+                            [this] { return std::this_thread::get_id() == thread.get_id(); })
+                      : nullptr)) {}
     ~Worker() {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            stopping_ = true;
-        }
-        wake_.notify_all();
-        thread_.join();
-    }
-    InboundPublisher::Executor executor() {
-        return [this](std::function<void()> task) {
-            {
-                std::lock_guard<std::mutex> lock(mutex_);
-                tasks_.push_back(std::move(task));
-            }
-            wake_.notify_all();
-        };
-    }
-    std::thread::id id() const { return thread_.get_id(); }
-    InboundPublisher::OnExecutorThread onThread() const {
-        return [id = id()] { return std::this_thread::get_id() == id; };
+        work.reset();
+        thread.join();
     }
     // Runs `task` on the worker and waits (bounded) for it; false when it did not finish.
-    bool run(std::function<void()> task) {
-        auto finished = std::make_shared<std::promise<void>>();
-        auto done = finished->get_future();
-        executor()([task = std::move(task), finished] {
+    bool run(std::function<void()> task = [] {}) {
+        std::promise<void> finished;
+        boost::asio::post(io, [&] {
             task();
-            finished->set_value();
+            finished.set_value();
         });
-        return done.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+        return finished.get_future().wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+    }
+    // Subscribes a recorder of `Subscriber` type and waits for its onSubscribe.
+    template <class Subscriber = RecordingSubscriber, class... Args>
+    std::shared_ptr<Subscriber> subscribe(Args&&... args) {
+        auto s = std::make_shared<Subscriber>(std::forward<Args>(args)..., 0, thread.get_id());
+        publisher->subscribe(s);
+        EXPECT_TRUE(waitUntil([&] { return s->subscription() != nullptr; }));
+        return s;
+    }
+    void push(const std::string& channel) {
+        publisher->push(std::make_unique<PublishRequest>(channel, std::string("1")));
     }
 
-  private:
-    void run() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        for (;;) {
-            wake_.wait(lock, [this] { return stopping_ || !tasks_.empty(); });
-            if (tasks_.empty())
-                return;
-            auto task = std::move(tasks_.front());
-            tasks_.pop_front();
-            lock.unlock();
-            task();
-            lock.lock();
-        }
-    }
-
-    std::mutex mutex_;  // guards tasks_ and stopping_
-    std::condition_variable wake_;
-    std::deque<std::function<void()>> tasks_;
-    bool stopping_ = false;
-    std::thread thread_;
+    boost::asio::io_context io;
+    boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work{
+        io.get_executor()};
+    std::thread thread{[this] { io.run(); }};
+    std::shared_ptr<InboundPublisher> publisher;
 };
 
-// Records every signal; checks they all come from the worker thread.
-class Recorder : public reactive_streams::Subscriber<MessagePtr> {
-  public:
-    explicit Recorder(std::thread::id deliveryThread) : deliveryThread_(deliveryThread) {}
-
-    void onSubscribe(std::shared_ptr<reactive_streams::Subscription> subscription) override {
-        check();
-        std::lock_guard<std::mutex> lock(mutex_);
-        subscription_ = std::move(subscription);
-    }
-    void onNext(MessagePtr&& message) override {
-        check();
-        auto* publish = dynamic_cast<PublishRequest*>(message.get());
-        std::lock_guard<std::mutex> lock(mutex_);
-        channels_.push_back(publish ? publish->getChannel() : "?");
-    }
-    void onComplete() override {
-        check();
-        std::lock_guard<std::mutex> lock(mutex_);
-        ++completions_;
-    }
-    void onError(std::exception_ptr) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        ++errors_;
-    }
-    Future<bool> done() override { return makeReadyFuture<bool>(true); }
-
-    std::shared_ptr<reactive_streams::Subscription> subscription() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return subscription_;
-    }
-    std::vector<std::string> channels() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return channels_;
-    }
-    int completions() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return completions_;
-    }
-    int errors() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return errors_;
-    }
-    bool wrongThread() const { return wrongThread_.load(); }
-
-  private:
-    void check() {
-        if (std::this_thread::get_id() != deliveryThread_)
-            wrongThread_ = true;
-    }
-    const std::thread::id deliveryThread_;
-    std::atomic<bool> wrongThread_{false};
-    std::mutex mutex_;  // guards the members below
-    std::shared_ptr<reactive_streams::Subscription> subscription_;
-    std::vector<std::string> channels_;
-    int completions_ = 0;
-    int errors_ = 0;
-};
-
-MessagePtr publish(const std::string& channel) {
-    return std::make_unique<PublishRequest>(channel, std::string("1"));
+// The frames of publishes on `channels`, as a recorder keeps them.
+Strings frames(std::initializer_list<const char*> channels) {
+    Strings out;
+    for (const char* channel : channels)
+        out.push_back(std::string(R"([{"channel":")") + channel + R"(","data":1}])");
+    return out;
 }
 
 TEST(InboundPublisher, DeliversOnlyWhatWasRequestedInOrder) {
     Worker worker;
-    auto publisher = std::make_shared<InboundPublisher>(worker.executor(), nullptr);
-    publisher->push(publish("/a"));
-    publisher->push(publish("/b"));
-    publisher->push(publish("/c"));
-
-    auto recorder = std::make_shared<Recorder>(worker.id());
-    publisher->subscribe(recorder);
-    ASSERT_TRUE(waitUntil([&] { return recorder->subscription() != nullptr; }));
-    EXPECT_TRUE(recorder->channels().empty());  // nothing without demand
-
+    worker.push("/a");
+    worker.push("/b");
+    worker.push("/c");
+    auto recorder = worker.subscribe();
     recorder->subscription()->request(2);
-    ASSERT_TRUE(waitUntil([&] { return recorder->channels().size() == 2; }));
-    publisher->push(publish("/d"));
-    // A round trip through the worker shows that no third message slipped out.
-    ASSERT_TRUE(worker.run([] {}));
-    EXPECT_EQ(recorder->channels(), (std::vector<std::string>{"/a", "/b"}));
+    ASSERT_TRUE(waitUntil([&] { return recorder->count() == 2; }));
+    worker.push("/d");
+    ASSERT_TRUE(worker.run());  // a round trip shows that no third message slipped out
+    EXPECT_EQ(recorder->received(), frames({"/a", "/b"}));
 
     recorder->subscription()->request(UINT64_MAX);
     recorder->subscription()->request(UINT64_MAX);  // saturates rather than wrapping to little
-    ASSERT_TRUE(waitUntil([&] { return recorder->channels().size() == 4; }));
-    publisher->push(publish("/e"));
-    ASSERT_TRUE(waitUntil([&] { return recorder->channels().size() == 5; }));
-    EXPECT_EQ(recorder->channels(), (std::vector<std::string>{"/a", "/b", "/c", "/d", "/e"}));
-    EXPECT_FALSE(recorder->wrongThread());
+    ASSERT_TRUE(waitUntil([&] { return recorder->count() == 4; }));
+    // Pushed while the thread is busy: the second finds the first's delivery already posted.
+    ASSERT_TRUE(worker.run([&] {
+        worker.push("/e");
+        worker.push("/f");
+    }));
+    ASSERT_TRUE(waitUntil([&] { return recorder->count() == 6; }));
+    EXPECT_EQ(recorder->received(), frames({"/a", "/b", "/c", "/d", "/e", "/f"}));
+    EXPECT_FALSE(recorder->wrongThread.load());
 }
 
+// Completion follows the queued messages, with or without inline pushes, and ends done().
 TEST(InboundPublisher, CompletesAfterTheQueuedMessagesAndResolvesDone) {
-    Worker worker;
-    auto publisher = std::make_shared<InboundPublisher>(worker.executor(), nullptr);
-    auto done = publisher->done();
-    auto recorder = std::make_shared<Recorder>(worker.id());
-    publisher->subscribe(recorder);
-    ASSERT_TRUE(waitUntil([&] { return recorder->subscription() != nullptr; }));
-    publisher->push(publish("/last"));
-    publisher->complete(false);
-    publisher->push(publish("/after"));  // ignored: the stream has ended
-
-    ASSERT_TRUE(worker.run([] {}));
-    EXPECT_EQ(recorder->completions(), 0);  // the reply queued before the close comes first
-    EXPECT_FALSE(done.isReady());
-
-    recorder->subscription()->request(5);
-    ASSERT_TRUE(waitUntil([&] { return recorder->completions() == 1; }));
-    EXPECT_EQ(recorder->channels(), std::vector<std::string>{"/last"});
-    ASSERT_TRUE(done.waitFor(std::chrono::seconds(5)));
-    EXPECT_FALSE(done.get());  // completed after an unclean close
-    EXPECT_TRUE(publisher->done().get() == false);
-    EXPECT_FALSE(recorder->wrongThread());
+    for (const bool inline_ : {false, true}) {
+        Worker worker(nullptr, inline_);
+        auto done = worker.publisher->done();
+        auto recorder = worker.subscribe();
+        ASSERT_TRUE(worker.run([&] {
+            worker.push("/a");
+            worker.push("/b");
+            worker.publisher->complete(inline_);
+            worker.push("/after");  // ignored: the stream has ended
+        }));
+        EXPECT_EQ(recorder->count(), 0u);  // nothing without demand
+        recorder->subscription()->request(1);
+        ASSERT_TRUE(waitUntil([&] { return recorder->count() == 1; }));
+        ASSERT_TRUE(worker.run());
+        EXPECT_EQ(recorder->completions.load(),
+                  0);  // the reply queued before the close comes first
+        EXPECT_FALSE(done.isReady());
+        recorder->subscription()->request(5);
+        ASSERT_TRUE(waitUntil([&] { return recorder->completions == 1; }));
+        EXPECT_EQ(recorder->received(), frames({"/a", "/b"}));
+        ASSERT_TRUE(done.waitFor(std::chrono::seconds(5)));
+        EXPECT_EQ(done.get(), inline_) << "completed after a clean close or not";
+        EXPECT_FALSE(recorder->wrongThread.load());
+    }
 }
 
-TEST(InboundPublisher, CancelStopsDeliveryAndCallsBack) {
-    Worker worker;
-    std::atomic<int> cancels{0};
-    auto publisher = std::make_shared<InboundPublisher>(worker.executor(), [&] { ++cancels; });
-    auto recorder = std::make_shared<Recorder>(worker.id());
-    publisher->subscribe(recorder);
-    ASSERT_TRUE(waitUntil([&] { return recorder->subscription() != nullptr; }));
-    recorder->subscription()->cancel();
-    recorder->subscription()->cancel();
-    EXPECT_EQ(cancels.load(), 1);
-    EXPECT_TRUE(publisher->done().get());
-
-    publisher->push(publish("/dropped"));
-    recorder->subscription()->request(10);
-    publisher->complete(true);
-    ASSERT_TRUE(worker.run([] {}));
-    EXPECT_TRUE(recorder->channels().empty());
-    EXPECT_EQ(recorder->completions(), 0);
-}
-
-TEST(InboundPublisher, RefusesASecondSubscriber) {
-    Worker worker;
-    auto publisher = std::make_shared<InboundPublisher>(worker.executor(), nullptr);
-    auto first = std::make_shared<Recorder>(worker.id());
-    auto second = std::make_shared<Recorder>(std::this_thread::get_id());
-    publisher->subscribe(first);
-    publisher->subscribe(second);
-    EXPECT_EQ(second->errors(), 1);
-    EXPECT_NE(second->subscription(), nullptr);
-    EXPECT_THROW(publisher->subscribe(nullptr), std::invalid_argument);
-
-    ASSERT_TRUE(waitUntil([&] { return first->subscription() != nullptr; }));
-    first->subscription()->request(1);
-    publisher->push(publish("/x"));
-    ASSERT_TRUE(waitUntil([&] { return first->channels().size() == 1; }));
-    EXPECT_TRUE(second->channels().empty());
-}
-
-// A subscriber that throws from onNext is cancelled, with an error line, and the thread lives on.
-TEST(InboundPublisher, SubscriberThatThrowsIsCancelled) {
+// Cancel stops delivery and calls back once; a second subscriber is refused; a subscriber that
+// throws from onNext is cancelled, with an error line, and the thread lives on.
+TEST(InboundPublisher, CancelRefusalAndThrowingSubscribersEndTheirStreamOnly) {
     orvale::test::LogCapture logs;
-    Worker worker;
     std::atomic<int> cancels{0};
-    auto publisher = std::make_shared<InboundPublisher>(worker.executor(), [&] { ++cancels; });
-
-    class Throwing : public Recorder {
-      public:
-        using Recorder::Recorder;
+    {
+        Worker worker([&] { ++cancels; });
+        auto recorder = worker.subscribe();
+        auto second = std::make_shared<RecordingSubscriber>();
+        worker.publisher->subscribe(second);
+        EXPECT_EQ(second->errors.load(), 1);
+        EXPECT_NE(second->subscription(), nullptr);
+        EXPECT_THROW(worker.publisher->subscribe(nullptr), std::invalid_argument);
+        recorder->subscription()->request(1);
+        worker.push("/x");  // the first is served as before
+        ASSERT_TRUE(waitUntil([&] { return recorder->count() == 1; }));
+        recorder->cancel();
+        recorder->cancel();
+        EXPECT_EQ(cancels.load(), 1);
+        EXPECT_TRUE(worker.publisher->done().get());
+        worker.push("/dropped");
+        recorder->subscription()->request(10);
+        worker.publisher->complete(true);
+        ASSERT_TRUE(worker.run());
+        EXPECT_EQ(recorder->count() + second->count(), 1u);
+        EXPECT_EQ(recorder->completions.load(), 0);
+    }
+    struct Throwing : RecordingSubscriber {
+        using RecordingSubscriber::RecordingSubscriber;
         void onNext(MessagePtr&&) override { throw std::runtime_error("boom"); }
     };
-    auto recorder = std::make_shared<Throwing>(worker.id());
-    publisher->subscribe(recorder);
-    ASSERT_TRUE(waitUntil([&] { return recorder->subscription() != nullptr; }));
-    recorder->subscription()->request(10);
-    publisher->push(publish("/a"));
-    publisher->push(publish("/b"));
-    ASSERT_TRUE(waitUntil([&] { return cancels.load() == 1; }));
+    Worker worker([&] { ++cancels; });
+    worker.subscribe<Throwing>()->subscription()->request(10);
+    worker.push("/a");
+    worker.push("/b");
+    ASSERT_TRUE(waitUntil([&] { return cancels.load() == 2; }));
     EXPECT_EQ(logs.count("Inbound subscriber threw: boom"), 1u);
 }
 
 // Pushes made on the delivering thread deliver before push() returns, and signals sent back from
 // inside a delivery never nest one delivery in another.
 TEST(InboundPublisher, PushOnTheDeliveringThreadDeliversAtOnce) {
-    Worker worker;
     std::atomic<int> cancels{0};
-    auto publisher = std::make_shared<InboundPublisher>(
-        worker.executor(), [&] { ++cancels; }, worker.onThread());
+    Worker worker([&] { ++cancels; }, true);
 
     // Asks for one message at a time from onNext, pushes one more from inside the first, and
     // cancels at "/stop"; records the deepest nesting of its signals.
-    class Reentrant : public Recorder {
-      public:
-        Reentrant(std::thread::id thread, InboundPublisher& publisher)
-            : Recorder(thread), publisher_(publisher) {}
+    struct Reentrant : RecordingSubscriber {
+        Reentrant(Worker& worker, std::uint64_t demand, std::thread::id thread)
+            : RecordingSubscriber(demand, thread), worker(worker) {}
         void onNext(MessagePtr&& message) override {
             const int depth = ++depth_;
-            deepest_ = std::max(deepest_.load(), depth);
-            const std::string channel = static_cast<PublishRequest&>(*message).getChannel();
-            Recorder::onNext(std::move(message));
+            deepest = std::max(deepest.load(), depth);
+            const std::string channel = static_cast<BayeuxMessage&>(*message).bayeuxChannel();
+            RecordingSubscriber::onNext(std::move(message));
             if (channel == "/a")
-                publisher_.push(publish("/a2"));
+                worker.push("/a2");
             if (channel == "/stop")
                 subscription()->cancel();
             else
                 subscription()->request(1);
             --depth_;
         }
-        int deepest() const { return deepest_.load(); }
-
-      private:
-        InboundPublisher& publisher_;
-        std::atomic<int> depth_{0};
-        std::atomic<int> deepest_{0};
+        Worker& worker;
+        std::atomic<int> depth_{0}, deepest{0};
     };
-    auto recorder = std::make_shared<Reentrant>(worker.id(), *publisher);
-    publisher->subscribe(recorder);
-    ASSERT_TRUE(waitUntil([&] { return recorder->subscription() != nullptr; }));
+    auto recorder = worker.subscribe<Reentrant>(worker);
     recorder->subscription()->request(1);
-
     std::vector<std::size_t> seenAfterPush;
     ASSERT_TRUE(worker.run([&] {
-        publisher->push(publish("/a"));
-        seenAfterPush.push_back(recorder->channels().size());
-        publisher->push(publish("/b"));
-        seenAfterPush.push_back(recorder->channels().size());
+        worker.push("/a");
+        seenAfterPush.push_back(recorder->count());
+        worker.push("/b");
+        seenAfterPush.push_back(recorder->count());
     }));
     EXPECT_EQ(seenAfterPush, (std::vector<std::size_t>{2, 3}));
-    EXPECT_EQ(recorder->channels(), (std::vector<std::string>{"/a", "/a2", "/b"}));
-    EXPECT_EQ(recorder->deepest(), 1);
+    EXPECT_EQ(recorder->received(), frames({"/a", "/a2", "/b"}));
+    EXPECT_EQ(recorder->deepest.load(), 1);
 
     // A cancel from inside onNext drops what is pushed after it.
     ASSERT_TRUE(worker.run([&] {
-        publisher->push(publish("/stop"));
-        publisher->push(publish("/dropped"));
+        worker.push("/stop");
+        worker.push("/dropped");
     }));
-    EXPECT_EQ(recorder->channels().size(), 4u);
+    ASSERT_TRUE(worker.run([&] { worker.push("/late"); }));
+    EXPECT_EQ(recorder->received(), frames({"/a", "/a2", "/b", "/stop"}));
     EXPECT_EQ(cancels.load(), 1);
-    EXPECT_TRUE(publisher->done().get());
-    ASSERT_TRUE(worker.run([&] { publisher->push(publish("/late")); }));
-    EXPECT_EQ(recorder->channels().back(), "/stop");
-    EXPECT_FALSE(recorder->wrongThread());
-}
-
-TEST(InboundPublisher, PushOnTheDeliveringThreadWaitsForDemandAndKeepsCompletionLast) {
-    Worker worker;
-    auto publisher =
-        std::make_shared<InboundPublisher>(worker.executor(), nullptr, worker.onThread());
-    auto recorder = std::make_shared<Recorder>(worker.id());
-    publisher->subscribe(recorder);
-    ASSERT_TRUE(waitUntil([&] { return recorder->subscription() != nullptr; }));
-
-    ASSERT_TRUE(worker.run([&] {
-        publisher->push(publish("/a"));
-        publisher->push(publish("/b"));
-        publisher->complete(true);
-    }));
-    EXPECT_TRUE(recorder->channels().empty());  // nothing without demand
-    recorder->subscription()->request(1);
-    ASSERT_TRUE(waitUntil([&] { return recorder->channels().size() == 1; }));
-    EXPECT_EQ(recorder->completions(), 0);
-    recorder->subscription()->request(1);
-    ASSERT_TRUE(waitUntil([&] { return recorder->completions() == 1; }));
-    EXPECT_EQ(recorder->channels(), (std::vector<std::string>{"/a", "/b"}));
-    EXPECT_TRUE(publisher->done().get());
-    EXPECT_FALSE(recorder->wrongThread());
+    EXPECT_TRUE(worker.publisher->done().get());
+    EXPECT_FALSE(recorder->wrongThread.load());
 }
 
 }  // namespace

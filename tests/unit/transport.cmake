@@ -1,18 +1,8 @@
-# Bayeux codec and WebSocket client transport. The tests of internal units reach their private
-# headers through the platform folder.
-orvale_test(bayeux_codec_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/bayeux_codec_test.cpp)
-orvale_test(channel_name_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/channel_name_test.cpp)
-orvale_test(json_reader_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/json_reader_test.cpp)
+# Bayeux codec and WebSocket client transport; the transport service and its connection's frames
+# share the peers of websocket_peers.h.
+foreach(unit bayeux_codec channel_name json_reader outbound_frames paced_socket ws_url
+        inbound_publisher websocket_transport websocket_connection)
+    orvale_test(${unit}_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/${unit}_test.cpp)
+endforeach()
 # Boost.JSON is the reference the reader is checked against.
 target_link_libraries(json_reader_test PRIVATE Boost::json)
-orvale_test(outbound_frames_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/outbound_frames_test.cpp)
-orvale_test(paced_socket_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/paced_socket_test.cpp)
-orvale_test(ws_url_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/ws_url_test.cpp)
-orvale_test(inbound_publisher_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/inbound_publisher_test.cpp)
-# The transport service and its connection's frames share the peers of websocket_peers.h.
-orvale_test(websocket_transport_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/websocket_transport_test.cpp)
-orvale_test(websocket_connection_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/websocket_connection_test.cpp)
-foreach(test bayeux_codec_test json_reader_test outbound_frames_test paced_socket_test ws_url_test
-        inbound_publisher_test websocket_transport_test websocket_connection_test)
-    target_include_directories(${test} PRIVATE ${PROJECT_SOURCE_DIR}/platform)
-endforeach()

@@ -13,68 +13,57 @@
 namespace connector::bayeux::transport_test {
 namespace {
 
-// ---------------------------------------------------------------------------------------------
+const int kNormal = static_cast<int>(websocket::close_code::normal);
 
 TEST(WebSocketTransport, ExchangesMessagesAndKeepsFramesAsTheyCame) {
     TestServer server;
-    Client client = connectClient(server.url());
+    Client client(server.url());
     auto session = server.nextSession();
     ASSERT_TRUE(session);
     EXPECT_EQ(client.upstream->requested.load(), UINT64_MAX);
 
     client.send(publish("/a", R"({"n":1})"));
     ASSERT_TRUE(waitUntil([&] { return session->frames().size() == 1; }));
-    EXPECT_EQ(session->frames()[0], R"([{"channel":"/a","data":{"n":1}}])");
-
     // A container goes out as one frame holding its messages in order.
     auto batch = std::make_unique<BayeuxContainer>();
     batch->messages().push_back(publish("/b"));
     batch->messages().push_back(std::make_unique<SubscribeRequest>("/c", "id1"));
     client.send(std::move(batch));
     ASSERT_TRUE(waitUntil([&] { return session->frames().size() == 2; }));
-    EXPECT_EQ(
-        session->frames()[1],
-        R"([{"channel":"/b","data":1},{"channel":"/meta/subscribe","clientId":"id1","subscription":"/c"}])");
+    EXPECT_EQ(session->frames(),
+              (std::vector<std::string>{R"([{"channel":"/a","data":{"n":1}}])",
+                                        R"([{"channel":"/b","data":1},{"channel":"/meta/)"
+                                        R"(subscribe","clientId":"id1","subscription":"/c"}])"}));
 
     session->send(R"([{"channel":"/meta/connect","successful":true,"id":"1"}])");
     session->send(R"([{"channel":"/x","data":1},{"channel":"/y","data":2}])");
     session->send(R"({"channel":"/z","data":3})");
     ASSERT_TRUE(waitUntil([&] { return client.collector->count() == 3; }));
-    EXPECT_EQ(client.collector->encoded(),
+    EXPECT_EQ(client.collector->received(),
               (std::vector<std::string>{
                   R"([{"channel":"/meta/connect","id":"1","successful":true}])",
                   R"(container[{"channel":"/x","data":1},{"channel":"/y","data":2}])",
                   R"([{"channel":"/z","data":3}])"}));
 }
 
-// A client and a server that reads nothing yet. stall() sends a frame larger than the socket
-// buffers, which stays in flight, so that what the client sends next queues behind it until
-// the session starts reading.
-// What is queued while a write is in flight goes out as one frame once the socket is free.
-// A burst queued behind a slow write is split into frames a server's frame limit accepts, with
-// every message once and in order; a single larger message still goes out whole.
-// Through the whole connection, a paced stream loses nothing and keeps its order, with a frame
-// larger than the read buffer in the middle and a lone frame after it stops.
-// A fast stream goes out in frames of many messages; the frame held last still leaves once the
-// stream stops, and so does a lone message after it. Nothing is lost or reordered, with write
-// pacing or without.
 TEST(WebSocketTransport, HandshakeCarriesTheApiKeyOfTheContextState) {
     TestServer server;
-    Client client = connectClient(server.url());
+    Client client(server.url());
     auto session = server.nextSession();
     ASSERT_TRUE(session);
-
-    client.send(
-        std::make_unique<HandshakeRequest>("1.0", "1.0", std::vector<std::string>{"websocket"}));
+    auto handshake = [] {
+        return std::make_unique<HandshakeRequest>("1.0", "1.0",
+                                                  std::vector<std::string>{"websocket"});
+    };
+    client.send(handshake());
     ASSERT_TRUE(waitUntil([&] { return session->frames().size() == 1; }));
     EXPECT_EQ(session->frames()[0].find("ext"), std::string::npos);
 
     // Stored after connecting: read when the handshake is sent, merged into an existing ext.
     client.context->getState()->set("orvapikey", std::string("k\"1"), ContextScope::Global);
-    auto handshake =
-        std::make_unique<HandshakeRequest>("1.0", "1.0", std::vector<std::string>{"websocket"});
-    handshake->setExt(R"({"other":true})");
-    client.send(std::move(handshake));
+    auto withExt = handshake();
+    withExt->setExt(R"({"other":true})");
+    client.send(std::move(withExt));
     client.send(std::make_unique<ConnectRequest>("websocket"));
     // The two may go out in one frame or two, depending on when the first write starts.
     std::vector<std::unique_ptr<BayeuxMessage>> sent;
@@ -90,52 +79,46 @@ TEST(WebSocketTransport, HandshakeCarriesTheApiKeyOfTheContextState) {
     EXPECT_EQ(sent[1]->getExt(), "");  // only handshakes carry the key
     const std::size_t framesBefore = session->frames().size();
 
-    // A value that is not a string is no key.
-    client.context->getState()->set("orvapikey", 42, ContextScope::Global);
-    client.send(std::make_unique<HandshakeRequest>());
+    client.context->getState()->set("orvapikey", 42, ContextScope::Global);  // not a key
+    client.send(handshake());
     ASSERT_TRUE(waitUntil([&] { return session->frames().size() == framesBefore + 1; }));
     EXPECT_EQ(session->frames().back().find("orvapikey"), std::string::npos);
 }
 
-TEST(WebSocketTransport, EndOfTheOutboundStreamClosesAfterWhatIsQueued) {
+// The client ends the connection: completing the outbound stream closes after what is queued;
+// cancelling the inbound stream closes at once and signals nothing more.
+TEST(WebSocketTransport, EndingEitherStreamClosesTheSocket) {
     TestServer server;
-    Client client = connectClient(server.url());
-    auto session = server.nextSession();
-    ASSERT_TRUE(session);
-    auto outboundDone = client.outbound->done();
-    auto inboundDone = client.inbound->done();
+    Client ending(server.url());
+    auto first = server.nextSession();
+    Client cancelling(server.url());
+    auto second = server.nextSession();
+    ASSERT_TRUE(first && second);
+    auto outboundDone = ending.outbound->done();
+    auto inboundDone = ending.inbound->done();
 
-    client.send(std::make_unique<DisconnectRequest>("c1"));
-    client.outbound->onComplete();
-    client.send(publish("/too/late"));
-    ASSERT_TRUE(waitUntil([&] { return session->closed(); }));
-    EXPECT_EQ(session->closeCode(), static_cast<int>(websocket::close_code::normal));
-    EXPECT_EQ(session->frames(),
+    ending.send(std::make_unique<DisconnectRequest>("c1"));
+    ending.outbound->onComplete();
+    ending.send(publish("/too/late"));
+    cancelling.collector->cancel();
+    ASSERT_TRUE(waitUntil([&] { return first->closed() && second->closed(); }));
+    EXPECT_EQ(first->closeCode(), kNormal);
+    EXPECT_EQ(second->closeCode(), kNormal);
+    EXPECT_EQ(first->frames(),
               std::vector<std::string>{R"([{"channel":"/meta/disconnect","clientId":"c1"}])"});
-    ASSERT_TRUE(waitUntil([&] { return client.collector->completed_.load(); }));
-    ASSERT_TRUE(outboundDone.waitFor(5s));
+    ASSERT_TRUE(waitUntil([&] { return ending.completed(); }));
+    ASSERT_TRUE(outboundDone.waitFor(5s) && inboundDone.waitFor(5s));
     EXPECT_TRUE(outboundDone.get());
-    ASSERT_TRUE(inboundDone.waitFor(5s));
     EXPECT_TRUE(inboundDone.get());
-}
-
-TEST(WebSocketTransport, CancellingTheInboundStreamClosesTheSocket) {
-    TestServer server;
-    Client client = connectClient(server.url());
-    auto session = server.nextSession();
-    ASSERT_TRUE(session);
-    client.collector->cancel();
-    ASSERT_TRUE(waitUntil([&] { return session->closed(); }));
-    EXPECT_EQ(session->closeCode(), static_cast<int>(websocket::close_code::normal));
-    EXPECT_TRUE(waitUntil([&] { return client.upstream->cancelled.load(); }));
-    EXPECT_FALSE(client.collector->completed_.load());  // no signal after cancel
+    EXPECT_TRUE(waitUntil([&] { return cancelling.upstream->cancelled.load(); }));
+    EXPECT_FALSE(cancelling.completed());  // no signal after cancel
 }
 
 TEST(WebSocketTransport, ServerClosingOrDyingCompletesTheInboundStream) {
     TestServer server;
-    Client graceful = connectClient(server.url());
+    Client graceful(server.url());
     auto first = server.nextSession();
-    Client abrupt = connectClient(server.url());
+    Client abrupt(server.url());
     auto second = server.nextSession();
     ASSERT_TRUE(first && second);
     auto gracefulDone = graceful.inbound->done();
@@ -148,88 +131,50 @@ TEST(WebSocketTransport, ServerClosingOrDyingCompletesTheInboundStream) {
     first->send(R"([{"channel":"/meta/disconnect","successful":true}])");
     first->close();
     second->abort();
-    ASSERT_TRUE(waitUntil([&] { return graceful.collector->completed_.load(); }));
-    ASSERT_TRUE(waitUntil([&] { return abrupt.collector->completed_.load(); }));
+    ASSERT_TRUE(waitUntil([&] { return graceful.completed() && abrupt.completed(); }));
     EXPECT_EQ(graceful.collector->count(), 1u);  // the reply sent before closing still arrives
     ASSERT_TRUE(waitUntil([&] { return graceful.upstream->cancelled.load(); }));
     EXPECT_EQ(seenAtCancel.load(), 1u);
-    ASSERT_TRUE(gracefulDone.waitFor(5s));
+    ASSERT_TRUE(gracefulDone.waitFor(5s) && abruptDone.waitFor(5s));
     EXPECT_TRUE(gracefulDone.get());
-    ASSERT_TRUE(abruptDone.waitFor(5s));
     EXPECT_FALSE(abruptDone.get());
-
-    // Sending on a closed connection drops the message quietly.
-    abrupt.send(publish("/nowhere"));
+    abrupt.send(publish("/nowhere"));  // sending on a closed connection drops the message quietly
 }
 
 TEST(WebSocketTransport, ReleasingTheStreamsOrTheContextClosesTheConnection) {
     TestServer server;
-    {
-        Client client = connectClient(server.url());
+    for (const bool contextFirst : {false, true}) {
+        Client client(server.url());
         auto session = server.nextSession();
         ASSERT_TRUE(session);
-        client.inbound.reset();
-        client.outbound.reset();
+        if (contextFirst) {  // its transport service closes what it opened
+            client.context.reset();
+        } else {
+            client.inbound.reset();
+            client.outbound.reset();
+        }
         ASSERT_TRUE(waitUntil([&] { return session->closed(); }));
+        EXPECT_TRUE(!contextFirst || waitUntil([&] { return client.completed(); }));
     }
-    {
-        // The context goes first: its transport service closes what it opened.
-        Client client = connectClient(server.url());
-        auto session = server.nextSession();
-        ASSERT_TRUE(session);
-        client.context.reset();
-        ASSERT_TRUE(waitUntil([&] { return session->closed(); }));
-        ASSERT_TRUE(waitUntil([&] { return client.collector->completed_.load(); }));
-    }
-    {
-        // Everything at once, with the connection open: must return promptly.
-        auto started = std::chrono::steady_clock::now();
-        Client client = connectClient(server.url());
-        client.send(publish("/x"));
-        client = Client{};
-        EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
-    }
+    // Everything at once, with the connection open: must return promptly.
+    const auto started = std::chrono::steady_clock::now();
+    Client client(server.url());
+    client.send(publish("/x"));
+    client = Client{};
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
 }
 
 std::size_t threadCount() {
-    std::size_t count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
-        (void)entry;
-        ++count;
-    }
-    return count;
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return std::distance(begin(tasks), end(tasks));
 }
-
-// Asks for nothing until told, and notes the thread of each signal.
-class LateSubscriber : public reactive_streams::Subscriber<MessagePtr> {
-  public:
-    void onSubscribe(std::shared_ptr<reactive_streams::Subscription> subscription) override {
-        this->subscription = std::move(subscription);
-        threads.push_back(std::this_thread::get_id());
-    }
-    void onNext(MessagePtr&&) override {
-        ++received;
-        threads.push_back(std::this_thread::get_id());
-    }
-    void onComplete() override {
-        completed = true;
-        threads.push_back(std::this_thread::get_id());
-    }
-    void onError(std::exception_ptr) override {}
-    Future<bool> done() override { return makeReadyFuture<bool>(true); }
-
-    std::shared_ptr<reactive_streams::Subscription> subscription;
-    int received = 0;
-    bool completed = false;
-    std::vector<std::thread::id> threads;
-};
 
 // The service joins its I/O thread when its context goes; what the connection received before
 // is still handed to a subscriber that comes later, on that subscriber's own thread.
 TEST(WebSocketTransport, ContextDestructionJoinsTheThreadAndKeepsWhatArrived) {
     TestServer server;
     const std::size_t before = threadCount();
-    auto context = contextWith();
+    auto context = makeContext();  // every host's context already holds the transport
     auto future = connectTo(context, server.url());
     ASSERT_TRUE(future.waitFor(5s));
     auto response = future.get();
@@ -245,27 +190,24 @@ TEST(WebSocketTransport, ContextDestructionJoinsTheThreadAndKeepsWhatArrived) {
     context.reset();
     EXPECT_EQ(threadCount(), before);
 
-    auto late = std::make_shared<LateSubscriber>();
+    auto late = std::make_shared<RecordingSubscriber>(10, std::this_thread::get_id());
     open.getInbound()->subscribe(late);
-    ASSERT_TRUE(late->subscription);
-    late->subscription->request(10);
-    EXPECT_EQ(late->received, 1);
-    EXPECT_TRUE(late->completed);
-    for (auto id : late->threads)
-        EXPECT_EQ(id, std::this_thread::get_id());
+    EXPECT_EQ(late->count(), 1u);
+    EXPECT_EQ(late->completions.load(), 1);
+    EXPECT_FALSE(late->wrongThread.load());
 }
 
 // Each failure to connect names the URL and the cause; only ConnectTransport is understood.
 TEST(WebSocketTransport, ConnectFailuresNameTheUrlAndTheCause) {
-    // A port nobody listens on: bound, then released.
-    std::string refused;
-    {
-        asio::io_context io;
-        tcp::acceptor acceptor(io, tcp::endpoint(asio::ip::make_address("127.0.0.1"), 0));
-        refused = "ws://127.0.0.1:" + std::to_string(acceptor.local_endpoint().port()) + "/bayeux";
-    }
-    // A server that accepts TCP and never answers the WebSocket handshake.
-    TestServer silent({true, /*answerHandshake=*/false});
+    // A listener that never accepts: the kernel takes the TCP connection, nobody answers the
+    // WebSocket handshake. A port nobody listens on: bound, then released.
+    asio::io_context io;
+    const tcp::endpoint loopback(asio::ip::make_address("127.0.0.1"), 0);
+    auto url = [](const tcp::acceptor& a) {
+        return "ws://127.0.0.1:" + std::to_string(a.local_endpoint().port()) + "/bayeux";
+    };
+    const tcp::acceptor silentAcceptor(io, loopback);
+    const std::string silent = url(silentAcceptor), refused = url(tcp::acceptor(io, loopback));
     WebSocketTransportOptions quick;
     quick.connectTimeoutMs = 300;
     const struct {
@@ -278,37 +220,25 @@ TEST(WebSocketTransport, ConnectFailuresNameTheUrlAndTheCause) {
         {"bayeux.example/path", "the URL does not start with ws:// or wss://", {}},
         {"ws://127.0.0.1:99999/bayeux", "invalid port", {}},
         {"ws://nonexistent.invalid/bayeux", "", {}},
-        {silent.url(), "timed out after 300 ms", quick},
+        {silent, "timed out after 300 ms", quick},
     };
     for (const auto& c : cases) {
-        const std::string error = connectError(contextWith(c.options), c.url);
+        const std::string error =
+            orvale::test::failureText(connectTo(contextWith(c.options), c.url));
         const std::string prefix = "Cannot connect to " + c.url + ": ";
         if (c.cause.empty())
             EXPECT_TRUE(error.rfind(prefix, 0) == 0 && error.size() > prefix.size()) << error;
         else
             EXPECT_EQ(error, prefix + c.cause);
     }
+    auto gone = contextWith();
+    auto pending = connectTo(gone, silent);
+    gone.reset();
+    EXPECT_EQ(orvale::test::failureText(pending),
+              "Cannot connect to " + silent + ": the transport was shut down");
     auto wrong =
         contextWith()->deliver(webSocketTransportAddress(), std::make_unique<DisconnectRequest>());
     EXPECT_THROW(wrong.get(), std::invalid_argument);
-}
-
-TEST(WebSocketTransport, ContextGoneWhileConnectingFailsTheConnect) {
-    TestServer silent({true, false});
-    auto context = contextWith();
-    auto future = connectTo(context, silent.url());
-    context.reset();
-    EXPECT_EQ(connectError(future),
-              "Cannot connect to " + silent.url() + ": the transport was shut down");
-}
-
-// The context every host gets already holds the transport.
-TEST(WebSocketTransport, MakeContextRegistersTheTransport) {
-    TestServer server;
-    auto context = makeContext();
-    auto future = connectTo(context, server.url());
-    ASSERT_TRUE(future.waitFor(5s));
-    EXPECT_NE(dynamic_cast<ConnectTransportResponse*>(future.get().get()), nullptr);
 }
 
 }  // namespace
