@@ -1,6 +1,9 @@
 // The orvale program as users run it: serve, sub and pub (client services against a hub in
 // another process), demo, exit statuses and error lines.
 
+#include <sstream>
+#include <thread>
+
 #include "common.h"
 
 namespace orvale::test {
@@ -40,7 +43,7 @@ TEST(OrvaleProgramTest, SubPrintsWhatPubPublishesOnExactAndWildcardChannels) {
 }
 
 TEST(OrvaleProgramTest, FailuresExitNonZeroWithOneLine) {
-    ServeProcess keyed({"--api-key", "k3y"});
+    ServeProcess keyed({"--api-key", "k3y", "--log-format", "json"});
     ServeProcess plain;
     const std::string port =
         plain.url.substr(plain.url.rfind(':') + 1, plain.url.rfind('/') - plain.url.rfind(':') - 1);
@@ -62,6 +65,7 @@ TEST(OrvaleProgramTest, FailuresExitNonZeroWithOneLine) {
         {{"serve", "--port", "70000"}, 2, "--port"},
         {{"serve", "--port", port}, 1, "Cannot listen"},
         {{"serve", "--bogus"}, 2, "unknown option --bogus"},
+        {{"serve", "--log-format", "xml"}, 2, "--log-format"},
         {{"nosuch"}, 2, "unknown command"},
     };
     for (const auto& c : cases) {
@@ -71,6 +75,24 @@ TEST(OrvaleProgramTest, FailuresExitNonZeroWithOneLine) {
             continue;
         expectOneLine(*child, c.mentions);
         EXPECT_TRUE(child->lines().empty());
+    }
+    // The keyed hub logged its two refusals as one JSON object a line.
+    std::vector<std::string> logged;
+    for (const auto until = std::chrono::steady_clock::now() + 5s;
+         logged.size() < 2 && std::chrono::steady_clock::now() < until;
+         std::this_thread::sleep_for(10ms)) {
+        logged.clear();
+        std::istringstream errors(keyed.process->errors());
+        for (std::string line; std::getline(errors, line);)
+            logged.push_back(line);
+    }
+    ASSERT_EQ(logged.size(), 2u);
+    for (const auto& line : logged) {
+        const auto record = parseLine(line);
+        EXPECT_EQ(text(record, "severity"), "warning") << line;
+        EXPECT_EQ(text(record, "logger"), "connector::bayeux::endpoint") << line;
+        EXPECT_EQ(text(record, "message"), "Refused a handshake without the right API key");
+        EXPECT_EQ(text(record, "time").size(), 24u) << line;
     }
 }
 
