@@ -49,6 +49,8 @@ NatsLink::NatsLink(NatsLinkOptions options, OnMessage onMessage)
     natsOptions_SetName(o, options_.name.c_str());
     natsOptions_SetNoEcho(o, true);
     natsOptions_SetNoRandomize(o, true);
+    // One library thread delivers for every subscription, in the order the messages came.
+    natsOptions_UseGlobalMessageDelivery(o, true);
     natsOptions_SetMaxReconnect(o, -1);
     natsOptions_SetReconnectWait(o, options_.reconnectWait.count());
     natsOptions_SetReconnectBufSize(o, static_cast<int>(options_.reconnectBufferBytes));

@@ -10,8 +10,9 @@
 // logged once per outage.
 //
 // Thread safety: every function may be called from any thread at once. `onMessage` runs on the
-// NATS library's delivery threads, one subscription's messages at a time and in order; the link
-// calls it under no lock of its own. The destructor waits until no callback runs.
+// NATS library's delivery thread, one message at a time, in the order the connection received
+// them whichever subscription they came through; the link calls it under no lock of its own. The
+// destructor waits until no callback runs.
 
 #include <atomic>
 #include <chrono>
