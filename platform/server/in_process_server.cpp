@@ -3,6 +3,8 @@
 
 #include "in_process_server.h"
 
+#include "cluster/clustered_server.h"
+
 #include <algorithm>
 #include <boost/container/small_vector.hpp>
 #include <exception>
@@ -425,7 +427,11 @@ bool InProcessBayeuxServer::accepting() const {
 }
 
 std::shared_ptr<BayeuxServer> makeBayeuxServer(BayeuxServerOptions options) {
-    return std::make_shared<InProcessBayeuxServer>(options);
+    auto server = std::make_shared<InProcessBayeuxServer>(options);
+    if (options.clusterUrls.empty())
+        return server;
+    return std::make_shared<cluster::ClusteredServer>(std::move(server),
+                                                      std::move(options.clusterUrls));
 }
 
 }  // namespace connector::bayeux

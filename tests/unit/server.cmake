@@ -3,3 +3,7 @@ foreach(unit channel_tree bayeux_server)
     orvale_test(${unit}_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/${unit}_test.cpp)
     target_include_directories(${unit}_test PRIVATE ${PROJECT_SOURCE_DIR}/platform/server)
 endforeach()
+# Servers of several processes joined through a NATS cluster the tests start.
+foreach(unit cluster_link clustered_server)
+    orvale_test(${unit}_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/${unit}_test.cpp)
+endforeach()

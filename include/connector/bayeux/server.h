@@ -45,10 +45,14 @@ class BayeuxServer {
 struct BayeuxServerOptions {
     // Delivery threads; 0 picks one per core, at most 4.
     std::size_t threads = 0;
+    // NATS servers (nats://host:port) of a cluster to join: the broadcast channels of every
+    // server in the cluster are then shared, as if they were one server. Empty: none.
+    std::vector<std::string> clusterUrls;
 };
 
 // A server delivering on threads of its own. Destroying it delivers what was accepted for live
-// sessions, then stops and joins its threads.
+// sessions, then stops and joins its threads. Throws std::runtime_error when a cluster is named
+// and none of its servers can be reached.
 std::shared_ptr<BayeuxServer> makeBayeuxServer(BayeuxServerOptions options = {});
 
 }  // namespace connector::bayeux

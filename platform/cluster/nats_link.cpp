@@ -1,0 +1,193 @@
+#include "nats_link.h"
+
+#include <nats/nats.h>
+
+#include <stdexcept>
+
+#include "connector/log/diagnostic_logger.h"
+
+namespace connector::bayeux::cluster {
+
+namespace {
+
+namespace log = foundation::log;
+
+const log::basic_diagnostic_logger<char> logger("connector::bayeux::cluster");
+
+std::string joined(const std::vector<std::string>& urls) {
+    std::string text;
+    for (const auto& url : urls)
+        text += (text.empty() ? "" : ",") + url;
+    return text;
+}
+
+// Owns a natsOptions while the connection is made.
+struct Options {
+    ~Options() { natsOptions_Destroy(handle); }
+    natsOptions* handle = nullptr;
+};
+
+void check(natsStatus status, const char* what) {
+    if (status != NATS_OK)
+        throw std::runtime_error(std::string(what) + ": " + natsStatus_GetText(status));
+}
+
+}  // namespace
+
+NatsLink::NatsLink(NatsLinkOptions options, OnMessage onMessage)
+    : options_(std::move(options)), onMessage_(std::move(onMessage)) {
+    if (options_.urls.empty())
+        throw std::runtime_error("Cannot join a cluster without a NATS URL");
+    Options made;
+    check(natsOptions_Create(&made.handle), "Cannot set up a NATS connection");
+    std::vector<const char*> servers;
+    for (const auto& url : options_.urls)
+        servers.push_back(url.c_str());
+    natsOptions* o = made.handle;
+    check(natsOptions_SetServers(o, servers.data(), static_cast<int>(servers.size())),
+          ("Cannot use the NATS URLs " + joined(options_.urls)).c_str());
+    natsOptions_SetName(o, options_.name.c_str());
+    natsOptions_SetNoEcho(o, true);
+    natsOptions_SetNoRandomize(o, true);
+    // One library thread delivers for every subscription, in the order the messages came.
+    natsOptions_UseGlobalMessageDelivery(o, true);
+    natsOptions_SetMaxReconnect(o, -1);
+    natsOptions_SetReconnectWait(o, options_.reconnectWait.count());
+    natsOptions_SetReconnectBufSize(o, static_cast<int>(options_.reconnectBufferBytes));
+    natsOptions_SetTimeout(o, options_.connectTimeout.count());
+    natsOptions_SetDisconnectedCB(o, &NatsLink::onDisconnected, this);
+    natsOptions_SetReconnectedCB(o, &NatsLink::onReconnected, this);
+    natsOptions_SetClosedCB(o, &NatsLink::onClosed, this);
+    const natsStatus status = natsConnection_Connect(&connection_, o);
+    if (status != NATS_OK)
+        throw std::runtime_error("Cannot reach the cluster at " + joined(options_.urls) + ": " +
+                                 natsStatus_GetText(status));
+    connected_ = true;
+    logger.log(log::trace, "Joined the cluster at ", joined(options_.urls));
+}
+
+NatsLink::~NatsLink() {
+    {
+        common::MutexLock lock(mutex_);
+        for (auto& [pattern, subscription] : subscriptions_)
+            natsSubscription_Unsubscribe(subscription.handle);
+    }
+    // Closing is no outage: nothing to log.
+    connected_ = false;
+    natsConnection_Close(connection_);
+    {
+        common::UniqueLock lock(mutex_);
+        finished_.wait(lock.native(), [this] {
+            mutex_.assumeHeld();
+            return running_ == 0 && closed_;
+        });
+        for (auto& [pattern, subscription] : subscriptions_)
+            natsSubscription_Destroy(subscription.handle);
+        subscriptions_.clear();
+    }
+    natsConnection_Destroy(connection_);
+}
+
+void NatsLink::publish(const std::string& subject, std::string_view payload) {
+    const natsStatus status = natsConnection_Publish(connection_, subject.c_str(), payload.data(),
+                                                     static_cast<int>(payload.size()));
+    if (status == NATS_OK) {
+        ++published_;
+        return;
+    }
+    ++lost_;
+    if (!lossLogged_.exchange(true))
+        logger.log(log::warning, "Cluster link down: messages for other members are lost (",
+                   natsStatus_GetText(status), ")");
+}
+
+bool NatsLink::addInterest(const std::string& pattern) {
+    common::MutexLock lock(mutex_);
+    Subscription& subscription = subscriptions_[pattern];
+    if (subscription.uses++ > 0)
+        return true;
+    // Subscribing under the lock keeps a quick remove from unsubscribing before this is done;
+    // nats.c calls nothing of ours from it.
+    const natsStatus status = natsConnection_Subscribe(
+        &subscription.handle, connection_, pattern.c_str(), &NatsLink::onDelivery, this);
+    if (status != NATS_OK) {
+        logger.log(log::error, "Cannot subscribe to ", pattern,
+                   " in the cluster: ", natsStatus_GetText(status));
+        subscriptions_.erase(pattern);
+        return false;
+    }
+    ++running_;
+    natsSubscription_SetOnCompleteCB(subscription.handle, &NatsLink::onSubscriptionDone, this);
+    return true;
+}
+
+void NatsLink::removeInterest(const std::string& pattern) {
+    common::MutexLock lock(mutex_);
+    const auto it = subscriptions_.find(pattern);
+    if (it == subscriptions_.end() || --it->second.uses > 0)
+        return;
+    // The handler may still be running on a delivery thread: Destroy only drops this reference.
+    natsSubscription_Unsubscribe(it->second.handle);
+    natsSubscription_Destroy(it->second.handle);
+    subscriptions_.erase(it);
+}
+
+NatsLinkStats NatsLink::stats() const {
+    NatsLinkStats stats;
+    stats.connected = connected_;
+    stats.published = published_;
+    stats.received = received_;
+    stats.lost = lost_;
+    stats.reconnects = reconnects_;
+    common::MutexLock lock(mutex_);
+    stats.subscriptions = subscriptions_.size();
+    return stats;
+}
+
+void NatsLink::onDelivery(natsConnection*, natsSubscription*, natsMsg* message, void* closure) {
+    auto* self = static_cast<NatsLink*>(closure);
+    ++self->received_;
+    const std::string_view subject(natsMsg_GetSubject(message));
+    const std::string_view payload(natsMsg_GetData(message),
+                                   static_cast<std::size_t>(natsMsg_GetDataLength(message)));
+    try {
+        self->onMessage_(subject, payload);
+    } catch (const std::exception& e) {
+        logger.log(log::error, "Dropped a message from the cluster: ", e.what());
+    }
+    natsMsg_Destroy(message);
+}
+
+void NatsLink::onDisconnected(natsConnection*, void* closure) {
+    auto* self = static_cast<NatsLink*>(closure);
+    if (self->connected_.exchange(false))
+        logger.log(log::warning, "Lost the cluster link; reconnecting");
+}
+
+void NatsLink::onReconnected(natsConnection* connection, void* closure) {
+    auto* self = static_cast<NatsLink*>(closure);
+    self->connected_ = true;
+    ++self->reconnects_;
+    self->lossLogged_ = false;
+    char url[256] = "";
+    natsConnection_GetConnectedUrl(connection, url, sizeof url);
+    logger.log(log::warning, "Cluster link back, through ", url, "; ", self->lost_.load(),
+               " messages lost so far");
+}
+
+void NatsLink::onClosed(natsConnection*, void* closure) {
+    auto* self = static_cast<NatsLink*>(closure);
+    self->connected_ = false;
+    common::MutexLock lock(self->mutex_);
+    self->closed_ = true;
+    self->finished_.notify_all();
+}
+
+void NatsLink::onSubscriptionDone(void* closure) {
+    auto* self = static_cast<NatsLink*>(closure);
+    common::MutexLock lock(self->mutex_);
+    --self->running_;
+    self->finished_.notify_all();
+}
+
+}  // namespace connector::bayeux::cluster

@@ -1,0 +1,104 @@
+#pragma once
+// NATS servers for the cluster tests: `nodes` nats-server processes on free loopback ports,
+// routed to each other, each ready for clients when the constructor returns.
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "child_process.h"
+
+namespace orvale::test {
+
+// A port nothing listens on now; the kernel does not hand it out again at once.
+inline int freeLoopbackPort() {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0)
+        throw std::runtime_error("no free port");
+    ::close(fd);
+    return ntohs(address.sin_port);
+}
+
+inline bool accepts(int port) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    ::close(fd);
+    return ok;
+}
+
+class NatsCluster {
+  public:
+    explicit NatsCluster(int nodes) {
+        for (int i = 0; i < nodes; ++i)
+            ports_.push_back({freeLoopbackPort(), freeLoopbackPort()});
+        for (int i = 0; i < nodes; ++i)
+            start(i);
+    }
+
+    std::string url(int node) const {
+        return "nats://127.0.0.1:" + std::to_string(ports_.at(node).client);
+    }
+    // Every node's URL, `first` first.
+    std::vector<std::string> urls(int first) const {
+        std::vector<std::string> out{url(first)};
+        for (int i = 0; i < static_cast<int>(ports_.size()); ++i)
+            if (i != first)
+                out.push_back(url(i));
+        return out;
+    }
+    void kill(int node) { servers_.at(node).reset(); }
+
+  private:
+    struct Ports {
+        int client, route;
+    };
+
+    void start(int node) {
+        std::string routes;
+        for (int i = 0; i < static_cast<int>(ports_.size()); ++i)
+            if (i != node)
+                routes += (routes.empty() ? "" : ",") + std::string("nats://127.0.0.1:") +
+                          std::to_string(ports_[i].route);
+        std::vector<std::string> argv{"nats-server",
+                                      "-a",
+                                      "127.0.0.1",
+                                      "-p",
+                                      std::to_string(ports_[node].client),
+                                      "--cluster_name",
+                                      "orvale-test",
+                                      "--cluster",
+                                      "nats://127.0.0.1:" + std::to_string(ports_[node].route)};
+        if (!routes.empty())
+            argv.insert(argv.end(), {"--routes", routes});
+        servers_.resize(ports_.size());
+        servers_[node] = std::make_unique<ChildProcess>(argv);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (!accepts(ports_[node].client)) {
+            if (std::chrono::steady_clock::now() > deadline)
+                throw std::runtime_error("nats-server did not start: " + servers_[node]->errors());
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    }
+
+    std::vector<Ports> ports_;
+    std::vector<std::unique_ptr<ChildProcess>> servers_;
+};
+
+}  // namespace orvale::test

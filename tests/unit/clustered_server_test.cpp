@@ -1,0 +1,125 @@
+// Bayeux servers of three processes' worth, each joined to a different node of a real NATS
+// cluster, sharing their channels as one server would.
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <mutex>
+
+#include "cluster/clustered_server.h"
+#include "connector/bayeux/server.h"
+#include "nats_cluster.h"
+
+namespace connector::bayeux {
+namespace {
+
+using namespace std::chrono_literals;
+
+// A session that records what its server delivers to it, as "channel data" or "+pattern by id".
+class Recorder final : public BayeuxSession {
+  public:
+    explicit Recorder(std::string id) : id_(std::move(id)) {}
+    std::shared_ptr<common::ContextState> getContext() override { return nullptr; }
+    std::string getId() override { return id_; }
+    void deliver(const std::shared_ptr<const UnsubscribeRequest>& r) override {
+        add("-" + r->getChannel() + " by " + r->getClientId());
+    }
+    void deliver(const std::shared_ptr<const SubscribeRequest>& r) override {
+        add("+" + r->getChannel() + " by " + r->getClientId());
+    }
+    void deliver(const std::vector<std::string>&,
+                 const std::shared_ptr<const PublishRequest>& r) override {
+        add(r->getChannel() + " " + r->getJson());
+    }
+    // What arrived whose text starts with `prefix`, once `count` of them have or `bound` passed.
+    std::vector<std::string> await(const std::string& prefix, std::size_t count,
+                                   std::chrono::milliseconds bound = 5s) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        auto matching = [&] {
+            std::vector<std::string> out;
+            for (const auto& event : events_)
+                if (event.rfind(prefix, 0) == 0)
+                    out.push_back(event);
+            return out;
+        };
+        changed_.wait_for(lock, bound, [&] { return matching().size() >= count; });
+        return matching();
+    }
+
+  private:
+    void add(std::string event) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        events_.push_back(std::move(event));
+        changed_.notify_all();
+    }
+    const std::string id_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<std::string> events_;
+};
+
+struct Member {
+    Member(const orvale::test::NatsCluster& nats, int node, const std::string& id)
+        : server(makeBayeuxServer({1, nats.urls(node)})), session(std::make_shared<Recorder>(id)) {
+        server->registerSession(session);
+    }
+    void subscribe(const std::string& pattern) {
+        server->acceptSubscribe(std::make_shared<SubscribeRequest>(pattern, session->getId()));
+    }
+    void publish(const std::string& channel, const std::string& json) {
+        auto request = std::make_shared<PublishRequest>(channel, common::DataBuffer(json));
+        request->setClientId(session->getId());
+        server->acceptPublish(std::move(request));
+    }
+    std::shared_ptr<BayeuxServer> server;
+    std::shared_ptr<Recorder> session;
+};
+
+TEST(ClusteredServer, MembersShareChannelsOnceInOrderAndHearEachOthersSubscriptions) {
+    orvale::test::NatsCluster nats(3);
+    Member a(nats, 0, "a"), b(nats, 1, "b"), c(nats, 2, "c");
+    // Interest crosses the NATS routes a moment after a subscription: b's subscription events
+    // reach c once c's interest in them has reached b's node.
+    for (int i = 0; i < 200 && c.session->await("+/warm", 1, 25ms).empty(); ++i)
+        b.subscribe("/warm/" + std::to_string(i));
+    // Two of b's patterns match every channel below: each message must still arrive once.
+    b.subscribe("/chat/*");
+    b.subscribe("/chat/**");
+    a.subscribe("/chat/room");
+    c.subscribe("/chat/room");
+    c.subscribe("/service/**");
+    // Listeners everywhere hear b's subscriptions.
+    EXPECT_EQ(c.session->await("+/chat/*", 2),
+              (std::vector<std::string>{"+/chat/* by b", "+/chat/** by b"}));
+    for (int i = 0; i < 200 && b.session->await("/chat/probe", 1, 25ms).empty(); ++i)
+        a.publish("/chat/probe", "0");
+    a.publish("/service/echo", "1");
+    std::vector<std::string> expected;
+    for (int i = 0; i < 50; ++i) {
+        a.publish("/chat/room", std::to_string(i));
+        c.publish("/chat/room", std::to_string(100 + i));
+        expected.push_back("/chat/room " + std::to_string(i));
+    }
+    const auto got = b.session->await("/chat/room", 100);
+    ASSERT_EQ(got.size(), 100u);
+    std::vector<std::string> fromA;
+    for (const auto& event : got)
+        if (event.size() < 14)  // "/chat/room N" with N below 100: a's messages
+            fromA.push_back(event);
+    EXPECT_EQ(fromA, expected);
+    // a and c get their own messages locally and each other's once: an echo would make more.
+    // /service stays home: had it crossed, it would have come before a's messages to c.
+    for (Member* member : {&a, &c}) {
+        EXPECT_EQ(member->session->await("/chat/room", 100).size(), 100u);
+        EXPECT_EQ(member->session->await("/chat/room", 101, 100ms).size(), 100u);
+    }
+    EXPECT_TRUE(c.session->await("/service/echo", 1, 0ms).empty());
+}
+
+TEST(ClusteredServer, NamesTheClusterItCannotReach) {
+    const std::string url = "nats://127.0.0.1:" + std::to_string(orvale::test::freeLoopbackPort());
+    EXPECT_THROW(makeBayeuxServer({1, {url}}), std::runtime_error);
+}
+
+}  // namespace
+}  // namespace connector::bayeux
