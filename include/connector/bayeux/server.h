@@ -47,7 +47,7 @@ struct BayeuxServerOptions {
     std::size_t threads = 0;
     // NATS servers (nats://host:port) of a cluster to join: the broadcast channels of every
     // server in the cluster are then shared, as if they were one server. Empty: none.
-    std::vector<std::string> clusterUrls;
+    std::vector<std::string> clusterUrls{};
 };
 
 // A server delivering on threads of its own. Destroying it delivers what was accepted for live
