@@ -18,6 +18,7 @@ const char* const kUsage =
                    [--cert FILE --key FILE] [--connect-timeout MS] [--session-timeout MS]
                    [--max-sessions N] [--max-connections N] [--max-queue-bytes B]
                    [--max-output-bytes B] [--ws-idle-timeout MS] [--log-format text|json]
+                   [--cluster nats://H:P[,nats://H:P...]]
 
 Serves Bayeux clients (CometD, Faye, orvale client services) over WebSocket and HTTP
 long-polling at ws://H:P/path, printing that URL on the first line of stdout, until SIGINT or
@@ -38,6 +39,8 @@ SIGTERM.
   --max-output-bytes B   a connection whose unread output passes B is closed (default 16777216)
   --ws-idle-timeout MS   a WebSocket that sends no frame, or takes no output, for this long is
                          closed; at least twice --connect-timeout (default 60000)
+  --cluster URLS         join the hubs and host processes of a cluster through these NATS
+                         servers (comma-separated): every member's clients share channels
   --log-format F         text (default): "orvale [severity] logger: message" lines on stderr;
                          json: one object a line, {"time","severity","logger","message"} and
                          "fields" for structured records
@@ -50,7 +53,7 @@ int runServe(const Words& words) {
         words,
         {"--host", "--port", "--path", "--api-key", "--cert", "--key", "--connect-timeout",
          "--session-timeout", "--max-sessions", "--max-connections", "--max-queue-bytes",
-         "--max-output-bytes", "--ws-idle-timeout", "--log-format"},
+         "--max-output-bytes", "--ws-idle-timeout", "--log-format", "--cluster"},
         {"--help"});
     if (args.has("--help")) {
         std::cout << kUsage;
@@ -91,7 +94,17 @@ int runServe(const Words& words) {
     connector::bayeux::BayeuxServerOptions serverOptions;
     if (std::thread::hardware_concurrency() < 4)
         serverOptions.threads = 1;
-    auto server = connector::bayeux::makeBayeuxServer(serverOptions);
+    for (std::string urls = args.value("--cluster", ""); !urls.empty();) {
+        const auto comma = urls.find(',');
+        serverOptions.clusterUrls.push_back(urls.substr(0, comma));
+        urls = comma == std::string::npos ? std::string() : urls.substr(comma + 1);
+    }
+    std::shared_ptr<connector::bayeux::BayeuxServer> server;
+    try {
+        server = connector::bayeux::makeBayeuxServer(serverOptions);
+    } catch (const std::exception& e) {
+        throw Failure(e.what());
+    }
     std::unique_ptr<connector::bayeux::BayeuxEndpoint> endpoint;
     try {
         endpoint = connector::bayeux::startBayeuxEndpoint(server, options);
