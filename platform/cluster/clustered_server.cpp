@@ -75,20 +75,26 @@ void ClusteredServer::acceptSubscribe(std::shared_ptr<const SubscribeRequest> re
     if (!request)
         return;
     inner_->acceptSubscribe(request);
-    const std::string subject = countInterest(request->getClientId(), request->getChannel(), true);
-    if (!subject.empty())
-        link_->addInterest(subject);
-    announceToCluster('+', request->getClientId(), request->getChannel());
+    shareChange(request->getClientId(), request->getChannel(), true);
 }
 
 void ClusteredServer::acceptUnsubscribe(std::shared_ptr<const UnsubscribeRequest> request) {
     if (!request)
         return;
     inner_->acceptUnsubscribe(request);
-    const std::string subject = countInterest(request->getClientId(), request->getChannel(), false);
-    if (!subject.empty())
-        link_->removeInterest(subject);
-    announceToCluster('-', request->getClientId(), request->getChannel());
+    shareChange(request->getClientId(), request->getChannel(), false);
+}
+
+void ClusteredServer::shareChange(const std::string& clientId, const std::string& pattern,
+                                  bool subscribed) {
+    const std::string subject = countInterest(clientId, pattern, subscribed);
+    if (!subject.empty()) {
+        if (subscribed)
+            link_->addInterest(subject);
+        else
+            link_->removeInterest(subject);
+    }
+    announceToCluster(subscribed ? '+' : '-', clientId, pattern);
 }
 
 void ClusteredServer::acceptPublish(std::shared_ptr<const PublishRequest> request) {

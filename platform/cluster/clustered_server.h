@@ -49,6 +49,8 @@ class ClusteredServer final : public BayeuxServer {
     // Counts `pattern` for `clientId` up or down; returns the NATS subject whose subscription
     // must be made or dropped, or nothing.
     std::string countInterest(const std::string& clientId, const std::string& pattern, bool add);
+    // Makes or drops the NATS subscription a local change calls for, and tells the others.
+    void shareChange(const std::string& clientId, const std::string& pattern, bool subscribed);
     void announceToCluster(char kind, const std::string& clientId, const std::string& channel);
 
     const std::shared_ptr<BayeuxServer> inner_;
