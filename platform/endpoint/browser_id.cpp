@@ -84,7 +84,7 @@ bool BrowserIds::issued(std::string_view id) const {
     return CRYPTO_memcmp(tag, bytes.data() + kRandomBytes, kTagBytes) == 0;
 }
 
-std::string BrowserIds::fromCookieHeader(std::string_view rest) const {
+std::string_view BrowserIds::fromCookieHeader(std::string_view rest) const {
     const std::string_view name = kCookie;
     while (!rest.empty()) {
         const auto end = rest.find(';');
@@ -97,7 +97,7 @@ std::string BrowserIds::fromCookieHeader(std::string_view rest) const {
         if (value.size() >= 2 && value.front() == '"' && value.back() == '"')
             value = value.substr(1, value.size() - 2);
         if (issued(value))
-            return std::string(value);
+            return value;
     }
     return {};
 }

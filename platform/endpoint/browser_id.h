@@ -26,15 +26,17 @@ class BrowserIds {
     std::string issue() const;
     // Whether this hub issued `id`; the check takes the same time whatever the value.
     bool issued(std::string_view id) const;
-    // The first issued id among the BAYEUX_BROWSER cookies of a Cookie header, or empty.
-    std::string fromCookieHeader(std::string_view header) const;
-    // The same over every Cookie header of an HTTP request.
+    // The first issued id among the BAYEUX_BROWSER cookies of a Cookie header (a view into
+    // it), or empty.
+    std::string_view fromCookieHeader(std::string_view header) const;
+    // The same over every Cookie header of an HTTP request, a view into the request.
     template <class Request>
-    std::string fromRequest(const Request& request) const {
+    std::string_view fromRequest(const Request& request) const {
         const auto range = request.equal_range(boost::beast::http::field::cookie);
         for (auto field = range.first; field != range.second; ++field) {
             const auto value = field->value();
-            std::string id = fromCookieHeader(std::string_view(value.data(), value.size()));
+            const std::string_view id =
+                fromCookieHeader(std::string_view(value.data(), value.size()));
             if (!id.empty())
                 return id;
         }

@@ -120,7 +120,8 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
         FrameBuilder out;
         FrameOutcome outcome;
         try {
-            sender_.browser = hub_->browsers().fromRequest(request);
+            // Assigned into the storage of the last request's: no allocation after the first.
+            sender_.browser.assign(hub_->browsers().fromRequest(request));
             outcome = hub_->handleFrame(request.body(), self(), sender_, out);
         } catch (const std::exception& e) {
             logger.log(log::error, "Closing an HTTP connection after a failure: ", e.what());

@@ -108,6 +108,7 @@ Sender Hub::sender(Transport transport, std::string browser) {
     sender.transport = transport;
     sender.connection = lastConnection_.fetch_add(1, std::memory_order_relaxed) + 1;
     sender.browser = std::move(browser);
+    sender.sessions = std::make_shared<ConnectionSessions>();
     return sender;
 }
 

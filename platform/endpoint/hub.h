@@ -40,7 +40,7 @@ struct Sender {
     // An id this hub issued, carried by the request's cookie, or over a WebSocket by its upgrade
     // (or set by the upgrade's answer); empty when none.
     std::string browser;
-    std::shared_ptr<ConnectionSessions> sessions = std::make_shared<ConnectionSessions>();
+    std::shared_ptr<ConnectionSessions> sessions;
 };
 
 struct FrameOutcome {

@@ -65,7 +65,7 @@ class WebSocketLink final : public Link,
               std::max(hub_->options().webSocketIdleTimeout, 2 * hub_->options().connectTimeout)) {}
 
     void start(HttpRequest request, std::shared_ptr<ConnectionSessions> sessions) {
-        std::string browser = hub_->browsers().fromRequest(request);
+        std::string browser(hub_->browsers().fromRequest(request));
         std::string setCookie;
         if (browser.empty()) {
             browser = hub_->browsers().issue();
