@@ -239,8 +239,8 @@ void Hub::handshake(const HandshakeRequest& request, const Sender& sender, Frame
         do {
             id = common::randomString(kClientIdLength);
         } while (sessions_.count(id) != 0);
-        session = std::make_shared<RemoteSession>(id, std::move(owner), queueBounds(),
-                                                  Clock::now());
+        session =
+            std::make_shared<RemoteSession>(id, std::move(owner), queueBounds(), Clock::now());
         sessions_.emplace(std::move(id), session);
     }
     session->runServerCalls(*server_);

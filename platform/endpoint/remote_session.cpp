@@ -25,8 +25,7 @@ constexpr std::size_t kCompactAfter = 64;
 
 }  // namespace
 
-RemoteSession::RemoteSession(std::string id, Owner owner, QueueBounds bounds,
-                             Clock::time_point now)
+RemoteSession::RemoteSession(std::string id, Owner owner, QueueBounds bounds, Clock::time_point now)
     : id_(std::move(id)),
       owner_(std::move(owner)),
       maxQueue_(std::max<std::size_t>(bounds.messages, 1)),
