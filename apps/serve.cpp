@@ -16,8 +16,9 @@ namespace {
 const char* const kUsage =
     R"(usage: orvale serve [--host H] [--port P] [--path /bayeux] [--api-key K]
                    [--cert FILE --key FILE] [--connect-timeout MS] [--session-timeout MS]
-                   [--max-sessions N] [--max-connections N] [--max-queue-bytes B]
-                   [--max-output-bytes B] [--ws-idle-timeout MS] [--log-format text|json]
+                   [--max-sessions N] [--max-sessions-per-connection N] [--max-connections N]
+                   [--max-queue-bytes B] [--max-output-bytes B] [--max-messages-per-frame N]
+                   [--connect-grace MS] [--ws-idle-timeout MS] [--log-format text|json]
                    [--cluster nats://H:P[,nats://H:P...]]
 
 Serves Bayeux clients (CometD, Faye, orvale client services) over WebSocket and HTTP
@@ -32,6 +33,16 @@ SIGTERM.
   --connect-timeout MS   how long a /meta/connect is held (default 25000)
   --session-timeout MS   a session without /meta/connect for this long ends (default 45000)
   --max-sessions N       handshakes beyond N sessions are refused (default 100000)
+  --max-sessions-per-connection N
+                         live sessions one connection may handshake; more get
+                         "503::Too many sessions on this connection" (default 16; raise it
+                         behind a proxy that pools many clients' requests on few connections)
+  --max-messages-per-frame N
+                         a WebSocket frame or HTTP body of more messages is refused whole:
+                         the WebSocket is closed (1009), the HTTP request answered 413 and its
+                         connection closed (default 1000)
+  --connect-grace MS     a session that sends no /meta/connect this long after its handshake
+                         ends (default 10000)
   --max-connections N    connections beyond N are closed on arrival (default 100000)
   --max-queue-bytes B    bytes of messages queued for one session (default 4194304); a full
                          queue drops its oldest messages and the session's next /meta/connect
@@ -44,6 +55,11 @@ SIGTERM.
   --log-format F         text (default): "orvale [severity] logger: message" lines on stderr;
                          json: one object a line, {"time","severity","logger","message"} and
                          "fields" for structured records
+
+A session is bound to the client that made it: requests for it are served only over the
+WebSocket it was handshaken on, or with its browser's BAYEUX_BROWSER cookie (HttpOnly,
+SameSite=Strict, Secure under TLS), which the hub sets on long-polling handshake answers and on
+WebSocket upgrade answers. Anything else is answered "402::Unknown client".
 )";
 
 }  // namespace
@@ -53,7 +69,8 @@ int runServe(const Words& words) {
         words,
         {"--host", "--port", "--path", "--api-key", "--cert", "--key", "--connect-timeout",
          "--session-timeout", "--max-sessions", "--max-connections", "--max-queue-bytes",
-         "--max-output-bytes", "--ws-idle-timeout", "--log-format", "--cluster"},
+         "--max-output-bytes", "--ws-idle-timeout", "--max-sessions-per-connection",
+         "--max-messages-per-frame", "--connect-grace", "--log-format", "--cluster"},
         {"--help"});
     if (args.has("--help")) {
         std::cout << kUsage;
@@ -88,6 +105,12 @@ int runServe(const Words& words) {
         args.number("--max-output-bytes", options.maxOutputBytes, 64 * 1024, 4 * kGiB);
     options.webSocketIdleTimeout = std::chrono::milliseconds(
         args.number("--ws-idle-timeout", options.webSocketIdleTimeout.count(), 1, 86400000));
+    options.maxSessionsPerConnection =
+        args.number("--max-sessions-per-connection", options.maxSessionsPerConnection, 1, 10000000);
+    options.maxMessagesPerFrame =
+        args.number("--max-messages-per-frame", options.maxMessagesPerFrame, 1, 10000000);
+    options.connectGrace = std::chrono::milliseconds(
+        args.number("--connect-grace", options.connectGrace.count(), 1, 86400000));
 
     // On a machine of fewer than four cores one delivery thread beside the hub's one I/O thread
     // beats more threads taking turns on the same cores.

@@ -50,13 +50,14 @@ void HandlePublishFrame(benchmark::State& state) {
     endpoint::Hub hub(server, EndpointOptions{});
     std::shared_ptr<endpoint::Link> link = std::make_shared<NoLink>();
     endpoint::FrameBuilder out;
-    hub.handleFrame(R"([{"channel":"/meta/handshake","id":"1","version":"1.0"}])", link,
-                    endpoint::Transport::WebSocket, out);
+    const endpoint::Sender sender = hub.sender(endpoint::Transport::WebSocket);
+    hub.handleFrame(R"([{"channel":"/meta/handshake","id":"1","version":"1.0"}])", link, sender,
+                    out);
     const std::string id = clientIdOf(out.close());
     const std::string frame = R"([{"channel":"/orvale/bench/a","clientId":")" + id +
                               R"(","id":"42","data":{"seq":1,"t":1234567890123}}])";
     for (auto _ : state) {
-        hub.handleFrame(frame, link, endpoint::Transport::WebSocket, out);
+        hub.handleFrame(frame, link, sender, out);
         benchmark::DoNotOptimize(out.bytes());
         out.close();
     }

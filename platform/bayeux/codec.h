@@ -7,6 +7,7 @@
 // Thread safety: pure functions; any thread.
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -33,6 +34,8 @@ struct DecodeError {
 struct Decoded {
     std::vector<std::unique_ptr<BayeuxMessage>> messages;
     std::vector<DecodeError> errors;
+    // The frame held more elements than the caller allows: nothing of it was decoded.
+    bool tooManyMessages = false;
 };
 
 // Appends one message as a JSON object to `out`.
@@ -46,7 +49,8 @@ std::string encode(const BayeuxMessage& message);
 // channel with `data` and no `successful` is a delivered PublishRequest.
 Decoded decodeFromServer(std::string_view frame);
 
-// Decodes what a client sends to a server: meta requests by channel, and PublishRequests.
-Decoded decodeFromClient(std::string_view frame);
+// Decodes what a client sends to a server: meta requests by channel, and PublishRequests. A frame
+// of more than `maxMessages` elements is refused whole (one frame-level error, tooManyMessages).
+Decoded decodeFromClient(std::string_view frame, std::size_t maxMessages = SIZE_MAX);
 
 }  // namespace connector::bayeux::codec

@@ -497,7 +497,7 @@ DecodeError frameError(std::string reason) {
 
 // One pass over the frame: each element is checked and decoded as it is read. Text that turns
 // out not to be JSON further on voids the whole frame, as if nothing had been decoded.
-Decoded decodeFrame(std::string_view frame, ElementDecoder decoder) {
+Decoded decodeFrame(std::string_view frame, ElementDecoder decoder, std::size_t maxMessages) {
     Decoded out;
     if (frame.size() > kMaxFrameBytes) {
         out.errors.push_back(frameError("frame of " + std::to_string(frame.size()) +
@@ -516,6 +516,15 @@ Decoded decodeFrame(std::string_view frame, ElementDecoder decoder) {
                 reader.expect(']');
             } else {
                 for (std::size_t index = 0;; ++index) {
+                    if (index == maxMessages) {
+                        // Refused whole, before decoding the rest of it.
+                        out.messages.clear();
+                        out.errors.clear();
+                        out.errors.push_back(frameError("frame of more than " +
+                                                        std::to_string(maxMessages) + " messages"));
+                        out.tooManyMessages = true;
+                        return out;
+                    }
                     if (reader.peek() == '{') {
                         reader.object(1, members);
                         decodeElement(members, index, decoder, out);
@@ -574,11 +583,11 @@ std::string DecodeError::text() const {
 }
 
 Decoded decodeFromServer(std::string_view frame) {
-    return decodeFrame(frame, &decodeServerMessage);
+    return decodeFrame(frame, &decodeServerMessage, SIZE_MAX);
 }
 
-Decoded decodeFromClient(std::string_view frame) {
-    return decodeFrame(frame, &decodeClientMessage);
+Decoded decodeFromClient(std::string_view frame, std::size_t maxMessages) {
+    return decodeFrame(frame, &decodeClientMessage, maxMessages);
 }
 
 }  // namespace connector::bayeux::codec

@@ -14,6 +14,7 @@
 namespace connector::bayeux::endpoint {
 
 class Hub;
+struct ConnectionSessions;
 
 using PlainStream = boost::beast::tcp_stream;
 using TlsStream = boost::beast::ssl_stream<boost::beast::tcp_stream>;
@@ -24,10 +25,11 @@ using HttpRequest = boost::beast::http::request<boost::beast::http::string_body>
 void serveHttp(PlainStream stream, std::shared_ptr<Hub> hub, ConnectionSlot slot);
 void serveHttp(TlsStream stream, std::shared_ptr<Hub> hub, ConnectionSlot slot);
 
-// Accepts the WebSocket upgrade `request` read from `stream`, then serves Bayeux frames.
+// Accepts the WebSocket upgrade `request` read from `stream`, then serves Bayeux frames. The
+// sessions handshaken over the connection before its upgrade go on counting in `sessions`.
 void serveWebSocket(PlainStream stream, HttpRequest request, std::shared_ptr<Hub> hub,
-                    ConnectionSlot slot);
+                    ConnectionSlot slot, std::shared_ptr<ConnectionSessions> sessions);
 void serveWebSocket(TlsStream stream, HttpRequest request, std::shared_ptr<Hub> hub,
-                    ConnectionSlot slot);
+                    ConnectionSlot slot, std::shared_ptr<ConnectionSessions> sessions);
 
 }  // namespace connector::bayeux::endpoint

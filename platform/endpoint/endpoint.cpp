@@ -40,7 +40,8 @@ using endpoint::Hub;
 const log::basic_diagnostic_logger<char> logger("connector::bayeux::endpoint");
 
 std::chrono::milliseconds sweepInterval(const EndpointOptions& options) {
-    const auto shortest = std::min(options.connectTimeout, options.sessionTimeout);
+    const auto shortest =
+        std::min({options.connectTimeout, options.sessionTimeout, options.connectGrace});
     return std::clamp(shortest / 10, std::chrono::milliseconds(5), std::chrono::milliseconds(500));
 }
 

@@ -5,6 +5,10 @@
 // through the Link. An upgrade hands the stream over to a WebSocket link. A response larger
 // than maxOutputBytes is not written: the connection is closed instead, as a WebSocket whose
 // output passes the bound is.
+//
+// Each request names its browser with its own BAYEUX_BROWSER cookie, whatever connection it
+// comes over; a handshake from a request without one (or with one this hub did not issue) sets
+// a new one in its answer.
 
 #include <boost/asio/post.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
@@ -13,6 +17,7 @@
 #include <boost/beast/websocket/rfc6455.hpp>
 #include <chrono>
 #include <optional>
+#include <utility>
 
 #include "connections.h"
 #include "connector/log/diagnostic_logger.h"
@@ -47,7 +52,8 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
         : stream_(std::move(stream)),
           hub_(std::move(hub)),
           slot_(std::move(slot)),
-          meter_(hub_->gauges()) {}
+          meter_(hub_->gauges()),
+          sender_(hub_->sender(Transport::LongPolling)) {}
 
     void start() {
         if constexpr (kSecure<Stream>) {
@@ -104,7 +110,8 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
         if (!servesPath(request.target()))
             return respond(http::status::not_found, "", "text/plain");
         if (beast::websocket::is_upgrade(request)) {
-            serveWebSocket(std::move(stream_), parser_->release(), hub_, std::move(slot_));
+            serveWebSocket(std::move(stream_), parser_->release(), hub_, std::move(slot_),
+                           sender_.sessions);
             return;
         }
         if (request.method() != http::verb::post)
@@ -113,12 +120,22 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
         FrameBuilder out;
         FrameOutcome outcome;
         try {
-            outcome = hub_->handleFrame(request.body(), self(), Transport::LongPolling, out);
+            // Assigned into the storage of the last request's: no allocation after the first.
+            sender_.browser.assign(hub_->browsers().fromRequest(request));
+            outcome = hub_->handleFrame(request.body(), self(), sender_, out);
         } catch (const std::exception& e) {
             logger.log(log::error, "Closing an HTTP connection after a failure: ", e.what());
             return close();
         }
         parser_.reset();  // the body is not needed while a connect is held
+        if (outcome.tooManyMessages) {
+            keepAlive_ = false;
+            return respond(http::status::payload_too_large, "", "text/plain");
+        }
+        if (!outcome.issuedBrowser.empty()) {
+            const bool secure = kSecure<Stream>;
+            setCookie_ = browserCookie(outcome.issuedBrowser, hub_->options().path, secure);
+        }
         if (outcome.heldSession) {
             heldSession_ = std::move(outcome.heldSession);
             heldToken_ = outcome.heldToken;
@@ -169,6 +186,8 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
         response_->set(http::field::server, "orvale");
         response_->set(http::field::content_type, contentType);
         response_->set(http::field::cache_control, "no-cache, no-store");
+        if (!setCookie_.empty())
+            response_->set(http::field::set_cookie, std::exchange(setCookie_, {}));
         response_->keep_alive(keepAlive_);
         response_->body() = std::move(body);
         response_->prepare_payload();
@@ -205,6 +224,8 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
     const std::shared_ptr<Hub> hub_;
     ConnectionSlot slot_;  // counts this connection; goes to the WebSocket link on an upgrade
     OutputMeter meter_;
+    Sender sender_;          // its browser is that of the request being served
+    std::string setCookie_;  // for the answer to the request being served
     beast::flat_buffer buffer_;
     std::optional<http::request_parser<http::string_body>> parser_;
     std::optional<http::response<http::string_body>> response_;

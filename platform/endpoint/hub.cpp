@@ -19,9 +19,7 @@ namespace log = foundation::log;
 
 const log::basic_diagnostic_logger<char> logger("connector::bayeux::endpoint");
 
-// 15 characters of 62 (89 bits) fit a string's inline buffer, so the id that every message of
-// a session carries is copied without an allocation, in the hub and in its clients.
-// 22 characters of 62 kinds: 130 bits, beyond guessing.
+// 22 characters of 62 kinds from a cryptographic generator: 130 bits, beyond guessing.
 constexpr std::uint8_t kClientIdLength = 22;
 // How long a client refused for lack of room waits before handshaking again.
 constexpr std::int64_t kRetryHandshakeMs = 1000;
@@ -105,12 +103,27 @@ Advice Hub::connectAdvice() const {
     return Advice{"retry", 0, static_cast<std::int64_t>(options_.connectTimeout.count())};
 }
 
+Sender Hub::sender(Transport transport, std::string browser) {
+    Sender sender;
+    sender.transport = transport;
+    sender.connection = lastConnection_.fetch_add(1, std::memory_order_relaxed) + 1;
+    sender.browser = std::move(browser);
+    sender.sessions = std::make_shared<ConnectionSessions>();
+    return sender;
+}
+
 FrameOutcome Hub::handleFrame(std::string_view frame, const std::shared_ptr<Link>& link,
-                              Transport transport, FrameBuilder& out) {
+                              const Sender& sender, FrameBuilder& out) {
     FrameOutcome outcome;
     // The delivery threads are woken once for the frame, not once for each publish in it.
     const DeferredWakes wakes;
-    codec::Decoded decoded = codec::decodeFromClient(frame);
+    codec::Decoded decoded = codec::decodeFromClient(frame, options_.maxMessagesPerFrame);
+    if (decoded.tooManyMessages) {
+        logger.log(log::warning, "Refused a frame of more than ", options_.maxMessagesPerFrame,
+                   " messages");
+        outcome.tooManyMessages = true;
+        return outcome;
+    }
     if (!decoded.errors.empty()) {
         outcome.unreadable = std::any_of(decoded.errors.begin(), decoded.errors.end(), frameLevel);
         logger.log(log::trace, "Refused what a client sent: ", decoded.errors.front().text());
@@ -121,19 +134,28 @@ FrameOutcome Hub::handleFrame(std::string_view frame, const std::shared_ptr<Link
     for (auto& message : decoded.messages) {
         const Kind kind = message->kind();
         if (kind == Kind::HandshakeRequest) {
-            handshake(static_cast<const HandshakeRequest&>(*message), out);
+            handshake(static_cast<const HandshakeRequest&>(*message), sender, out, outcome);
             continue;
         }
-        if (!session || session->id() != message->getClientId())
+        if (!session || session->id() != message->getClientId()) {
             session = find(message->getClientId());
+            // Knowing a client id is not enough: the request must come from the session's owner.
+            const std::string_view browser =
+                sender.browser.empty() ? std::string_view(outcome.issuedBrowser) : sender.browser;
+            if (session && !session->admits(sender.connection, browser)) {
+                logger.log(log::trace, "Refused a request for session ", session->id(),
+                           " from a connection not bound to it");
+                session.reset();
+            }
+        }
         if (!session) {
             appendUnknownClient(out, *message);
             continue;
         }
         switch (kind) {
             case Kind::ConnectRequest:
-                connect(static_cast<const ConnectRequest&>(*message), session, link, transport, out,
-                        outcome);
+                connect(static_cast<const ConnectRequest&>(*message), session, link,
+                        sender.transport, out, outcome);
                 break;
             case Kind::DisconnectRequest:
                 disconnect(static_cast<const DisconnectRequest&>(*message), session, out);
@@ -160,22 +182,53 @@ FrameOutcome Hub::handleFrame(std::string_view frame, const std::shared_ptr<Link
     return outcome;
 }
 
-void Hub::handshake(const HandshakeRequest& request, FrameBuilder& out) {
+bool Hub::takeConnectionSession(const HandshakeRequest& request, const Sender& sender,
+                                FrameBuilder& out) {
+    if (sender.sessions->live.fetch_add(1, std::memory_order_relaxed) <
+        options_.maxSessionsPerConnection)
+        return true;
+    sender.sessions->live.fetch_sub(1, std::memory_order_relaxed);
+    // Once for each connection: a flood of handshakes does not flood the log.
+    if (!sender.sessions->refused.exchange(true, std::memory_order_relaxed))
+        logger.log(log::warning, "Refused handshakes over a connection that has ",
+                   options_.maxSessionsPerConnection, " sessions already");
+    appendError(out, request, "503::Too many sessions on this connection",
+                Advice{"handshake", kRetryHandshakeMs, -1});
+    return false;
+}
+
+void Hub::handshake(const HandshakeRequest& request, const Sender& sender, FrameBuilder& out,
+                    FrameOutcome& outcome) {
     if (!options_.apiKey.empty() && !sameKey(apiKeyOf(request.getExt()), options_.apiKey)) {
         logger.log(log::warning, "Refused a handshake without the right API key");
         appendError(out, request, "403::Unauthorized", Advice{"none", 0, -1});
         return;
+    }
+    if (!takeConnectionSession(request, sender, out))
+        return;
+    RemoteSession::Owner owner;
+    owner.connection = sender.transport == Transport::WebSocket ? sender.connection : 0;
+    owner.madeBy = sender.sessions;
+    if (!sender.browser.empty()) {
+        owner.browser = sender.browser;
+    } else if (sender.transport == Transport::LongPolling) {
+        // Long-polling requests come over any connection: the cookie set now is what binds them.
+        if (outcome.issuedBrowser.empty())
+            outcome.issuedBrowser = browsers_.issue();
+        owner.browser = outcome.issuedBrowser;
     }
     std::shared_ptr<RemoteSession> session;
     {
         common::WriterLock lock(mutex_);
         if (!accepting_) {
             lock.unlock();
+            sender.sessions->live.fetch_sub(1, std::memory_order_relaxed);
             appendError(out, request, "503::Shutting down", Advice{"none", 0, -1});
             return;
         }
         if (sessions_.size() >= options_.maxSessions) {
             lock.unlock();
+            sender.sessions->live.fetch_sub(1, std::memory_order_relaxed);
             logger.log(log::warning, "Refused a handshake: ", options_.maxSessions,
                        " sessions already");
             appendError(out, request, "503::Too many sessions",
@@ -186,7 +239,8 @@ void Hub::handshake(const HandshakeRequest& request, FrameBuilder& out) {
         do {
             id = common::randomString(kClientIdLength);
         } while (sessions_.count(id) != 0);
-        session = std::make_shared<RemoteSession>(id, queueBounds(), Clock::now());
+        session =
+            std::make_shared<RemoteSession>(id, std::move(owner), queueBounds(), Clock::now());
         sessions_.emplace(std::move(id), session);
     }
     session->runServerCalls(*server_);
@@ -306,7 +360,7 @@ std::shared_ptr<RemoteSession> Hub::find(const std::string& id) const {
     return it == sessions_.end() ? nullptr : it->second;
 }
 
-void Hub::remove(const std::shared_ptr<RemoteSession>& session, const char* why) {
+void Hub::remove(const std::shared_ptr<RemoteSession>& session, std::string_view why) {
     if (!session->close())
         return;
     {
@@ -320,15 +374,20 @@ void Hub::remove(const std::shared_ptr<RemoteSession>& session, const char* why)
 }
 
 void Hub::sweep(Clock::time_point now) {
-    std::vector<std::shared_ptr<RemoteSession>> expired;
+    std::vector<std::pair<std::shared_ptr<RemoteSession>, RemoteSession::Expiry>> expired;
     {
         common::ReaderLock lock(mutex_);
-        for (const auto& entry : sessions_)
-            if (entry.second->sweep(now, options_.sessionTimeout))
-                expired.push_back(entry.second);
+        for (const auto& entry : sessions_) {
+            const auto expiry =
+                entry.second->sweep(now, options_.sessionTimeout, options_.connectGrace);
+            if (expiry != RemoteSession::Expiry::None)
+                expired.emplace_back(entry.second, expiry);
+        }
     }
-    for (const auto& session : expired)
-        remove(session, "expired");
+    for (const auto& [session, expiry] : expired)
+        remove(session, expiry == RemoteSession::Expiry::Idle
+                            ? "expired"
+                            : "expired without ever sending /meta/connect");
 }
 
 void Hub::shutdown() {

@@ -7,14 +7,22 @@
 // through the connection's Link. sweep() answers held connects whose time is up and removes
 // sessions that went without a connect for too long; it runs on a timer of the endpoint.
 //
-// `mutex_` is shared for lookups, exclusive for changes. A session's lock may be taken under
-// it, never the reverse. The server is called outside it, so that the server may call back in.
+// A request naming a session is served only when the session admits its sender (the WebSocket
+// it was handshaken over, or the browser id of the client that made it); anything else is told
+// "402::Unknown client" and the session is left alone. A connection may have at most
+// maxSessionsPerConnection live sessions, and a frame at most maxMessagesPerFrame messages.
+//
+// Any thread may call it; each link calls it from its own I/O thread. `mutex_` is shared for
+// lookups, exclusive for changes. A session's lock may be taken under it, never the reverse.
+// The server is called outside it, so that the server may call back in.
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 
+#include "browser_id.h"
 #include "connector/bayeux/endpoint.h"
 #include "connector/common/mutex.h"
 #include "gauges.h"
@@ -25,21 +33,38 @@ namespace connector::bayeux::endpoint {
 
 enum class Transport { WebSocket, LongPolling };
 
+// The connection a frame came over, as the hub sees it; a link makes it with Hub::sender().
+struct Sender {
+    Transport transport = Transport::WebSocket;
+    std::uint64_t connection = 0;  // numbers connections apart; never reused
+    // An id this hub issued, carried by the request's cookie, or over a WebSocket by its upgrade
+    // (or set by the upgrade's answer); empty when none.
+    std::string browser;
+    std::shared_ptr<ConnectionSessions> sessions;
+};
+
 struct FrameOutcome {
     // Set when a connect of this frame is being held for the link.
     std::shared_ptr<RemoteSession> heldSession;
     std::uint64_t heldToken = 0;
     // The frame as a whole could not be read.
     bool unreadable = false;
+    // The frame held more than maxMessagesPerFrame messages: none was handled.
+    bool tooManyMessages = false;
+    // A browser id issued for a long-polling handshake of this frame, for the reply to set.
+    std::string issuedBrowser;
 };
 
 class Hub {
   public:
     Hub(std::shared_ptr<BayeuxServer> server, EndpointOptions options);
 
+    // A new connection's Sender.
+    Sender sender(Transport transport, std::string browser = {});
+
     // Handles one frame that arrived over `link`, appending the replies to `out`.
     FrameOutcome handleFrame(std::string_view frame, const std::shared_ptr<Link>& link,
-                             Transport transport, FrameBuilder& out);
+                             const Sender& sender, FrameBuilder& out);
 
     // The answer to a held connect: over long-polling the session's deliveries come first.
     void appendConnectAnswer(RemoteSession& session, const std::shared_ptr<Link>& link,
@@ -58,9 +83,14 @@ class Hub {
     const EndpointOptions& options() const { return options_; }
     // The endpoint's counters, shared with its connections and sessions.
     const std::shared_ptr<Gauges>& gauges() const { return gauges_; }
+    const BrowserIds& browsers() const { return browsers_; }
 
   private:
-    void handshake(const HandshakeRequest& request, FrameBuilder& out);
+    void handshake(const HandshakeRequest& request, const Sender& sender, FrameBuilder& out,
+                   FrameOutcome& outcome);
+    // Takes one session of `sender`'s allowance; false, with the refusal appended, when spent.
+    bool takeConnectionSession(const HandshakeRequest& request, const Sender& sender,
+                               FrameBuilder& out);
     void connect(const ConnectRequest& request, const std::shared_ptr<RemoteSession>& session,
                  const std::shared_ptr<Link>& link, Transport transport, FrameBuilder& out,
                  FrameOutcome& outcome);
@@ -72,13 +102,15 @@ class Hub {
     void publish(std::unique_ptr<PublishRequest> request, FrameBuilder& out);
 
     std::shared_ptr<RemoteSession> find(const std::string& id) const;
-    void remove(const std::shared_ptr<RemoteSession>& session, const char* why);
+    void remove(const std::shared_ptr<RemoteSession>& session, std::string_view why);
     Advice connectAdvice() const;
     QueueBounds queueBounds() const;
 
     const std::shared_ptr<BayeuxServer> server_;
     const EndpointOptions options_;
     const std::shared_ptr<Gauges> gauges_ = std::make_shared<Gauges>();
+    const BrowserIds browsers_;
+    std::atomic<std::uint64_t> lastConnection_{0};
 
     mutable common::SharedMutex mutex_;
     std::unordered_map<std::string, std::shared_ptr<RemoteSession>> sessions_

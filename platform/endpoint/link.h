@@ -3,6 +3,8 @@
 // answer to its held /meta/connect. Both calls only post work to the connection's I/O thread,
 // so a session may make them while holding its own lock.
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -22,6 +24,14 @@ struct ConnectRelease {
     std::string id;       // the id of the connect being answered
     std::uint64_t token;  // tells this connect from a later one on the same connection
     ReleaseReason reason;
+};
+
+// The sessions handshaken over one connection that have not ended yet, shared by the connection
+// and those sessions (which count themselves out when they end), on any thread.
+struct ConnectionSessions {
+    std::atomic<std::size_t> live{0};
+    // A handshake over this connection was refused for the cap: logged once per connection.
+    std::atomic<bool> refused{false};
 };
 
 class Link {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "browser_id.h"
 #include "connector/common/mutex.h"
 #include "connector/log/diagnostic_logger.h"
 #include "wire.h"
@@ -24,13 +25,19 @@ constexpr std::size_t kCompactAfter = 64;
 
 }  // namespace
 
-RemoteSession::RemoteSession(std::string id, QueueBounds bounds, Clock::time_point now)
+RemoteSession::RemoteSession(std::string id, Owner owner, QueueBounds bounds, Clock::time_point now)
     : id_(std::move(id)),
+      owner_(std::move(owner)),
       maxQueue_(std::max<std::size_t>(bounds.messages, 1)),
       maxQueueBytes_(std::max<std::size_t>(bounds.bytes, 1)),
       gauges_(std::move(bounds.gauges)),
       lastConnect_(now) {
     calls_.emplace_back(Call::Register, std::string());
+}
+
+bool RemoteSession::admits(std::uint64_t connection, std::string_view browser) const {
+    return (owner_.connection != 0 && connection == owner_.connection) ||
+           sameBrowser(browser, owner_.browser);
 }
 
 std::shared_ptr<common::ContextState> RemoteSession::getContext() {
@@ -115,6 +122,7 @@ RemoteSession::ConnectAnswer RemoteSession::connect(const std::shared_ptr<Link>&
     if (closed_)
         return ConnectAnswer::Closed;
     lastConnect_ = now;
+    connected_ = true;
     released = releaseLocked(ReleaseReason::Replaced, now);
     if (webSocket) {
         if (!sameLink(target_, link)) {
@@ -202,6 +210,8 @@ bool RemoteSession::close() {
         subscriptions_.clear();
         calls_.emplace_back(Call::Unregister, std::string());
     }
+    if (owner_.madeBy)
+        owner_.madeBy->live.fetch_sub(1, std::memory_order_relaxed);
     return true;
 }
 
@@ -242,18 +252,24 @@ void RemoteSession::runServerCalls(BayeuxServer& server) {
     callsRunning_ = false;
 }
 
-bool RemoteSession::sweep(Clock::time_point now, std::chrono::milliseconds sessionTimeout) {
+RemoteSession::Expiry RemoteSession::sweep(Clock::time_point now,
+                                           std::chrono::milliseconds sessionTimeout,
+                                           std::chrono::milliseconds connectGrace) {
     std::shared_ptr<Link> released;
     common::MutexLock lock(mutex_);
     if (closed_)
-        return false;
+        return Expiry::None;
     if (held_) {
         if (now >= held_->deadline || held_->link.expired())
             released = releaseLocked(ReleaseReason::Due, now);
         else
-            return false;
+            return Expiry::None;
     }
-    return now - lastConnect_ >= sessionTimeout;
+    if (now - lastConnect_ >= sessionTimeout)
+        return connected_ ? Expiry::Idle : Expiry::NeverConnected;
+    if (!connected_ && now - lastConnect_ >= connectGrace)
+        return Expiry::NeverConnected;
+    return Expiry::None;
 }
 
 std::uint64_t RemoteSession::droppedCount() const {

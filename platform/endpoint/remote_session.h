@@ -18,6 +18,10 @@
 //
 // Under `mutex_` the session only posts to links (Link's calls never block); it calls no
 // listener, promise or server, so that none of them can wait on the session.
+//
+// A session is bound to its owner: the WebSocket connection it was handshaken over, if any, and
+// the browser id (cookie) of the client that made it. Both are fixed at the handshake, so
+// admits() reads them without the lock.
 
 #include <chrono>
 #include <cstddef>
@@ -26,6 +30,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -50,8 +55,15 @@ class RemoteSession final : public BayeuxSession,
                             public QueueingSession,
                             public std::enable_shared_from_this<RemoteSession> {
   public:
+    struct Owner {
+        std::uint64_t connection = 0;  // the WebSocket it was handshaken over; 0: none
+        std::string browser;           // the browser id of the client that made it
+        // The count of the connection it was handshaken over, which it leaves when it ends.
+        std::shared_ptr<ConnectionSessions> madeBy;
+    };
+
     // The registration with the server is the first queued server call.
-    RemoteSession(std::string id, QueueBounds bounds, Clock::time_point now);
+    RemoteSession(std::string id, Owner owner, QueueBounds bounds, Clock::time_point now);
 
     // BayeuxSession
     std::shared_ptr<common::ContextState> getContext() override;
@@ -67,6 +79,10 @@ class RemoteSession final : public BayeuxSession,
     void queuePublish(const std::shared_ptr<const PublishRequest>& request) override;
 
     const std::string& id() const { return id_; }
+
+    // Whether a request that came over `connection`, carrying the issued browser id `browser`
+    // (or none), may act for this session.
+    bool admits(std::uint64_t connection, std::string_view browser) const;
 
     enum class ConnectAnswer { Now, Held, Closed };
     // A /meta/connect with message id `id` arrived over `link`. A WebSocket link becomes the
@@ -96,9 +112,12 @@ class RemoteSession final : public BayeuxSession,
     // Runs the queued server calls in order unless another thread is running them.
     void runServerCalls(BayeuxServer& server);
 
-    // Answers a held connect whose time is up or whose link is gone. True when the session has
-    // had no connect for `sessionTimeout` and holds none: it has expired.
-    bool sweep(Clock::time_point now, std::chrono::milliseconds sessionTimeout);
+    enum class Expiry { None, Idle, NeverConnected };
+    // Answers a held connect whose time is up or whose link is gone. Says whether the session has
+    // expired: it holds no connect and has had none for `sessionTimeout`, or never had one and
+    // was made `connectGrace` ago.
+    Expiry sweep(Clock::time_point now, std::chrono::milliseconds sessionTimeout,
+                 std::chrono::milliseconds connectGrace);
 
     // Messages dropped because the queue was full, since the session began.
     std::uint64_t droppedCount() const;
@@ -126,6 +145,7 @@ class RemoteSession final : public BayeuxSession,
     std::size_t sizeLocked() const ORVALE_REQUIRES(mutex_) { return queue_.size() - head_; }
 
     const std::string id_;
+    const Owner owner_;
     const std::size_t maxQueue_;
     const std::size_t maxQueueBytes_;
     const std::shared_ptr<Gauges> gauges_;
@@ -145,8 +165,9 @@ class RemoteSession final : public BayeuxSession,
     bool wakePosted_ ORVALE_GUARDED_BY(mutex_) = false;
     std::optional<Held> held_ ORVALE_GUARDED_BY(mutex_);
     std::uint64_t nextToken_ ORVALE_GUARDED_BY(mutex_) = 0;
-    // The last connect received or answered.
+    // The last connect received or answered; the handshake until the first connect.
     Clock::time_point lastConnect_ ORVALE_GUARDED_BY(mutex_);
+    bool connected_ ORVALE_GUARDED_BY(mutex_) = false;  // a connect has arrived
     std::set<std::string> subscriptions_ ORVALE_GUARDED_BY(mutex_);
     // Server calls not yet made.
     std::vector<std::pair<Call, std::string>> calls_ ORVALE_GUARDED_BY(mutex_);

@@ -11,6 +11,11 @@
 // frame for the idle time while the hub waits for one (pings do not count, so a client cannot
 // keep a connection it never reads alive with them), or whose peer leaves one write unfinished
 // for as long.
+//
+// The sessions handshaken here are bound to this connection, and to the browser id its upgrade
+// carried in a BAYEUX_BROWSER cookie; an upgrade without one this hub issued gets a new one in
+// its answer. A WebSocket whose upgrade carried a session's browser id may drive that session
+// too: a client that handshook over long-polling moves over so.
 
 #include <algorithm>
 #include <boost/asio/post.hpp>
@@ -44,6 +49,9 @@ constexpr std::size_t kHighWater = 1024 * 1024;
 constexpr std::size_t kKeptBuffer = 16 * 1024;
 
 template <class Stream>
+constexpr bool kSecure = std::is_same_v<Stream, TlsStream>;
+
+template <class Stream>
 class WebSocketLink final : public Link,
                             public std::enable_shared_from_this<WebSocketLink<Stream>> {
   public:
@@ -56,13 +64,25 @@ class WebSocketLink final : public Link,
           idleTime_(
               std::max(hub_->options().webSocketIdleTimeout, 2 * hub_->options().connectTimeout)) {}
 
-    void start(HttpRequest request) {
+    void start(HttpRequest request, std::shared_ptr<ConnectionSessions> sessions) {
+        std::string browser(hub_->browsers().fromRequest(request));
+        std::string setCookie;
+        if (browser.empty()) {
+            browser = hub_->browsers().issue();
+            setCookie = browserCookie(browser, hub_->options().path, kSecure<Stream>);
+        }
+        sender_ = hub_->sender(Transport::WebSocket, std::move(browser));
+        if (sessions)
+            sender_.sessions = std::move(sessions);
         beast::get_lowest_layer(ws_).expires_never();
         ws_.set_option(websocket::stream_base::timeout::suggested(beast::role_type::server));
         // The upgrade answer names the hub, not the library under it.
-        ws_.set_option(websocket::stream_base::decorator([](websocket::response_type& response) {
-            response.set(beast::http::field::server, "orvale");
-        }));
+        ws_.set_option(websocket::stream_base::decorator(
+            [setCookie = std::move(setCookie)](websocket::response_type& response) {
+                response.set(beast::http::field::server, "orvale");
+                if (!setCookie.empty())
+                    response.set(beast::http::field::set_cookie, setCookie);
+            }));
         ws_.read_message_max(hub_->options().maxMessageBytes);
         ws_.auto_fragment(false);
         ws_.text(true);
@@ -118,12 +138,22 @@ class WebSocketLink final : public Link,
         }
         const std::string_view frame(static_cast<const char*>(readBuffer_.data().data()),
                                      readBuffer_.size());
+        FrameOutcome outcome;
         try {
-            hub_->handleFrame(frame, self(), Transport::WebSocket, out_);
+            outcome = hub_->handleFrame(frame, self(), sender_, out_);
         } catch (const std::exception& e) {
             // Only resource exhaustion gets here; this client is dropped, the hub goes on.
             logger.log(log::error, "Closing a WebSocket after a failure: ", e.what());
             abort();
+            return;
+        }
+        if (outcome.tooManyMessages) {
+            // Refused whole, as a frame over the byte limit is: the client learns it by the close,
+            // which the stream's close timeout bounds.
+            end();
+            ws_.async_close(
+                websocket::close_reason(websocket::close_code::too_big, "too many messages"),
+                [self = this->shared_from_this()](error_code) {});
             return;
         }
         readBuffer_.consume(readBuffer_.size());
@@ -269,6 +299,7 @@ class WebSocketLink final : public Link,
     const Clock::duration idleTime_;
     Clock::time_point readSince_;         // when the pending read began
     Clock::time_point writeSince_;        // when the pending write began
+    Sender sender_;                       // set by start()
     std::optional<HttpRequest> upgrade_;  // the upgrade request, until it has been answered
     beast::flat_buffer readBuffer_;
     FrameBuilder out_;                                   // replies and deliveries not yet written
@@ -282,22 +313,24 @@ class WebSocketLink final : public Link,
 
 template <class Stream>
 void start(Stream&& stream, HttpRequest&& request, std::shared_ptr<Hub>&& hub,
-           ConnectionSlot&& slot) {
+           ConnectionSlot&& slot, std::shared_ptr<ConnectionSessions>&& sessions) {
     auto link =
         std::make_shared<WebSocketLink<Stream>>(std::move(stream), std::move(hub), std::move(slot));
-    link->start(std::move(request));
+    link->start(std::move(request), std::move(sessions));
 }
 
 }  // namespace
 
 void serveWebSocket(PlainStream stream, HttpRequest request, std::shared_ptr<Hub> hub,
-                    ConnectionSlot slot) {
-    start(std::move(stream), std::move(request), std::move(hub), std::move(slot));
+                    ConnectionSlot slot, std::shared_ptr<ConnectionSessions> sessions) {
+    start(std::move(stream), std::move(request), std::move(hub), std::move(slot),
+          std::move(sessions));
 }
 
 void serveWebSocket(TlsStream stream, HttpRequest request, std::shared_ptr<Hub> hub,
-                    ConnectionSlot slot) {
-    start(std::move(stream), std::move(request), std::move(hub), std::move(slot));
+                    ConnectionSlot slot, std::shared_ptr<ConnectionSessions> sessions) {
+    start(std::move(stream), std::move(request), std::move(hub), std::move(slot),
+          std::move(sessions));
 }
 
 }  // namespace connector::bayeux::endpoint

@@ -15,18 +15,20 @@ constexpr std::size_t kFrameReserve = 4096;
 
 void OutboundFrames::add(std::string_view message, bool alone) {
     ++messages_;
-    if (!alone && lastOpen_) {
+    if (!alone && lastOpen_ && lastCount_ < maxFrameMessages_) {
         std::string& frame = frames_.back();
         // The comma before and the bracket that will close the frame.
         if (frame.size() + message.size() + 2 <= maxFrameBytes_) {
             frame.push_back(',');
             frame.append(message);
+            ++lastCount_;
             return;
         }
     }
     close();
     open().append(message);
     lastOpen_ = true;
+    lastCount_ = 1;
     if (alone)
         close();
 }

@@ -3,11 +3,13 @@
 // encodes each message on the thread that sends it and adds the text here, so its I/O thread
 // only writes bytes, and a message is released on the thread that made it.
 //
-// Messages go out in order, as JSON array frames of at most `maxFrameBytes`; a message added
+// Messages go out in order, as JSON array frames of at most `maxFrameBytes` and
+// `maxFrameMessages` messages; a message added
 // `alone` (a meta connect) gets a frame of its own, and so does one too large to share a frame.
 // Not thread-aware: the connection guards it with its mutex.
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <string>
 #include <string_view>
@@ -17,7 +19,8 @@ namespace connector::bayeux::transport {
 
 class OutboundFrames {
   public:
-    explicit OutboundFrames(std::size_t maxFrameBytes) : maxFrameBytes_(maxFrameBytes) {}
+    explicit OutboundFrames(std::size_t maxFrameBytes, std::size_t maxFrameMessages = SIZE_MAX)
+        : maxFrameBytes_(maxFrameBytes), maxFrameMessages_(maxFrameMessages) {}
 
     // Adds one encoded message object.
     void add(std::string_view message, bool alone);
@@ -34,6 +37,8 @@ class OutboundFrames {
     std::string& open();
 
     const std::size_t maxFrameBytes_;
+    const std::size_t maxFrameMessages_;
+    std::size_t lastCount_ = 0;        // messages in the open frame
     std::vector<std::string> frames_;  // all closed but the last one when lastOpen_
     bool lastOpen_ = false;
     std::size_t messages_ = 0;        // in frames_

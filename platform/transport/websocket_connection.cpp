@@ -54,6 +54,9 @@ constexpr std::size_t kKeptReadBuffer = 64 * 1024;
 // A batch frame holds at most this many bytes, so a burst of queued messages never makes a frame
 // that a server's frame limit refuses; a larger message goes in a frame of its own.
 constexpr std::size_t kBatchFrameBytes = 64 * 1024;
+// Nor more messages than this: hubs refuse a frame of too many messages whole (ours at 1000 by
+// default), and small messages would pass that long before 64 KiB.
+constexpr std::size_t kBatchFrameMessages = 500;
 // In a fast stream (the last flush took at least kFastStreamFrame messages, less than a quarter
 // of the write pacing interval ago, the rule reads are paced by), a frame is held until the
 // interval after the last one: fewer, larger frames cost the sender, the server and the receiver
@@ -556,7 +559,8 @@ class WebSocketConnection final
     bool aborted_ = false;
 
     common::Mutex mutex_;
-    OutboundFrames pending_ ORVALE_GUARDED_BY(mutex_) = OutboundFrames(kBatchFrameBytes);
+    OutboundFrames pending_ ORVALE_GUARDED_BY(mutex_) = OutboundFrames(kBatchFrameBytes,
+                                                                       kBatchFrameMessages);
     bool flushPosted_ ORVALE_GUARDED_BY(mutex_) = false;
     bool closeRequested_ ORVALE_GUARDED_BY(mutex_) = false;
 };

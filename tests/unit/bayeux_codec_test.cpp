@@ -228,8 +228,8 @@ TEST(BayeuxCodec, UndecodableFramesGiveErrorsNotMessages) {
           std::string("\"text\""), std::string("null"), std::string("[1,2]x"),
           std::string("[{\"channel\":\"/a\",\"data\":1},]"), std::string("\xff\xfe"),
           std::string("[\"\xc3\"]"), deep, huge}) {
-        for (auto* decode : {&decodeFromServer, &decodeFromClient}) {
-            auto decoded = decode(frame);
+        for (const bool fromServer : {true, false}) {
+            auto decoded = fromServer ? decodeFromServer(frame) : decodeFromClient(frame);
             EXPECT_TRUE(decoded.messages.empty()) << frame.substr(0, 40);
             EXPECT_EQ(decoded.errors.size(), 1u) << frame.substr(0, 40);
         }
@@ -300,6 +300,20 @@ TEST(BayeuxCodec, AnElementErrorNamesTheElementsChannelAndIdWhereReadable) {
         EXPECT_EQ(decoded.errors[i].id, id);
     }
     EXPECT_FALSE(decodeFromClient("[1,").errors.at(0).index);
+}
+
+// A frame of more elements than the caller allows is refused whole, whatever its elements are.
+TEST(BayeuxCodec, AFrameOverTheMessageCapDecodesToNothing) {
+    const std::string three = R"([{"channel":"/a","data":1},7,{"channel":"/b","data":2}])";
+    EXPECT_EQ(decodeFromClient(three, 3).messages.size(), 2u);
+    EXPECT_FALSE(decodeFromClient(three, 3).tooManyMessages);
+    for (const std::string& frame : {three, three.substr(0, three.size() - 1) + ",x"}) {
+        auto decoded = decodeFromClient(frame, 2);
+        EXPECT_TRUE(decoded.tooManyMessages) << frame;
+        EXPECT_TRUE(decoded.messages.empty()) << frame;
+        ASSERT_EQ(decoded.errors.size(), 1u) << frame;
+        EXPECT_EQ(decoded.errors[0].text(), "frame of more than 2 messages");
+    }
 }
 
 TEST(BayeuxCodec, ExtMembersAreSetWithoutLosingTheOthers) {

@@ -91,6 +91,11 @@ inline bool runUntil(asio::io_context& io, const std::function<bool()>& done, Mi
     return true;
 }
 
+// The name=value pair of a Set-Cookie value, without its attributes.
+inline std::string cookiePair(beast::string_view setCookie) {
+    return std::string(setCookie.substr(0, setCookie.find(';')));
+}
+
 inline void connectSocket(asio::io_context& io, beast::tcp_stream& stream, std::uint16_t port) {
     bool done = false;
     beast::error_code error;
@@ -106,12 +111,13 @@ inline void connectSocket(asio::io_context& io, beast::tcp_stream& stream, std::
 }
 
 // Reading::Off makes a client that never reads what it is sent, with a small receive buffer so
-// that the hub's writes to it soon stall.
+// that the hub's writes to it soon stall. A `cookie` (name=value) is sent with the upgrade, as a
+// browser sends its cookies.
 enum class Reading { On, Off };
 
 class RawWebSocket {
   public:
-    explicit RawWebSocket(std::uint16_t port, const std::string& path = "/bayeux",
+    explicit RawWebSocket(std::uint16_t port, const std::string& cookie = "",
                           Reading reading = Reading::On)
         : ws_(io_) {
         if (reading == Reading::Off) {
@@ -121,9 +127,14 @@ class RawWebSocket {
         }
         connectSocket(io_, beast::get_lowest_layer(ws_), port);
         ws_.read_message_max(std::size_t{64} << 20);
+        if (!cookie.empty())
+            ws_.set_option(
+                websocket::stream_base::decorator([cookie](websocket::request_type& request) {
+                    request.set(http::field::cookie, cookie);
+                }));
         bool done = false;
         beast::error_code error;
-        ws_.async_handshake(upgrade_, "127.0.0.1:" + std::to_string(port), path,
+        ws_.async_handshake(upgrade_, "127.0.0.1:" + std::to_string(port), "/bayeux",
                             [&](beast::error_code ec) {
                                 error = ec;
                                 done = true;
@@ -206,8 +217,9 @@ class RawWebSocket {
     // How many messages each frame received so far carried.
     const std::vector<std::size_t>& frameSizes() const { return frameSizes_; }
     bool closed() const { return closed_; }
-    // The Server header of the upgrade answer.
+    // The Server and Set-Cookie headers of the upgrade answer.
     std::string server() const { return std::string(upgrade_[http::field::server]); }
+    std::string setCookie() const { return std::string(upgrade_[http::field::set_cookie]); }
 
   private:
     void readNext() {
@@ -241,14 +253,19 @@ class RawWebSocket {
 struct HttpReply {
     unsigned status = 0;
     std::string body;
-    std::string server;  // the Server header
+    std::string server;     // the Server header
+    std::string setCookie;  // the Set-Cookie header
     std::vector<json::object> messages() const { return parseMessages(body); }
 };
 
-// One keep-alive HTTP connection; a request may be started and its reply awaited later.
+// One keep-alive HTTP connection; a request may be started and its reply awaited later. Like a
+// browser, it keeps the cookie it is given or set, and sends it.
 class RawHttp {
   public:
-    explicit RawHttp(std::uint16_t port) : stream_(io_) { connectSocket(io_, stream_, port); }
+    explicit RawHttp(std::uint16_t port, std::string cookie = "")
+        : stream_(io_), cookie_(std::move(cookie)) {
+        connectSocket(io_, stream_, port);
+    }
 
     // Writes a request whose reply finish() awaits.
     void start(const std::string& body, const std::string& target = "/bayeux",
@@ -256,6 +273,8 @@ class RawHttp {
         request_ = {verb, target, 11};
         request_.set(http::field::host, "127.0.0.1");
         request_.set(http::field::content_type, "application/json");
+        if (!cookie_.empty())
+            request_.set(http::field::cookie, cookie_);
         request_.body() = body;
         request_.prepare_payload();
         done_ = false;
@@ -285,8 +304,11 @@ class RawHttp {
                 io_, [&] { return done_; }, timeout) ||
             error_)
             return std::nullopt;
+        const std::string setCookie(response_[http::field::set_cookie]);
+        if (!setCookie.empty())
+            cookie_ = cookiePair(setCookie);
         return HttpReply{response_.result_int(), response_.body(),
-                         std::string(response_[http::field::server])};
+                         std::string(response_[http::field::server]), setCookie};
     }
 
     std::optional<HttpReply> post(const std::string& body, const std::string& target = "/bayeux",
@@ -296,6 +318,7 @@ class RawHttp {
     }
 
     bool done() const { return done_; }
+    const std::string& cookie() const { return cookie_; }
 
   private:
     asio::io_context io_;
@@ -304,6 +327,7 @@ class RawHttp {
     http::request<http::string_body> request_;
     http::response<http::string_body> response_;
     beast::error_code error_;
+    std::string cookie_;
     bool written_ = false;
     bool done_ = false;
 };
@@ -380,6 +404,22 @@ inline std::string unreadable(int count) {
     for (int i = 1; i < count; ++i)
         frame += ",1";
     return frame + "]";
+}
+
+// One frame holding the messages of single-message frames, in order.
+inline std::string batch(const std::vector<std::string>& frames) {
+    std::string out = "[";
+    for (const auto& frame : frames)
+        out.append(out.size() > 1 ? "," : "").append(frame, 1, frame.size() - 2);
+    return out + "]";
+}
+
+// `count` handshakes with ids prefix0, prefix1, ... in one frame.
+inline std::string handshakes(int count, const std::string& prefix = "") {
+    std::vector<std::string> frames;
+    for (int i = 0; i < count; ++i)
+        frames.push_back(handshake(prefix + std::to_string(i)));
+    return batch(frames);
 }
 
 inline bool successful(const std::optional<json::object>& message) {

@@ -11,9 +11,10 @@ namespace {
 TEST_F(EndpointTest, LongPollingSessionAndHeldConnects) {
     start();
     RawHttp poll(port);
-    RawHttp other(port);
     const std::string id = open(poll);
     ASSERT_FALSE(id.empty());
+    // Another connection of the same browser: its cookie binds it to the session.
+    RawHttp other(port, poll.cookie());
     auto subscribed = other.post(subscribe(id, "2", "/lp"));
     ASSERT_TRUE(subscribed);
     EXPECT_EQ(subscribed->status, 200u);
@@ -87,6 +88,36 @@ TEST_F(EndpointTest, LongPollingSessionAndHeldConnects) {
     }
 }
 
+// Long-polling requests come over any connection: the browser cookie set by the handshake is
+// what ties them to the session, and only a cookie the hub issued counts.
+TEST_F(EndpointTest, TheBrowserCookieBindsLongPollingRequests) {
+    start();
+    RawHttp poll(port);
+    const std::string id = open(poll);
+    ASSERT_FALSE(id.empty());
+    ASSERT_EQ(poll.cookie().size(), std::string("BAYEUX_BROWSER=").size() + 64) << poll.cookie();
+    ASSERT_TRUE(successful(poll.post(subscribe(id, "s", "/lp"))->messages().at(0)));
+    // A request carrying the cookie keeps it; an unknown or altered value is replaced.
+    EXPECT_EQ(poll.post(handshake("again"))->setCookie, "");
+    std::string forged = poll.cookie();
+    forged.back() = forged.back() == '0' ? '1' : '0';
+    for (const std::string& cookie : {forged, std::string("BAYEUX_BROWSER=chosen")}) {
+        RawHttp other(port, cookie);
+        ASSERT_FALSE(open(other).empty());
+        EXPECT_NE(other.cookie(), cookie);
+        EXPECT_NE(other.cookie(), poll.cookie());
+        // Neither takes the held connect nor what it waits for.
+        poll.start(connect(id, "held", -1, "long-polling"));
+        EXPECT_EQ(error(other.post(connect(id, "x", 0, "long-polling"))->messages().at(0)),
+                  "402::Unknown client");
+        ASSERT_TRUE(RawHttp(port, poll.cookie()).post(publish(id, "p", "/lp", "1")));
+        auto answer = poll.finish();
+        ASSERT_TRUE(answer);
+        EXPECT_TRUE(find(answer->messages(), isDelivery)) << answer->body;
+        EXPECT_TRUE(successful(find(answer->messages(), withId("held")))) << answer->body;
+    }
+}
+
 TEST_F(EndpointTest, HeldConnectsEndWithTheirTimeoutOrANewerConnect) {
     auto options = defaults();
     options.connectTimeout = 300ms;
@@ -113,18 +144,18 @@ TEST_F(EndpointTest, HeldConnectsEndWithTheirTimeoutOrANewerConnect) {
 TEST_F(EndpointTest, ANewerConnectAnswersTheOlderAcrossTransports) {
     start();
     RawHttp first(port);
-    RawHttp second(port);
     const std::string id = open(first);
     ASSERT_FALSE(id.empty());
+    RawHttp second(port, first.cookie());
     first.start(connect(id, "2", -1, "long-polling"));
     second.start(connect(id, "3", -1, "long-polling"));
     auto older = first.finish();
     ASSERT_TRUE(older);
     EXPECT_TRUE(successful(find(older->messages(), withId("2"))));
 
-    // The client moves to a WebSocket with the same session, as some clients do after a
-    // long-polling handshake; its held long-polling connect is answered.
-    RawWebSocket ws(port);
+    // The client moves to a WebSocket with the same session and its cookie, as some clients do
+    // after a long-polling handshake; its held long-polling connect is answered.
+    RawWebSocket ws(port, first.cookie());
     ASSERT_TRUE(ws.send(connect(id, "4")));
     auto replaced = second.finish();
     ASSERT_TRUE(replaced);
@@ -137,6 +168,7 @@ TEST_F(EndpointTest, ANewerConnectAnswersTheOlderAcrossTransports) {
 TEST_F(EndpointTest, AReplyPastTheOutputBoundClosesTheConnection) {
     auto options = defaults();
     options.maxOutputBytes = 256 * 1024;
+    options.maxMessagesPerFrame = 20000;  // so that the output bound, not the cap, ends it
     start(options);
     LogCapture log;
     RawHttp poll(port);

@@ -22,7 +22,8 @@ Frames cycle(OutboundFrames& frames, const std::vector<std::string>& messages,
 }
 
 // Messages share a frame in order; one that is alone closes the frame before it and opens none;
-// no frame passes the limit unless a single message does, and that one goes alone.
+// no frame passes the limits (bytes, messages) unless a single message does, and that one goes
+// alone.
 TEST(OutboundFrames, BatchesInOrderWithinTheLimitAndSetsLoneMessagesApart) {
     OutboundFrames frames(1024);
     EXPECT_EQ(cycle(frames, {"{\"a\":1}", "{\"b\":2}", "!{\"c\":3}", "{\"d\":4}", "!5", "!6"}, 6),
@@ -41,6 +42,8 @@ TEST(OutboundFrames, BatchesInOrderWithinTheLimitAndSetsLoneMessagesApart) {
               (Frames{pair, "[" + small + "]", "[" + large + "]", "[" + small + "]"}));
     OutboundFrames tight(pair.size() - 1);  // one byte less and two no longer share a frame
     EXPECT_EQ(cycle(tight, {small, small}, 2), (Frames{"[" + small + "]", "[" + small + "]"}));
+    OutboundFrames counted(1024, 2);  // nor a frame its count of messages
+    EXPECT_EQ(cycle(counted, {"1", "2", "3", "4", "5"}, 5), (Frames{"[1,2]", "[3,4]", "[5]"}));
 }
 
 // Written buffers are reused, emptied, for the next frames; one past twice the limit is let go.

@@ -17,9 +17,10 @@ using orvale::test::Clock;
 TEST_F(EndpointTest, UnreadRepliesPastTheOutputBoundCloseTheWebSocket) {
     auto options = defaults();
     options.maxOutputBytes = 256 * 1024;
+    options.maxMessagesPerFrame = 2000;  // so that the output bound, not the cap, ends it
     start(options);
     LogCapture log;
-    RawWebSocket silent(port, "/bayeux", Reading::Off);
+    RawWebSocket silent(port, "", Reading::Off);
     ASSERT_EQ(endpoint->stats().connections, 1u);
     // About 100 KB of replies a frame: the kernel's buffers fill first, then the hub's.
     const std::string frame = unreadable(2000);
@@ -58,14 +59,17 @@ TEST_F(EndpointTest, IdleWebSocketsAreClosedThoughTheyPing) {
                           Case{"sends, never reads", Reading::Off, true,
                                "Closed a WebSocket whose peer took no output for 400 ms"}}) {
         SCOPED_TRACE(c.name);
-        // The session is made over long-polling, as some clients do before moving on.
+        // The session is made over long-polling, as some clients do before moving on with
+        // their browser cookie.
         std::string id;
+        std::string cookie;
         {
             RawHttp http(port);
             id = open(http);
             ASSERT_FALSE(id.empty());
+            cookie = http.cookie();
         }
-        RawWebSocket ws(port, "/bayeux", c.reading);
+        RawWebSocket ws(port, cookie, c.reading);
         ASSERT_TRUE(ws.send(subscribe(id, "s", "/orvale/flood")));
         ASSERT_TRUE(ws.send(connect(id, "c", 0)));
         const auto began = Clock::now();

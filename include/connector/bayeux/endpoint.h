@@ -34,10 +34,21 @@ struct EndpointOptions {
     // passes this is closed. Keep it well above maxQueueBytes: one write may carry a whole queue.
     std::size_t maxOutputBytes = 16 * 1024 * 1024;
     std::size_t maxSessions = 100000;
+    // Live sessions one connection may have handshaken; beyond it a handshake gets
+    // "503::Too many sessions on this connection". Raise it behind a proxy that funnels many
+    // clients' long-polling requests through few connections.
+    std::size_t maxSessionsPerConnection = 16;
+    // Messages (array elements) one frame or HTTP body may hold. A larger one is refused whole,
+    // nothing of it handled: a WebSocket is closed (1009), an HTTP request answered 413 and its
+    // connection closed.
+    std::size_t maxMessagesPerFrame = 1000;
     // Connections beyond this are closed as soon as they are accepted.
     std::size_t maxConnections = 100000;
     std::chrono::milliseconds connectTimeout{25000};  // how long a /meta/connect is held
     std::chrono::milliseconds sessionTimeout{45000};  // a session without connect expires
+    // A session that has not sent its first /meta/connect this long after its handshake expires
+    // (or after sessionTimeout, when that is shorter).
+    std::chrono::milliseconds connectGrace{10000};
     // A WebSocket that sends no Bayeux frame (pings do not count) for this long, or whose
     // peer leaves a write unfinished for this long, is closed. At least twice connectTimeout
     // is used, since a client waiting on a held connect sends nothing meanwhile.

@@ -1,0 +1,161 @@
+// The hub's admission rules, against raw WebSocket and HTTP clients: a session serves only the
+// client that made it (its WebSocket, or its browser's cookie), and no one connection can crowd
+// out the others with handshakes, huge frames or sessions that never connect.
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <regex>
+
+#include "endpoint_clients.h"
+
+namespace connector::bayeux::endpoint_test {
+namespace {
+
+// A client id is no key: a request for a session from anywhere but the WebSocket it was made on,
+// without its browser's cookie, is refused and leaves the session as it was.
+TEST_F(EndpointTest, OnlyItsOwnerMayActForASession) {
+    start();
+    RawWebSocket owner(port);
+    const std::string id = open(owner);
+    ASSERT_FALSE(id.empty());
+    EXPECT_TRUE(std::regex_match(
+        owner.setCookie(),
+        std::regex("BAYEUX_BROWSER=[0-9a-f]{64}; Path=/bayeux; HttpOnly; SameSite=Strict")))
+        << owner.setCookie();
+    const std::string cookie = orvale::test::cookiePair(owner.setCookie());
+    ASSERT_TRUE(successful(owner.call(subscribe(id, "s", "/own"), "s")));
+    ASSERT_TRUE(owner.send(connect(id, "held")));
+
+    std::string forged = cookie;
+    forged.back() = forged.back() == '0' ? '1' : '0';
+    RawWebSocket otherBrowser(port);
+    RawWebSocket forgedWs(port, forged);
+    RawHttp bare(port);
+    RawHttp wrong(port, orvale::test::cookiePair(otherBrowser.setCookie()));
+    RawHttp forgedHttp(port, forged);
+    using Send = std::function<std::optional<json::object>(const std::string&)>;
+    auto overWs = [](RawWebSocket& ws) -> Send {
+        return [&ws](const std::string& frame) { return ws.call(frame, "x"); };
+    };
+    auto overHttp = [](RawHttp& http) -> Send {
+        return [&http](const std::string& frame) -> std::optional<json::object> {
+            auto reply = http.post(frame);
+            if (!reply || reply->messages().empty())
+                return std::nullopt;
+            return reply->messages()[0];
+        };
+    };
+    const std::vector<std::pair<std::string, Send>> strangers = {
+        {"second WebSocket", overWs(otherBrowser)},
+        {"WebSocket with a forged cookie", overWs(forgedWs)},
+        {"POST without a cookie", overHttp(bare)},
+        {"POST with another browser's cookie", overHttp(wrong)},
+        {"POST with a forged cookie", overHttp(forgedHttp)},
+    };
+    for (const auto& [how, send] : strangers) {
+        for (const auto& frame :
+             {connect(id, "x", 0), subscribe(id, "x", "/more"), unsubscribe(id, "x", "/own"),
+              publish(id, "x", "/own", "0"), disconnect(id, "x")})
+            EXPECT_EQ(error(send(frame)), "402::Unknown client") << how << ": " << frame;
+    }
+
+    // Untouched: still subscribed to /own alone, receiving on its socket, its connect held.
+    ASSERT_TRUE(successful(owner.call(publish(id, "p1", "/more", "1"), "p1")));
+    ASSERT_TRUE(successful(owner.call(publish(id, "p2", "/own", "2"), "p2")));
+    auto delivered = owner.await(isDelivery);
+    ASSERT_TRUE(delivered);
+    EXPECT_EQ(str(*delivered, "channel"), "/own");
+    EXPECT_EQ(json::serialize(delivered->at("data")), "2");
+    EXPECT_FALSE(find({owner.inbox().begin(), owner.inbox().end()}, withId("held")));
+    EXPECT_EQ(endpoint->sessionCount(), 1u);
+
+    // The owner's browser may drive it over new connections of either kind.
+    RawHttp sameBrowserHttp(port, cookie);
+    EXPECT_TRUE(successful(overHttp(sameBrowserHttp)(subscribe(id, "x", "/more"))));
+    RawWebSocket sameBrowserWs(port, cookie);
+    EXPECT_EQ(sameBrowserWs.setCookie(), "");
+    EXPECT_TRUE(successful(sameBrowserWs.call(publish(id, "x", "/more", "3"), "x")));
+    delivered = owner.await(isDelivery);
+    ASSERT_TRUE(delivered);
+    EXPECT_EQ(json::serialize(delivered->at("data")), "3");
+}
+
+// One connection's flood of handshakes is capped by the live sessions a connection may have, so
+// other clients still get in.
+TEST_F(EndpointTest, AHandshakeFloodFromOneConnectionLeavesRoomForOthers) {
+    auto options = defaults();
+    options.maxSessions = 40;
+    start(options);
+    LogCapture log;
+    const std::string flood = handshakes(30, "h");
+    auto madeOf = [](const std::vector<json::object>& replies) {
+        std::size_t made = 0;
+        for (const auto& reply : replies) {
+            if (successful(reply))
+                ++made;
+            else
+                EXPECT_EQ(error(reply), "503::Too many sessions on this connection");
+        }
+        return made;
+    };
+    RawWebSocket ws(port);
+    ASSERT_TRUE(ws.send(flood));
+    ASSERT_TRUE(ws.awaitCount(30));
+    EXPECT_EQ(madeOf({ws.inbox().begin(), ws.inbox().end()}), 16u);
+    RawHttp http(port);
+    auto polled = http.post(flood);
+    ASSERT_TRUE(polled);
+    EXPECT_EQ(madeOf(polled->messages()), 16u);
+    EXPECT_EQ(log.count("Refused handshakes over a connection that has 16 sessions already"), 2u);
+
+    RawWebSocket fresh(port);
+    EXPECT_FALSE(open(fresh).empty());
+    EXPECT_EQ(endpoint->sessionCount(), 33u);
+    // The cap counts live sessions: one ended, the connection may make one more.
+    const std::string first = str(*ws.await(withId("h0")), "clientId");
+    ASSERT_TRUE(successful(ws.call(disconnect(first, "d"), "d")));
+    EXPECT_FALSE(open(ws).empty());
+    EXPECT_FALSE(successful(ws.call(handshake("again"), "again")));
+}
+
+// A frame of more messages than allowed is refused whole: nothing of it is handled.
+TEST_F(EndpointTest, AFrameOverTheMessageCapIsRefusedWhole) {
+    auto options = defaults();
+    options.maxMessagesPerFrame = 10;
+    start(options);
+    LogCapture log;
+    RawWebSocket ws(port);
+    ASSERT_TRUE(ws.send(handshakes(11)));
+    EXPECT_TRUE(ws.awaitClosed());
+    EXPECT_TRUE(ws.inbox().empty());
+    RawHttp http(port);
+    auto refused = http.post(handshakes(11));
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->status, 413u);
+    EXPECT_EQ(endpoint->sessionCount(), 0u);
+    EXPECT_EQ(log.count("Refused a frame of more than 10 messages"), 2u);
+
+    RawWebSocket within(port);
+    ASSERT_TRUE(within.send(handshakes(10)));
+    EXPECT_TRUE(within.awaitCount(10));
+    EXPECT_EQ(endpoint->sessionCount(), 10u);
+}
+
+// A session never connected ends after the short grace, not the session timeout.
+TEST_F(EndpointTest, ASessionThatNeverConnectsExpiresAfterTheGrace) {
+    auto options = defaults();
+    options.connectGrace = 300ms;
+    start(options);
+    LogCapture log;
+    RawWebSocket ws(port);
+    const std::string silent = open(ws);
+    const std::string active = open(ws);
+    ASSERT_TRUE(successful(ws.call(connect(active, "c", 0), "c")));
+    ASSERT_TRUE(waitUntil([&] { return endpoint->sessionCount() == 1; }));
+    EXPECT_EQ(log.count("Session " + silent + " expired without ever sending /meta/connect"), 1u);
+    EXPECT_TRUE(successful(ws.call(connect(active, "d", 0), "d")));
+}
+
+}  // namespace
+}  // namespace connector::bayeux::endpoint_test
