@@ -35,7 +35,9 @@ struct Outcome {
     std::string note;
 };
 
-Outcome measure(const std::vector<std::string>& argv, bool orvale,
+// `block` picks the source addresses, one block per hub, so that the ports the first hub's
+// sessions leave in TIME_WAIT do not run out for the next.
+Outcome measure(const std::vector<std::string>& argv, bool orvale, int block,
                 const CapacitySettings& settings) {
     ChildProcess hub(argv);
     const std::string line = hub.firstLine(10s);
@@ -48,7 +50,8 @@ Outcome measure(const std::vector<std::string>& argv, bool orvale,
     Outcome out;
     const auto started = Clock::now();
     for (std::size_t i = 0; i < settings.sessions; ++i) {
-        const std::string source = "127.0.0." + std::to_string(2 + i / kPerSourceAddress);
+        const std::string source =
+            "127.0." + std::to_string(block) + "." + std::to_string(2 + i / kPerSourceAddress);
         try {
             auto client = std::make_unique<RawClient>(io, address, source);
             if (auto refused = client->handshake(10s)) {
@@ -142,11 +145,11 @@ int runCapacity(const CapacitySettings& given) {
                 settings.sessions, std::min(settings.sessions, settings.subscribers));
     std::printf("%-14s %10s %14s %16s\n", "hub", "sessions", "KiB/session", "broadcast ms");
     print("orvale serve",
-          measure({settings.hub, "serve", "--port", "0", "--max-sessions", "10000000"}, true,
+          measure({settings.hub, "serve", "--port", "0", "--max-sessions", "10000000"}, true, 0,
                   settings));
     if (!settings.fayeScript.empty())
         print("faye",
-              measure({settings.node, settings.fayeScript, "--timeout", "25"}, false, settings));
+              measure({settings.node, settings.fayeScript, "--timeout", "25"}, false, 1, settings));
     return 0;
 }
 
