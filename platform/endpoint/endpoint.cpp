@@ -198,7 +198,8 @@ class EndpointImpl final : public BayeuxEndpoint {
             });
             return;
         }
-        if (const std::uint64_t failures = backoff_.succeeded(); failures > 1)
+        // Every episode whose start was logged gets its end logged, however short it was.
+        if (const std::uint64_t failures = backoff_.succeeded(); failures > 0)
             logger.log(log::warning, "Accepting connections again after ", failures,
                        " failed attempts");
         serve(std::move(socket));
