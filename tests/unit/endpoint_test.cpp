@@ -42,21 +42,23 @@ TEST_F(EndpointTest, ConnectionsBeyondTheCapAreClosedOnArrival) {
 TEST_F(EndpointTest, AcceptingOutOfDescriptorsBacksOffAndRecovers) {
     start();
     LogCapture log;
+    // The client's socket first; then no descriptor at all may be opened, so that the hub's
+    // accept of it fails however the other threads' descriptors come and go.
+    const int client = ::socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_GE(client, 0);
     const int lowest = ::open("/dev/null", O_RDONLY);
     ASSERT_GE(lowest, 0);
     ::close(lowest);
     rlimit saved{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
     rlimit tight = saved;
-    tight.rlim_cur = static_cast<rlim_t>(lowest) + 1;  // room for the client's socket alone
+    tight.rlim_cur = static_cast<rlim_t>(lowest);
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
-    const int client = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in hub{};
     hub.sin_family = AF_INET;
     hub.sin_port = htons(port);
     hub.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const bool connected =
-        client >= 0 && ::connect(client, reinterpret_cast<sockaddr*>(&hub), sizeof hub) == 0;
+    const bool connected = ::connect(client, reinterpret_cast<sockaddr*>(&hub), sizeof hub) == 0;
     const bool failed = waitUntil([&] { return log.count("Accepting a connection failed: ") > 0; });
     std::this_thread::sleep_for(300ms);  // a window in which a fixed 10 ms retry logs 30 times
     const std::size_t failures = log.count("Accepting a connection failed: ");
