@@ -18,6 +18,10 @@ using orvale::test::waitUntil;
 
 class ServerServicesTest : public ::testing::Test {
   protected:
+    // Before the services' server, so that a callback its delivery threads still run while it
+    // shuts down finds them alive.
+    Inbox exact, one, deep, events, later;
+
     std::shared_ptr<MessageService> create(const std::string& name) {
         return delegator->createMessageService(name, {}).get();
     }
@@ -37,7 +41,6 @@ TEST_F(ServerServicesTest, SubscriptionsListenersAndDisconnectAcrossServices) {
     EXPECT_EQ(create("alice"), alice);
     EXPECT_EQ(delegator->getMessageService("alice"), alice);
     auto bob = create("bob");
-    Inbox exact, one, deep, events, later;
     auto l1 =
         alice
             ->listenSubscribe("/news/**",
@@ -96,27 +99,29 @@ TEST_F(ServerServicesTest, NothingLostUnderConcurrency) {
         std::vector<int> last = std::vector<int>(publishers, -1);
         std::atomic<long> count{0};
         std::atomic<int> violations{0};
-        std::function<void(const JsonMessage&)> sink() {
-            return [this](const JsonMessage& m) {
+        // The sink keeps its tally: a delivery still running after the test's end finds it.
+        static std::function<void(const JsonMessage&)> sink(std::shared_ptr<Tally> tally) {
+            return [tally](const JsonMessage& m) {
                 const auto& json = m.getJson();  // "p,i"
                 const int p = json[0] - '0';
                 const int i = std::stoi(json.substr(2));
-                std::lock_guard<std::mutex> lock(mutex);
-                violations += i <= last[p];
-                last[p] = i;
-                ++count;
+                std::lock_guard<std::mutex> lock(tally->mutex);
+                tally->violations += i <= tally->last[p];
+                tally->last[p] = i;
+                ++tally->count;
             };
         }
     };
-    Tally exact, wild, churned;
-    auto s1 = steady->subscribe("/load/x", exact.sink()).get();
-    auto s2 = steady->subscribe("/load/*", wild.sink()).get();
+    auto held = std::make_shared<Tally>(), wild = std::make_shared<Tally>(),
+         churned = std::make_shared<Tally>();
+    auto s1 = steady->subscribe("/load/x", Tally::sink(held)).get();
+    auto s2 = steady->subscribe("/load/*", Tally::sink(wild)).get();
 
     // Churn: another service subscribes and cancels while messages flow.
     std::atomic<bool> stop{false};
     std::thread churn([&, service = create("churn")] {
         while (!stop) {
-            auto sub = service->subscribe("/load/**", churned.sink()).get();
+            auto sub = service->subscribe("/load/**", Tally::sink(churned)).get();
             std::this_thread::yield();
             sub->unsubscribe().get();
         }
@@ -144,13 +149,13 @@ TEST_F(ServerServicesTest, NothingLostUnderConcurrency) {
     for (auto& t : threads)
         t.join();
     const long total = publishers * perPublisher;
-    ASSERT_TRUE(waitUntil([&] { return exact.count == total && wild.count == total; },
+    ASSERT_TRUE(waitUntil([&] { return held->count == total && wild->count == total; },
                           std::chrono::seconds(30)));
     stop = true;
     churn.join();
-    EXPECT_EQ(exact.violations, 0);
-    EXPECT_EQ(wild.violations, 0);
-    EXPECT_EQ(churned.violations, 0);
+    EXPECT_EQ(held->violations, 0);
+    EXPECT_EQ(wild->violations, 0);
+    EXPECT_EQ(churned->violations, 0);
     EXPECT_TRUE(waitUntil([&] { return echoes == total; }, std::chrono::seconds(10)));
 }
 
