@@ -106,8 +106,9 @@ MessageServiceClientImpl::takeAnsweredLocked(const bayeux::BayeuxResponse& respo
 void MessageServiceClientImpl::complete(PendingRequest&& answered, MessagePtr&& answer) {
     const auto& response = static_cast<const bayeux::BayeuxResponse&>(*answer);
     if (!response.isSuccessful())
-        answered.fail("Bayeux message " + response.getId() +
-                      " failed, error: " + response.getError());
+        answered.fail(
+            "Bayeux message " + response.getId() + " failed, error: " + response.getError(),
+            &response);
     else
         answered.succeed(std::move(answer));
 }

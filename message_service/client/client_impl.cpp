@@ -9,6 +9,7 @@
 #include "client_request.h"
 #include "common/module_logger.h"
 #include "common/service_records.h"
+#include "reconnect_policy.h"
 
 namespace connector::message_service {
 
@@ -38,7 +39,9 @@ MessageServiceClientImpl::MessageServiceClientImpl(const std::string& name, Opti
       jsonLogger_(instanceLoggerName(name)),
       options_(requireEndpoint(std::move(options), logger_)),
       context_(std::move(context)),
-      address_(std::move(address)) {}
+      address_(std::move(address)),
+      reconnect_(readReconnectSettings(options_)),
+      clock_(defaultReconnectClock()) {}
 
 MessageServiceClientImpl::~MessageServiceClientImpl() {
     logger_.log(log::trace, "Destructing message service server instance");
@@ -88,9 +91,15 @@ Future<std::shared_ptr<Subscription>> MessageServiceClientImpl::listenStateChang
         std::make_shared<SubscriptionImpl2>(id, std::move(self), nullptr));
 }
 
+void MessageServiceClientImpl::setReconnectClock(ReconnectClock clock) {
+    common::MutexLock lock(mutex_);
+    clock_ = std::move(clock);
+}
+
 Future<ConnectionState> MessageServiceClientImpl::connect() {
     common::UniqueLock lock(mutex_);
-    if (state_ == ConnectionState::CONNECTED)
+    // A reconnection under way is already connecting.
+    if (state_ == ConnectionState::CONNECTED || state_ == ConnectionState::RECONNECTING)
         return makeReadyFuture<ConnectionState>(state_);
     setState(ConnectionState::CONNECTING, lock);
 
@@ -101,10 +110,8 @@ Future<ConnectionState> MessageServiceClientImpl::connect() {
                                   ContextScope::Session);
 
     std::weak_ptr<MessageServiceClientImpl> weak = shared_from_this();
-    auto transport =
-        context_->deliver(address_, std::make_unique<bayeux::ConnectTransport>(endpoint()));
     return flatten(
-        transport.then([weak](Future<MessagePtr>&& connected) -> Future<ConnectionState> {
+        openTransport().then([weak](Future<MessagePtr>&& connected) -> Future<ConnectionState> {
             MessagePtr message;
             try {
                 message = connected.get();
@@ -119,13 +126,45 @@ Future<ConnectionState> MessageServiceClientImpl::connect() {
         }));
 }
 
+Future<MessageServiceClientImpl::MessagePtr> MessageServiceClientImpl::openTransport() {
+    return context_->deliver(address_, std::make_unique<bayeux::ConnectTransport>(endpoint()));
+}
+
 Future<ConnectionState> MessageServiceClientImpl::handle(
     std::unique_ptr<ConnectTransportResponse>&& response) {
+    attachTransport(*response);
+    std::weak_ptr<MessageServiceClientImpl> weak = shared_from_this();
+    return sendHandshake().then(
+        [weak](Future<std::unique_ptr<bayeux::HandshakeResponse>>&& answered) {
+            auto self = weak.lock();
+            if (!self)
+                throw std::runtime_error("Error disconnecting but MessageService instance is gone");
+            try {
+                auto reply = answered.get();
+                common::UniqueLock lock(self->mutex_);
+                self->clientId_ = reply->getClientId();
+                self->setState(ConnectionState::CONNECTED, lock);
+                self->sendMetaConnect();
+                self->logger_.log(log::trace, "Handshake successful");
+                return self->getState();
+            } catch (const std::exception& e) {
+                self->logger_.log(log::error, "Handshake error: ", e.what());
+                common::UniqueLock lock(self->mutex_);
+                self->setState(ConnectionState::DISCONNECTED, lock);
+                throw;
+            }
+        });
+}
+
+bool MessageServiceClientImpl::attachTransport(ConnectTransportResponse& response,
+                                               std::optional<std::uint64_t> round) {
     logger_.log(log::trace, "Transport connected");
-    if (!response->getInbound() || !response->getOutbound())
+    if (!response.getInbound() || !response.getOutbound())
         throw std::runtime_error("Transport connected without message streams: " + endpoint());
     std::weak_ptr<MessageServiceClientImpl> weak = shared_from_this();
     common::UniqueLock lock(mutex_);
+    if (round && !roundIsCurrent(*round))
+        return false;  // the response, dropped by the caller, closes the transport
     const std::uint64_t generation = ++transportGeneration_;
     auto outbound = std::make_shared<OutboundPublisher>(
         [weak, generation] {
@@ -155,7 +194,7 @@ Future<ConnectionState> MessageServiceClientImpl::handle(
     replacedOutbound.reset();
 
     // The transport is called with no lock held: it may deliver at once on its own thread.
-    outbound->subscribe(response->getOutbound());
+    outbound->subscribe(response.getOutbound());
     inbound->done().then([weak, generation](Future<bool>&& done) {
         bool ended = true;
         try {
@@ -167,31 +206,15 @@ Future<ConnectionState> MessageServiceClientImpl::handle(
         if (auto self = weak.lock())
             self->transportEnded(generation, "Inbound stream completed");
     });
-    response->getInbound()->subscribe(inbound);
+    response.getInbound()->subscribe(inbound);
+    return true;
+}
 
+Future<std::unique_ptr<bayeux::HandshakeResponse>> MessageServiceClientImpl::sendHandshake() {
     auto handshake = std::make_unique<bayeux::HandshakeRequest>(
         "1.0", "1.0", std::vector<std::string>{"websocket"});
     logger_.log(log::trace, "Sending handshake");
-    return send<bayeux::HandshakeResponse>(std::move(handshake))
-        .then([weak](Future<std::unique_ptr<bayeux::HandshakeResponse>>&& answered) {
-            auto self = weak.lock();
-            if (!self)
-                throw std::runtime_error("Error disconnecting but MessageService instance is gone");
-            try {
-                auto reply = answered.get();
-                common::UniqueLock lock(self->mutex_);
-                self->clientId_ = reply->getClientId();
-                self->setState(ConnectionState::CONNECTED, lock);
-                self->sendMetaConnect();
-                self->logger_.log(log::trace, "Handshake successful");
-                return self->getState();
-            } catch (const std::exception& e) {
-                self->logger_.log(log::error, "Handshake error: ", e.what());
-                common::UniqueLock lock(self->mutex_);
-                self->setState(ConnectionState::DISCONNECTED, lock);
-                throw;
-            }
-        });
+    return send<bayeux::HandshakeResponse>(std::move(handshake));
 }
 
 void MessageServiceClientImpl::sendMetaConnect() {
@@ -203,22 +226,30 @@ void MessageServiceClientImpl::sendMetaConnect() {
     }
     auto request = std::make_unique<bayeux::ConnectRequest>("websocket");
     request->setClientId(clientId_);
+    const std::uint64_t generation = transportGeneration_;
     lock.unlock();
     logger_.log(log::trace, "Sending meta connect");
 
     std::weak_ptr<MessageServiceClientImpl> weak = shared_from_this();
     send<bayeux::ConnectStreamResponse>(std::move(request))
-        .then([weak](Future<std::unique_ptr<bayeux::ConnectStreamResponse>>&& answered) {
+        .then([weak,
+               generation](Future<std::unique_ptr<bayeux::ConnectStreamResponse>>&& answered) {
             auto self = weak.lock();
             if (!self)
                 throw std::runtime_error("Error disconnecting but MessageService instance is gone");
+            std::unique_ptr<bayeux::ConnectStreamResponse> reply;
             try {
-                answered.get();
+                reply = answered.get();
             } catch (const std::exception& e) {
                 self->logger_.log(log::error, "Meta connect error: ", e.what());
+                if (self->reconnect_.enabled)
+                    self->metaConnectFailed(generation, e);
                 throw;
             }
-            self->sendMetaConnect();
+            if (self->reconnect_.enabled)
+                self->metaConnectAnswered(generation, *reply);
+            else
+                self->sendMetaConnect();
         });
 }
 
@@ -230,12 +261,17 @@ void MessageServiceClientImpl::transportEnded(std::uint64_t generation, const ch
     auto publisher = std::move(outboundPublisher_);
     auto pending = std::move(pendingRequests_);
     pendingRequests_.clear();
-    const bool change = state_ != ConnectionState::DISCONNECTED;
-    if (change)
+    const bool resume = reconnect_.enabled && (state_ == ConnectionState::CONNECTED ||
+                                               state_ == ConnectionState::RECONNECTING);
+    logger_.log(log::trace, why);
+    if (resume && state_ == ConnectionState::CONNECTED)
+        startReconnecting(lock, std::chrono::milliseconds(0));
+    else if (resume)
+        scheduleAttempt(lock, std::chrono::milliseconds(0));  // the attempt's transport closed
+    else if (state_ != ConnectionState::DISCONNECTED)
         setState(ConnectionState::DISCONNECTED, lock);
     else
         lock.unlock();
-    logger_.log(log::trace, why);
     const std::string text = "Connection to " + endpoint() + " closed";
     for (std::size_t i = 0; i < pending.size(); ++i)
         pending[i].fail(text);
@@ -245,6 +281,16 @@ Future<DisconnectResult> MessageServiceClientImpl::disconnect() {
     common::UniqueLock lock(mutex_);
     if (state_ == ConnectionState::DISCONNECTED)
         return makeReadyFuture<DisconnectResult>(true);
+    if (state_ == ConnectionState::RECONNECTING) {
+        // No session on the server to end: the reconnection is dropped here and now.
+        stopReconnecting(lock, ConnectionState::DISCONNECTING, "disconnected");
+        lock.lock();
+        setState(ConnectionState::DISCONNECTED, lock);
+        return makeReadyFuture<DisconnectResult>(true);
+    }
+    // A meta connect waiting out an advised interval is not sent.
+    ++reconnectRound_;
+    common::TickManager::Canceller interval = std::move(timer_);
     logger_.log(log::trace, "Disconnecting from: ", endpoint(), ", ", clientId_);
     // The drained subscriptions are released once the disconnect has been answered.
     auto drained = std::make_shared<TakenHolders>(takeAllHolders(subscriptions_));
@@ -252,6 +298,7 @@ Future<DisconnectResult> MessageServiceClientImpl::disconnect() {
     auto request = std::make_unique<bayeux::DisconnectRequest>(clientId_);
     std::weak_ptr<MessageServiceClientImpl> weak = weak_from_this();
     setState(ConnectionState::DISCONNECTING, lock);
+    interval.cancel();
 
     return send<bayeux::DisconnectResponse>(std::move(request))
         .then([weak, drained](Future<std::unique_ptr<bayeux::DisconnectResponse>>&& answered) {

@@ -7,6 +7,7 @@
 
 #include "common/module_logger.h"
 #include "connector/message_service/client_impl.h"
+#include "reconnect_policy.h"
 
 namespace connector::message_service {
 
@@ -47,10 +48,14 @@ void MessageServiceClientImpl::PendingRequest::succeed(MessagePtr&& answer) {
     promise.setValue(PublishResult(true));
 }
 
-void MessageServiceClientImpl::PendingRequest::fail(const std::string& text) {
+void MessageServiceClientImpl::PendingRequest::fail(const std::string& text,
+                                                    const bayeux::BayeuxResponse* answer) {
     if (auto* raw = std::get_if<Promise<MessagePtr>>(&completion)) {
         Promise<MessagePtr> promise = std::move(*raw);
-        promise.setException(std::runtime_error(text));
+        if (answer)
+            promise.setException(BayeuxFailure(text, *answer));
+        else
+            promise.setException(std::runtime_error(text));
         return;
     }
     auto& publish = std::get<PendingPublish>(completion);

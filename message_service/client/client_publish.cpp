@@ -1,7 +1,7 @@
 // Publishing from the client service to the remote server.
 
-#include "common/service_records.h"
 #include "common/channel_rules.h"
+#include "common/service_records.h"
 #include "connector/message_service/client_impl.h"
 
 namespace connector::message_service {
@@ -15,8 +15,11 @@ Future<PublishResult> MessageServiceClientImpl::publish(const std::string& chann
 Future<PublishResult> MessageServiceClientImpl::publishWithContext(
     const std::string& channel, common::DataBuffer&& data,
     std::shared_ptr<common::ContextState>& context) {
-    if (auto refused =
-            beginPublish(isValidPublishChannel(channel), channel, *this, jsonLogger_, data))
+    const bool valid = isValidPublishChannel(channel);
+    if (valid && getState() == ConnectionState::RECONNECTING)
+        return makeFailedFuture<PublishResult>(std::runtime_error(
+            "MessageService is reconnecting: publish again once it is connected."));
+    if (auto refused = beginPublish(valid, channel, *this, jsonLogger_, data))
         return std::move(*refused);
 
     auto request =

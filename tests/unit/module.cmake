@@ -9,5 +9,6 @@ orvale_test(cached_value_publisher_test SOURCES ${_m}/cached_value_publisher_tes
 orvale_test(factory_delegator_test SOURCES ${_m}/factory_delegator_test.cpp)
 orvale_test(server_impl_test SOURCES ${_m}/server_impl_test.cpp)
 orvale_test(client_impl_test SOURCES ${_m}/client_impl_test.cpp)
+orvale_test(client_reconnect_test SOURCES ${_m}/client_reconnect_test.cpp)
 orvale_test(client_delegate_test SOURCES ${_m}/client_delegate_test.cpp)
 orvale_test(callback_runner_test SOURCES ${_m}/callback_runner_test.cpp)

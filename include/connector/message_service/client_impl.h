@@ -5,15 +5,25 @@
 //
 // No request is sent, no promise resolved and no callback or listener run while `mutex_` is
 // held: the code copies under the lock, releases, then calls, so that any of them may call back
-// into the service. Continuations hold the instance only weakly. The client has no timers and no
-// automatic reconnection.
+// into the service. Continuations hold the instance only weakly.
+//
+// Without the option "reconnect" = "on" the client has no timers and never reconnects: a lost
+// transport leaves it DISCONNECTED, a failed meta connect ends the loop. With it, a connection
+// once established is resumed: on a lost transport, a failed meta connect or a server's advice
+// to handshake it becomes RECONNECTING, opens a new transport and handshakes after a backoff
+// with full jitter, subscribes every live subscription again and becomes CONNECTED, the
+// caller's Subscription handles still working. Advice "none", or a handshake refused as 401 or
+// 403, stops it at DISCONNECTED. Each attempt has a round number; an answer or timer of an
+// earlier round finds a newer one and does nothing.
 //
 // Thread safety: may be called from any thread at once. Subscription callbacks, listeners and
 // futures run on the transport's thread; a state listener also runs on the thread whose call
 // (connect, disconnect) changed the state.
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <memory>
 #include <optional>
@@ -24,6 +34,7 @@
 #include <vector>
 
 #include "connector/bayeux/messages.h"
+#include "connector/common/delay.h"
 #include "connector/common/mutex.h"
 #include "connector/common/ring_queue.h"
 #include "connector/log/diagnostic_logger.h"
@@ -32,6 +43,25 @@
 #include "connector/message_service/subscription.h"
 
 namespace connector::message_service {
+
+// The waits of reconnection. Replaceable so that a host (or a test) drives them itself.
+struct ReconnectClock {
+    // Calls `fn` once after `delay`, on any thread; destroying the result cancels the call.
+    std::function<common::TickManager::Canceller(std::function<void()> fn,
+                                                 std::chrono::milliseconds delay)>
+        schedule;
+    // A wait drawn uniformly from [0, ceiling].
+    std::function<std::chrono::milliseconds(std::chrono::milliseconds ceiling)> draw;
+};
+
+// The options "reconnect" ("on" or "off", the default), "reconnect.initialDelayMs" (default
+// 500) and "reconnect.maxDelayMs" (default 30000): the ceiling of the n-th wait (from 0) is
+// initialDelay * 2^n, at most maxDelay.
+struct ReconnectSettings {
+    bool enabled = false;
+    std::chrono::milliseconds initialDelay{500};
+    std::chrono::milliseconds maxDelay{30000};
+};
 
 class MessageServiceClientImpl : public MessageService,
                                  public Unsubscribeable,
@@ -74,6 +104,9 @@ class MessageServiceClientImpl : public MessageService,
     // The Bayeux client id; "unset" before the first successful handshake.
     std::string getId();
 
+    // Replaces the process timer and random draw that reconnection uses; call before connect().
+    void setReconnectClock(ReconnectClock clock);
+
   private:
     using MessagePtr = std::unique_ptr<Message>;
     using OutboundPublisher = reactive_streams::CachedValuePublisher<MessagePtr>;
@@ -99,8 +132,9 @@ class MessageServiceClientImpl : public MessageService,
 
         // The successful answer; never called with mutex_ held.
         void succeed(MessagePtr&& answer);
-        // A failed answer or the end of the connection; never called with mutex_ held.
-        void fail(const std::string& text);
+        // A failed answer or the end of the connection; never called with mutex_ held. A
+        // failed `answer` gives the raw promise a BayeuxFailure, with its code and advice.
+        void fail(const std::string& text, const bayeux::BayeuxResponse* answer = nullptr);
     };
 
     // Numbers the request, records its pending promise and pushes it to the transport.
@@ -112,7 +146,14 @@ class MessageServiceClientImpl : public MessageService,
     std::shared_ptr<OutboundPublisher> file(bayeux::BayeuxMessage& request,
                                             PendingRequest&& pending) ORVALE_EXCLUDES(mutex_);
     void sendMetaConnect() ORVALE_EXCLUDES(mutex_);
+    // Asks the Context for a new transport to the endpoint.
+    Future<MessagePtr> openTransport();
     Future<ConnectionState> handle(std::unique_ptr<bayeux::ConnectTransportResponse>&& response);
+    // Wires the transport's streams to this instance, replacing any earlier transport. With a
+    // `round`, does nothing and returns false when that reconnection round is over.
+    bool attachTransport(bayeux::ConnectTransportResponse& response,
+                         std::optional<std::uint64_t> round = std::nullopt) ORVALE_EXCLUDES(mutex_);
+    Future<std::unique_ptr<bayeux::HandshakeResponse>> sendHandshake();
     // Changes the state, releases `lock`, then tells the state listeners.
     void setState(ConnectionState newState, common::UniqueLock& lock) ORVALE_REQUIRES(mutex_)
         ORVALE_RELEASE(lock);
@@ -127,8 +168,47 @@ class MessageServiceClientImpl : public MessageService,
     // Completes `answered` with its answer; mutex_ not held.
     static void complete(PendingRequest&& answered, MessagePtr&& answer);
     void handle(std::unique_ptr<bayeux::PublishRequest>&& request);
-    // The transport of `generation` has gone: fail what is pending and become DISCONNECTED.
+    // The transport of `generation` has gone: fail what is pending and become DISCONNECTED, or
+    // RECONNECTING when reconnection is on.
     void transportEnded(std::uint64_t generation, const char* why) ORVALE_EXCLUDES(mutex_);
+
+    // Reconnection (client_reconnect.cpp); all of it only with the option on.
+    // What dropping a transport leaves to release once mutex_ is unlocked.
+    struct DroppedTransport {
+        std::shared_ptr<OutboundPublisher> outbound;
+        std::shared_ptr<InboundSubscriber> inbound;
+        common::RingQueue<PendingRequest> pending;
+        common::TickManager::Canceller timer;
+        // Fails what was pending with `text`, then cancels the timer and closes the streams.
+        void release(const std::string& text);
+    };
+    DroppedTransport dropTransportLocked() ORVALE_REQUIRES(mutex_);
+    // A meta connect sent over transport `generation` was answered, or failed with `error`.
+    void metaConnectAnswered(std::uint64_t generation, const bayeux::BayeuxMessage& reply)
+        ORVALE_EXCLUDES(mutex_);
+    void metaConnectFailed(std::uint64_t generation, const std::exception& error)
+        ORVALE_EXCLUDES(mutex_);
+    // CONNECTED becomes RECONNECTING and the first attempt is scheduled; `floor` is the least
+    // wait the server advised.
+    void startReconnecting(common::UniqueLock& lock, std::chrono::milliseconds floor)
+        ORVALE_REQUIRES(mutex_) ORVALE_RELEASE(lock);
+    // Schedules the next attempt of a new round after the backoff (at least `floor`).
+    void scheduleAttempt(common::UniqueLock& lock, std::chrono::milliseconds floor)
+        ORVALE_REQUIRES(mutex_) ORVALE_RELEASE(lock);
+    void attempt(std::uint64_t round) ORVALE_EXCLUDES(mutex_);
+    void attemptFailed(std::uint64_t round, const std::exception& error) ORVALE_EXCLUDES(mutex_);
+    void resubscribe(std::uint64_t round, const bayeux::HandshakeResponse& reply)
+        ORVALE_EXCLUDES(mutex_);
+    void finishReconnecting(std::uint64_t round) ORVALE_EXCLUDES(mutex_);
+    // Ends reconnection and the transport, drops the subscriptions and becomes `last`.
+    void stopReconnecting(common::UniqueLock& lock, ConnectionState last, const std::string& why)
+        ORVALE_REQUIRES(mutex_) ORVALE_RELEASE(lock);
+    bool roundIsCurrent(std::uint64_t round) const ORVALE_REQUIRES(mutex_) {
+        return round == reconnectRound_ && state_ == ConnectionState::RECONNECTING;
+    }
+    // Sends the next meta connect after the server's advised interval, if it gave one.
+    void pollAfterInterval(std::uint64_t generation, std::chrono::milliseconds interval)
+        ORVALE_EXCLUDES(mutex_);
 
     const std::string& endpoint() const { return options_.at("endpoint"); }
 
@@ -157,6 +237,16 @@ class MessageServiceClientImpl : public MessageService,
     std::atomic<ConnectionState> stateSeen_{ConnectionState::DISCONNECTED};
     std::atomic<std::uint64_t> nextMessageId_{0};
     std::uint64_t nextSubscriptionId_ ORVALE_GUARDED_BY(mutex_) = 0;
+
+    const ReconnectSettings reconnect_;
+    ReconnectClock clock_ ORVALE_GUARDED_BY(mutex_);
+    // Advanced by every attempt and by whatever ends reconnection.
+    std::uint64_t reconnectRound_ ORVALE_GUARDED_BY(mutex_) = 0;
+    // Attempts since the last connection; sets the backoff's ceiling.
+    unsigned attempts_ ORVALE_GUARDED_BY(mutex_) = 0;
+    // The pending attempt, or the pending meta connect of an advised interval. Never destroyed
+    // with mutex_ held: cancelling waits for a running callback, which may want the lock.
+    common::TickManager::Canceller timer_ ORVALE_GUARDED_BY(mutex_);
 };
 
 }  // namespace connector::message_service

@@ -1,0 +1,91 @@
+#pragma once
+// The client service over a scripted transport: the fixture its unit tests share, which makes
+// services, connects them, answers their requests and records what they deliver.
+
+#include <gtest/gtest.h>
+
+#include "connector/message_service/client_impl.h"
+#include "failure_text.h"
+#include "inbox.h"
+#include "log_capture.h"
+#include "scripted_transport.h"
+
+namespace connector::message_service {
+
+namespace bx = bayeux;
+using orvale::test::failureText;
+using orvale::test::response;
+using orvale::test::ScriptedTransport;
+using Strings = std::vector<std::string>;
+
+inline std::unique_ptr<bx::PublishRequest> delivery(const std::string& wire,
+                                                    const std::string& json) {
+    return std::make_unique<bx::PublishRequest>(wire, common::DataBuffer(json));
+}
+
+class ClientTest : public ::testing::Test {
+  protected:
+    void SetUp() override { transport->install(*context); }
+
+    std::shared_ptr<MessageServiceClientImpl> make(Options options = {
+                                                       {"endpoint", "ws://test/bayeux"}}) {
+        return std::make_shared<MessageServiceClientImpl>(
+            "cli", std::move(options), context,
+            Address("connector/bayeux/webSocket/client", "connector/http/client"));
+    }
+
+    // Connects `client`, answering its handshake with the client id "abc".
+    void connect(const std::shared_ptr<MessageServiceClientImpl>& client) {
+        const std::size_t before = transport->sentCount();
+        auto connected = client->connect();
+        ASSERT_TRUE(transport->waitSent(before + 1));
+        const auto* handshake = transport->sent<bx::HandshakeRequest>(before);
+        ASSERT_NE(handshake, nullptr);
+        auto reply = response<bx::HandshakeResponse>(handshake->getId());
+        reply->setClientId("abc");
+        transport->reply(std::move(reply));
+        ASSERT_TRUE(connected.waitFor(std::chrono::seconds(5)));
+        ASSERT_EQ(connected.get(), ConnectionState::CONNECTED);
+    }
+
+    // Answers the index-th sent request successfully with a response of type T.
+    template <class T>
+    void answer(std::size_t index) {
+        ASSERT_TRUE(transport->waitSent(index + 1));
+        auto* request = transport->sent<bx::BayeuxMessage>(index);
+        ASSERT_NE(request, nullptr);
+        transport->reply(response<T>(request->getId()));
+    }
+
+    // Subscribes, answers the request, and returns the handle; deliveries are noted in `seen`
+    // as "<tag> <channel> <json>".
+    std::shared_ptr<Subscription> subscribed(const std::shared_ptr<MessageServiceClientImpl>& c,
+                                             const std::string& pattern, const std::string& tag) {
+        const std::size_t index = transport->sentCount();
+        auto pending = c->subscribe(pattern, record(tag));
+        answer<bx::SubscribeResponse>(index);
+        return pending.get();
+    }
+    std::function<void(const JsonMessage&)> record(const std::string& tag) {
+        return [this, tag](const JsonMessage& m) {
+            seen.push_back(tag + " " + m.getChannel() + " " + m.getJson());
+        };
+    }
+    Strings deliveredTo(const std::string& wire, const std::string& json = "1") {
+        seen.clear();
+        transport->reply(delivery(wire, json));
+        return seen;
+    }
+
+    std::shared_ptr<Subscription> watch(const std::shared_ptr<MessageServiceClientImpl>& c) {
+        return c->listenStateChange(states.stateSink()).get();
+    }
+
+    std::shared_ptr<Context> context = std::make_shared<Context>();
+    std::shared_ptr<ScriptedTransport> transport = std::make_shared<ScriptedTransport>();
+    Strings seen;
+    orvale::test::Inbox states;  // "FROM->TO" for each state change watched
+    orvale::test::LogCapture capture;
+};
+
+}  // namespace connector::message_service
