@@ -25,6 +25,8 @@ const char* const kSubUsage = R"(usage: orvale sub URL CHANNEL... [--count N] [-
 Subscribes to each application CHANNEL (such as /chat/room or /chat/*) at the Bayeux endpoint
 URL (such as ws://127.0.0.1:8080/bayeux) and prints one JSON line per message on stdout:
 {"channel":...,"data":...}. Runs until SIGINT or SIGTERM, or until N messages have been printed.
+When the connection is lost it reconnects and subscribes again, waiting between attempts from
+0.5 s doubling up to 30 s; it exits when the endpoint refuses it (advice none, 401 or 403).
 
   --count N      exit after N messages
   --api-key K    the endpoint's API key
@@ -52,7 +54,9 @@ int runSub(const Words& words) {
     const std::string& url = args.positional()[0];
 
     ClientFactory factory;
-    auto service = factory.connect("orvale-sub", url, args.value("--api-key", ""));
+    // Kept across a restart of the endpoint; gone only when the endpoint refuses it.
+    auto service =
+        factory.connect("orvale-sub", url, args.value("--api-key", ""), 10s, {{"reconnect", "on"}});
     std::atomic<bool> done{false};
     std::atomic<bool> lost{false};
     auto states = service

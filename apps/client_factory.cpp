@@ -13,8 +13,10 @@ ClientFactory::ClientFactory()
           std::make_shared<ms::MessageServiceFactoryClientDelegate>(connector::makeContext()))) {}
 
 connector::Future<std::shared_ptr<ms::MessageService>> ClientFactory::start(
-    const std::string& name, const std::string& url, const std::string& apiKey) {
-    ms::Options options{{"endpoint", url}};
+    const std::string& name, const std::string& url, const std::string& apiKey,
+    const ms::Options& extra) {
+    ms::Options options = extra;
+    options["endpoint"] = url;
     if (!apiKey.empty())
         options["orvapikey"] = apiKey;
     return delegator_->createMessageService(name, options);
@@ -23,8 +25,9 @@ connector::Future<std::shared_ptr<ms::MessageService>> ClientFactory::start(
 std::shared_ptr<ms::MessageService> ClientFactory::connect(const std::string& name,
                                                            const std::string& url,
                                                            const std::string& apiKey,
-                                                           std::chrono::milliseconds timeout) {
-    auto future = start(name, url, apiKey);
+                                                           std::chrono::milliseconds timeout,
+                                                           const ms::Options& extra) {
+    auto future = start(name, url, apiKey, extra);
     if (!future.waitFor(timeout))
         throw Failure("cannot connect to " + url + ": no answer within " +
                       std::to_string(timeout.count()) + " ms");

@@ -13,14 +13,16 @@ namespace orvale::app {
 class ClientFactory {
   public:
     ClientFactory();
-    // A service connected to the Bayeux endpoint at `url`; Failure when it cannot connect within
-    // `timeout`.
+    // A service connected to the Bayeux endpoint at `url`, made with the `extra` options too;
+    // Failure when it cannot connect within `timeout`.
     std::shared_ptr<connector::message_service::MessageService> connect(
         const std::string& name, const std::string& url, const std::string& apiKey = "",
-        std::chrono::milliseconds timeout = std::chrono::seconds(10));
+        std::chrono::milliseconds timeout = std::chrono::seconds(10),
+        const connector::message_service::Options& extra = {});
     // Starts connecting without waiting.
     connector::Future<std::shared_ptr<connector::message_service::MessageService>> start(
-        const std::string& name, const std::string& url, const std::string& apiKey = "");
+        const std::string& name, const std::string& url, const std::string& apiKey = "",
+        const connector::message_service::Options& extra = {});
 
   private:
     std::shared_ptr<connector::bayeux::BayeuxServer> server_;  // the delegator's server side

@@ -38,9 +38,13 @@ ReconnectSettings readReconnectSettings(const Options& options) {
     }
     settings.initialDelay = readDelay(options, "reconnect.initialDelayMs", settings.initialDelay);
     settings.maxDelay = readDelay(options, "reconnect.maxDelayMs", settings.maxDelay);
-    if (settings.maxDelay < settings.initialDelay)
-        throw std::invalid_argument(
-            "Option reconnect.maxDelayMs must not be below reconnect.initialDelayMs");
+    if (settings.maxDelay < settings.initialDelay) {
+        // A maximum alone below the default first wait lowers that wait too.
+        if (options.count("reconnect.initialDelayMs"))
+            throw std::invalid_argument(
+                "Option reconnect.maxDelayMs must not be below reconnect.initialDelayMs");
+        settings.initialDelay = settings.maxDelay;
+    }
     return settings;
 }
 

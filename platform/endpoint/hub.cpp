@@ -223,7 +223,8 @@ void Hub::handshake(const HandshakeRequest& request, const Sender& sender, Frame
         if (!accepting_) {
             lock.unlock();
             sender.sessions->live.fetch_sub(1, std::memory_order_relaxed);
-            appendError(out, request, "503::Shutting down", Advice{"none", 0, -1});
+            appendError(out, request, "503::Shutting down",
+                        Advice{"handshake", kRetryHandshakeMs, -1});
             return;
         }
         if (sessions_.size() >= options_.maxSessions) {
@@ -294,7 +295,9 @@ void Hub::appendConnectAnswer(RemoteSession& session, const std::shared_ptr<Link
     response.setId(release.id);
     response.setClientId(session.id());
     response.setAdvice(release.reason == ReleaseReason::Ended ? Advice{"none", 0, -1}
-                                                              : connectAdvice());
+                       : release.reason == ReleaseReason::Stopping
+                           ? Advice{"handshake", kRetryHandshakeMs, -1}
+                           : connectAdvice());
     // A client whose queue overflowed learns how many messages it lost since the last answer.
     if (const std::uint64_t dropped = session.takeUnreportedDrops())
         response.setExt("{\"dropped\":" + std::to_string(dropped) + "}");
@@ -398,7 +401,7 @@ void Hub::shutdown() {
         sessions.swap(sessions_);
     }
     for (const auto& entry : sessions) {
-        if (entry.second->close())
+        if (entry.second->close(ReleaseReason::Stopping))
             entry.second->runServerCalls(*server_);
     }
 }

@@ -18,6 +18,7 @@ enum class ReleaseReason {
     Due,       // deliveries are waiting (long-polling) or its time is up
     Replaced,  // a newer connect of the same client arrived
     Ended,     // the session was disconnected or expired
+    Stopping,  // the endpoint is stopping: the client may handshake again once it is back
 };
 
 struct ConnectRelease {

@@ -192,7 +192,7 @@ RemoteSession::Change RemoteSession::unsubscribe(const std::string& channel) {
     return Change::Done;
 }
 
-bool RemoteSession::close() {
+bool RemoteSession::close(ReleaseReason reason) {
     std::vector<Delivery> dropped;
     std::shared_ptr<Link> released;
     {
@@ -200,7 +200,7 @@ bool RemoteSession::close() {
         if (closed_)
             return false;
         closed_ = true;
-        released = releaseLocked(ReleaseReason::Ended, Clock::now());
+        released = releaseLocked(reason, Clock::now());
         dropped.swap(queue_);
         head_ = 0;
         queuedBytes_ = 0;

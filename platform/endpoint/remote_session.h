@@ -104,9 +104,9 @@ class RemoteSession final : public BayeuxSession,
     Change subscribe(const std::string& channel);
     Change unsubscribe(const std::string& channel);
 
-    // Ends the session: answers a held connect (Ended), drops the queue and queues one
+    // Ends the session: answers a held connect (for `reason`), drops the queue and queues one
     // unsubscribe per subscription, then the unregistration. False when already ended.
-    bool close();
+    bool close(ReleaseReason reason = ReleaseReason::Ended);
     bool closed() const;
 
     // Runs the queued server calls in order unless another thread is running them.

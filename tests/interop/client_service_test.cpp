@@ -30,8 +30,10 @@ class ClientServiceWithFaye : public ::testing::Test {
         fayes.push_back(orvale::test::startNode("faye_server.js", std::move(args)));
         return "ws://127.0.0.1:" + *fayes.back()->firstLine(0s) + "/bayeux";
     }
-    std::shared_ptr<MessageService> create(const std::string& name, const std::string& endpoint) {
-        auto future = delegator->createMessageService(name, {{"endpoint", endpoint}});
+    std::shared_ptr<MessageService> create(const std::string& name, const std::string& endpoint,
+                                           Options options = {}) {
+        options["endpoint"] = endpoint;
+        auto future = delegator->createMessageService(name, options);
         if (!future.waitFor(10s))
             throw std::runtime_error("creating " + name + " timed out");
         return future.get();
@@ -116,6 +118,21 @@ TEST_F(ClientServiceWithFaye, ServerKilledMidSessionDisconnectsAndFailsPendingRe
     ASSERT_TRUE(publish.waitFor(5s));
     EXPECT_THROW(publish.get(), std::runtime_error);
     EXPECT_TRUE(service->disconnect().waitFor(1s));
+}
+
+TEST_F(ClientServiceWithFaye, WithReconnectionSubscriptionsResumeOnARestartedServer) {
+    const std::string url = startFaye();
+    const std::string port = url.substr(url.rfind(':') + 1, url.rfind('/') - url.rfind(':') - 1);
+    auto service = create("alice", url, {{"reconnect", "on"}, {"reconnect.maxDelayMs", "200"}});
+    Inbox inbox;
+    auto sub = service->subscribe("/a", inbox.sink()).get();
+    fayes[0]->kill(SIGKILL);
+    ASSERT_TRUE(waitUntil([&] { return service->getState() == ConnectionState::RECONNECTING; }));
+    startFaye({"--timeout", "1", "--port", port});
+    ASSERT_TRUE(waitUntil([&] { return service->getState() == ConnectionState::CONNECTED; }, 10s));
+    EXPECT_TRUE(service->publish("/a", "1").get().success);
+    EXPECT_TRUE(waitUntil([&] { return inbox.has("/a 1"); }));
+    EXPECT_TRUE(service->disconnect().waitFor(5s));
 }
 
 TEST(ClientServiceConnect, RefusedConnectionFailsTheCreateFutureWithTheUrl) {

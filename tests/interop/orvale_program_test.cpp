@@ -66,7 +66,8 @@ TEST(OrvaleProgramTest, FailuresExitNonZeroWithOneLine) {
         {{"serve", "--port", port}, 1, "Cannot listen"},
         {{"serve", "--bogus"}, 2, "unknown option --bogus"},
         {{"serve", "--log-format", "xml"}, 2, "--log-format"},
-        {{"serve", "--cluster", "nats://127.0.0.1:1"}, 1,
+        {{"serve", "--cluster", "nats://127.0.0.1:1"},
+         1,
          "Cannot reach the cluster at nats://127.0.0.1:1"},
         {{"nosuch"}, 2, "unknown command"},
     };
@@ -131,19 +132,31 @@ TEST(OrvaleProgramTest, DemoExchangesMessagesBothWays) {
     }
 }
 
-TEST(OrvaleProgramTest, ServeEndsCleanlyOnSignalsAndSubNoticesAGoneHub) {
+// The subscriber outlives a restart of the hub on the same port, and ends when a hub refuses it.
+TEST(OrvaleProgramTest, ServeEndsCleanlyOnSignalsAndSubOutlivesARestart) {
     for (int signal : {SIGTERM, SIGINT}) {
         ServeProcess serve;
         auto sub = orvale({"sub", serve.url, "/a"});
-        // The subscriber is connected once the hub answers; publishing shows that.
-        ASSERT_TRUE(waitUntil(
-            [&] {
-                auto pub = orvale({"pub", serve.url, "/a", "1"});
-                return run(*pub) == 0 && sub->firstLine(100ms);
-            },
-            10s));
+        // Publishes until the subscriber has printed `lines` lines.
+        auto printed = [&](std::size_t lines) {
+            return waitUntil(
+                [&] {
+                    auto pub = orvale({"pub", serve.url, "/a", std::to_string(lines)});
+                    return run(*pub) == 0 &&
+                           waitUntil([&] { return sub->lines().size() >= lines; }, 100ms);
+                },
+                20s);
+        };
+        ASSERT_TRUE(printed(1));
         serve.process->kill(signal);
         EXPECT_EQ(run(*serve.process), 0);
+        const std::string port = serve.url.substr(serve.url.rfind(':') + 1,
+                                                  serve.url.rfind('/') - serve.url.rfind(':') - 1);
+        serve = ServeProcess({"--port", port});
+        ASSERT_TRUE(printed(2)) << sub->errors();
+        serve.process->kill(SIGTERM);
+        EXPECT_EQ(run(*serve.process), 0);
+        ServeProcess keyed({"--port", port, "--api-key", "k"});
         EXPECT_EQ(run(*sub), 1);
         expectOneLine(*sub, "was lost");
     }
