@@ -44,6 +44,12 @@ class ReconnectTest : public ClientTest {
 };
 
 TEST_F(ReconnectTest, BackoffDoublesToItsCeilingAndSubscriptionsResume) {
+    for (Options bad :
+         {Options{{"reconnect", "yes"}}, Options{{"reconnect.maxDelayMs", "0"}},
+          Options{{"reconnect.initialDelayMs", "9"}, {"reconnect.maxDelayMs", "8"}}}) {
+        bad["endpoint"] = "ws://test/bayeux";
+        EXPECT_THROW(ClientTest::make(bad), std::invalid_argument);
+    }
     auto client = make();
     auto listener = watch(client);
     connect(client);
@@ -94,71 +100,44 @@ TEST_F(ReconnectTest, BackoffDoublesToItsCeilingAndSubscriptionsResume) {
 
 // How a connection ends decides whether the client comes back.
 TEST_F(ReconnectTest, TheServersAnswerDecidesWhetherItComesBack) {
-    auto failedConnect = [](const std::string& error, bx::Advice advice) {
-        return [=](ScriptedTransport& t) {
-            auto reply = response<bx::ConnectStreamResponse>("1", error.empty(), error);
-            reply->setAdvice(advice);
-            t.reply(std::move(reply));
-        };
-    };
+    using S = ConnectionState;
+    const char* k402 = "402::Unknown client";
+    const bx::Advice handshake{"handshake", 0, -1}, none{"none", 0, -1};
     struct Case {
-        const char* what;
-        std::function<void(ScriptedTransport&)> end;
+        const char* error;  // of the meta connect; empty: it succeeds
+        bx::Advice advice;
         std::vector<std::int64_t> waits;
-        ConnectionState state;  // after the first attempt, if any
-        const char* handshakeError = "";
+        const char* refusal;  // of the handshake that follows, if any
+        S state;
     } cases[] = {
-        {"402 asking for a handshake",
-         failedConnect("402::Unknown client", {"handshake", 0, -1}),
-         {100},
-         ConnectionState::CONNECTED},
-        {"an interval above the backoff",
-         failedConnect("402::Unknown client", {"handshake", 250, -1}),
-         {250},
-         ConnectionState::CONNECTED},
-        {"a success asking for a handshake",
-         failedConnect("", {"handshake", 0, -1}),
-         {100},
-         ConnectionState::CONNECTED},
-        {"advice none",
-         failedConnect("402::Unknown client", {"none", 0, -1}),
-         {},
-         ConnectionState::DISCONNECTED},
-        {"a success advising none",
-         failedConnect("", {"none", 0, -1}),
-         {},
-         ConnectionState::DISCONNECTED},
-        {"a handshake refused as 403",
-         failedConnect("402::Unknown client", {"handshake", 0, -1}),
-         {100},
-         ConnectionState::DISCONNECTED,
-         "403::Unauthorized"},
-        {"a handshake refused as 401",
-         [](ScriptedTransport& t) { t.close(); },
-         {100},
-         ConnectionState::DISCONNECTED,
-         "401::Token expired"},
+        {k402, handshake, {100}, "", S::CONNECTED},
+        {k402, {"handshake", 250, -1}, {250}, "", S::CONNECTED},  // above the backoff's ceiling
+        {"", handshake, {100}, "", S::CONNECTED},
+        {k402, none, {}, "", S::DISCONNECTED},
+        {"", none, {}, "", S::DISCONNECTED},
+        {k402, handshake, {100}, "403::Unauthorized", S::DISCONNECTED},
+        {k402, handshake, {100}, "401::Token expired", S::DISCONNECTED},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
+        SCOPED_TRACE(std::string(c.error) + " " + c.advice.reconnect + " " + c.refusal);
         waits.clear();
         transport = std::make_shared<ScriptedTransport>();
         transport->install(*context);
         auto client = make();
         connect(client);
         auto a = subscribed(client, "/a", "a");
-        ASSERT_TRUE(transport->waitSent(3));
-        c.end(*transport);
+        auto reply = response<bx::ConnectStreamResponse>("1", !*c.error, c.error);
+        reply->setAdvice(c.advice);
+        transport->reply(std::move(reply));
         EXPECT_EQ(waits, c.waits);
         if (fire()) {
-            const bool refused = *c.handshakeError != 0;
-            handshakeAt(3, !refused, c.handshakeError);
-            if (!refused)
+            handshakeAt(3, !*c.refusal, c.refusal);
+            if (!*c.refusal)
                 answer<bx::SubscribeResponse>(4);
             EXPECT_EQ(waits.size(), 1u) << "no attempt after a refusal";
         }
         EXPECT_EQ(client->getState(), c.state);
-        EXPECT_EQ(deliveredTo("/orvale/a").size(), c.state == ConnectionState::CONNECTED ? 1u : 0u);
+        EXPECT_EQ(deliveredTo("/orvale/a").size(), c.state == S::CONNECTED ? 1u : 0u);
     }
 }
 
