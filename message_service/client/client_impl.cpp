@@ -289,7 +289,6 @@ Future<DisconnectResult> MessageServiceClientImpl::disconnect() {
         return makeReadyFuture<DisconnectResult>(true);
     }
     // A meta connect waiting out an advised interval is not sent.
-    ++reconnectRound_;
     common::TickManager::Canceller interval = std::move(timer_);
     logger_.log(log::trace, "Disconnecting from: ", endpoint(), ", ", clientId_);
     // The drained subscriptions are released once the disconnect has been answered.
