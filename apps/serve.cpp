@@ -66,8 +66,9 @@ A session is bound to the client that made it: requests for it are served only o
 WebSocket it was handshaken on, or with its browser's BAYEUX_BROWSER cookie (HttpOnly,
 SameSite=Strict, Secure under TLS), which the hub sets on long-polling handshake answers and on
 WebSocket upgrade answers. Anything else is answered "402::Unknown client". Under TLS with
---allow-origin the cookie is SameSite=None, so that the allowed sites' pages can long-poll;
-over plain HTTP browsers send it to same-site pages only (another port of the same host, say).
+--allow-origin the cookie is SameSite=None; Partitioned, so that the allowed sites' pages can
+long-poll; over plain HTTP browsers send it to same-site pages only (another port of the same
+host, say).
 )";
 
 }  // namespace

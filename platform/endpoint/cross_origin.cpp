@@ -22,11 +22,13 @@ bool listed(const std::vector<std::string>& allowed, std::string_view origin) {
                        [&](const std::string& entry) { return entry == "*" || entry == origin; });
 }
 
-bool ownOrigin(const HttpRequest& request, bool secure, std::string_view origin) {
-    const std::string_view scheme = secure ? "https://" : "http://";
+// Whether `origin` names the host the request was sent to. The scheme is left out: behind a
+// proxy that ends TLS, the hub's own pages come from https:// to a hub serving http://.
+bool ownOrigin(const HttpRequest& request, std::string_view origin) {
+    const auto authority = origin.find("://");
     const std::string_view host = header(request, http::field::host);
-    return !host.empty() && origin.size() == scheme.size() + host.size() &&
-           origin.substr(0, scheme.size()) == scheme && origin.substr(scheme.size()) == host;
+    return authority != std::string_view::npos && !host.empty() &&
+           origin.substr(authority + 3) == host;
 }
 
 int hexValue(char c) {
@@ -41,11 +43,10 @@ int hexValue(char c) {
 
 }  // namespace
 
-OriginCheck checkOrigin(const HttpRequest& request, bool secure,
-                        const std::vector<std::string>& allowed) {
+OriginCheck checkOrigin(const HttpRequest& request, const std::vector<std::string>& allowed) {
     OriginCheck check;
     const std::string_view origin = header(request, http::field::origin);
-    if (origin.empty() || ownOrigin(request, secure, origin))
+    if (allowed.empty() || origin.empty() || ownOrigin(request, origin))
         return check;
     if (listed(allowed, origin))
         check.allowOrigin = origin;
@@ -54,8 +55,7 @@ OriginCheck checkOrigin(const HttpRequest& request, bool secure,
     return check;
 }
 
-bool callbackPollingAllowed(const HttpRequest& request, bool secure,
-                            const std::vector<std::string>& allowed) {
+bool callbackPollingAllowed(const HttpRequest& request, const std::vector<std::string>& allowed) {
     if (allowed.empty())
         return false;
     if (listed(allowed, "*"))
@@ -66,7 +66,7 @@ bool callbackPollingAllowed(const HttpRequest& request, bool secure,
     if (authority == std::string_view::npos)
         return false;
     const std::string_view origin = referer.substr(0, referer.find('/', authority + 3));
-    return listed(allowed, origin) || ownOrigin(request, secure, origin);
+    return listed(allowed, origin) || ownOrigin(request, origin);
 }
 
 std::optional<std::string> queryParameter(std::string_view target, std::string_view name) {

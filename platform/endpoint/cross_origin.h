@@ -21,16 +21,15 @@ struct OriginCheck {
     std::string allowOrigin;
 };
 
-// Judges a request by its Origin header; one without it, or from the endpoint's own origin
-// (`secure` gives the scheme, the Host header the rest), is neither refused nor given CORS
-// headers.
-OriginCheck checkOrigin(const HttpRequest& request, bool secure,
-                        const std::vector<std::string>& allowed);
+// Judges a request by its Origin header. One without it, or from a page of the endpoint's own
+// host (the Host header), is neither refused nor given CORS headers; so is every request while
+// no origin is allowed, since browsers then let no other origin's page read an answer and the
+// cookie goes with no other site's request.
+OriginCheck checkOrigin(const HttpRequest& request, const std::vector<std::string>& allowed);
 
 // Whether a callback-polling request may be answered: only when other origins are allowed, and
 // its Referer is a page of one of them (a script's GET carries no Origin header).
-bool callbackPollingAllowed(const HttpRequest& request, bool secure,
-                            const std::vector<std::string>& allowed);
+bool callbackPollingAllowed(const HttpRequest& request, const std::vector<std::string>& allowed);
 
 // The form-decoded value of the query parameter `name` of `target`, or nothing.
 std::optional<std::string> queryParameter(std::string_view target, std::string_view name);

@@ -118,7 +118,7 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
         if (!servesPath(request.target()))
             return respond(http::status::not_found, "", "text/plain");
         const auto& allowed = hub_->options().allowedOrigins;
-        OriginCheck origin = checkOrigin(request, kSecure<Stream>, allowed);
+        OriginCheck origin = checkOrigin(request, allowed);
         if (beast::websocket::is_upgrade(request)) {
             // A page another site runs must not drive the sessions of the browser it runs in.
             if (origin.refused)
@@ -141,8 +141,9 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
         } else if (request.method() == http::verb::get) {
             auto callback = queryParameter(request.target(), "jsonp");
             form = queryParameter(request.target(), "message");
-            if (!callback || !form || !callbackNameValid(*callback) ||
-                !callbackPollingAllowed(request, kSecure<Stream>, allowed))
+            if (!callback || !form)
+                return respond(http::status::method_not_allowed, "", "text/plain");
+            if (!callbackNameValid(*callback) || !callbackPollingAllowed(request, allowed))
                 return respond(http::status::forbidden, "", "text/plain");
             jsonp_ = std::move(*callback);
         } else if (request.method() != http::verb::post) {

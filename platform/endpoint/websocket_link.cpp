@@ -6,6 +6,9 @@
 // Reading pauses while too much output waits, so a client that sends faster than it reads is
 // held back by its own backlog.
 //
+// With compression on, frames are inflated as they are read, the frame bound applying to the
+// inflated bytes, and deflated as they are written.
+//
 // Bounds: once the output waiting for the peer (the frame being written and what collects behind
 // it) passes maxOutputBytes the connection is closed. A timer closes a connection that sends no
 // frame for the idle time while the hub waits for one (pings do not count, so a client cannot

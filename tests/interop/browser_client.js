@@ -7,8 +7,9 @@
 //
 // Serves a page and the client's browser build at http://127.0.0.1:PAGE_PORT, opens it in
 // Chromium (CHROMIUM, default /usr/bin/chromium) and there subscribes to LISTEN, publishes
-// {"from":"PEER MODE"} on PUBLISH, waits for one message on LISTEN and disconnects. long-polling keeps
-// the client off WebSockets and off callback-polling, so that its requests go by CORS. With
+// {"from":"PEER MODE"} on PUBLISH, waits for one message on LISTEN and disconnects.
+// long-polling keeps the client off WebSockets and off callback-polling, so that its requests
+// go by CORS. With
 // --screenshot, while the session is live, a second tab opens URL and saves a PNG of it to FILE.
 // Stdout lines are JSON: {"event":"received",...} and last {"result":"ok","transport":...} or
 // {"result":"error","message":...} (exit status 1). A run is bounded by 30 seconds.
@@ -29,20 +30,17 @@ const loader = {
   faye: '<script src="/faye/client/faye-browser.js"></script>',
   cometd: '<script type="module">import {CometD} from "/cometd/cometd.js"; window.CometD = CometD;</script>',
 }[peer];
-const files = {'/': ['text/html', `<!doctype html><title>${peer}</title>${loader}`]};
+const page = `<!doctype html><title>${peer}</title>${loader}`;
 function serve(request, response) {
   const name = request.url.split('?')[0];
-  if (files[name]) {
-    response.writeHead(200, {'Content-Type': files[name][0]});
-    return response.end(files[name][1]);
-  }
   const file = path.join(modules, path.normalize(name));
-  if (!file.startsWith(modules + path.sep) || !fs.existsSync(file)) {
+  if (name !== '/' && (!file.startsWith(modules + path.sep) || !fs.existsSync(file))) {
     response.writeHead(404);
     return response.end();
   }
-  response.writeHead(200, {'Content-Type': 'text/javascript'});
-  fs.createReadStream(file).pipe(response);
+  response.writeHead(200, {'Content-Type': name === '/' ? 'text/html' : 'text/javascript'});
+  if (name === '/') response.end(page);
+  else fs.createReadStream(file).pipe(response);
 }
 
 // Runs in the page: the exchange through the browser client, as a promise of its outcome.
@@ -109,10 +107,9 @@ async function exchange({peer, mode, url, listen, publish}) {
     });
     const page = await browser.newPage();
     page.on('pageerror', (e) => print({event: 'page-error', message: String(e)}));
-    page.on('console', (m) => print({event: 'console', text: m.text()}));
     await page.goto(`http://127.0.0.1:${pagePort}/`);
     const outcome = page.evaluate(exchange, {peer, mode, url, listen, publish});
-    outcome.catch(() => {});
+    outcome.catch(() => {});  // awaited below
     await Promise.race([page.waitForFunction('window.released', {polling: 50}), outcome]);
     if (screenshot) {
       const tab = await browser.newPage();

@@ -66,8 +66,7 @@ TEST(OrvaleProgramTest, FailuresExitNonZeroWithOneLine) {
         {{"serve", "--port", port}, 1, "Cannot listen"},
         {{"serve", "--bogus"}, 2, "unknown option --bogus"},
         {{"serve", "--log-format", "xml"}, 2, "--log-format"},
-        {{"serve", "--cluster", "nats://127.0.0.1:1"},
-         1,
+        {{"serve", "--cluster", "nats://127.0.0.1:1"}, 1,
          "Cannot reach the cluster at nats://127.0.0.1:1"},
         {{"nosuch"}, 2, "unknown command"},
     };

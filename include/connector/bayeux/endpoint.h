@@ -57,10 +57,10 @@ struct EndpointOptions {
     // Origins ("https://app.example.com") of the pages on other sites that may use the endpoint:
     // long-polling answers carry CORS headers for them, preflights are answered, and
     // callback-polling (JSONP) is served to their pages; "*" allows every origin. Requests
-    // from any other origin's pages are refused (403), and a WebSocket upgrade from one is served
-    // as if it carried no cookie. Empty (the default): same-origin pages and non-browser clients
-    // only. Under TLS, with origins allowed, the browser cookie is SameSite=None so that their
-    // pages' requests carry it.
+    // from any other origin's pages are then refused (403), and a WebSocket upgrade from one is
+    // served as if it carried no cookie. Empty (the default): no CORS answer and no
+    // callback-polling, so only pages of the hub's own origin can read its answers. Under TLS,
+    // with origins allowed, the browser cookie is SameSite=None so that their requests carry it.
     std::vector<std::string> allowedOrigins;
     // permessage-deflate for WebSocket clients that offer it. A frame inflating past
     // maxMessageBytes closes its connection, however small it was on the wire.
