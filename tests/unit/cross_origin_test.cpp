@@ -72,14 +72,10 @@ TEST_F(EndpointTest, OnlyAllowedOriginsGetCrossOriginAnswers) {
 
 TEST_F(EndpointTest, NoOriginIsAllowedByDefault) {
     start();
-    RawHttp client(port);
-    const auto preflight =
-        client.post("", "/bayeux", http::verb::options, {{http::field::origin, "http://a.test"}});
-    ASSERT_TRUE(preflight);
-    EXPECT_EQ(preflight->status, 403u);
+    const Headers origin{{http::field::origin, "http://a.test"}};
+    EXPECT_EQ(RawHttp(port).post("", "/bayeux", http::verb::options, origin).value().status, 403u);
     const auto jsonp = RawHttp(port).post("", "/bayeux?jsonp=cb&message=[]", http::verb::get);
-    ASSERT_TRUE(jsonp);
-    EXPECT_EQ(jsonp->status, 403u);
+    EXPECT_EQ(jsonp.value().status, 403u);
 }
 
 }  // namespace
