@@ -29,6 +29,7 @@ const char* const kUsage =
                    [--sessions N] [--no-faye] [--node PATH] [--faye-script FILE]
        orvale bench --floods [--hub PATH]
        orvale bench --capacity N [--subscribers N] [--repeat N] [--hub PATH] [--no-faye]
+       orvale bench --deflate [--messages N] [--repeat N] [--hub PATH]
 
 Runs the same load, made by orvale client services, against `orvale serve` and against a Faye
 server, each in a process of its own, and prints a table:
@@ -57,6 +58,12 @@ to handshake every 250 ms (how long it waits is printed).
 each with its connect held, subscribes the first --subscribers of them (default 10000) to one
 channel, and prints the hub's memory per session and the median time one broadcast takes to reach
 all of them; then the same against Faye. N is capped by the descriptors this process may open.
+
+--deflate publishes JSON messages of about 120 bytes to one WebSocket subscriber that offers
+permessage-deflate, against a fresh `orvale serve` without and then with --deflate: N in frames
+of 50 (default 200000), then N/20 one at a time, each delivered before the next is published.
+It prints the bytes per delivery on the subscriber's TCP connection and the CPU time per
+delivery of the hub and of the two clients (median of --repeat runs).
 
   --hub PATH         the orvale executable whose `serve` is loaded (default: this one)
 )";
@@ -202,7 +209,7 @@ int runBench(const Words& words) {
     const Args args(words,
                     {"--messages", "--rate", "--seconds", "--sessions", "--window", "--repeat",
                      "--node", "--faye-script", "--hub", "--capacity", "--subscribers"},
-                    {"--help", "--no-faye", "--floods"});
+                    {"--help", "--no-faye", "--floods", "--deflate"});
     if (args.has("--help")) {
         std::cout << kUsage;
         return 0;
@@ -210,6 +217,13 @@ int runBench(const Words& words) {
     if (!args.positional().empty())
         throw UsageError("unexpected argument '" + args.positional().front() + "'");
     const std::string hub = args.value("--hub", selfExecutable());
+    if (args.has("--deflate")) {
+        DeflateSettings deflate;
+        deflate.hub = hub;
+        deflate.messages = args.number("--messages", deflate.messages, 100, 100000000);
+        deflate.repeat = args.number("--repeat", deflate.repeat, 1, 100);
+        return runDeflate(deflate);
+    }
     if (args.has("--floods")) {
         FloodSettings floods;
         floods.hub = hub;

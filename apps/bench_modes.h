@@ -1,6 +1,6 @@
 #pragma once
-// The soak and capacity modes of `orvale bench`, which start hubs of their own and load them
-// with bare Bayeux clients (raw_client.h).
+// The soak, capacity and compression modes of `orvale bench`, which start hubs of their own and
+// load them with bare Bayeux clients (raw_client.h).
 
 #include <chrono>
 #include <cstddef>
@@ -26,5 +26,12 @@ struct CapacitySettings {
     std::size_t repeat = 3;
 };
 int runCapacity(const CapacitySettings& settings);
+
+struct DeflateSettings {
+    std::string hub;
+    std::size_t messages = 200000;  // in bursts; a twentieth of them one at a time
+    std::size_t repeat = 3;
+};
+int runDeflate(const DeflateSettings& settings);
 
 }  // namespace orvale::app

@@ -35,8 +35,14 @@ HubAddress parseHubUrl(const std::string& url) {
             slash == std::string::npos ? "/" : url.substr(slash)};
 }
 
-RawClient::RawClient(asio::io_context& io, const HubAddress& hub, const std::string& source)
+RawClient::RawClient(asio::io_context& io, const HubAddress& hub, const std::string& source,
+                     bool deflate)
     : io_(io), stream_(std::make_unique<Stream>(io)) {
+    if (deflate) {
+        beast::websocket::permessage_deflate offer;
+        offer.client_enable = true;
+        stream_->ws.set_option(offer);
+    }
     auto& socket = stream_->ws.next_layer();
     const tcp::endpoint target(asio::ip::make_address(hub.host),
                                static_cast<unsigned short>(std::stoi(hub.port)));
@@ -57,6 +63,12 @@ RawClient::~RawClient() {
 void RawClient::close() {
     error_code ignored;
     stream_->ws.next_layer().close(ignored);
+}
+
+std::uint64_t tcpBytesReceived(int socket);  // tcp_bytes.cpp
+
+std::uint64_t RawClient::bytesReceived() const {
+    return tcpBytesReceived(stream_->ws.next_layer().native_handle());
 }
 
 void RawClient::shrinkReceiveBuffer(int bytes) {

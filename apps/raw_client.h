@@ -7,6 +7,7 @@
 // io_context; the blocking calls run that io_context themselves until they are done.
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -27,8 +28,10 @@ HubAddress parseHubUrl(const std::string& url);
 
 class RawClient {
   public:
-    // Connects and upgrades, from the local address `source` when it is not empty.
-    RawClient(boost::asio::io_context& io, const HubAddress& hub, const std::string& source = "");
+    // Connects and upgrades, from the local address `source` when it is not empty, offering
+    // permessage-deflate when `deflate`.
+    RawClient(boost::asio::io_context& io, const HubAddress& hub, const std::string& source = "",
+              bool deflate = false);
     ~RawClient();
     RawClient(const RawClient&) = delete;
     RawClient& operator=(const RawClient&) = delete;
@@ -57,6 +60,8 @@ class RawClient {
     bool subscribeAndConnect(const std::string& channel, std::chrono::milliseconds timeout);
     std::string publishMessage(const std::string& channel, std::string_view jsonData) const;
     const std::string& clientId() const { return clientId_; }
+    // The bytes this client's socket has received so far, as TCP counts them.
+    std::uint64_t bytesReceived() const;
 
   private:
     struct Stream;

@@ -19,7 +19,7 @@ const char* const kUsage =
                    [--max-sessions N] [--max-sessions-per-connection N] [--max-connections N]
                    [--max-queue-bytes B] [--max-output-bytes B] [--max-messages-per-frame N]
                    [--connect-grace MS] [--ws-idle-timeout MS] [--log-format text|json]
-                   [--cluster nats://H:P[,nats://H:P...]]
+                   [--cluster nats://H:P[,nats://H:P...]] [--allow-origin O[,O...]] [--deflate]
 
 Serves Bayeux clients (CometD, Faye, orvale client services) over WebSocket and HTTP
 long-polling at ws://H:P/path, printing that URL on the first line of stdout, until SIGINT or
@@ -52,6 +52,12 @@ SIGTERM.
                          closed; at least twice --connect-timeout (default 60000)
   --cluster URLS         join the hubs and host processes of a cluster through these NATS
                          servers (comma-separated): every member's clients share channels
+  --allow-origin O[,O...]
+                         origins (https://app.example.com) whose pages may use the hub across
+                         origins: CORS answers for long-polling and callback-polling for them,
+                         403 for other origins' pages; '*' allows every origin (default: none)
+  --deflate              permessage-deflate for WebSocket clients that offer it (default off);
+                         a frame inflating past 1 MiB closes its connection
   --log-format F         text (default): "orvale [severity] logger: message" lines on stderr;
                          json: one object a line, {"time","severity","logger","message"} and
                          "fields" for structured records
@@ -59,7 +65,10 @@ SIGTERM.
 A session is bound to the client that made it: requests for it are served only over the
 WebSocket it was handshaken on, or with its browser's BAYEUX_BROWSER cookie (HttpOnly,
 SameSite=Strict, Secure under TLS), which the hub sets on long-polling handshake answers and on
-WebSocket upgrade answers. Anything else is answered "402::Unknown client".
+WebSocket upgrade answers. Anything else is answered "402::Unknown client". Under TLS with
+--allow-origin the cookie is SameSite=None; Partitioned, so that the allowed sites' pages can
+long-poll; over plain HTTP browsers send it to same-site pages only (another port of the same
+host, say).
 )";
 
 }  // namespace
@@ -70,8 +79,9 @@ int runServe(const Words& words) {
         {"--host", "--port", "--path", "--api-key", "--cert", "--key", "--connect-timeout",
          "--session-timeout", "--max-sessions", "--max-connections", "--max-queue-bytes",
          "--max-output-bytes", "--ws-idle-timeout", "--max-sessions-per-connection",
-         "--max-messages-per-frame", "--connect-grace", "--log-format", "--cluster"},
-        {"--help"});
+         "--max-messages-per-frame", "--connect-grace", "--log-format", "--cluster",
+         "--allow-origin"},
+        {"--help", "--deflate"});
     if (args.has("--help")) {
         std::cout << kUsage;
         return 0;
@@ -111,6 +121,12 @@ int runServe(const Words& words) {
         args.number("--max-messages-per-frame", options.maxMessagesPerFrame, 1, 10000000);
     options.connectGrace = std::chrono::milliseconds(
         args.number("--connect-grace", options.connectGrace.count(), 1, 86400000));
+    for (std::string origins = args.value("--allow-origin", ""); !origins.empty();) {
+        const auto comma = origins.find(',');
+        options.allowedOrigins.push_back(origins.substr(0, comma));
+        origins = comma == std::string::npos ? std::string() : origins.substr(comma + 1);
+    }
+    options.deflate = args.has("--deflate");
 
     // On a machine of fewer than four cores one delivery thread beside the hub's one I/O thread
     // beats more threads taking turns on the same cores.

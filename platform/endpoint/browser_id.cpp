@@ -102,12 +102,12 @@ std::string_view BrowserIds::fromCookieHeader(std::string_view rest) const {
     return {};
 }
 
-std::string browserCookie(std::string_view id, std::string_view path, bool secure) {
+std::string browserCookie(std::string_view id, std::string_view path, bool secure, bool crossSite) {
     std::string cookie(BrowserIds::kCookie);
     cookie.append("=").append(id).append("; Path=").append(path).append("; HttpOnly");
     if (secure)
         cookie.append("; Secure");
-    cookie.append("; SameSite=Strict");
+    cookie.append(secure && crossSite ? "; SameSite=None; Partitioned" : "; SameSite=Strict");
     return cookie;
 }
 

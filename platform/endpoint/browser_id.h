@@ -48,9 +48,11 @@ class BrowserIds {
 };
 
 // The Set-Cookie value handing `id` to a browser: readable by no script, sent only to the
-// endpoint's path, over TLS only when the hub serves TLS, and never with a request another site
-// starts.
-std::string browserCookie(std::string_view id, std::string_view path, bool secure);
+// endpoint's path, over TLS only when the hub serves TLS. It goes with no request another site
+// starts, unless `crossSite` (pages of other sites are allowed, and TLS is on, since browsers
+// keep a SameSite=None cookie only when it is Secure).
+std::string browserCookie(std::string_view id, std::string_view path, bool secure,
+                          bool crossSite = false);
 
 // Whether two browser ids are equal, in a time that does not depend on where they differ.
 bool sameBrowser(std::string_view a, std::string_view b);

@@ -9,6 +9,11 @@
 // Each request names its browser with its own BAYEUX_BROWSER cookie, whatever connection it
 // comes over; a handshake from a request without one (or with one this hub did not issue) sets
 // a new one in its answer.
+//
+// Pages of other origins reach it as cross_origin.h says: requests and preflights from allowed
+// origins are answered with CORS headers, others refused; a POST body may be the form
+// `message=<JSON>`, and a GET with `message` and `jsonp` in its query is answered with a
+// script calling `jsonp` with the replies.
 
 #include <boost/asio/post.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
@@ -21,6 +26,7 @@
 
 #include "connections.h"
 #include "connector/log/diagnostic_logger.h"
+#include "cross_origin.h"
 #include "hub.h"
 
 namespace connector::bayeux::endpoint {
@@ -105,24 +111,54 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
             return close();
         }
         HttpRequest& request = parser_->get();
+        allowOrigin_.clear();
+        jsonp_.clear();
         keepAlive_ = request.keep_alive();
         version_ = request.version();
         if (!servesPath(request.target()))
             return respond(http::status::not_found, "", "text/plain");
+        const auto& allowed = hub_->options().allowedOrigins;
+        OriginCheck origin = checkOrigin(request, allowed);
         if (beast::websocket::is_upgrade(request)) {
+            // A page another site runs must not drive the sessions of the browser it runs in.
+            if (origin.refused)
+                request.erase(http::field::cookie);
             serveWebSocket(std::move(stream_), parser_->release(), hub_, std::move(slot_),
                            sender_.sessions);
             return;
         }
-        if (request.method() != http::verb::post)
+        if (origin.refused) {
+            logger.log(log::trace, "Refused a request from a page of another origin");
+            return respond(http::status::forbidden, "", "text/plain");
+        }
+        allowOrigin_ = std::move(origin.allowOrigin);
+        std::optional<std::string> form;
+        if (request.method() == http::verb::options) {
+            if (allowOrigin_.empty())
+                return respond(http::status::forbidden, "", "text/plain");
+            preflightHeaders_ = request[http::field::access_control_request_headers];
+            return respond(http::status::no_content, "", "text/plain");
+        } else if (request.method() == http::verb::get) {
+            auto callback = queryParameter(request.target(), "jsonp");
+            form = queryParameter(request.target(), "message");
+            if (!callback || !form)
+                return respond(http::status::method_not_allowed, "", "text/plain");
+            if (!callbackNameValid(*callback) || !callbackPollingAllowed(request, allowed))
+                return respond(http::status::forbidden, "", "text/plain");
+            jsonp_ = std::move(*callback);
+        } else if (request.method() != http::verb::post) {
             return respond(http::status::method_not_allowed, "", "text/plain");
+        } else if (beast::string_view body = request.body(); body.substr(0, 8) == "message=") {
+            if (!(form = formDecode(body.substr(8))))
+                return respond(http::status::bad_request, "", "text/plain");
+        }
 
         FrameBuilder out;
         FrameOutcome outcome;
         try {
             // Assigned into the storage of the last request's: no allocation after the first.
             sender_.browser.assign(hub_->browsers().fromRequest(request));
-            outcome = hub_->handleFrame(request.body(), self(), sender_, out);
+            outcome = hub_->handleFrame(form ? *form : request.body(), self(), sender_, out);
         } catch (const std::exception& e) {
             logger.log(log::error, "Closing an HTTP connection after a failure: ", e.what());
             return close();
@@ -133,8 +169,8 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
             return respond(http::status::payload_too_large, "", "text/plain");
         }
         if (!outcome.issuedBrowser.empty()) {
-            const bool secure = kSecure<Stream>;
-            setCookie_ = browserCookie(outcome.issuedBrowser, hub_->options().path, secure);
+            setCookie_ = browserCookie(outcome.issuedBrowser, hub_->options().path, kSecure<Stream>,
+                                       !allowed.empty());
         }
         if (outcome.heldSession) {
             heldSession_ = std::move(outcome.heldSession);
@@ -182,12 +218,31 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
             return close();
         }
         meter_.set(body.size());
+        if (!jsonp_.empty() && status == http::status::ok) {
+            // The comment keeps the callback name off the start of the body, where a browser
+            // could take it for another content type.
+            body = "/**/" + jsonp_ + "(" + body + ");";
+            contentType = "text/javascript;charset=UTF-8";
+        }
         response_.emplace(status, version_);
         response_->set(http::field::server, "orvale");
         response_->set(http::field::content_type, contentType);
         response_->set(http::field::cache_control, "no-cache, no-store");
+        response_->set("X-Content-Type-Options", "nosniff");
         if (!setCookie_.empty())
             response_->set(http::field::set_cookie, std::exchange(setCookie_, {}));
+        if (!allowOrigin_.empty()) {
+            response_->set(http::field::access_control_allow_origin, allowOrigin_);
+            response_->set(http::field::access_control_allow_credentials, "true");
+            response_->set(http::field::vary, "Origin");
+        }
+        if (status == http::status::no_content) {
+            response_->set(http::field::access_control_allow_methods, "POST, GET, OPTIONS");
+            if (!preflightHeaders_.empty())
+                response_->set(http::field::access_control_allow_headers,
+                               std::exchange(preflightHeaders_, {}));
+            response_->set(http::field::access_control_max_age, "600");
+        }
         response_->keep_alive(keepAlive_);
         response_->body() = std::move(body);
         response_->prepare_payload();
@@ -226,6 +281,11 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
     OutputMeter meter_;
     Sender sender_;          // its browser is that of the request being served
     std::string setCookie_;  // for the answer to the request being served
+    // How the answer to the request being served goes to a page of another origin: the origin
+    // its CORS headers name, the headers a preflight asked for, the callback a script calls.
+    std::string allowOrigin_;
+    std::string preflightHeaders_;
+    std::string jsonp_;
     beast::flat_buffer buffer_;
     std::optional<http::request_parser<http::string_body>> parser_;
     std::optional<http::response<http::string_body>> response_;

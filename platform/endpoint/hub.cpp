@@ -251,7 +251,9 @@ void Hub::handshake(const HandshakeRequest& request, const Sender& sender, Frame
     response.setId(request.getId());
     response.setClientId(session->id());
     response.setVersion("1.0");
-    response.setSupportedConnectionTypes({"websocket", "long-polling"});
+    // Browser clients on another origin name long-polling after the way they make requests.
+    response.setSupportedConnectionTypes(
+        {"websocket", "long-polling", "cross-origin-long-polling", "callback-polling"});
     response.setAdvice(connectAdvice());
     appendMessage(out, response);
 }

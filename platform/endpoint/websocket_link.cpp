@@ -6,6 +6,9 @@
 // Reading pauses while too much output waits, so a client that sends faster than it reads is
 // held back by its own backlog.
 //
+// With compression on, frames are inflated as they are read, the frame bound applying to the
+// inflated bytes, and deflated as they are written.
+//
 // Bounds: once the output waiting for the peer (the frame being written and what collects behind
 // it) passes maxOutputBytes the connection is closed. A timer closes a connection that sends no
 // frame for the idle time while the hub waits for one (pings do not count, so a client cannot
@@ -51,6 +54,20 @@ constexpr std::size_t kKeptBuffer = 16 * 1024;
 template <class Stream>
 constexpr bool kSecure = std::is_same_v<Stream, TlsStream>;
 
+// Compression as offered to clients. Context takeover keeps a window per direction, so that the
+// field names every delivery repeats compress to a few bytes; frames under the threshold go out
+// as they are, since compressing them costs more than it saves.
+websocket::permessage_deflate deflateOptions() {
+    websocket::permessage_deflate deflate;
+    deflate.server_enable = true;
+    deflate.server_max_window_bits = 15;
+    deflate.client_max_window_bits = 15;
+    deflate.compLevel = 6;
+    deflate.memLevel = 8;
+    deflate.msg_size_threshold = 128;
+    return deflate;
+}
+
 template <class Stream>
 class WebSocketLink final : public Link,
                             public std::enable_shared_from_this<WebSocketLink<Stream>> {
@@ -69,7 +86,8 @@ class WebSocketLink final : public Link,
         std::string setCookie;
         if (browser.empty()) {
             browser = hub_->browsers().issue();
-            setCookie = browserCookie(browser, hub_->options().path, kSecure<Stream>);
+            setCookie = browserCookie(browser, hub_->options().path, kSecure<Stream>,
+                                      !hub_->options().allowedOrigins.empty());
         }
         sender_ = hub_->sender(Transport::WebSocket, std::move(browser));
         if (sessions)
@@ -83,7 +101,10 @@ class WebSocketLink final : public Link,
                 if (!setCookie.empty())
                     response.set(beast::http::field::set_cookie, setCookie);
             }));
+        // The bound counts inflated bytes, so a small compressed frame cannot grow past it.
         ws_.read_message_max(hub_->options().maxMessageBytes);
+        if (hub_->options().deflate)
+            ws_.set_option(deflateOptions());
         ws_.auto_fragment(false);
         ws_.text(true);
         upgrade_.emplace(std::move(request));

@@ -178,7 +178,7 @@ inline std::string sourceDir() {
 // Why the Node peers cannot run here (their npm packages are not installed), or nothing.
 inline std::optional<std::string> nodeUnavailable() {
     const std::string modules = sourceDir() + "/tests/interop/node_modules";
-    for (const char* package : {"faye", "faye-redis", "cometd", "cometd-nodejs-client"}) {
+    for (const char* package : {"faye", "faye-redis", "cometd", "cometd-nodejs-client", "puppeteer-core"}) {
         struct stat info;
         if (::stat((modules + "/" + package + "/package.json").c_str(), &info) != 0)
             return "the npm package " + std::string(package) + " is not installed in " + modules;

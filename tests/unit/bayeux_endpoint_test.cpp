@@ -34,7 +34,7 @@ TEST_F(EndpointTest, WebSocketSessionFromHandshakeToDisconnect) {
     EXPECT_EQ(str(*hello, "channel"), "/meta/handshake");
     EXPECT_EQ(str(*hello, "version"), "1.0");
     EXPECT_EQ(json::serialize(hello->at("supportedConnectionTypes")),
-              R"(["websocket","long-polling"])");
+              R"(["websocket","long-polling","cross-origin-long-polling","callback-polling"])");
     EXPECT_EQ(advice(hello, "reconnect"), "\"retry\"");
     EXPECT_EQ(advice(hello, "interval"), "0");
     EXPECT_EQ(advice(hello, "timeout"), "20000");

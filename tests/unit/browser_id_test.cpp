@@ -50,6 +50,12 @@ TEST(BrowserIds, TheCookieHeaderNamesTheFirstIssuedId) {
         EXPECT_EQ(ids.fromCookieHeader(header), expected) << header;
     EXPECT_EQ(browserCookie(id, "/bayeux", true),
               "BAYEUX_BROWSER=" + id + "; Path=/bayeux; HttpOnly; Secure; SameSite=Strict");
+    // Other sites' pages get the cookie only under TLS: browsers drop SameSite=None without Secure,
+    // and keep it for such pages only when it is partitioned by the site they are on.
+    EXPECT_EQ(browserCookie(id, "/b", true, true),
+              "BAYEUX_BROWSER=" + id + "; Path=/b; HttpOnly; Secure; SameSite=None; Partitioned");
+    EXPECT_EQ(browserCookie(id, "/b", false, true),
+              "BAYEUX_BROWSER=" + id + "; Path=/b; HttpOnly; SameSite=Strict");
 }
 
 }  // namespace

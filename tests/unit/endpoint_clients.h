@@ -255,8 +255,11 @@ struct HttpReply {
     std::string body;
     std::string server;     // the Server header
     std::string setCookie;  // the Set-Cookie header
+    http::fields headers;
     std::vector<json::object> messages() const { return parseMessages(body); }
 };
+
+using Headers = std::vector<std::pair<http::field, std::string>>;
 
 // One keep-alive HTTP connection; a request may be started and its reply awaited later. Like a
 // browser, it keeps the cookie it is given or set, and sends it.
@@ -269,10 +272,12 @@ class RawHttp {
 
     // Writes a request whose reply finish() awaits.
     void start(const std::string& body, const std::string& target = "/bayeux",
-               http::verb verb = http::verb::post) {
+               http::verb verb = http::verb::post, const Headers& headers = {}) {
         request_ = {verb, target, 11};
         request_.set(http::field::host, "127.0.0.1");
         request_.set(http::field::content_type, "application/json");
+        for (const auto& [name, value] : headers)
+            request_.set(name, value);
         if (!cookie_.empty())
             request_.set(http::field::cookie, cookie_);
         request_.body() = body;
@@ -308,12 +313,13 @@ class RawHttp {
         if (!setCookie.empty())
             cookie_ = cookiePair(setCookie);
         return HttpReply{response_.result_int(), response_.body(),
-                         std::string(response_[http::field::server]), setCookie};
+                         std::string(response_[http::field::server]), setCookie,
+                         http::fields(response_.base())};
     }
 
     std::optional<HttpReply> post(const std::string& body, const std::string& target = "/bayeux",
-                                  http::verb verb = http::verb::post) {
-        start(body, target, verb);
+                                  http::verb verb = http::verb::post, const Headers& headers = {}) {
+        start(body, target, verb, headers);
         return finish();
     }
 

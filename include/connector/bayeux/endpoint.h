@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "connector/bayeux/server.h"
 
@@ -53,6 +54,17 @@ struct EndpointOptions {
     // peer leaves a write unfinished for this long, is closed. At least twice connectTimeout
     // is used, since a client waiting on a held connect sends nothing meanwhile.
     std::chrono::milliseconds webSocketIdleTimeout{60000};
+    // Origins ("https://app.example.com") of the pages on other sites that may use the endpoint:
+    // long-polling answers carry CORS headers for them, preflights are answered, and
+    // callback-polling (JSONP) is served to their pages; "*" allows every origin. Requests
+    // from any other origin's pages are then refused (403), and a WebSocket upgrade from one is
+    // served as if it carried no cookie. Empty (the default): no CORS answer and no
+    // callback-polling, so only pages of the hub's own origin can read its answers. Under TLS,
+    // with origins allowed, the browser cookie is SameSite=None so that their requests carry it.
+    std::vector<std::string> allowedOrigins;
+    // permessage-deflate for WebSocket clients that offer it. A frame inflating past
+    // maxMessageBytes closes its connection, however small it was on the wire.
+    bool deflate = false;
 };
 
 // What the endpoint holds at one moment, and what it has dropped since it started.
