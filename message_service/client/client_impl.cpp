@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "client_request.h"
+#include "client_transport.h"
 #include "common/module_logger.h"
 #include "common/service_records.h"
 
@@ -101,8 +102,8 @@ Future<ConnectionState> MessageServiceClientImpl::connect() {
                                   ContextScope::Session);
 
     std::weak_ptr<MessageServiceClientImpl> weak = shared_from_this();
-    auto transport =
-        context_->deliver(address_, std::make_unique<bayeux::ConnectTransport>(endpoint()));
+    auto transport = context_->deliver(transportAddressFor(endpoint(), address_),
+                                       makeConnectTransport(options_, cookies_));
     return flatten(
         transport.then([weak](Future<MessagePtr>&& connected) -> Future<ConnectionState> {
             MessagePtr message;
@@ -170,7 +171,7 @@ Future<ConnectionState> MessageServiceClientImpl::handle(
     response->getInbound()->subscribe(inbound);
 
     auto handshake = std::make_unique<bayeux::HandshakeRequest>(
-        "1.0", "1.0", std::vector<std::string>{"websocket"});
+        "1.0", "1.0", std::vector<std::string>{connectionTypeFor(endpoint())});
     logger_.log(log::trace, "Sending handshake");
     return send<bayeux::HandshakeResponse>(std::move(handshake))
         .then([weak](Future<std::unique_ptr<bayeux::HandshakeResponse>>&& answered) {
@@ -201,7 +202,7 @@ void MessageServiceClientImpl::sendMetaConnect() {
         logger_.log(log::trace, "Not connected, not sending meta connect request");
         return;
     }
-    auto request = std::make_unique<bayeux::ConnectRequest>("websocket");
+    auto request = std::make_unique<bayeux::ConnectRequest>(connectionTypeFor(endpoint()));
     request->setClientId(clientId_);
     lock.unlock();
     logger_.log(log::trace, "Sending meta connect");

@@ -1,7 +1,9 @@
-// Client services made by the delegator against real Faye servers, alone and two sharing a
-// Redis engine.
+// Client services made by the delegator against real servers: Faye, alone and two sharing a
+// Redis engine, and our own hub, over WebSocket and long-polling.
 
 #include <gtest/gtest.h>
+
+#include <boost/json/parse.hpp>
 
 #include "child_process.h"
 #include "connector/message_service.h"
@@ -12,6 +14,7 @@ namespace connector::message_service {
 namespace {
 
 using orvale::test::Inbox;
+using orvale::test::LogCapture;
 using orvale::test::waitUntil;
 using namespace std::chrono_literals;
 
@@ -30,8 +33,10 @@ class ClientServiceWithFaye : public ::testing::Test {
         fayes.push_back(orvale::test::startNode("faye_server.js", std::move(args)));
         return "ws://127.0.0.1:" + *fayes.back()->firstLine(0s) + "/bayeux";
     }
-    std::shared_ptr<MessageService> create(const std::string& name, const std::string& endpoint) {
-        auto future = delegator->createMessageService(name, {{"endpoint", endpoint}});
+    std::shared_ptr<MessageService> create(const std::string& name, const std::string& endpoint,
+                                           Options options = {}) {
+        options["endpoint"] = endpoint;
+        auto future = delegator->createMessageService(name, std::move(options));
         if (!future.waitFor(10s))
             throw std::runtime_error("creating " + name + " timed out");
         return future.get();
@@ -106,6 +111,137 @@ TEST_F(ClientServiceWithFaye, SubscriptionsAcrossTwoServersSharingRedis) {
     ::rmdir(dir);
 }
 
+// The same endpoint under another scheme: "http" or "ws".
+std::string withScheme(const std::string& url, const std::string& scheme) {
+    return scheme + url.substr(url.find("://"));
+}
+
+class ClientServiceOverEachTransport
+    : public ClientServiceWithFaye,
+      public ::testing::WithParamInterface<std::tuple<std::string, std::string>> {};
+
+TEST_P(ClientServiceOverEachTransport, SubscribesPublishesReceivesUnsubscribesAndDisconnects) {
+    const auto& [server, scheme] = GetParam();
+    std::unique_ptr<bayeux::BayeuxEndpoint> hub;
+    std::string url;
+    if (server == "hub") {
+        bayeux::EndpointOptions options;
+        options.connectTimeout = 1s;
+        hub = bayeux::startBayeuxEndpoint(bayeux::makeBayeuxServer(), options);
+        url = "ws://127.0.0.1:" + std::to_string(hub->port()) + "/bayeux";
+    } else {
+        url = startFaye();
+    }
+    LogCapture capture;
+    auto service = create("alice", withScheme(url, scheme));
+    Inbox exact, wild;
+    auto s1 = service->subscribe("/room/a", exact.sink()).get();
+    auto s2 = service->subscribe("/room/*", wild.sink()).get();
+    EXPECT_TRUE(service->publish("/room/a", "{\"n\":1}").get().success);
+    EXPECT_TRUE(service->publish("/room/b", "[2]").get().success);
+    ASSERT_TRUE(waitUntil([&] { return wild.size() == 2; }));
+    EXPECT_EQ(exact.snapshot(), (std::vector<std::string>{"/room/a {\"n\":1}"}));
+
+    // After the meta-connect loop has turned a few times, deliveries still come, and none to the
+    // subscription given up.
+    s1->unsubscribe().get();
+    bob->publish("/room/a", "4").get();
+    ASSERT_TRUE(waitUntil([&] { return deep.size() == 3; }));
+    EXPECT_EQ(exact.size(), 1u);
+    EXPECT_TRUE(waitUntil([&] { return own.size() == 2; }));
+    alice->disconnect().waitFor(2s);
+    bob->disconnect().waitFor(2s);
+    ::unlink(socket.c_str());
+    ::rmdir(dir);
+}
+
+// The same endpoint under another scheme: "http" or "ws".
+std::string withScheme(const std::string& url, const std::string& scheme) {
+    return scheme + url.substr(url.find("://"));
+}
+
+class ClientServiceOverEachTransport
+    : public ClientServiceWithFaye,
+      public ::testing::WithParamInterface<std::tuple<std::string, std::string>> {};
+
+TEST_P(ClientServiceOverEachTransport, SubscribesPublishesReceivesUnsubscribesAndDisconnects) {
+    const auto& [server, scheme] = GetParam();
+    std::unique_ptr<bayeux::BayeuxEndpoint> hub;
+    std::string url;
+    if (server == "hub") {
+        bayeux::EndpointOptions options;
+        options.connectTimeout = 1s;
+        hub = bayeux::startBayeuxEndpoint(bayeux::makeBayeuxServer(), options);
+        url = "ws://127.0.0.1:" + std::to_string(hub->port()) + "/bayeux";
+    } else {
+        url = startFaye();
+    }
+    LogCapture capture;
+    auto service = create("alice", withScheme(url, scheme));
+    Inbox exact, wild;
+    auto s1 = service->subscribe("/room/a", exact.sink()).get();
+    auto s2 = service->subscribe("/room/*", wild.sink()).get();
+    EXPECT_TRUE(service->publish("/room/a", "{\"n\":1}").get().success);
+    EXPECT_TRUE(service->publish("/room/b", "[2]").get().success);
+    ASSERT_TRUE(waitUntil([&] { return wild.size() == 2; }));
+    EXPECT_EQ(exact.snapshot(), (std::vector<std::string>{"/room/a {\"n\":1}"}));
+
+    // Once the server has answered held connects (after its one-second timeout), deliveries
+    // still come, and none to the subscription given up.
+    s1->unsubscribe().get();
+    ASSERT_TRUE(waitUntil([&] { return capture.count("Sending meta connect") >= 3; }));
+    EXPECT_TRUE(service->publish("/room/a", "3").get().success);
+    ASSERT_TRUE(waitUntil([&] { return wild.size() == 3; }));
+    EXPECT_EQ(exact.size(), 1u);
+    EXPECT_EQ(capture.count("Meta connect error: "), 0u);
+    // No more connects than the deliveries and the server's timeouts explain: they are held.
+    EXPECT_LE(capture.count("Sending meta connect"), 5u);
+    auto done = service->disconnect();
+    ASSERT_TRUE(done.waitFor(5s));
+    EXPECT_TRUE(done.get().success);
+    EXPECT_EQ(service->getState(), ConnectionState::DISCONNECTED);
+}
+
+INSTANTIATE_TEST_SUITE_P(ServersAndSchemes, ClientServiceOverEachTransport,
+                         ::testing::Combine(::testing::Values("faye", "hub"),
+                                            ::testing::Values("ws", "http")),
+                         [](const auto& info) {
+                             return std::get<0>(info.param) + "_" + std::get<1>(info.param);
+                         });
+
+// The server script shows each request's headers and sets cookies for the site, for another
+// path and for TLS only: the header option goes on every POST and on the upgrade, and from the
+// first answer on only the cookie that applies goes back.
+TEST_F(ClientServiceWithFaye, SendsHeaderOptionsEverywhereAndTheCookiesThatApply) {
+    const std::string url = startFaye({"--timeout", "1", "--show-requests", "1"});
+    for (const std::string scheme : {"http", "ws"}) {
+        auto service = create(scheme, withScheme(url, scheme), {{"header.Authorization", "Bt"}});
+        EXPECT_TRUE(service->publish("/a", "1").get().success);
+        EXPECT_TRUE(service->disconnect().waitFor(5s));
+    }
+    std::vector<std::string> posts;
+    std::string upgrade;
+    for (const auto& line : fayes[0]->lines()) {
+        boost::json::error_code ec;
+        const auto request = boost::json::parse(line, ec);
+        if (ec || !request.is_object())
+            continue;
+        const auto field = [&](const char* name) {
+            return std::string(request.at(name).as_string());
+        };
+        EXPECT_EQ(field("authorization"), "Bt") << line;
+        if (field("method") == "POST")
+            posts.push_back(field("cookie"));
+        else
+            upgrade = line;
+    }
+    ASSERT_GE(posts.size(), 4u);  // handshake, connect, publish, disconnect
+    EXPECT_EQ(posts[0], "");
+    for (std::size_t i = 1; i < posts.size(); ++i)
+        EXPECT_EQ(posts[i], "sticky=n1");
+    EXPECT_NE(upgrade, "");
+}
+
 TEST_F(ClientServiceWithFaye, ServerKilledMidSessionDisconnectsAndFailsPendingRequests) {
     auto service = create("alice", startFaye());
     Inbox inbox;
@@ -121,16 +257,17 @@ TEST_F(ClientServiceWithFaye, ServerKilledMidSessionDisconnectsAndFailsPendingRe
 TEST(ClientServiceConnect, RefusedConnectionFailsTheCreateFutureWithTheUrl) {
     auto delegator = makeDelegator();
     // Port 1 on loopback: nothing listens there.
-    auto future = delegator->createMessageService("c", {{"endpoint", "ws://127.0.0.1:1/bayeux"}});
-    ASSERT_TRUE(future.waitFor(15s));
-    try {
-        future.get();
-        FAIL() << "connected to a closed port";
-    } catch (const std::runtime_error& e) {
-        EXPECT_NE(std::string(e.what()).find("ws://127.0.0.1:1/bayeux"), std::string::npos)
-            << e.what();
+    for (const std::string url : {"ws://127.0.0.1:1/bayeux", "http://127.0.0.1:1/bayeux"}) {
+        auto future = delegator->createMessageService("c", {{"endpoint", url}});
+        ASSERT_TRUE(future.waitFor(15s));
+        try {
+            future.get();
+            FAIL() << "connected to a closed port";
+        } catch (const std::runtime_error& e) {
+            EXPECT_NE(std::string(e.what()).find(url), std::string::npos) << e.what();
+        }
+        EXPECT_EQ(delegator->getMessageService("c"), nullptr);
     }
-    EXPECT_EQ(delegator->getMessageService("c"), nullptr);
 }
 
 }  // namespace
