@@ -182,6 +182,9 @@ class LongPollingConnection final
             return failConnect(ec, requests_lane_);
         timer_.cancel();
         phase_ = Phase::Open;
+        // Between requests nothing of the socket's is pending to keep the connection alive, so
+        // it keeps itself until it has finished.
+        self_ = this->shared_from_this();
         logger.log(foundation::log::trace, "Connected to ", settings_.url);
         connectPromise_.setValue(makeStreams(this->weak_from_this(), inbound_, closed_));
     }
@@ -443,7 +446,8 @@ class LongPollingConnection final
         }
         logger.log(foundation::log::trace, "Connection to ", settings_.url, " closed",
                    clean ? "" : " uncleanly");
-        inbound_->complete(clean);  // its end then ends the outbound side too
+        inbound_->complete(clean);               // its end then ends the outbound side too
+        const auto released = std::move(self_);  // the caller holds its own reference
     }
 
     // First member: the io_context object outlives the sockets, resolver and timer below.
@@ -459,6 +463,7 @@ class LongPollingConnection final
     std::shared_ptr<InboundPublisher> inbound_;
     const std::shared_ptr<DoneSignal> closed_;
     Phase phase_ = Phase::Connecting;
+    std::shared_ptr<LongPollingConnection> self_;  // set while open
     bool timedOut_ = false;
     bool aborted_ = false;
 
