@@ -52,7 +52,8 @@ HttpReply readRawReply(std::string_view bytes, std::size_t maxBody, CookieJar* j
     }
     if (ec == http::error::need_more)
         ec = {};
-    if (!ec && !parser.is_done())
+    // Only a parser that has seen a header may be told of the end.
+    if (!ec && !parser.is_done() && parser.got_some())
         parser.put_eof(ec);
     if (ec || !parser.is_done()) {
         HttpReply reply;
