@@ -144,10 +144,12 @@ void CookieJar::store(std::string_view setCookie, const std::string& requestHost
                                                   : now + std::chrono::seconds(seconds);
         } else if (key == "domain" && !value.empty()) {
             std::string domain = lower(value[0] == '.' ? value.substr(1) : value);
-            if (!domainMatches(host, domain))
+            // A top-level domain alone ("com") would reach every site under it.
+            if (!domainMatches(host, domain) ||
+                (domain != host && domain.find('.') == std::string::npos))
                 return;
             cookie.domain = std::move(domain);
-            cookie.hostOnly = cookie.domain == host;
+            cookie.hostOnly = false;
         } else if (key == "path" && !value.empty() && value[0] == '/') {
             cookie.path = std::string(value);
         } else if (key == "secure") {

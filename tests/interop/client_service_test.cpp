@@ -4,11 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <boost/json/parse.hpp>
+#include <optional>
 
 #include "child_process.h"
 #include "connector/message_service.h"
+#include "failure_text.h"
 #include "inbox.h"
 #include "log_capture.h"
+#include "test_certificates.h"
 
 namespace connector::message_service {
 namespace {
@@ -98,16 +101,44 @@ class ClientServiceOverEachTransport
     : public ClientServiceWithFaye,
       public ::testing::WithParamInterface<std::tuple<std::string, std::string>> {};
 
-// Faye and our hub, each over WebSocket and long-polling, answer a held connect after one second.
+// Faye and our hub, each over WebSocket, long-polling and long-polling with TLS, answer a held
+// connect after one second.
 TEST_P(ClientServiceOverEachTransport, SubscribesPublishesReceivesUnsubscribesAndDisconnects) {
     const auto& [server, scheme] = GetParam();
+    std::optional<orvale::test::TestCertificates> certificates;
+    if (scheme == "https")
+        certificates.emplace();
+    const std::string pem = certificates ? certificates->dir + "/server" : "";
     bayeux::EndpointOptions options;
     options.connectTimeout = 1s;
+    std::vector<std::string> fayeArgs{"--timeout", "1"};
+    if (certificates) {
+        options.certFile = pem + ".pem";
+        options.keyFile = pem + ".key";
+        fayeArgs.insert(fayeArgs.end(), {"--cert", pem + ".pem", "--key", pem + ".key"});
+    }
     auto hub = bayeux::startBayeuxEndpoint(bayeux::makeBayeuxServer(), options);
-    const std::string url =
-        server == "hub" ? "ws://127.0.0.1:" + std::to_string(hub->port()) + "/bayeux" : startFaye();
+    std::string url = server == "hub" ? "ws://127.0.0.1:" + std::to_string(hub->port()) + "/bayeux"
+                                      : startFaye(fayeArgs);
+    url = withScheme(url, scheme);
+    if (certificates) {
+        // The certificate names localhost. Verified as for wss://: the system store alone does
+        // not know the test CA, the CA file given to the transport does.
+        url = "https://localhost" + url.substr(url.rfind(':'));
+        auto untrusting = delegator->createMessageService("untrusting", {{"endpoint", url}});
+        EXPECT_NE(orvale::test::failureText(untrusting).find("certificate verify failed"),
+                  std::string::npos);
+        bayeux::LongPollingTransportOptions trusting;
+        trusting.caFile = certificates->dir + "/ca.pem";
+        auto context = makeContext();
+        context->registerService(bayeux::longPollingTransportAddress(),
+                                 bayeux::makeLongPollingTransport(trusting));
+        delegator = std::make_shared<MessageServiceFactoryDelegatorImpl>(
+            std::make_shared<MessageServiceFactoryServerDelegate>(bayeux::makeBayeuxServer()),
+            std::make_shared<MessageServiceFactoryClientDelegate>(context));
+    }
     orvale::test::LogCapture capture;
-    auto service = create("alice", withScheme(url, scheme));
+    auto service = create("alice", url);
     EXPECT_NE(std::dynamic_pointer_cast<MessageServiceClientImpl>(service)->getId(), "unset");
     Inbox exact, wild, states;
     auto s1 = service->subscribe("/room/a", exact.sink()).get();
@@ -138,7 +169,7 @@ TEST_P(ClientServiceOverEachTransport, SubscribesPublishesReceivesUnsubscribesAn
 
 INSTANTIATE_TEST_SUITE_P(ServersAndSchemes, ClientServiceOverEachTransport,
                          ::testing::Combine(::testing::Values("faye", "hub"),
-                                            ::testing::Values("ws", "http")),
+                                            ::testing::Values("ws", "http", "https")),
                          [](const auto& info) {
                              return std::get<0>(info.param) + "_" + std::get<1>(info.param);
                          });

@@ -23,6 +23,7 @@ TEST(CookieJar, SendsBackWhatAppliesToTheRequestAndRefusesWhatTheHostMayNotSet) 
         {{"d=1; Domain=.Example.COM"}, true, "b.example.com", "/app", "d=1"},
         {{"d=1; Domain=example.com"}, true, "notexample.com", "/app", ""},
         {{"d=1; Domain=other.com"}, true, "other.com", "/app", ""},  // not the host's domain
+        {{"d=1; Domain=com"}, true, "b.com", "/app", ""},
         {{"p=1; Path=/app/bayeux"}, true, "a.example.com", "/app/bayeux/x?q=/", "p=1"},
         {{"p=1; Path=/app/bayeux"}, true, "a.example.com", "/app/bayeuxx", ""},
         {{"t=1; Secure", "u=2"}, true, "a.example.com", "/app", "t=1; u=2"},

@@ -6,7 +6,8 @@
 // A cookie applies to its domain (the host that set it only, unless it named a Domain the host
 // is in), to the paths under its Path, only over TLS when Secure, and until it expires
 // (Max-Age, else Expires; without either, for the jar's life). A Secure cookie set over plain
-// HTTP, a Domain the host is not in, or a cookie larger than 4 KiB is refused.
+// HTTP, a Domain the host is not in or a top-level one, or a cookie larger than 4 KiB is
+// refused; past 100 cookies the oldest is forgotten.
 //
 // Thread safety: may be called from any thread at once; mutex_ guards cookies_.
 
