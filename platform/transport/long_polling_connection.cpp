@@ -165,21 +165,21 @@ class LongPollingConnection final
                 return;
             self->timedOut_ = true;
             self->resolver_.cancel();
-            self->closeLane(self->requests_lane_);
+            self->closeLane(self->requestLane_);
         });
         resolver_.async_resolve(
             settings_.parts.host, settings_.parts.port,
             [self = this->shared_from_this()](error_code ec, tcp::resolver::results_type results) {
                 if (ec || self->interrupted())
-                    return self->failConnect(ec, self->requests_lane_);
+                    return self->failConnect(ec);
                 self->endpoints_ = std::move(results);
-                self->openLane(self->requests_lane_, [self](error_code ec) { self->onOpened(ec); });
+                self->openLane(self->requestLane_, [self](error_code ec) { self->onOpened(ec); });
             });
     }
 
     void onOpened(error_code ec) {
         if (ec || interrupted())
-            return failConnect(ec, requests_lane_);
+            return failConnect(ec);
         timer_.cancel();
         phase_ = Phase::Open;
         // Between requests nothing of the socket's is pending to keep the connection alive, so
@@ -191,17 +191,17 @@ class LongPollingConnection final
 
     bool interrupted() const { return timedOut_ || aborted_; }
 
-    void failConnect(error_code ec, Lane& lane) {
+    void failConnect(error_code ec) {
         std::string cause;
         if (timedOut_)
             cause = "timed out after " + std::to_string(settings_.options.connectTimeoutMs) + " ms";
         else if (aborted_)
             cause = "the transport was shut down";
         else
-            cause = describe(ec, lane);
+            cause = describe(ec, requestLane_);
         phase_ = Phase::Closed;
         timer_.cancel();
-        closeLane(requests_lane_);
+        closeLane(requestLane_);
         {
             common::MutexLock lock(mutex_);
             closeRequested_ = true;
@@ -269,23 +269,23 @@ class LongPollingConnection final
             if (phase_ != Phase::Open && phase_ != Phase::Closing)
                 return;
             closing = closeRequested_;
-            if (!closing && !connect_lane_.busy && !connects_.empty()) {
-                connect_lane_.body = "[" + connects_.front() + "]";
+            if (!closing && !connectLane_.busy && !connects_.empty()) {
+                connectLane_.body = "[" + connects_.front() + "]";
                 connects_.pop_front();
-                startConnect = connect_lane_.busy = true;
+                startConnect = connectLane_.busy = true;
             }
-            if (!requests_lane_.busy && !requests_.empty()) {
-                takeBatch(requests_lane_.body);
-                startRequest = requests_lane_.busy = true;
+            if (!requestLane_.busy && !requests_.empty()) {
+                takeBatch(requestLane_.body);
+                startRequest = requestLane_.busy = true;
             }
         }
         if (startConnect)
-            issue(connect_lane_);
+            issue(connectLane_);
         if (startRequest)
-            issue(requests_lane_);
+            issue(requestLane_);
         if (!closing)
             return;
-        if (!requests_lane_.busy)
+        if (!requestLane_.busy)
             return finish(true);
         if (phase_ == Phase::Open) {
             phase_ = Phase::Closing;
@@ -424,7 +424,7 @@ class LongPollingConnection final
         if (phase_ == Phase::Connecting) {
             aborted_ = true;
             resolver_.cancel();
-            closeLane(requests_lane_);
+            closeLane(requestLane_);
         } else {
             pump();  // sends what is still queued first; its answer ends the connection
         }
@@ -436,8 +436,8 @@ class LongPollingConnection final
             return;
         phase_ = Phase::Closed;
         timer_.cancel();
-        closeLane(connect_lane_);
-        closeLane(requests_lane_);
+        closeLane(connectLane_);
+        closeLane(requestLane_);
         {
             common::MutexLock lock(mutex_);
             closeRequested_ = true;
@@ -457,8 +457,8 @@ class LongPollingConnection final
     tcp::resolver resolver_;
     tcp::resolver::results_type endpoints_;
     asio::steady_timer timer_;  // the connect deadline, then the close deadline
-    Lane connect_lane_;         // the /meta/connect, which the server may hold
-    Lane requests_lane_;        // everything else
+    Lane connectLane_;          // the /meta/connect, which the server may hold
+    Lane requestLane_;          // everything else
     Promise<MessagePtr> connectPromise_;
     std::shared_ptr<InboundPublisher> inbound_;
     const std::shared_ptr<DoneSignal> closed_;
