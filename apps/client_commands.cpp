@@ -23,7 +23,8 @@ namespace {
 const char* const kSubUsage = R"(usage: orvale sub URL CHANNEL... [--count N] [--api-key K]
 
 Subscribes to each application CHANNEL (such as /chat/room or /chat/*) at the Bayeux endpoint
-URL (such as ws://127.0.0.1:8080/bayeux) and prints one JSON line per message on stdout:
+URL (such as ws://127.0.0.1:8080/bayeux, or http://… for long-polling) and prints one JSON
+line per message on stdout:
 {"channel":...,"data":...}. Runs until SIGINT or SIGTERM, or until N messages have been printed.
 When the connection is lost it reconnects and subscribes again, waiting between attempts from
 0.5 s doubling up to 30 s; it exits when the endpoint refuses it (advice none, 401 or 403).
@@ -35,7 +36,8 @@ When the connection is lost it reconnects and subscribes again, waiting between 
 const char* const kPubUsage = R"(usage: orvale pub URL CHANNEL JSON [--api-key K]
 
 Publishes the JSON text on the application CHANNEL (such as /chat/room) at the Bayeux endpoint
-URL (such as ws://127.0.0.1:8080/bayeux) and exits once the endpoint has accepted it.
+URL (such as ws://127.0.0.1:8080/bayeux, or http://… for long-polling) and exits once the
+endpoint has accepted it.
 
   --api-key K    the endpoint's API key
 )";

@@ -1,9 +1,11 @@
 // Load of our client services against a real Faye server, side by side in one run with Faye's
 // own Node client and with a bare WebSocket client that shows what the server itself can carry.
 //
-//   client_load [--orvale-only] [MESSAGES [WINDOW [ROUNDS]]]      (defaults 40000, 500, 5000)
+//   client_load [--orvale-only|--long-polling] [MESSAGES [WINDOW [ROUNDS]]]
+//                                                                (defaults 40000, 500, 5000)
 //
-// --orvale-only runs just our rows (for a profiler attached to this process).
+// --orvale-only runs just our WebSocket rows (for a profiler attached to this process);
+// --long-polling just the long-polling comparison.
 //
 // One Faye server (node tests/interop/faye_server.js) serves every row:
 //   - raw: Bayeux frames written by hand over Boost.Beast sockets, publishes sent in frames of
@@ -13,6 +15,8 @@
 //     made by the delegator over makeContext(), all in this process;
 //   - faye: faye.Client over WebSocket, one publisher and the subscribers in one Node process
 //     (bench/faye_client_load.js).
+// Then both clients' 1->1 over long-polling (our services at the http:// URL, faye.Client with
+// WebSocket disabled), in a table of their own.
 // Every row runs the same load: deliveries/s 1->1 (MESSAGES published) and 1->4 (MESSAGES/4
 // published), at most WINDOW publishes unanswered; publish -> receive latency with one message
 // in flight (ROUNDS after a warm-up); client CPU seconds per 10,000 published messages over each
@@ -265,13 +269,24 @@ Phase phaseOf(const boost::json::object& object) {
             number("longestGapSeconds")};
 }
 
-Row fayeClient(const std::string& port, pid_t server, long messages, long window, int rounds) {
-    const auto node = orvale::test::startNode(
-        std::string(ORVALE_SOURCE_DIR) + "/bench/faye_client_load.js",
-        {"http://127.0.0.1:" + port + "/bayeux", "--messages", std::to_string(messages), "--window",
-         std::to_string(window), "--rounds", std::to_string(rounds), "--server-pid",
-         std::to_string(server)},
-        std::chrono::minutes(2));
+// The JSON line the Node script ends with; `longPolling` keeps its clients off WebSocket and
+// runs only the 1->1 phase.
+boost::json::object runFayeClient(const std::string& port, pid_t server, long messages, long window,
+                                  int rounds, bool longPolling) {
+    std::vector<std::string> args{"http://127.0.0.1:" + port + "/bayeux",
+                                  "--messages",
+                                  std::to_string(messages),
+                                  "--window",
+                                  std::to_string(window),
+                                  "--rounds",
+                                  std::to_string(rounds),
+                                  "--server-pid",
+                                  std::to_string(server)};
+    if (longPolling)
+        args.insert(args.end(), {"--long-polling", "1"});
+    const auto node =
+        orvale::test::startNode(std::string(ORVALE_SOURCE_DIR) + "/bench/faye_client_load.js", args,
+                                std::chrono::minutes(2));
     const std::string line = *node->firstLine(std::chrono::seconds(0));
     boost::json::error_code ec;
     const auto value = boost::json::parse(line, ec);
@@ -279,9 +294,14 @@ Row fayeClient(const std::string& port, pid_t server, long messages, long window
     const auto* result = object ? object->if_contains("result") : nullptr;
     if (ec || !result || !result->is_string() || result->get_string() != "ok")
         throw std::runtime_error("faye client: " + line);
-    Row row{"faye.Client (Node)", phaseOf(object->at("oneToOne").as_object()),
-            phaseOf(object->at("oneToFour").as_object()), std::nullopt};
-    const auto& latency = object->at("latency").as_object();
+    return *object;
+}
+
+Row fayeClient(const std::string& port, pid_t server, long messages, long window, int rounds) {
+    const auto object = runFayeClient(port, server, messages, window, rounds, false);
+    Row row{"faye.Client (Node)", phaseOf(object.at("oneToOne").as_object()),
+            phaseOf(object.at("oneToFour").as_object()), std::nullopt};
+    const auto& latency = object.at("latency").as_object();
     row.latency = Percentiles{latency.at("p50Micros").to_number<double>(),
                               latency.at("p99Micros").to_number<double>()};
     return row;
@@ -328,11 +348,36 @@ void printTable(const Row& bare, const Row& orvale, const Row& node) {
         100.0 * orvale.oneToOne.rate / node.oneToOne.rate, cpuRatio);
 }
 
+// Both clients over long-polling, 1->1: deliveries come with the answers to held connects.
+void printLongPolling(const Phase& orvale, const Phase& node) {
+    std::printf("\nlong-polling 1->1       deliv/s  client cpu  server cpu\n");
+    for (const auto& [label, phase] : {std::make_pair("orvale client services", &orvale),
+                                       std::make_pair("faye.Client (Node)", &node)})
+        std::printf("%-24s %7.0f %11.3f %11.3f\n", label, phase->rate,
+                    per10k(phase->clientCpu, phase->messages),
+                    per10k(phase->serverCpu, phase->messages));
+    std::printf(
+        "orvale over long-polling: %.0f%% of faye.Client's rate at %.2f times its CPU per "
+        "message.\n",
+        100.0 * orvale.rate / std::max(1e-9, node.rate),
+        per10k(orvale.clientCpu, orvale.messages) /
+            std::max(1e-9, per10k(node.clientCpu, node.messages)));
+}
+
+void runLongPolling(const std::string& port, pid_t server, long messages, long window, int rounds) {
+    const std::string endpoint = "http://127.0.0.1:" + port + "/bayeux";
+    ours::throughput(endpoint, server, 1, std::min(10000L, messages), window, "/lp/warm");
+    const Phase orvale = ours::throughput(endpoint, server, 1, messages, window, "/lp/one");
+    const auto node = runFayeClient(port, server, messages, window, rounds, true);
+    printLongPolling(orvale, phaseOf(node.at("oneToOne").as_object()));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     const bool orvaleOnly = argc > 1 && std::string_view(argv[1]) == "--orvale-only";
-    if (orvaleOnly) {
+    const bool longPollingOnly = argc > 1 && std::string_view(argv[1]) == "--long-polling";
+    if (orvaleOnly || longPollingOnly) {
         --argc;
         ++argv;
     }
@@ -341,7 +386,8 @@ int main(int argc, char** argv) {
     const int rounds = argc > 3 ? std::atoi(argv[3]) : 5000;
     if (messages < 4 || window < 1 || rounds < 1) {
         std::fprintf(stderr,
-                     "usage: client_load [--orvale-only] [MESSAGES>=4 [WINDOW>=1 [ROUNDS>=1]]]\n");
+                     "usage: client_load [--orvale-only|--long-polling] [MESSAGES>=4 [WINDOW>=1 "
+                     "[ROUNDS>=1]]]\n");
         return 2;
     }
     ::setenv("ORVALE_SOURCE_DIR", ORVALE_SOURCE_DIR, 0);
@@ -369,6 +415,8 @@ int main(int argc, char** argv) {
                 per10k(four.clientCpu, four.messages));
             return 0;
         }
+        if (longPollingOnly)
+            return runLongPolling(port, server, messages, window, rounds), 0;
         // Warms the server (and both kinds of client) before anything is measured.
         raw::throughput(port, server, 1, std::min(10000L, messages), window, "/raw/warm");
         ours::throughput(endpoint, server, 1, std::min(10000L, messages), window, "/load/warm");
@@ -388,6 +436,7 @@ int main(int argc, char** argv) {
             "rounds\n",
             port.c_str(), messages, messages / 4, window, rounds);
         printTable(bare, orvale, node);
+        runLongPolling(port, server, messages, window, rounds);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "client_load: %s\n", e.what());
         return 1;

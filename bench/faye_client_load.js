@@ -3,9 +3,11 @@
 // so that both are measured against the same Faye server in the same run.
 //
 //   node faye_client_load.js URL [--messages N] [--window W] [--rounds R] [--server-pid P]
+//                                [--long-polling 1]
 //
 // URL is http://host:port/path; every client works over a WebSocket once it has handshaken
-// (the run waits for the upgrade and fails when it does not happen). In one process, one
+// (the run waits for the upgrade and fails when it does not happen), or with --long-polling
+// stays on long-polling (WebSocket disabled) and only the 1->1 phase runs. In one process, one
 // publisher client and N subscriber clients:
 //   - throughput 1->1 and 1->4: the publisher sends as fast as `window` unanswered publishes
 //     allow (N messages for 1->1, N/4 for 1->4, so both phases make N deliveries); deliveries/s
@@ -23,7 +25,8 @@ const path = require('path');
 const {faye, print, fail} = require(path.join(__dirname, '../tests/interop/bayeux_client.js'));
 
 function parseArgs(argv) {
-  const options = {url: null, messages: 40000, window: 500, rounds: 5000, serverPid: null};
+  const options = {url: null, messages: 40000, window: 500, rounds: 5000, serverPid: null,
+    longPolling: false};
   for (let i = 0; i < argv.length; i++) {
     const name = argv[i];
     if (!name.startsWith('--')) {
@@ -36,6 +39,7 @@ function parseArgs(argv) {
     else if (name === '--window') options.window = value;
     else if (name === '--rounds') options.rounds = value;
     else if (name === '--server-pid') options.serverPid = value;
+    else if (name === '--long-polling') options.longPolling = true;
     else fail('unknown option ' + name);
   }
   if (!options.url) fail('usage: faye_client_load.js URL [--messages N] [--window W] [--rounds R]');
@@ -68,7 +72,13 @@ function within(ms, what, promise) {
 // a thenable itself, which an async function's result would be resolved through.
 async function webSocketClient() {
   const client = new faye.Client(options.url, {timeout: 60, retry: 1});
+  if (options.longPolling) client.disable('websocket');
   await within(10000, 'the handshake', client.publish('/load/hello', {}));
+  if (options.longPolling) {
+    if (client._dispatcher.connectionType !== 'long-polling')
+      throw new Error('on ' + client._dispatcher.connectionType + ', not long-polling');
+    return {client};
+  }
   const deadline = Date.now() + 5000;
   while (client._dispatcher.connectionType !== 'websocket') {
     if (Date.now() > deadline)
@@ -172,6 +182,10 @@ async function latency(rounds) {
   // A short run first, so that the measured ones run compiled code.
   await throughput(1, Math.min(5000, options.messages), '/load/warm');
   const oneToOne = await throughput(1, options.messages, '/load/one');
+  if (options.longPolling) {
+    print({result: 'ok', oneToOne});
+    process.exit(0);
+  }
   const oneToFour = await throughput(4, Math.max(1, Math.floor(options.messages / 4)), '/load/four');
   const lat = await latency(options.rounds);
   print({result: 'ok', oneToOne, oneToFour, latency: lat});

@@ -118,7 +118,8 @@ class Connector {
     std::shared_ptr<Context> context_;
 };
 
-// A context whose registry already holds the WebSocket Bayeux client transport.
+// A context whose registry already holds the WebSocket and long-polling Bayeux client
+// transports.
 // Thread safety: both may be called from any thread.
 std::shared_ptr<Context> makeContext();
 std::shared_ptr<Connector> makeConnector(std::shared_ptr<Context> context);

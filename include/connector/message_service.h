@@ -2,7 +2,9 @@
 // Everything a host application needs: the message service classes and the platform entry
 // points (contexts and connectors, the in-process Bayeux server, the Bayeux endpoint, logging).
 
+#include "connector/bayeux/cookie_jar.h"
 #include "connector/bayeux/endpoint.h"
+#include "connector/bayeux/long_polling_transport.h"
 #include "connector/bayeux/messages.h"
 #include "connector/bayeux/server.h"
 #include "connector/bayeux/websocket_transport.h"

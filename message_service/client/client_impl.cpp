@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "client_request.h"
+#include "client_transport.h"
 #include "common/module_logger.h"
 #include "common/service_records.h"
 #include "reconnect_policy.h"
@@ -127,7 +128,8 @@ Future<ConnectionState> MessageServiceClientImpl::connect() {
 }
 
 Future<MessageServiceClientImpl::MessagePtr> MessageServiceClientImpl::openTransport() {
-    return context_->deliver(address_, std::make_unique<bayeux::ConnectTransport>(endpoint()));
+    return context_->deliver(transportAddressFor(endpoint(), address_),
+                             makeConnectTransport(options_, cookies_));
 }
 
 Future<ConnectionState> MessageServiceClientImpl::handle(
@@ -212,7 +214,7 @@ bool MessageServiceClientImpl::attachTransport(ConnectTransportResponse& respons
 
 Future<std::unique_ptr<bayeux::HandshakeResponse>> MessageServiceClientImpl::sendHandshake() {
     auto handshake = std::make_unique<bayeux::HandshakeRequest>(
-        "1.0", "1.0", std::vector<std::string>{"websocket"});
+        "1.0", "1.0", std::vector<std::string>{connectionTypeFor(endpoint())});
     logger_.log(log::trace, "Sending handshake");
     return send<bayeux::HandshakeResponse>(std::move(handshake));
 }
@@ -224,7 +226,7 @@ void MessageServiceClientImpl::sendMetaConnect() {
         logger_.log(log::trace, "Not connected, not sending meta connect request");
         return;
     }
-    auto request = std::make_unique<bayeux::ConnectRequest>("websocket");
+    auto request = std::make_unique<bayeux::ConnectRequest>(connectionTypeFor(endpoint()));
     request->setClientId(clientId_);
     const std::uint64_t generation = transportGeneration_;
     lock.unlock();

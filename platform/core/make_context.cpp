@@ -1,5 +1,6 @@
-// The context hosts start from: the WebSocket transport already registered.
+// The context hosts start from: the WebSocket and long-polling transports already registered.
 
+#include "connector/bayeux/long_polling_transport.h"
 #include "connector/bayeux/websocket_transport.h"
 #include "connector/core.h"
 
@@ -8,6 +9,8 @@ namespace connector {
 std::shared_ptr<Context> makeContext() {
     auto context = std::make_shared<Context>();
     context->registerService(bayeux::webSocketTransportAddress(), bayeux::makeWebSocketTransport());
+    context->registerService(bayeux::longPollingTransportAddress(),
+                             bayeux::makeLongPollingTransport());
     return context;
 }
 

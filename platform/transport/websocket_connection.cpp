@@ -5,13 +5,8 @@
 
 #include "websocket_connection.h"
 
-#include <openssl/ssl.h>
-#include <openssl/x509.h>
-
 #include <boost/asio/connect.hpp>
-#include <boost/asio/ip/address.hpp>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/ssl/host_name_verification.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/ssl/ssl_stream.hpp>
@@ -23,15 +18,17 @@
 #include <thread>
 #include <vector>
 
-#include "../bayeux/json_text.h"
 #include "bayeux/codec.h"
 #include "connector/common/mutex.h"
 #include "connector/log/diagnostic_logger.h"
+#include "http_reply.h"
 #include "inbound_publisher.h"
 #include "io_thread.h"
+#include "outbound_encoding.h"
 #include "outbound_frames.h"
-#include "outbound_subscriber.h"
 #include "paced_socket.h"
+#include "stream_handles.h"
+#include "tls_client.h"
 
 namespace connector::bayeux::transport {
 
@@ -64,23 +61,6 @@ constexpr std::size_t kBatchFrameMessages = 500;
 constexpr std::size_t kFastStreamFrame = 8;
 // A sending thread's encoding buffer is given back after a message larger than this.
 constexpr std::size_t kKeptEncodeBuffer = 256 * 1024;
-
-// What the client holds as the inbound publisher: the connection's publisher plus the keeper
-// that closes the connection once the client lets go of both of its streams.
-class InboundHandle : public reactive_streams::Publisher<MessagePtr> {
-  public:
-    InboundHandle(std::shared_ptr<InboundPublisher> publisher,
-                  std::shared_ptr<CloseOnRelease> keeper)
-        : publisher_(std::move(publisher)), keeper_(std::move(keeper)) {}
-    Future<bool> done() override { return publisher_->done(); }
-    void subscribe(std::shared_ptr<reactive_streams::Subscriber<MessagePtr>> subscriber) override {
-        publisher_->subscribe(std::move(subscriber));
-    }
-
-  private:
-    const std::shared_ptr<InboundPublisher> publisher_;
-    const std::shared_ptr<CloseOnRelease> keeper_;
-};
 
 template <class NextLayer>
 constexpr bool kSecure = !std::is_same_v<NextLayer, PacedSocket>;
@@ -144,10 +124,13 @@ class WebSocketConnection final
     // The message is encoded here, on the sending thread, and released where it was made; the
     // I/O thread only writes the frames.
     void send(MessagePtr message) override {
-        thread_local Encoded encoded;
+        // A meta connect travels alone: servers answer a frame only when all of it is answered,
+        // and they hold a connect for up to their timeout, so anything batched with it would
+        // wait that long (and a disconnect beside it would never be answered at all).
+        thread_local EncodedMessages encoded;
         encoded.clear();
         try {
-            encode(message.get(), encoded);
+            encodeOutbound(message.get(), settings_.state.get(), settings_.url, encoded);
         } catch (const std::exception& e) {
             logger.log(foundation::log::error, "Dropped an outbound message to ", settings_.url,
                        ": ", e.what());
@@ -235,18 +218,7 @@ class WebSocketConnection final
         socket().set_option(tcp::no_delay(true), ignored);
         if constexpr (kSecure<NextLayer>) {
             auto& tls = ws_.next_layer();
-            const std::string& host = settings_.parts.host;
-            error_code notAnAddress;
-            asio::ip::make_address(host, notAnAddress);
-            // Server name indication carries names only, never addresses.
-            if (notAnAddress)
-                SSL_set_tlsext_host_name(tls.native_handle(), host.c_str());
-            if (settings_.options.verifyPeer) {
-                tls.set_verify_mode(asio::ssl::verify_peer);
-                tls.set_verify_callback(asio::ssl::host_name_verification(host));
-            } else {
-                tls.set_verify_mode(asio::ssl::verify_none);
-            }
+            prepareClientTls(tls, settings_.parts.host, settings_.options.verifyPeer);
             tls.async_handshake(
                 asio::ssl::stream_base::client,
                 [self = this->shared_from_this()](error_code ec) { self->onTlsHandshake(ec); });
@@ -258,39 +230,33 @@ class WebSocketConnection final
     void onTlsHandshake(error_code ec) {
         if (ec || interrupted())
             return failConnect(ec);
+        // The upgrade carries the client's own headers and its cookies for this URL.
+        std::string cookies;
+        if (settings_.cookies)
+            cookies = settings_.cookies->header(settings_.parts.host, settings_.parts.target,
+                                                settings_.parts.secure);
+        ws_.set_option(websocket::stream_base::decorator(
+            [headers = settings_.headers, cookies](websocket::request_type& request) {
+                for (const auto& [name, value] : headers)
+                    request.set(name, value);
+                if (!cookies.empty())
+                    request.set(beast::http::field::cookie, cookies);
+            }));
         ws_.async_handshake(
-            settings_.parts.hostHeader, settings_.parts.target,
+            upgradeResponse_, settings_.parts.hostHeader, settings_.parts.target,
             [self = this->shared_from_this()](error_code ec) { self->onHandshake(ec); });
     }
 
     void onHandshake(error_code ec) {
+        storeCookies(upgradeResponse_.base(), settings_.cookies.get(), settings_.parts);
+        upgradeResponse_ = {};
         if (ec || interrupted())
             return failConnect(ec);
         timer_.cancel();
         phase_ = Phase::Open;
-        std::weak_ptr<Connection> weak = this->weak_from_this();
-        auto keeper = std::make_shared<CloseOnRelease>(weak);
-        auto outbound = std::make_shared<OutboundSubscriber>(weak, keeper, closed_);
-        outbound_ = outbound;
-        auto inbound = std::make_shared<InboundHandle>(inbound_, keeper);
-        // The client hears of the close from the outbound side only after the inbound stream
-        // has handed over what arrived before it: a reply must never lose the race against
-        // the end of the connection it came on.
-        inbound_->done().then([closed = closed_, weakOutbound = outbound_](Future<bool>&& ended) {
-            bool clean = false;
-            try {
-                clean = ended.get();
-            } catch (...) {
-                // The publisher went without resolving: an unclean end.
-            }
-            closed->resolve(clean);
-            if (auto outbound = weakOutbound.lock())
-                outbound->connectionClosed();
-        });
         logger.log(foundation::log::trace, "Connected to ", settings_.url);
         readNext();
-        connectPromise_.setValue(
-            std::make_unique<ConnectTransportResponse>(std::move(inbound), std::move(outbound)));
+        connectPromise_.setValue(makeStreams(this->weak_from_this(), inbound_, closed_));
     }
 
     tcp::socket& socket() { return beast::get_lowest_layer(ws_); }
@@ -320,15 +286,9 @@ class WebSocketConnection final
     }
 
     std::string describe(error_code ec) {
-        std::string text = ec.message();
-        if constexpr (kSecure<NextLayer>) {
-            if (ec.category() == asio::error::get_ssl_category()) {
-                const long result = SSL_get_verify_result(ws_.next_layer().native_handle());
-                if (result != X509_V_OK)
-                    text += std::string(" (") + X509_verify_cert_error_string(result) + ")";
-            }
-        }
-        return text;
+        if constexpr (kSecure<NextLayer>)
+            return describeTlsError(ws_.next_layer(), ec);
+        return ec.message();
     }
 
     // ---- reading
@@ -427,54 +387,6 @@ class WebSocketConnection final
             [self = this->shared_from_this()](error_code ec, std::size_t) { self->onWritten(ec); });
     }
 
-    // Messages encoded for the queue: their text one after the other, and where each ends.
-    struct Encoded {
-        std::string text;
-        std::vector<std::pair<std::size_t, bool>> ends;  // end offset, alone in its frame
-        void clear() {
-            text.clear();
-            ends.clear();
-        }
-    };
-
-    // Encodes `message` (each message of a batch) into `out`, marking a meta connect to travel
-    // alone: servers answer a frame only when all of it is answered, and they hold a connect for
-    // up to their timeout, so anything batched with it would wait that long (and a disconnect
-    // beside it would never be answered at all).
-    void encode(Message* message, Encoded& out) {
-        if (!message)
-            return;
-        // Publishes are nearly all of the traffic: their exact type spares the cast.
-        auto* bayeux = typeid(*message) == typeid(PublishRequest)
-                           ? static_cast<PublishRequest*>(message)
-                           : dynamic_cast<BayeuxMessage*>(message);
-        if (bayeux) {
-            if (bayeux->kind() == Kind::HandshakeRequest)
-                addApiKey(*bayeux);
-            codec::encodeInto(*bayeux, out.text);
-            out.ends.emplace_back(out.text.size(), bayeux->kind() == Kind::ConnectRequest);
-        } else if (auto* container = dynamic_cast<BayeuxContainer*>(message)) {
-            for (auto& inner : container->messages())
-                encode(inner.get(), out);
-        } else {
-            logger.log(foundation::log::error, "Dropped an outbound ",
-                       foundation::log::typeName(*message), " to ", settings_.url,
-                       ": not a Bayeux message");
-        }
-    }
-
-    // The API key is read at send time so that a key stored after connecting still counts.
-    void addApiKey(BayeuxMessage& handshake) {
-        if (!settings_.state)
-            return;
-        const auto key = settings_.state->getString("orvapikey");
-        if (!key)
-            return;
-        std::string quoted;
-        codec::appendQuoted(quoted, *key);
-        handshake.setExt(codec::withExtMember(handshake.getExt(), "orvapikey", quoted));
-    }
-
     void onWritten(error_code ec) {
         writing_ = false;
         written_.push_back(std::move(outgoing_.front()));
@@ -546,12 +458,12 @@ class WebSocketConnection final
     std::size_t lastFlushed_ = 0;  // messages in the frames of the last flush
     bool paceArmed_ = false;
     beast::flat_buffer readBuffer_;
-    std::deque<std::string> outgoing_;  // encoded frames; the front one is being written
+    websocket::response_type upgradeResponse_;  // read for its cookies, then cleared
+    std::deque<std::string> outgoing_;          // encoded frames; the front one is being written
     // Frames written since the last flush, whose buffers go back to pending_ for reuse.
     std::vector<std::string> written_;
     Promise<MessagePtr> connectPromise_;
     std::shared_ptr<InboundPublisher> inbound_;
-    std::weak_ptr<OutboundSubscriber> outbound_;
     const std::shared_ptr<DoneSignal> closed_;
     Phase phase_ = Phase::Connecting;
     bool writing_ = false;

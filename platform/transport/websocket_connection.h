@@ -31,6 +31,8 @@ struct ConnectionSettings {
     std::shared_ptr<boost::asio::ssl::context> tls;    // set for wss://
     // Where the handshake's API key is read when the handshake is sent.
     std::shared_ptr<common::ContextState> state;
+    ConnectTransport::Headers headers;   // sent with the upgrade
+    std::shared_ptr<CookieJar> cookies;  // may be empty: no cookies kept or sent
 };
 
 // Starts connecting on the I/O thread. `promise` gets a ConnectTransportResponse, or a

@@ -1,4 +1,4 @@
-// Parsing of ws:// and wss:// URLs.
+// Parsing of ws://, wss://, http:// and https:// URLs.
 
 #include "ws_url.h"
 
@@ -30,16 +30,20 @@ bool validHostCharacters(const std::string& host) {
 
 }  // namespace
 
-std::optional<WebSocketUrl> parseWebSocketUrl(const std::string& url, std::string& problem) {
+namespace {
+
+// `plain` and `secure` are the two schemes accepted, with their "://".
+std::optional<WebSocketUrl> parseUrl(const std::string& url, const std::string& plain,
+                                     const std::string& secure, std::string& problem) {
     WebSocketUrl out;
     std::size_t pos;
-    if (startsWithNoCase(url, "ws://")) {
-        pos = 5;
-    } else if (startsWithNoCase(url, "wss://")) {
+    if (startsWithNoCase(url, plain.c_str())) {
+        pos = plain.size();
+    } else if (startsWithNoCase(url, secure.c_str())) {
         out.secure = true;
-        pos = 6;
+        pos = secure.size();
     } else {
-        problem = "the URL does not start with ws:// or wss://";
+        problem = "the URL does not start with " + plain + " or " + secure;
         return std::nullopt;
     }
 
@@ -131,6 +135,16 @@ std::optional<WebSocketUrl> parseWebSocketUrl(const std::string& url, std::strin
     if (out.port != defaultPort)
         out.hostHeader += ":" + out.port;
     return out;
+}
+
+}  // namespace
+
+std::optional<WebSocketUrl> parseWebSocketUrl(const std::string& url, std::string& problem) {
+    return parseUrl(url, "ws://", "wss://", problem);
+}
+
+std::optional<WebSocketUrl> parseHttpUrl(const std::string& url, std::string& problem) {
+    return parseUrl(url, "http://", "https://", problem);
 }
 
 }  // namespace connector::bayeux::transport

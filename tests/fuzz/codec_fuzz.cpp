@@ -1,7 +1,8 @@
 // libFuzzer entry over the Bayeux codec: whatever bytes arrive, both decoders must return
 // without crashing, leaking or hanging, and what they decoded must encode into a frame that
 // decodes again to as many messages, without errors, and encodes to the same text. The codec's
-// own JSON reader must also agree with Boost.JSON on what is JSON and what is not.
+// own JSON reader must also agree with Boost.JSON on what is JSON and what is not. Read as a
+// long-polling answer, the same bytes must never leave a line break in a Cookie header.
 
 #include <cstddef>
 #include <cstdint>
@@ -14,6 +15,7 @@
 #include <boost/json/parse.hpp>
 
 #include "bayeux/codec.h"
+#include "transport/http_reply.h"
 
 namespace {
 
@@ -75,6 +77,21 @@ void checkAgreesWithBoostJson(std::string_view frame) {
     }
 }
 
+void checkHttpReply(std::string_view bytes) {
+    connector::bayeux::CookieJar jar;
+    std::string problem;
+    const auto url =
+        connector::bayeux::transport::parseHttpUrl("https://a.example.com/bayeux", problem);
+    const auto reply = connector::bayeux::transport::readRawReply(bytes, 4096, &jar, *url);
+    if (!reply.failure.empty() && !reply.messages.empty())
+        std::abort();
+    const std::string cookies = jar.header("a.example.com", "/bayeux", true);
+    if (cookies.find_first_of("\r\n") != std::string::npos) {
+        std::fprintf(stderr, "a cookie holds a line break: %s\n", cookies.c_str());
+        std::abort();
+    }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -88,5 +105,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (capped.tooManyMessages && !capped.messages.empty())
         std::abort();
     checkAgreesWithBoostJson(frame);
+    checkHttpReply(frame);
     return 0;
 }

@@ -1,12 +1,17 @@
-// Client services made by the delegator against real Faye servers, alone and two sharing a
-// Redis engine.
+// Client services made by the delegator against real servers: Faye, alone and two sharing a
+// Redis engine, and our own hub, over WebSocket and long-polling.
 
 #include <gtest/gtest.h>
 
+#include <boost/json/parse.hpp>
+#include <optional>
+
 #include "child_process.h"
 #include "connector/message_service.h"
+#include "failure_text.h"
 #include "inbox.h"
 #include "log_capture.h"
+#include "test_certificates.h"
 
 namespace connector::message_service {
 namespace {
@@ -33,7 +38,7 @@ class ClientServiceWithFaye : public ::testing::Test {
     std::shared_ptr<MessageService> create(const std::string& name, const std::string& endpoint,
                                            Options options = {}) {
         options["endpoint"] = endpoint;
-        auto future = delegator->createMessageService(name, options);
+        auto future = delegator->createMessageService(name, std::move(options));
         if (!future.waitFor(10s))
             throw std::runtime_error("creating " + name + " timed out");
         return future.get();
@@ -42,27 +47,6 @@ class ClientServiceWithFaye : public ::testing::Test {
     std::vector<std::unique_ptr<orvale::test::ChildProcess>> fayes;
     std::shared_ptr<MessageServiceFactoryDelegatorImpl> delegator = makeDelegator();
 };
-
-TEST_F(ClientServiceWithFaye, HandshakesKeepsTheConnectLoopTurningAndDisconnects) {
-    orvale::test::LogCapture capture;
-    auto service = create("alice", startFaye());
-    EXPECT_EQ(service->getState(), ConnectionState::CONNECTED);
-    EXPECT_NE(std::dynamic_pointer_cast<MessageServiceClientImpl>(service)->getId(), "unset");
-    EXPECT_EQ(delegator->getMessageService("alice"), service);
-    // Faye answers each connect after its one-second timeout; the loop sends the next one.
-    EXPECT_TRUE(waitUntil([&] { return capture.count("Sending meta connect") >= 3; }));
-    EXPECT_EQ(capture.count("Meta connect error: "), 0u);
-
-    Inbox states;
-    auto listener = service->listenStateChange(states.stateSink()).get();
-    auto done = service->disconnect();
-    ASSERT_TRUE(done.waitFor(5s));
-    EXPECT_TRUE(done.get().success);
-    EXPECT_EQ(service->getState(), ConnectionState::DISCONNECTED);
-    EXPECT_EQ(states.snapshot(), (std::vector<std::string>{"CONNECTED->DISCONNECTING",
-                                                           "DISCONNECTING->DISCONNECTED"}));
-    EXPECT_THROW(service->publish("/a", "1").get(), std::runtime_error);
-}
 
 // Two Faye servers share a Redis engine: what a service on one publishes reaches exact and
 // wildcard subscribers on the other, and its own wildcard through its own server.
@@ -108,6 +92,121 @@ TEST_F(ClientServiceWithFaye, SubscriptionsAcrossTwoServersSharingRedis) {
     ::rmdir(dir);
 }
 
+// The same endpoint under another scheme: "http" or "ws".
+std::string withScheme(const std::string& url, const std::string& scheme) {
+    return scheme + url.substr(url.find("://"));
+}
+
+class ClientServiceOverEachTransport
+    : public ClientServiceWithFaye,
+      public ::testing::WithParamInterface<std::tuple<std::string, std::string>> {};
+
+// Faye and our hub, each over WebSocket, long-polling and long-polling with TLS, answer a held
+// connect after one second.
+TEST_P(ClientServiceOverEachTransport, SubscribesPublishesReceivesUnsubscribesAndDisconnects) {
+    const auto& [server, scheme] = GetParam();
+    std::optional<orvale::test::TestCertificates> certificates;
+    if (scheme == "https")
+        certificates.emplace();
+    const std::string pem = certificates ? certificates->dir + "/server" : "";
+    bayeux::EndpointOptions options;
+    options.connectTimeout = 1s;
+    std::vector<std::string> fayeArgs{"--timeout", "1"};
+    if (certificates) {
+        options.certFile = pem + ".pem";
+        options.keyFile = pem + ".key";
+        fayeArgs.insert(fayeArgs.end(), {"--cert", pem + ".pem", "--key", pem + ".key"});
+    }
+    auto hub = bayeux::startBayeuxEndpoint(bayeux::makeBayeuxServer(), options);
+    std::string url = server == "hub" ? "ws://127.0.0.1:" + std::to_string(hub->port()) + "/bayeux"
+                                      : startFaye(fayeArgs);
+    url = withScheme(url, scheme);
+    if (certificates) {
+        // The certificate names localhost. Verified as for wss://: the system store alone does
+        // not know the test CA, the CA file given to the transport does.
+        url = "https://localhost" + url.substr(url.rfind(':'));
+        auto untrusting = delegator->createMessageService("untrusting", {{"endpoint", url}});
+        EXPECT_NE(orvale::test::failureText(untrusting).find("certificate verify failed"),
+                  std::string::npos);
+        bayeux::LongPollingTransportOptions trusting;
+        trusting.caFile = certificates->dir + "/ca.pem";
+        auto context = makeContext();
+        context->registerService(bayeux::longPollingTransportAddress(),
+                                 bayeux::makeLongPollingTransport(trusting));
+        delegator = std::make_shared<MessageServiceFactoryDelegatorImpl>(
+            std::make_shared<MessageServiceFactoryServerDelegate>(bayeux::makeBayeuxServer()),
+            std::make_shared<MessageServiceFactoryClientDelegate>(context));
+    }
+    orvale::test::LogCapture capture;
+    auto service = create("alice", url);
+    EXPECT_NE(std::dynamic_pointer_cast<MessageServiceClientImpl>(service)->getId(), "unset");
+    Inbox exact, wild, states;
+    auto s1 = service->subscribe("/room/a", exact.sink()).get();
+    auto s2 = service->subscribe("/room/*", wild.sink()).get();
+    EXPECT_TRUE(service->publish("/room/a", "{\"n\":1}").get().success);
+    EXPECT_TRUE(service->publish("/room/b", "[2]").get().success);
+    ASSERT_TRUE(waitUntil([&] { return wild.size() == 2; }));
+    EXPECT_EQ(exact.snapshot(), (std::vector<std::string>{"/room/a {\"n\":1}"}));
+
+    // After the meta-connect loop has turned a few times, deliveries still come, and none to the
+    // subscription given up; no more connects went than deliveries and timeouts explain.
+    s1->unsubscribe().get();
+    ASSERT_TRUE(waitUntil([&] { return capture.count("Sending meta connect") >= 3; }));
+    EXPECT_TRUE(service->publish("/room/a", "3").get().success);
+    ASSERT_TRUE(waitUntil([&] { return wild.size() == 3; }));
+    EXPECT_EQ(exact.size(), 1u);
+    EXPECT_EQ(capture.count("Meta connect error: "), 0u);
+    EXPECT_LE(capture.count("Sending meta connect"), 5u);
+
+    auto listener = service->listenStateChange(states.stateSink()).get();
+    auto done = service->disconnect();
+    ASSERT_TRUE(done.waitFor(5s));
+    EXPECT_TRUE(done.get().success);
+    EXPECT_EQ(states.snapshot(), (std::vector<std::string>{"CONNECTED->DISCONNECTING",
+                                                           "DISCONNECTING->DISCONNECTED"}));
+    EXPECT_THROW(service->publish("/a", "1").get(), std::runtime_error);
+}
+
+INSTANTIATE_TEST_SUITE_P(ServersAndSchemes, ClientServiceOverEachTransport,
+                         ::testing::Combine(::testing::Values("faye", "hub"),
+                                            ::testing::Values("ws", "http", "https")),
+                         [](const auto& info) {
+                             return std::get<0>(info.param) + "_" + std::get<1>(info.param);
+                         });
+
+// The server script shows each request's headers and sets cookies for the site, for another
+// path and for TLS only: the header option goes on every POST and on the upgrade, and from the
+// first answer on only the cookie that applies goes back.
+TEST_F(ClientServiceWithFaye, SendsHeaderOptionsEverywhereAndTheCookiesThatApply) {
+    const std::string url = startFaye({"--timeout", "1", "--show-requests", "1"});
+    for (const std::string scheme : {"http", "ws"}) {
+        auto service = create(scheme, withScheme(url, scheme), {{"header.Authorization", "Bt"}});
+        EXPECT_TRUE(service->publish("/a", "1").get().success);
+        EXPECT_TRUE(service->disconnect().waitFor(5s));
+    }
+    std::vector<std::string> posts;
+    std::string upgrade;
+    for (const auto& line : fayes[0]->lines()) {
+        boost::json::error_code ec;
+        const auto request = boost::json::parse(line, ec);
+        if (ec || !request.is_object())
+            continue;
+        const auto field = [&](const char* name) {
+            return std::string(request.at(name).as_string());
+        };
+        EXPECT_EQ(field("authorization"), "Bt") << line;
+        if (field("method") == "POST")
+            posts.push_back(field("cookie"));
+        else
+            upgrade = line;
+    }
+    ASSERT_GE(posts.size(), 4u);  // handshake, connect, publish, disconnect
+    EXPECT_EQ(posts[0], "");
+    for (std::size_t i = 1; i < posts.size(); ++i)
+        EXPECT_EQ(posts[i], "sticky=n1");
+    EXPECT_NE(upgrade, "");
+}
+
 TEST_F(ClientServiceWithFaye, ServerKilledMidSessionDisconnectsAndFailsPendingRequests) {
     auto service = create("alice", startFaye());
     Inbox inbox;
@@ -138,16 +237,17 @@ TEST_F(ClientServiceWithFaye, WithReconnectionSubscriptionsResumeOnARestartedSer
 TEST(ClientServiceConnect, RefusedConnectionFailsTheCreateFutureWithTheUrl) {
     auto delegator = makeDelegator();
     // Port 1 on loopback: nothing listens there.
-    auto future = delegator->createMessageService("c", {{"endpoint", "ws://127.0.0.1:1/bayeux"}});
-    ASSERT_TRUE(future.waitFor(15s));
-    try {
-        future.get();
-        FAIL() << "connected to a closed port";
-    } catch (const std::runtime_error& e) {
-        EXPECT_NE(std::string(e.what()).find("ws://127.0.0.1:1/bayeux"), std::string::npos)
-            << e.what();
+    for (const std::string url : {"ws://127.0.0.1:1/bayeux", "http://127.0.0.1:1/bayeux"}) {
+        auto future = delegator->createMessageService("c", {{"endpoint", url}});
+        ASSERT_TRUE(future.waitFor(15s));
+        try {
+            future.get();
+            FAIL() << "connected to a closed port";
+        } catch (const std::runtime_error& e) {
+            EXPECT_NE(std::string(e.what()).find(url), std::string::npos) << e.what();
+        }
+        EXPECT_EQ(delegator->getMessageService("c"), nullptr);
     }
-    EXPECT_EQ(delegator->getMessageService("c"), nullptr);
 }
 
 }  // namespace

@@ -2,11 +2,14 @@
 // A Faye Bayeux server for the interop tests and benchmarks.
 //
 //   node faye_server.js [--port N] [--timeout SECONDS] [--mount /bayeux]
-//                       [--cert FILE --key FILE] [--redis-socket PATH]
+//                       [--cert FILE --key FILE] [--redis-socket PATH] [--show-requests 1]
 //
 // Listens on 127.0.0.1 (a free port unless --port is given) and prints the port as its first
 // stdout line, so the parent knows when it can connect. With --cert/--key it serves https and wss;
-// with --redis-socket it joins a cluster through the faye-redis engine. It exits when stdin closes
+// with --redis-socket it joins a cluster through the faye-redis engine. With --show-requests it
+// prints a JSON line per HTTP request and upgrade (method, path, Authorization and Cookie
+// headers) and sets three cookies on every HTTP answer: `sticky` for the whole site, `other`
+// for another path and `tls` only over TLS, so tests see which a client sends back. It exits when stdin closes
 // or on SIGTERM/SIGINT, so a parent that dies never leaves it behind.
 
 const fs = require('fs');
@@ -18,8 +21,9 @@ function die(message, status) {
 }
 
 const names = {'--port': 'port', '--timeout': 'timeout', '--mount': 'mount', '--cert': 'cert',
-  '--key': 'key', '--redis-socket': 'redisSocket'};
-const options = {port: 0, timeout: 2, mount: '/bayeux', cert: null, key: null, redisSocket: null};
+  '--key': 'key', '--redis-socket': 'redisSocket', '--show-requests': 'showRequests'};
+const options = {port: 0, timeout: 2, mount: '/bayeux', cert: null, key: null, redisSocket: null,
+  showRequests: null};
 const argv = process.argv.slice(2);
 for (let i = 0; i < argv.length; i += 2) {
   if (!names[argv[i]]) die('unknown option ' + argv[i], 2);
@@ -39,6 +43,17 @@ server.on('request', (request, response) => {
   response.end('not found\n');
 });
 bayeux.attach(server);
+if (options.showRequests) {
+  const show = (request) => process.stdout.write(JSON.stringify({method: request.method,
+    path: request.url, authorization: request.headers.authorization || '',
+    cookie: request.headers.cookie || ''}) + '\n');
+  server.prependListener('upgrade', show);
+  server.prependListener('request', (request, response) => {
+    show(request);
+    response.setHeader('Set-Cookie', ['sticky=n1; Path=/; HttpOnly', 'other=x; Path=/elsewhere',
+      'tls=y; Secure']);
+  });
+}
 
 function stop() {
   try {

@@ -217,8 +217,11 @@ inline Future<MessagePtr> connectTo(const std::shared_ptr<Context>& context,
 struct Client {
     Client() = default;
     explicit Client(const std::string& url, WebSocketTransportOptions options = {})
-        : context(contextWith(options)) {
-        auto future = connectTo(context, url);
+        : Client(url, contextWith(options), webSocketTransportAddress()) {}
+    // Through the transport registered in `withTransport` at `address`.
+    Client(const std::string& url, std::shared_ptr<Context> withTransport, const Address& address)
+        : context(std::move(withTransport)) {
+        auto future = context->deliver(address, std::make_unique<ConnectTransport>(url));
         if (!future.waitFor(5s))
             throw std::runtime_error("connecting did not finish");
         const auto response = future.get();

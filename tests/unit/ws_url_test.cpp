@@ -1,4 +1,4 @@
-// Parsing of the ws:// and wss:// URLs the transport connects to.
+// Parsing of the ws://, wss://, http:// and https:// URLs the transports connect to.
 
 #include "transport/ws_url.h"
 
@@ -52,6 +52,14 @@ TEST(WebSocketUrl, SplitsWhatCanBeConnectedToAndNamesTheProblemOtherwise) {
         EXPECT_FALSE(parseWebSocketUrl(url, problem)) << url;
         EXPECT_EQ(problem, expected) << url;
     }
+    // The HTTP schemes share the rules, with their own default ports.
+    std::string problem;
+    const auto https = parseHttpUrl("HTTPS://h:443/c", problem);
+    ASSERT_TRUE(https);
+    EXPECT_EQ(std::tie(https->secure, https->port, https->hostHeader),
+              std::make_tuple(true, std::string("443"), std::string("h")));
+    EXPECT_FALSE(parseHttpUrl("ws://h/", problem));
+    EXPECT_EQ(problem, "the URL does not start with http:// or https://");
 }
 
 }  // namespace

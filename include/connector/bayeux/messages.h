@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "connector/bayeux/cookie_jar.h"
 #include "connector/common/data_buffer.h"
 #include "connector/core.h"
 #include "connector/reactive_streams/reactive_streams.h"
@@ -279,11 +280,23 @@ using MessagePtr = std::unique_ptr<Message>;
 // Asks a transport service to open a connection to `url`.
 class ConnectTransport : public Message {
   public:
+    using Headers = std::vector<std::pair<std::string, std::string>>;
+
     explicit ConnectTransport(std::string url) : url_(std::move(url)) {}
     const std::string& getUrl() const { return url_; }
 
+    // Extra headers for every HTTP request and WebSocket upgrade of the connection.
+    void setHeaders(Headers headers) { headers_ = std::move(headers); }
+    const Headers& getHeaders() const { return headers_; }
+    // Where the connection keeps the cookies servers set and finds those to send; without a
+    // jar, cookies are neither kept nor sent.
+    void setCookieJar(std::shared_ptr<CookieJar> jar) { cookies_ = std::move(jar); }
+    const std::shared_ptr<CookieJar>& getCookieJar() const { return cookies_; }
+
   private:
     std::string url_;
+    Headers headers_;
+    std::shared_ptr<CookieJar> cookies_;
 };
 
 // The open transport: messages arrive through `inbound`; the client subscribes `outbound` to

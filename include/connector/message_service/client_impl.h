@@ -220,6 +220,8 @@ class MessageServiceClientImpl : public MessageService,
     const Options options_;
     const std::shared_ptr<Context> context_;
     const Address address_;
+    // The cookies the endpoint sets, sent back on every request of every transport connected.
+    const std::shared_ptr<bayeux::CookieJar> cookies_ = std::make_shared<bayeux::CookieJar>();
     // Empty: no transport connected.
     std::shared_ptr<OutboundPublisher> outboundPublisher_ ORVALE_GUARDED_BY(mutex_);
     std::shared_ptr<InboundSubscriber> inboundSubscriber_ ORVALE_GUARDED_BY(mutex_);
