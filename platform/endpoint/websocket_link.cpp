@@ -260,21 +260,26 @@ class WebSocketLink final : public Link,
                        " ms");
             return abort();
         }
-        // While reading is paused the hub waits for no frame; the write is watched instead.
-        if (!readPaused_ && now - readSince_ >= idleTime_) {
+        // While reading is paused the hub waits for no frame, and while a write is under way a
+        // read may wait behind it (the pong to a ping queues after it): the write is watched.
+        const bool watchRead = !readPaused_ && !writing_;
+        if (watchRead && now - readSince_ >= idleTime_) {
             logger.log(log::trace, "Closed a WebSocket that sent no frame for ", ms, " ms");
             return abort();
         }
         Clock::time_point next = now + idleTime_;
         if (writing_)
             next = std::min(next, writeSince_ + idleTime_);
-        if (!readPaused_)
+        if (watchRead)
             next = std::min(next, readSince_ + idleTime_);
         watchIdle(next);
     }
 
     void onWritten(error_code ec) {
         writing_ = false;
+        // The time the pending read may have waited behind this write is not the peer's silence.
+        const auto now = Clock::now();
+        readSince_ += now - std::max(writeSince_, readSince_);
         spare_ = std::move(writeBuffer_);
         spare_.clear();
         if (spare_.capacity() > kKeptBuffer)
