@@ -12,15 +12,6 @@ namespace {
 namespace ms = connector::message_service;
 namespace bayeux = connector::bayeux;
 
-// "<channel> <data>" of each message a peer received.
-std::vector<std::string> received(const ChildProcess& peer) {
-    std::vector<std::string> out;
-    for (const auto& line : peer.lines())
-        if (auto event = parseLine(line); text(event, "event") == "received")
-            out.push_back(text(event, "channel") + " " + boost::json::serialize(event.at("data")));
-    return out;
-}
-
 // A hub in this process with a server service that answers what remote clients send.
 class HubInProcess {
     // First, so that it outlives the listeners that a session ending at teardown still calls.
