@@ -29,6 +29,8 @@ const char* const kUsage =
                    [--sessions N] [--no-faye] [--node PATH] [--faye-script FILE]
        orvale bench --floods [--hub PATH]
        orvale bench --capacity N [--subscribers N] [--repeat N] [--hub PATH] [--no-faye]
+       orvale bench --cluster [--messages N] [--repeat N] [--rate N] [--seconds N] [--hub PATH]
+                    [--no-faye]
 
 Runs the same load, made by orvale client services, against `orvale serve` and against a Faye
 server, each in a process of its own, and prints a table:
@@ -57,6 +59,13 @@ to handshake every 250 ms (how long it waits is printed).
 each with its connect held, subscribes the first --subscribers of them (default 10000) to one
 channel, and prints the hub's memory per session and the median time one broadcast takes to reach
 all of them; then the same against Faye. N is capped by the descriptors this process may open.
+
+--cluster measures deliveries that cross between hubs: two `orvale serve --cluster` hubs, each
+on a nats-server node of its own (the two routed), with the publisher on one hub and the
+subscribers on the other, against two Faye servers sharing a redis-server through faye-redis,
+under the same load (default 50000 messages a run): deliveries per second 1 -> 1 and 1 -> 4, the
+CPU time per delivery of the hubs and of nats-server or redis-server, and latency at --rate.
+Then one hub alone, without and with --cluster (its link carrying nothing), 1 -> 1.
 
   --hub PATH         the orvale executable whose `serve` is loaded (default: this one)
 )";
@@ -202,7 +211,7 @@ int runBench(const Words& words) {
     const Args args(words,
                     {"--messages", "--rate", "--seconds", "--sessions", "--window", "--repeat",
                      "--node", "--faye-script", "--hub", "--capacity", "--subscribers"},
-                    {"--help", "--no-faye", "--floods"});
+                    {"--help", "--no-faye", "--floods", "--cluster"});
     if (args.has("--help")) {
         std::cout << kUsage;
         return 0;
@@ -226,6 +235,19 @@ int runBench(const Words& words) {
     if (withFaye && !std::filesystem::exists(script))
         throw Failure("no Faye server script at " + script + " (give --faye-script or --no-faye)");
 
+    if (args.has("--cluster")) {
+        ClusterBenchSettings cluster;
+        cluster.hub = hub;
+        cluster.node = args.value("--node", "node");
+        if (withFaye)
+            cluster.fayeScript = script;
+        cluster.messages = args.number("--messages", 50000, 100, 100000000);
+        cluster.window = settings.window;
+        cluster.repeat = settings.repeat;
+        cluster.rate = settings.rate;
+        cluster.duration = settings.duration;
+        return runClusterBench(cluster);
+    }
     if (args.has("--capacity")) {
         CapacitySettings capacity;
         capacity.hub = hub;
