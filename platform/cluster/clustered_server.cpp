@@ -104,15 +104,19 @@ void ClusteredServer::acceptPublish(std::shared_ptr<const PublishRequest> reques
     const ChannelName channel(request->getChannel());
     if (channel.isMeta() || channel.isService() || channel.isPattern())
         return;
-    const auto subject = subjectOf(kChannels, request->getChannel());
-    if (!subject)
+    // Written into buffers of the thread's own, so that a publish allocates nothing here once
+    // warm.
+    thread_local std::string subject, payload;
+    if (!subjectOf(kChannels, request->getChannel(), subject))
         return;
-    std::string payload = origin_;
+    payload.assign(origin_);
     payload += '\n';
-    payload += std::to_string(++sequence_);
-    payload += '\n';
-    payload += codec::encode(*request);
-    link_->publish(*subject, payload);
+    char digits[24];
+    payload.append(digits, std::to_chars(digits, digits + sizeof digits, ++sequence_).ptr);
+    payload += "\n[";
+    codec::encodeInto(*request, payload);
+    payload += ']';
+    link_->publish(subject, payload);
 }
 
 ClusterStats ClusteredServer::stats() const {
