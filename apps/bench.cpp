@@ -30,6 +30,8 @@ const char* const kUsage =
        orvale bench --floods [--hub PATH]
        orvale bench --capacity N [--subscribers N] [--repeat N] [--hub PATH] [--no-faye]
        orvale bench --deflate [--messages N] [--repeat N] [--hub PATH]
+       orvale bench --cluster [--messages N] [--repeat N] [--rate N] [--seconds N] [--hub PATH]
+                    [--no-faye]
 
 Runs the same load, made by orvale client services, against `orvale serve` and against a Faye
 server, each in a process of its own, and prints a table:
@@ -64,6 +66,13 @@ permessage-deflate, against a fresh `orvale serve` without and then with --defla
 of 50 (default 200000), then N/20 one at a time, each delivered before the next is published.
 It prints the bytes per delivery on the subscriber's TCP connection and the CPU time per
 delivery of the hub and of the two clients (median of --repeat runs).
+
+--cluster measures deliveries that cross between hubs: two `orvale serve --cluster` hubs, each
+on a nats-server node of its own (the two routed), with the publisher on one hub and the
+subscribers on the other, against two Faye servers sharing a redis-server through faye-redis,
+under the same load (default 50000 messages a run): deliveries per second 1 -> 1 and 1 -> 4, the
+CPU time per delivery of the hubs and of nats-server or redis-server, and latency at --rate.
+Then one hub alone, without and with --cluster (its link carrying nothing), 1 -> 1.
 
   --hub PATH         the orvale executable whose `serve` is loaded (default: this one)
 )";
@@ -209,7 +218,7 @@ int runBench(const Words& words) {
     const Args args(words,
                     {"--messages", "--rate", "--seconds", "--sessions", "--window", "--repeat",
                      "--node", "--faye-script", "--hub", "--capacity", "--subscribers"},
-                    {"--help", "--no-faye", "--floods", "--deflate"});
+                    {"--help", "--no-faye", "--floods", "--deflate", "--cluster"});
     if (args.has("--help")) {
         std::cout << kUsage;
         return 0;
@@ -240,6 +249,19 @@ int runBench(const Words& words) {
     if (withFaye && !std::filesystem::exists(script))
         throw Failure("no Faye server script at " + script + " (give --faye-script or --no-faye)");
 
+    if (args.has("--cluster")) {
+        ClusterBenchSettings cluster;
+        cluster.hub = hub;
+        cluster.node = args.value("--node", "node");
+        if (withFaye)
+            cluster.fayeScript = script;
+        cluster.messages = args.number("--messages", 50000, 100, 100000000);
+        cluster.window = settings.window;
+        cluster.repeat = settings.repeat;
+        cluster.rate = settings.rate;
+        cluster.duration = settings.duration;
+        return runClusterBench(cluster);
+    }
     if (args.has("--capacity")) {
         CapacitySettings capacity;
         capacity.hub = hub;

@@ -34,4 +34,15 @@ struct DeflateSettings {
 };
 int runDeflate(const DeflateSettings& settings);
 
+struct ClusterBenchSettings {
+    std::string hub;
+    std::string node, fayeScript;  // fayeScript empty: orvale only
+    std::size_t messages = 50000;
+    std::size_t window = 1000;
+    std::size_t repeat = 3;
+    std::size_t rate = 10000;
+    std::chrono::milliseconds duration{3000};
+};
+int runClusterBench(const ClusterBenchSettings& settings);
+
 }  // namespace orvale::app

@@ -72,8 +72,10 @@ void disconnectAll(std::vector<std::shared_ptr<ms::MessageService>>& services) {
 
 }  // namespace
 
-LoadRunner::LoadRunner(std::string url, std::size_t window)
-    : url_(std::move(url)), window_(window) {}
+LoadRunner::LoadRunner(std::string url, std::size_t window, std::string publishUrl)
+    : url_(std::move(url)),
+      window_(window),
+      publishUrl_(publishUrl.empty() ? url_ : std::move(publishUrl)) {}
 LoadRunner::~LoadRunner() = default;
 
 double LoadRunner::throughput(std::size_t subscribers, std::size_t messages) {
@@ -101,7 +103,7 @@ double LoadRunner::throughput(std::size_t subscribers, std::size_t messages) {
         subscriptions.push_back(await(subscribed, 10s, "cannot subscribe"));
         services.push_back(std::move(service));
     }
-    auto publisher = connected(factory().connect("tp" + tag + "-pub", url_));
+    auto publisher = connected(factory().connect("tp" + tag + "-pub", publishUrl_));
     std::vector<connector::Future<ms::PublishResult>> window(window_);
     std::vector<bool> used(window_, false);
     const std::int64_t start = nowNanos();
@@ -160,7 +162,7 @@ Latency LoadRunner::latency(std::size_t rate, std::chrono::milliseconds duration
         }
     });
     auto subscription = await(subscribed, 10s, "cannot subscribe");
-    auto publisher = connected(publisherFactory.connect("lat" + tag + "-pub", url_));
+    auto publisher = connected(publisherFactory.connect("lat" + tag + "-pub", publishUrl_));
 
     const auto interval = std::chrono::nanoseconds(1000000000 / rate);
     const auto start = Clock::now();

@@ -21,8 +21,9 @@ class LoadRunner {
   public:
     // `window`: publishes that may be unanswered at once in a throughput run. The client
     // service matches each answer against its pending requests one by one, so a deep window
-    // costs the load more than the hub.
-    LoadRunner(std::string url, std::size_t window);
+    // costs the load more than the hub. Publishers connect to `publishUrl` when one is given,
+    // so that their messages cross to the subscribers' hub.
+    LoadRunner(std::string url, std::size_t window, std::string publishUrl = {});
     ~LoadRunner();
 
     // One publisher sends `messages` as fast as the window of unanswered publishes allows;
@@ -39,6 +40,7 @@ class LoadRunner {
   private:
     std::string url_;
     std::size_t window_;
+    std::string publishUrl_;
     std::size_t run_ = 0;  // makes service names unique across runs
 };
 

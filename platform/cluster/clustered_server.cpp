@@ -104,19 +104,48 @@ void ClusteredServer::acceptPublish(std::shared_ptr<const PublishRequest> reques
     const ChannelName channel(request->getChannel());
     if (channel.isMeta() || channel.isService() || channel.isPattern())
         return;
-    const auto subject = subjectOf(kChannels, request->getChannel());
-    if (!subject)
+    // Written into buffers of the thread's own, so that a publish allocates nothing here once
+    // warm.
+    thread_local std::string subject, payload;
+    if (!subjectOf(kChannels, request->getChannel(), subject))
         return;
-    std::string payload = origin_;
+    payload.assign(origin_);
     payload += '\n';
-    payload += std::to_string(++sequence_);
-    payload += '\n';
-    payload += codec::encode(*request);
-    link_->publish(*subject, payload);
+    char digits[24];
+    payload.append(digits, std::to_chars(digits, digits + sizeof digits, ++sequence_).ptr);
+    payload += "\n[";
+    codec::encodeInto(*request, payload);
+    payload += ']';
+    link_->publish(subject, payload);
 }
 
-NatsLinkStats ClusteredServer::linkStats() const {
-    return link_->stats();
+ClusterStats ClusteredServer::stats() const {
+    const NatsLinkStats link = link_->stats();
+    ClusterStats out;
+    out.connected = link.connected;
+    out.published = link.published;
+    out.received = link.received;
+    out.lost = link.lost;
+    out.reconnects = link.reconnects;
+    return out;
+}
+
+bool ClusteredServer::Seen::first(std::uint64_t sequence) {
+    if (sequence > highest_) {
+        if (sequence - highest_ >= kWindow) {
+            recent_.reset();
+        } else {
+            for (std::uint64_t n = highest_ + 1; n < sequence; ++n)
+                recent_.reset(n % kWindow);
+        }
+        highest_ = sequence;
+        recent_.set(sequence % kWindow);
+        return true;
+    }
+    if (highest_ - sequence >= kWindow || recent_.test(sequence % kWindow))
+        return false;
+    recent_.set(sequence % kWindow);
+    return true;
 }
 
 std::string ClusteredServer::countInterest(const std::string& clientId, const std::string& pattern,
@@ -163,7 +192,7 @@ void ClusteredServer::announceToCluster(char kind, const std::string& clientId,
 
 void ClusteredServer::onMessage(std::string_view subject, std::string_view payload) {
     std::string_view rest = payload;
-    const std::string origin(field(rest));
+    const std::string_view origin = field(rest);
     if (subject == kSubscriptions) {
         const std::string_view kind = field(rest);
         std::string clientId(field(rest));
@@ -183,10 +212,11 @@ void ClusteredServer::onMessage(std::string_view subject, std::string_view paylo
     {
         // One message matching two of this member's patterns arrives once through each.
         common::MutexLock lock(mutex_);
-        std::uint64_t& last = lastSeen_[origin];
-        if (sequence <= last)
+        auto it = seen_.find(origin);
+        if (it == seen_.end())
+            it = seen_.emplace(std::string(origin), Seen()).first;
+        if (!it->second.first(sequence))
             return;
-        last = sequence;
     }
     codec::Decoded decoded = codec::decodeFromClient(rest);
     for (auto& message : decoded.messages) {

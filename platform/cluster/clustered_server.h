@@ -11,12 +11,14 @@
 //   them to their sessions, so that subscription listeners hear the whole cluster.
 // - Exactly once: NATS never echoes a member's publishes back; a message that reaches a member
 //   through several of its subscriptions (a channel matching two patterns) is injected once, by
-//   its publisher's sequence number, since all subscriptions deliver on one thread in the order
-//   the member received them.
+//   its publisher's sequence number. The publisher's threads number their messages before they
+//   hand them to NATS, so numbers may arrive slightly out of order: a window of recent numbers
+//   tells a repeat from a late one.
 //
 // Thread safety: as any BayeuxServer. `mutex_` guards the interest counts and the sequence
 // numbers seen; NATS and the inner server are called without it.
 
+#include <bitset>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -42,7 +44,7 @@ class ClusteredServer final : public BayeuxServer {
     void acceptSubscribe(std::shared_ptr<const SubscribeRequest> request) override;
     void acceptPublish(std::shared_ptr<const PublishRequest> request) override;
 
-    NatsLinkStats linkStats() const;
+    ClusterStats stats() const;
 
   private:
     void onMessage(std::string_view subject, std::string_view payload);
@@ -65,8 +67,20 @@ class ClusteredServer final : public BayeuxServer {
     // Each local session's patterns, to drop its interest when it goes unannounced.
     std::unordered_map<std::string, std::multiset<std::string>> patternsOf_
         ORVALE_GUARDED_BY(mutex_);
-    // The last sequence number injected from each other member.
-    std::unordered_map<std::string, std::uint64_t> lastSeen_ ORVALE_GUARDED_BY(mutex_);
+    // The sequence numbers lately injected from one other member.
+    class Seen {
+      public:
+        // True the first time `sequence` is offered; false for a repeat, or for a number too
+        // far behind the highest to tell.
+        bool first(std::uint64_t sequence);
+
+      private:
+        static constexpr std::uint64_t kWindow = 1024;
+        std::uint64_t highest_ = 0;
+        std::bitset<kWindow> recent_;  // bit n % kWindow for each n seen in the window below
+    };
+    // Per other member, by origin; std::less<> finds one without making a string.
+    std::map<std::string, Seen, std::less<>> seen_ ORVALE_GUARDED_BY(mutex_);
 };
 
 }  // namespace connector::bayeux::cluster

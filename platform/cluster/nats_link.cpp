@@ -160,6 +160,7 @@ void NatsLink::onDelivery(natsConnection*, natsSubscription*, natsMsg* message, 
 
 void NatsLink::onDisconnected(natsConnection*, void* closure) {
     auto* self = static_cast<NatsLink*>(closure);
+    self->lostBeforeOutage_ = self->lost_.load();
     if (self->connected_.exchange(false))
         logger.log(log::warning, "Lost the cluster link; reconnecting");
 }
@@ -171,8 +172,10 @@ void NatsLink::onReconnected(natsConnection* connection, void* closure) {
     self->lossLogged_ = false;
     char url[256] = "";
     natsConnection_GetConnectedUrl(connection, url, sizeof url);
-    logger.log(log::warning, "Cluster link back, through ", url, "; ", self->lost_.load(),
-               " messages lost so far");
+    const std::uint64_t lost = self->lost_.load();
+    logger.log(log::warning, "Cluster link back, through ", url, "; ",
+               lost - self->lostBeforeOutage_.load(), " messages lost in the outage, ", lost,
+               " since joining");
 }
 
 void NatsLink::onClosed(natsConnection*, void* closure) {

@@ -23,11 +23,17 @@ int hexValue(char c) {
 }  // namespace
 
 std::optional<std::string> subjectOf(std::string_view prefix, std::string_view channel) {
+    std::string subject;
+    if (!subjectOf(prefix, channel, subject))
+        return std::nullopt;
+    return subject;
+}
+
+bool subjectOf(std::string_view prefix, std::string_view channel, std::string& subject) {
     const ChannelName name(channel);
     if (!name.isValid())
-        return std::nullopt;
-    std::string subject(prefix);
-    subject.reserve(prefix.size() + channel.size() + 8);
+        return false;
+    subject.assign(prefix);
     const auto segments = name.segments();
     for (auto it = segments.begin(); it != segments.end(); ++it) {
         subject.push_back('.');
@@ -46,7 +52,7 @@ std::optional<std::string> subjectOf(std::string_view prefix, std::string_view c
             subject.push_back(kHex[byte & 15]);
         }
     }
-    return subject;
+    return true;
 }
 
 std::optional<std::string> channelOf(std::string_view prefix, std::string_view subject) {

@@ -17,6 +17,8 @@ namespace connector::bayeux::cluster {
 
 // The subject of a valid channel or pattern; nothing for a channel that is not valid.
 std::optional<std::string> subjectOf(std::string_view prefix, std::string_view channel);
+// The same into `subject`, whose capacity is reused; false for a channel that is not valid.
+bool subjectOf(std::string_view prefix, std::string_view channel, std::string& subject);
 
 // The channel a concrete subject under `prefix` stands for; nothing when the subject is not one
 // subjectOf() makes.

@@ -3,6 +3,7 @@
 //
 //   node bayeux_client.js faye|cometd URL exchange [--only long-polling] [--api-key K]
 //   node bayeux_client.js faye|cometd URL talk LISTEN PUBLISH COUNT [--api-key K]
+//   node bayeux_client.js faye|cometd URL[,URL...] mesh NAME CHANNEL...
 //
 // URL is http://host:port/path. Faye handshakes over long-polling and then moves to a WebSocket,
 // CometD starts on one; --only long-polling keeps both off WebSockets.
@@ -10,7 +11,14 @@
 //   unsubscribes from the exact one, publishes on both again and receives only on the wildcard.
 // talk: subscribes to LISTEN, prints {"event":"ready"}, publishes {"from":PEER} on PUBLISH and
 //   prints each of COUNT messages received on LISTEN.
-// Both then disconnect. Every stdout line is a JSON object; the last is {"result":"ok",...} or
+// mesh: subscribes to each CHANNEL in turn, prints {"event":"ready"} and every message it
+//   receives. A message whose data has `start` (the names of all peers) makes it publish
+//   {"from":NAME,"n":n} for n < data.count on /orvale/mesh/all/NAME, then {"from":NAME} on
+//   /orvale/mesh/to/PEER for every other peer (where services' /mesh channels are on the wire);
+//   one whose data has `stop` ends the run. Several URLs
+//   reach the hubs through a local balancer that sends each new connection to the first hub
+//   that accepts it, as a load balancer does once a hub has died.
+// All then disconnect. Every stdout line is a JSON object; the last is {"result":"ok",...} or
 // {"result":"error","message":...} (exit status 1). A run is bounded by 15 seconds.
 // Required as a module (by bench/faye_client_load.js) it gives Faye and the output helpers only.
 
@@ -129,6 +137,48 @@ async function exchange(client) {
   if (exact.pending() !== 0) fail('received on /orvale/interop/exact after unsubscribing');
 }
 
+async function mesh(client, [name, ...channels]) {
+  let stop;
+  const stopped = new Promise((resolve) => (stop = resolve));
+  const publishAll = async ({start, count}) => {
+    for (let n = 0; n < count; n++) await client.publish('/orvale/mesh/all/' + name, {from: name, n});
+    for (const peer of start) if (peer !== name) await client.publish('/orvale/mesh/to/' + peer, {from: name});
+  };
+  const push = (channel, data) => {
+    print({event: 'received', channel, data});
+    if (data && data.start) publishAll(data).catch(fail);
+    if (data && data.stop) stop();
+  };
+  for (const channel of channels) await client.subscribe(channel, push);
+  print({event: 'ready'});
+  await stopped;
+}
+
+// The URL of a local balancer over the hubs at `urls`.
+function balance(urls) {
+  const net = require('net');
+  const hubs = urls.map((url) => new URL(url));
+  const server = net.createServer((socket) => {
+    socket.pause();
+    socket.on('error', () => {});
+    const attempt = (i) => {
+      if (i === hubs.length) return socket.destroy();
+      const hub = net.connect(Number(hubs[i].port), hubs[i].hostname);
+      hub.once('error', () => attempt(i + 1));
+      hub.once('connect', () => {
+        hub.removeAllListeners('error').on('error', () => socket.destroy());
+        hub.on('close', () => socket.destroy());
+        socket.on('close', () => hub.destroy());
+        socket.pipe(hub).pipe(socket);
+      });
+    };
+    attempt(0);
+  });
+  server.unref();
+  return new Promise((resolve) => server.listen(0, '127.0.0.1', () =>
+    resolve('http://127.0.0.1:' + server.address().port + hubs[0].pathname)));
+}
+
 async function talk(client, peer, [listen, publish, count]) {
   const box = inbox();
   await client.subscribe(listen, box.push);
@@ -146,15 +196,17 @@ async function talk(client, peer, [listen, publish, count]) {
     else if (argv[i] === '--api-key') options.apiKey = argv[++i];
     else positional.push(argv[i]);
   }
-  const [peer, url, scenario, ...rest] = positional;
+  const [peer, urls, scenario, ...rest] = positional;
   const make = {faye: fayeClient, cometd: cometdClient}[peer];
-  if (!make || !url || !['exchange', 'talk'].includes(scenario))
-    fail('usage: bayeux_client.js faye|cometd URL exchange|talk ...');
-  setTimeout(() => fail('timed out'), 15000).unref();
+  if (!make || !urls || !['exchange', 'talk', 'mesh'].includes(scenario))
+    fail('usage: bayeux_client.js faye|cometd URL exchange|talk|mesh ...');
+  setTimeout(() => fail('timed out'), scenario === 'mesh' ? 40000 : 15000).unref();
   try {
+    const url = urls.includes(',') ? await balance(urls.split(',')) : urls;
     const client = await make(url, options.only, options.apiKey);
     await client.handshake();
     if (scenario === 'exchange') await exchange(client);
+    else if (scenario === 'mesh') await mesh(client, rest);
     else await talk(client, peer, rest);
     await client.disconnect();
     print({result: 'ok', handshakeTransport: client.used.handshake, transport: client.used.last});

@@ -48,6 +48,15 @@ inline std::string text(const boost::json::object& object, const char* name) {
     return v && v->is_string() ? std::string(v->get_string()) : std::string();
 }
 
+// "<channel> <data>" of each message a Node peer printed as received.
+inline std::vector<std::string> received(const ChildProcess& peer) {
+    std::vector<std::string> out;
+    for (const auto& line : peer.lines())
+        if (auto event = parseLine(line); text(event, "event") == "received")
+            out.push_back(text(event, "channel") + " " + boost::json::serialize(event.at("data")));
+    return out;
+}
+
 // The result line a Node peer script ends with.
 inline boost::json::object resultOf(const ChildProcess& peer) {
     auto lines = peer.lines();

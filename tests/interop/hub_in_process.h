@@ -10,15 +10,6 @@ namespace orvale::test {
 namespace ms = connector::message_service;
 namespace bayeux = connector::bayeux;
 
-// "<channel> <data>" of each message a peer received.
-inline std::vector<std::string> received(const ChildProcess& peer) {
-    std::vector<std::string> out;
-    for (const auto& line : peer.lines())
-        if (auto event = parseLine(line); text(event, "event") == "received")
-            out.push_back(text(event, "channel") + " " + boost::json::serialize(event.at("data")));
-    return out;
-}
-
 // A hub in this process with a server service that answers what remote clients send: each
 // message on /desk/in with {"echo":<its data>} on /desk/out.
 class HubInProcess {

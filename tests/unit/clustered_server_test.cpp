@@ -4,7 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <condition_variable>
+#include <map>
 #include <mutex>
+#include <numeric>
+#include <thread>
 
 #include "cluster/clustered_server.h"
 #include "connector/bayeux/server.h"
@@ -116,9 +119,64 @@ TEST(ClusteredServer, MembersShareChannelsOnceInOrderAndHearEachOthersSubscripti
     EXPECT_TRUE(c.session->await("/service/echo", 1, 0ms).empty());
 }
 
+// Two threads publish on each of four members at once, all on channels that two patterns of
+// every member match: each member's subscriber gets every message once, each thread's in order.
+TEST(ClusteredServer, ConcurrentPublishersOnEveryMemberReachEverySubscriberOnceInOrder) {
+    constexpr int kMembers = 4, kThreads = 2, kMessages = 200;
+    orvale::test::NatsCluster nats(3);
+    std::vector<std::unique_ptr<Member>> members;
+    for (int m = 0; m < kMembers; ++m) {
+        members.push_back(std::make_unique<Member>(nats, m % 3, "m" + std::to_string(m)));
+        members.back()->subscribe("/load/*");
+        members.back()->subscribe("/load/**");
+    }
+    for (int m = 0; m < kMembers; ++m) {
+        const std::string probe = "/load/probe" + std::to_string(m);
+        auto everyoneHas = [&] {
+            for (auto& member : members)
+                if (member->session->await(probe, 1, 0ms).empty())
+                    return false;
+            return true;
+        };
+        for (int i = 0; i < 200 && !everyoneHas(); ++i, std::this_thread::sleep_for(25ms))
+            members[m]->publish(probe, "0");
+        ASSERT_TRUE(everyoneHas()) << probe;
+    }
+    std::vector<std::thread> publishers;
+    for (int p = 0; p < kMembers * kThreads; ++p)
+        publishers.emplace_back([&, p] {
+            for (int n = 0; n < kMessages; ++n)
+                members[p / kThreads]->publish("/load/t" + std::to_string(p), std::to_string(n));
+        });
+    for (auto& publisher : publishers)
+        publisher.join();
+    constexpr std::size_t kAll = kMembers * kThreads * kMessages;
+    for (auto& member : members) {
+        auto got = member->session->await("/load/t", kAll);
+        const auto extra = member->session->await("/load/t", kAll + 1, 100ms);
+        EXPECT_EQ(extra.size(), kAll) << member->session->getId();
+        std::map<std::string, std::vector<int>> byPublisher;
+        for (const auto& event : got) {
+            const auto space = event.find(' ');
+            byPublisher[event.substr(0, space)].push_back(std::stoi(event.substr(space + 1)));
+        }
+        std::vector<int> inOrder(kMessages);
+        std::iota(inOrder.begin(), inOrder.end(), 0);
+        EXPECT_EQ(byPublisher.size(), std::size_t{kMembers * kThreads});
+        for (const auto& [channel, numbers] : byPublisher)
+            EXPECT_EQ(numbers, inOrder) << member->session->getId() << " from " << channel;
+        const auto stats = clusterStats(*member->server);
+        ASSERT_TRUE(stats);
+        EXPECT_TRUE(stats->connected);
+        EXPECT_GE(stats->published, std::uint64_t{kThreads * kMessages});
+        EXPECT_EQ(stats->lost, 0u);
+    }
+}
+
 TEST(ClusteredServer, NamesTheClusterItCannotReach) {
     const std::string url = "nats://127.0.0.1:" + std::to_string(orvale::test::freeLoopbackPort());
     EXPECT_THROW(makeBayeuxServer({1, {url}}), std::runtime_error);
+    EXPECT_FALSE(clusterStats(*makeBayeuxServer()));
 }
 
 }  // namespace

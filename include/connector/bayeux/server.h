@@ -11,7 +11,9 @@
 // session's deliver. It calls a session's deliver on its delivery threads, never under a lock.
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -54,5 +56,18 @@ struct BayeuxServerOptions {
 // sessions, then stops and joins its threads. Throws std::runtime_error when a cluster is named
 // and none of its servers can be reached.
 std::shared_ptr<BayeuxServer> makeBayeuxServer(BayeuxServerOptions options = {});
+
+// What a cluster member's link to NATS has done since the member joined.
+struct ClusterStats {
+    bool connected = false;        // false while the link is down and reconnecting
+    std::uint64_t published = 0;   // messages and subscription changes sent to the others
+    std::uint64_t received = 0;    // what NATS delivered from the others
+    std::uint64_t lost = 0;        // sent while the link was down, beyond its reconnect buffer
+    std::uint64_t reconnects = 0;  // outages the link came back from
+};
+
+// The cluster figures of a server that makeBayeuxServer joined to a cluster; nothing for any
+// other server.
+std::optional<ClusterStats> clusterStats(const BayeuxServer& server);
 
 }  // namespace connector::bayeux

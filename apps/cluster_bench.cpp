@@ -1,0 +1,254 @@
+// orvale bench --cluster: deliveries that cross from one hub to another, two orvale hubs over
+// NATS against two Faye servers over Redis, and what joining a cluster costs a hub alone.
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <thread>
+
+#include "bench_modes.h"
+#include "cli.h"
+#include "load.h"
+#include "process.h"
+
+namespace orvale::app {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+int freePort() {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0)
+        throw Failure("cannot find a free port");
+    ::close(fd);
+    return ntohs(address.sin_port);
+}
+
+bool accepts(int port) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    ::close(fd);
+    return ok;
+}
+
+void waitFor(const std::function<bool()>& ready, const std::string& what) {
+    for (const auto deadline = std::chrono::steady_clock::now() + 10s; !ready();
+         std::this_thread::sleep_for(20ms))
+        if (std::chrono::steady_clock::now() > deadline)
+            throw Failure(what + " did not start");
+}
+
+std::string fixed(double value, int decimals) {
+    char buffer[64];
+    std::snprintf(buffer, sizeof buffer, "%.*f", decimals, value);
+    return buffer;
+}
+
+// Two hubs and the engine that joins them, all processes of their own: the publisher loads
+// the first hub, the subscribers the second.
+struct Pair {
+    std::vector<std::unique_ptr<ChildProcess>> engine;  // nats-server nodes or redis-server
+    std::unique_ptr<ChildProcess> first, second;
+    std::unique_ptr<LoadRunner> load;
+
+    static double cpu(const std::vector<std::unique_ptr<ChildProcess>>& processes) {
+        double total = 0;
+        for (const auto& process : processes)
+            total += process->cpuSeconds();
+        return total;
+    }
+    double hubCpu() const { return first->cpuSeconds() + second->cpuSeconds(); }
+    double engineCpu() const { return cpu(engine); }
+};
+
+// Two routed nats-server nodes, a hub on each.
+std::unique_ptr<Pair> orvalePair(const ClusterBenchSettings& settings) {
+    auto pair = std::make_unique<Pair>();
+    const int clients[] = {freePort(), freePort()}, routes[] = {freePort(), freePort()};
+    for (int i = 0; i < 2; ++i) {
+        pair->engine.push_back(std::make_unique<ChildProcess>(std::vector<std::string>{
+            "nats-server", "-a", "127.0.0.1", "-p", std::to_string(clients[i]), "--log",
+            "/dev/null", "--cluster_name", "bench", "--cluster",
+            "nats://127.0.0.1:" + std::to_string(routes[i]), "--routes",
+            "nats://127.0.0.1:" + std::to_string(routes[1 - i])}));
+        waitFor([&] { return accepts(clients[i]); }, "nats-server");
+    }
+    auto hub = [&](int i) {
+        auto process = std::make_unique<ChildProcess>(std::vector<std::string>{
+            settings.hub, "serve", "--port", "0", "--max-sessions", "1000000", "--cluster",
+            "nats://127.0.0.1:" + std::to_string(clients[i])});
+        return process;
+    };
+    pair->first = hub(0);
+    pair->second = hub(1);
+    const std::string publishUrl = pair->first->firstLine(10s);
+    pair->load =
+        std::make_unique<LoadRunner>(pair->second->firstLine(10s), settings.window, publishUrl);
+    return pair;
+}
+
+// One redis-server, a Faye server with the faye-redis engine on each side of it.
+std::unique_ptr<Pair> fayePair(const ClusterBenchSettings& settings, const std::string& dir) {
+    auto pair = std::make_unique<Pair>();
+    const std::string socket = dir + "/redis.sock";
+    pair->engine.push_back(std::make_unique<ChildProcess>(
+        std::vector<std::string>{"redis-server", "--port", "0", "--unixsocket", socket, "--save",
+                                 "", "--appendonly", "no", "--logfile", "/dev/null"}));
+    struct stat info;
+    waitFor([&] { return ::stat(socket.c_str(), &info) == 0; }, "redis-server");
+    auto faye = [&] {
+        return std::make_unique<ChildProcess>(std::vector<std::string>{
+            settings.node, settings.fayeScript, "--timeout", "25", "--redis-socket", socket});
+    };
+    pair->first = faye();
+    pair->second = faye();
+    const std::string publishUrl = "ws://127.0.0.1:" + pair->first->firstLine(10s) + "/bayeux";
+    pair->load = std::make_unique<LoadRunner>(
+        "ws://127.0.0.1:" + pair->second->firstLine(10s) + "/bayeux", settings.window, publishUrl);
+    return pair;
+}
+
+struct Figures {
+    double oneToOne = 0, oneToFour = 0;
+    double hubCpuMicros = 0, engineCpuMicros = 0;  // per delivery, in the median 1 -> 1 run
+    Latency latency;
+};
+
+struct Run {
+    double rate, hubCpu, engineCpu;
+};
+
+Run run(Pair& pair, const std::string& name, std::size_t subscribers, std::size_t messages) {
+    std::cerr << "bench: " << name << ": 1 -> " << subscribers << "\n";
+    const double hub = pair.hubCpu(), engine = pair.engineCpu();
+    const double rate = pair.load->throughput(subscribers, messages);
+    std::cerr << "bench: " << name << ": " << fixed(rate, 0) << "/s\n";
+    const double perDelivery = 1e6 / static_cast<double>(messages * subscribers);
+    return {rate, (pair.hubCpu() - hub) * perDelivery, (pair.engineCpu() - engine) * perDelivery};
+}
+
+Run median(std::vector<Run> runs) {
+    std::sort(runs.begin(), runs.end(), [](const Run& a, const Run& b) { return a.rate < b.rate; });
+    return runs[runs.size() / 2];
+}
+
+void row(const std::string& label, const std::string& ours, const std::string& theirs,
+         const std::string& better) {
+    std::printf("%-46s %14s %14s %10s\n", label.c_str(), ours.c_str(), theirs.c_str(),
+                better.c_str());
+}
+
+}  // namespace
+
+int runClusterBench(const ClusterBenchSettings& settings) {
+    char dir[] = "/tmp/orvale-bench-XXXXXX";
+    if (!::mkdtemp(dir))
+        throw Failure("cannot make a folder for redis-server's socket");
+    std::vector<std::string> names{"orvale + NATS"};
+    std::vector<std::unique_ptr<Pair>> pairs;
+    pairs.push_back(orvalePair(settings));
+    if (!settings.fayeScript.empty()) {
+        names.push_back("faye + redis");
+        pairs.push_back(fayePair(settings, dir));
+    }
+    // The pairs take turns, so that a slow spell of the shared machine falls on both.
+    std::vector<std::vector<Run>> oneToOne(pairs.size()), oneToFour(pairs.size());
+    for (std::size_t i = 0; i < pairs.size(); ++i)
+        run(*pairs[i], names[i], 1, std::min<std::size_t>(settings.messages, 5000));  // warm-up
+    for (std::size_t r = 0; r < settings.repeat; ++r)
+        for (std::size_t i = 0; i < pairs.size(); ++i)
+            oneToOne[i].push_back(run(*pairs[i], names[i], 1, settings.messages));
+    for (std::size_t r = 0; r < settings.repeat; ++r)
+        for (std::size_t i = 0; i < pairs.size(); ++i)
+            oneToFour[i].push_back(run(*pairs[i], names[i], 4, settings.messages));
+    std::vector<Figures> figures(pairs.size());
+    for (std::size_t i = 0; i < pairs.size(); ++i) {
+        const Run middle = median(oneToOne[i]);
+        figures[i] = {middle.rate, median(oneToFour[i]).rate, middle.hubCpu, middle.engineCpu, {}};
+        std::cerr << "bench: " << names[i] << ": latency\n";
+        figures[i].latency = pairs[i]->load->latency(settings.rate, settings.duration);
+    }
+    pairs.clear();
+    ::rmdir(dir);
+
+    // One hub alone, with and without a cluster link that carries nothing.
+    std::vector<Run> alone[2];
+    {
+        const int port = freePort();
+        ChildProcess linked(
+            {"nats-server", "-a", "127.0.0.1", "-p", std::to_string(port), "--log", "/dev/null"});
+        waitFor([&] { return accepts(port); }, "nats-server");
+        ChildProcess plain({settings.hub, "serve", "--port", "0", "--max-sessions", "1000000"});
+        ChildProcess joined({settings.hub, "serve", "--port", "0", "--max-sessions", "1000000",
+                             "--cluster", "nats://127.0.0.1:" + std::to_string(port)});
+        LoadRunner loads[] = {{plain.firstLine(10s), settings.window},
+                              {joined.firstLine(10s), settings.window}};
+        for (auto& load : loads)
+            load.throughput(1, std::min<std::size_t>(settings.messages, 5000));
+        for (std::size_t r = 0; r < settings.repeat; ++r)
+            for (int i = 0; i < 2; ++i) {
+                std::cerr << "bench: one hub" << (i ? " with --cluster" : "") << ": 1 -> 1\n";
+                alone[i].push_back({loads[i].throughput(1, settings.messages), 0, 0});
+            }
+    }
+    const double plainRate = median(alone[0]).rate, joinedRate = median(alone[1]).rate;
+
+    const Figures& ours = figures.front();
+    const bool withFaye = figures.size() > 1;
+    auto other = [&](double Figures::*field, int decimals) {
+        return withFaye ? fixed(figures.back().*field, decimals) : std::string("-");
+    };
+    auto better = [&](double Figures::*field, bool higherIsBetter) {
+        if (!withFaye || ours.*field <= 0 || figures.back().*field <= 0)
+            return std::string();
+        const double a = ours.*field, b = figures.back().*field;
+        return fixed(higherIsBetter ? a / b : b / a, 1) + "x";
+    };
+    auto latency = [&](const Figures& f, bool p99) {
+        return fixed(p99 ? f.latency.p99Micros : f.latency.p50Micros, 0);
+    };
+    std::printf(
+        "orvale bench --cluster: %zu messages per throughput run, median of %zu; latency "
+        "at %zu msg/s for %lld s\n",
+        settings.messages, settings.repeat, settings.rate,
+        static_cast<long long>(settings.duration.count() / 1000));
+    row("", names[0], withFaye ? names[1] : "", withFaye ? "orvale is" : "");
+    row("cross-node deliveries/s, 1 -> 1", fixed(ours.oneToOne, 0), other(&Figures::oneToOne, 0),
+        better(&Figures::oneToOne, true));
+    row("cross-node deliveries/s, 1 -> 4", fixed(ours.oneToFour, 0), other(&Figures::oneToFour, 0),
+        better(&Figures::oneToFour, true));
+    row("1 -> 1 CPU per delivery, both hubs (us)", fixed(ours.hubCpuMicros, 2),
+        other(&Figures::hubCpuMicros, 2), better(&Figures::hubCpuMicros, false));
+    row("1 -> 1 CPU per delivery, nats-server/redis (us)", fixed(ours.engineCpuMicros, 2),
+        other(&Figures::engineCpuMicros, 2), better(&Figures::engineCpuMicros, false));
+    for (const bool p99 : {false, true})
+        row(std::string("latency ") + (p99 ? "p99" : "p50") + " at " +
+                std::to_string(settings.rate) + " msg/s (us)",
+            latency(ours, p99), withFaye ? latency(figures.back(), p99) : "-", "");
+    row("one hub, deliveries/s 1 -> 1", fixed(plainRate, 0), "", "");
+    row("one hub with --cluster, deliveries/s 1 -> 1", fixed(joinedRate, 0), "",
+        plainRate > 0 ? fixed(100.0 * joinedRate / plainRate, 1) + "%" : "");
+    std::fflush(stdout);
+    return 0;
+}
+
+}  // namespace orvale::app

@@ -1,0 +1,214 @@
+// Hubs and a host process joined through a three-node NATS cluster, with real peers on every
+// member: Faye's and CometD's clients, a client service and a server service exchange messages
+// across members, and the cluster rides out a dead NATS node and a dead hub.
+
+#include <map>
+
+#include "common.h"
+#include "connector/bayeux/server.h"
+#include "connector/message_service.h"
+#include "inbox.h"
+#include "nats_cluster.h"
+
+namespace orvale::test {
+namespace {
+
+namespace ms = connector::message_service;
+namespace bayeux = connector::bayeux;
+
+// `orvale serve` joined to the cluster through `node`, with the other nodes to fall back on.
+std::unique_ptr<ServeProcess> hub(const NatsCluster& nats, int node) {
+    std::string urls;
+    for (const auto& url : nats.urls(node))
+        urls += (urls.empty() ? "" : ",") + url;
+    return std::make_unique<ServeProcess>(std::vector<std::string>{"--cluster", urls});
+}
+
+// Publishes on what services call `channel`.
+void publish(bayeux::BayeuxServer& server, const std::string& channel, const std::string& json) {
+    auto request = std::make_shared<bayeux::PublishRequest>("/orvale" + channel,
+                                                            connector::common::DataBuffer(json));
+    request->setClientId("control");
+    server.acceptPublish(std::move(request));
+}
+
+// A message service in this process taking part as the Node peers' mesh scenario does.
+class ServicePeer {
+    Inbox inbox_;  // first, so that it outlives the subscriptions
+
+  public:
+    ServicePeer(std::string name, std::shared_ptr<ms::MessageService> service)
+        : name_(std::move(name)), service_(std::move(service)) {
+        for (const std::string& channel :
+             {"/mesh/to/" + name_, std::string("/mesh/all/*"), std::string("/mesh/go")}) {
+            auto future =
+                service_->subscribe(channel, [this](const ms::JsonMessage& m) { onMessage(m); });
+            if (!future.waitFor(10s))
+                throw std::runtime_error(name_ + " cannot subscribe to " + channel);
+            subscriptions.push_back(future.get());
+        }
+    }
+    std::vector<std::string> received() { return inbox_.snapshot(); }
+    std::vector<std::shared_ptr<ms::Subscription>> subscriptions;
+
+  private:
+    void onMessage(const ms::JsonMessage& m) {
+        const auto data = parseLine(m.getJson());
+        inbox_.add(m.getChannel() + " " + boost::json::serialize(data));
+        const auto* start = data.if_contains("start");
+        if (!start)
+            return;
+        const std::string from = "{\"from\":\"" + name_ + "\"";
+        for (int n = 0; n < data.at("count").to_number<int>(); ++n)
+            service_->publish("/mesh/all/" + name_, from + ",\"n\":" + std::to_string(n) + "}");
+        for (const auto& peer : start->as_array())
+            if (peer.as_string() != name_)
+                service_->publish("/mesh/to/" + std::string(peer.as_string()), from + "}");
+    }
+    const std::string name_;
+    const std::shared_ptr<ms::MessageService> service_;
+};
+
+// The data a peer received on the mesh's data channels, by channel as services name them; the
+// direct messages, whose senders take no turns, sorted.
+std::map<std::string, std::vector<std::string>> byChannel(const std::vector<std::string>& lines) {
+    std::map<std::string, std::vector<std::string>> out;
+    for (const auto& line : lines)
+        if (line.rfind("/mesh/go ", 0) != 0)
+            out[line.substr(0, line.find(' '))].push_back(line.substr(line.find(' ') + 1));
+    for (auto& [channel, data] : out)
+        if (channel.rfind("/mesh/to/", 0) == 0)
+            std::sort(data.begin(), data.end());
+    return out;
+}
+
+// Faye's client on hub A, CometD's on hub B, a client service on hub C and a server service in
+// this process, each on its own NATS node: each publishes on its own channel, which everyone's
+// wildcard matches, and directly to each other peer. Everyone gets every message once, each
+// publisher's in order, and listeners hear subscriptions made on other members.
+TEST(ClusterTest, PeersOnEveryMemberExchangeMessagesOnceInOrder) {
+    ORVALE_REQUIRE_NODE();
+    constexpr int kCount = 20;
+    const std::vector<std::string> names{"client", "cometd", "faye", "host"};
+    NatsCluster nats(3);
+    Inbox heard;                                                 // outlives the listeners
+    std::vector<std::shared_ptr<bayeux::BayeuxServer>> members;  // this process's, one per node
+    for (int node = 0; node < 3; ++node)
+        members.push_back(bayeux::makeBayeuxServer({1, nats.urls(node)}));
+    auto services = std::make_shared<ms::MessageServiceFactoryDelegatorImpl>(
+        std::make_shared<ms::MessageServiceFactoryServerDelegate>(members[0]),
+        std::make_shared<ms::MessageServiceFactoryClientDelegate>(connector::makeContext()));
+    auto hostService = services->createMessageService("host", {}).get();
+    auto listened = hostService->listenSubscribe(
+        "/mesh/to/*", [&](const ms::SubscribeEvent& e) { heard.add("+" + e.getChannel()); });
+    auto unlistened = hostService->listenUnsubscribe(
+        "/mesh/to/*", [&](const ms::UnsubscribeEvent& e) { heard.add("-" + e.getChannel()); });
+    const std::vector<std::shared_ptr<ms::Subscription>> listeners{listened.get(),
+                                                                   unlistened.get()};
+    auto a = hub(nats, 0), b = hub(nats, 1), c = hub(nats, 2);
+    std::map<std::string, std::unique_ptr<ChildProcess>> peers;
+    for (const auto& [peer, url] :
+         std::map<std::string, std::string>{{"faye", a->httpUrl()}, {"cometd", b->httpUrl()}})
+        peers[peer] = node("bayeux_client.js", {peer, url, "mesh", peer, "/orvale/mesh/to/" + peer,
+                                                "/orvale/mesh/all/*", "/orvale/mesh/go"});
+    auto clientService = services->createMessageService("client", {{"endpoint", c->url}});
+    ASSERT_TRUE(clientService.waitFor(10s));
+    ServicePeer client("client", clientService.get()), host("host", hostService);
+    auto got = [&](const std::string& peer) {
+        if (peer == "client" || peer == "host")
+            return (peer == "client" ? client : host).received();
+        std::vector<std::string> lines = received(*peers.at(peer));
+        for (auto& line : lines)
+            line.erase(0, line.rfind("/orvale/", 0) == 0 ? 7 : 0);
+        return lines;
+    };
+    // Subscriptions spread through the NATS routes in order, the ping channel's last: once each
+    // peer has a ping from each node, every node knows every peer's subscriptions.
+    auto pinged = [&] {
+        for (int node = 0; node < 3; ++node)
+            publish(*members[node], "/mesh/go", "{\"ping\":" + std::to_string(node) + "}");
+        std::this_thread::sleep_for(50ms);
+        for (const auto& peer : names)
+            for (int node = 0; node < 3; ++node) {
+                const auto lines = got(peer);
+                if (std::find(lines.begin(), lines.end(),
+                              "/mesh/go {\"ping\":" + std::to_string(node) + "}") == lines.end())
+                    return false;
+            }
+        return true;
+    };
+    ASSERT_TRUE(waitUntil(pinged, 20s)) << peers["faye"]->errors() << peers["cometd"]->errors();
+    publish(*members[0], "/mesh/go",
+            "{\"start\":[\"faye\",\"cometd\",\"client\",\"host\"],\"count\":" +
+                std::to_string(kCount) + "}");
+    for (const auto& peer : names) {
+        std::map<std::string, std::vector<std::string>> expected;
+        for (const auto& from : names) {
+            for (int n = 0; n < kCount; ++n)
+                expected["/mesh/all/" + from].push_back("{\"from\":\"" + from +
+                                                        "\",\"n\":" + std::to_string(n) + "}");
+            if (from != peer)
+                expected["/mesh/to/" + peer].push_back("{\"from\":\"" + from + "\"}");
+        }
+        auto count = [](const std::map<std::string, std::vector<std::string>>& messages) {
+            std::size_t n = 0;
+            for (const auto& [channel, data] : messages)
+                n += data.size();
+            return n;
+        };
+        waitUntil([&] { return count(byChannel(got(peer))) >= count(expected); }, 20s);
+        EXPECT_EQ(byChannel(got(peer)), expected) << peer;
+    }
+    for (const auto& peer : names)
+        EXPECT_TRUE(heard.has("+/mesh/to/" + peer)) << peer;
+    client.subscriptions.front()->unsubscribe();
+    EXPECT_TRUE(waitUntil([&] { return heard.has("-/mesh/to/client"); }));
+    publish(*members[0], "/mesh/go", "{\"stop\":true}");
+    for (auto& [name, peer] : peers) {
+        EXPECT_EQ(run(*peer), 0) << name << ": " << peer->errors();
+        EXPECT_EQ(text(resultOf(*peer), "result"), "ok") << name;
+    }
+}
+
+// The tick a Node peer received last on /mesh/all/tick, or -1.
+int lastTick(const ChildProcess& peer) {
+    int last = -1;
+    for (const auto& line : received(peer))
+        if (line.rfind("/orvale/mesh/all/tick ", 0) == 0)
+            last = std::max(last, parseLine(line.substr(22)).at("n").to_number<int>());
+    return last;
+}
+
+// Faye's client reaches hubs A and B through a balancer and gets ticks from a member on the
+// third node. A's NATS node dies: A goes on through another node. A dies: the client handshakes
+// again on B and the ticks come on.
+TEST(ClusterTest, TrafficOutlivesADeadNatsNodeAndADeadHub) {
+    ORVALE_REQUIRE_NODE();
+    NatsCluster nats(3);
+    auto a = hub(nats, 0), b = hub(nats, 1);
+    auto member = bayeux::makeBayeuxServer({1, nats.urls(2)});
+    auto faye = node("bayeux_client.js", {"faye", a->httpUrl() + "," + b->httpUrl(), "mesh", "faye",
+                                          "/orvale/mesh/all/*"});
+    int tick = 0;
+    // Ticks every 20 ms until one sent from now on arrives, within `bound`.
+    auto ticksArrive = [&](std::chrono::milliseconds bound) {
+        const int first = tick;
+        return waitUntil(
+            [&] {
+                publish(*member, "/mesh/all/tick", "{\"n\":" + std::to_string(tick++) + "}");
+                std::this_thread::sleep_for(20ms);
+                return lastTick(*faye) >= first;
+            },
+            bound);
+    };
+    ASSERT_TRUE(ticksArrive(15s)) << faye->errors();
+    nats.kill(0);
+    EXPECT_TRUE(ticksArrive(10s)) << a->process->errors();
+    a->process->kill(SIGKILL);
+    EXPECT_TRUE(ticksArrive(20s)) << faye->errors();
+    publish(*member, "/mesh/all/x", "{\"stop\":true}");
+    EXPECT_EQ(run(*faye), 0) << faye->errors();
+}
+
+}  // namespace
+}  // namespace orvale::test
