@@ -119,6 +119,11 @@ NatsLinkStats ClusteredServer::linkStats() const {
     return link_->stats();
 }
 
+std::optional<ClusterStats> ClusteredServer::clusterStats() const {
+    const NatsLinkStats link = link_->stats();
+    return ClusterStats{link.connected, link.published, link.received, link.lost, link.reconnects};
+}
+
 std::string ClusteredServer::countInterest(const std::string& clientId, const std::string& pattern,
                                            bool add) {
     const ChannelName name(pattern);

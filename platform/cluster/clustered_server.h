@@ -43,6 +43,7 @@ class ClusteredServer final : public BayeuxServer {
     void acceptPublish(std::shared_ptr<const PublishRequest> request) override;
 
     NatsLinkStats linkStats() const;
+    std::optional<ClusterStats> clusterStats() const override;
 
   private:
     void onMessage(std::string_view subject, std::string_view payload);

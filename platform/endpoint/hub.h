@@ -18,9 +18,11 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 #include "browser_id.h"
 #include "connector/bayeux/endpoint.h"
@@ -41,6 +43,16 @@ struct Sender {
     // (or set by the upgrade's answer); empty when none.
     std::string browser;
     std::shared_ptr<ConnectionSessions> sessions;
+};
+
+// What the hub holds at one moment, for the operator routes.
+struct HubFigures {
+    std::size_t webSocketSessions = 0;
+    std::size_t longPollingSessions = 0;
+    std::size_t subscriptions = 0;  // (session, channel pattern) pairs
+    std::size_t channels = 0;       // distinct channel patterns subscribed to
+    bool accepting = false;         // new sessions are welcome: not full, not shutting down
+    std::optional<ClusterStats> cluster;
 };
 
 struct FrameOutcome {
@@ -72,14 +84,15 @@ class Hub {
                              FrameBuilder& out) const;
 
     // Appends what is queued for `session` when `link` is its WebSocket.
-    static void appendDeliveries(RemoteSession& session, const std::shared_ptr<Link>& link,
-                                 FrameBuilder& out);
+    void appendDeliveries(RemoteSession& session, const std::shared_ptr<Link>& link,
+                          FrameBuilder& out) const;
 
     void sweep(Clock::time_point now);
     // Ends every session and refuses new handshakes.
     void shutdown();
 
     std::size_t sessionCount() const;
+    HubFigures figures() const;
     const EndpointOptions& options() const { return options_; }
     // The endpoint's counters, shared with its connections and sessions.
     const std::shared_ptr<Gauges>& gauges() const { return gauges_; }
@@ -101,8 +114,18 @@ class Hub {
                             FrameBuilder& out);
     void publish(std::unique_ptr<PublishRequest> request, FrameBuilder& out);
 
+    // Appends an error reply to `request`, counted among the refusals.
+    void refuse(FrameBuilder& out, const BayeuxMessage& request, std::string error,
+                std::optional<Advice> advice = std::nullopt) const;
+    void refuseUnknownClient(FrameBuilder& out, const BayeuxMessage& request) const;
+    // Appends `deliveries` to `out`, counting them and their latency.
+    void appendCounted(const std::vector<Delivery>& deliveries, FrameBuilder& out) const;
+    // Counts one session more (or less) on each of `channels`.
+    void countSubscriptions(const std::vector<std::string>& channels, bool added);
+
     std::shared_ptr<RemoteSession> find(const std::string& id) const;
-    void remove(const std::shared_ptr<RemoteSession>& session, std::string_view why);
+    void remove(const std::shared_ptr<RemoteSession>& session, std::string_view why,
+                bool expired = false);
     Advice connectAdvice() const;
     QueueBounds queueBounds() const;
 
@@ -116,6 +139,15 @@ class Hub {
     std::unordered_map<std::string, std::shared_ptr<RemoteSession>> sessions_
         ORVALE_GUARDED_BY(mutex_);
     bool accepting_ ORVALE_GUARDED_BY(mutex_) = true;
+
+    // Sessions per subscribed channel pattern. Taken on subscription changes only, never with
+    // mutex_ or a session's lock held.
+    mutable common::Mutex channelsMutex_;
+    std::unordered_map<std::string, std::size_t> subscribers_ ORVALE_GUARDED_BY(channelsMutex_);
+    std::size_t subscriptions_ ORVALE_GUARDED_BY(channelsMutex_) = 0;
+
+    // When the queue lengths were last sampled; sweep() alone touches it.
+    Clock::time_point lastSample_{};
 };
 
 }  // namespace connector::bayeux::endpoint

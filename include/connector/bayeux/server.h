@@ -11,7 +11,9 @@
 // session's deliver. It calls a session's deliver on its delivery threads, never under a lock.
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -31,9 +33,20 @@ class BayeuxSession {
                          const std::shared_ptr<const PublishRequest>& request) = 0;
 };
 
+// A cluster member's link to the others, since it joined.
+struct ClusterStats {
+    bool connected = false;
+    std::uint64_t published = 0;   // messages sent to the cluster
+    std::uint64_t received = 0;    // messages received from it
+    std::uint64_t lost = 0;        // messages that could be neither sent nor kept for later
+    std::uint64_t reconnects = 0;  // times the link came back after an outage
+};
+
 class BayeuxServer {
   public:
     virtual ~BayeuxServer() = default;
+    // The link of a server that is a member of a cluster; nothing for one that is not.
+    virtual std::optional<ClusterStats> clusterStats() const { return std::nullopt; }
     virtual void registerSession(std::weak_ptr<BayeuxSession> session) = 0;
     // Drops the session and every subscription it still holds, without announcing them.
     virtual void unregisterSession(const std::shared_ptr<BayeuxSession>& session) = 0;
