@@ -19,7 +19,7 @@ const char* const kUsage =
                    [--max-sessions N] [--max-sessions-per-connection N] [--max-connections N]
                    [--max-queue-bytes B] [--max-output-bytes B] [--max-messages-per-frame N]
                    [--connect-grace MS] [--ws-idle-timeout MS] [--log-format text|json]
-                   [--cluster nats://H:P[,nats://H:P...]]
+                   [--cluster nats://H:P[,nats://H:P...]] [--operator-routes]
 
 Serves Bayeux clients (CometD, Faye, orvale client services) over WebSocket and HTTP
 long-polling at ws://H:P/path, printing that URL on the first line of stdout, until SIGINT or
@@ -52,6 +52,11 @@ SIGTERM.
                          closed; at least twice --connect-timeout (default 60000)
   --cluster URLS         join the hubs and host processes of a cluster through these NATS
                          servers (comma-separated): every member's clients share channels
+  --operator-routes      also serve, on this port and without the API key: /metrics
+                         (Prometheus), /healthz (200 while the process runs), /readyz (200
+                         while new sessions are welcome and any cluster link is up, else 503),
+                         /status (a live page) and /status.json; off by default, since they
+                         show channel names and load to whoever reaches the port
   --log-format F         text (default): "orvale [severity] logger: message" lines on stderr;
                          json: one object a line, {"time","severity","logger","message"} and
                          "fields" for structured records
@@ -71,7 +76,7 @@ int runServe(const Words& words) {
          "--session-timeout", "--max-sessions", "--max-connections", "--max-queue-bytes",
          "--max-output-bytes", "--ws-idle-timeout", "--max-sessions-per-connection",
          "--max-messages-per-frame", "--connect-grace", "--log-format", "--cluster"},
-        {"--help"});
+        {"--help", "--operator-routes"});
     if (args.has("--help")) {
         std::cout << kUsage;
         return 0;
@@ -111,6 +116,7 @@ int runServe(const Words& words) {
         args.number("--max-messages-per-frame", options.maxMessagesPerFrame, 1, 10000000);
     options.connectGrace = std::chrono::milliseconds(
         args.number("--connect-grace", options.connectGrace.count(), 1, 86400000));
+    options.operatorRoutes = args.has("--operator-routes");
 
     // On a machine of fewer than four cores one delivery thread beside the hub's one I/O thread
     // beats more threads taking turns on the same cores.

@@ -22,6 +22,7 @@
 #include "connections.h"
 #include "connector/log/diagnostic_logger.h"
 #include "hub.h"
+#include "operator_routes.h"
 
 namespace connector::bayeux::endpoint {
 
@@ -96,6 +97,7 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
         if (ec == http::error::body_limit) {
             logger.log(log::warning, "Refused an HTTP body over ", hub_->options().maxMessageBytes,
                        " bytes");
+            hub_->gauges()->countRefusal("413");
             keepAlive_ = false;
             return respond(http::status::payload_too_large, "", "text/plain");
         }
@@ -107,6 +109,10 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
         HttpRequest& request = parser_->get();
         keepAlive_ = request.keep_alive();
         version_ = request.version();
+        if (hub_->options().operatorRoutes) {
+            if (auto answer = answerOperatorRequest(*hub_, request))
+                return respond(answer->status, std::move(answer->body), answer->contentType);
+        }
         if (!servesPath(request.target()))
             return respond(http::status::not_found, "", "text/plain");
         if (beast::websocket::is_upgrade(request)) {
@@ -182,6 +188,7 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
             return close();
         }
         meter_.set(body.size());
+        hub_->gauges()->sentBytes.fetch_add(body.size(), std::memory_order_relaxed);
         response_.emplace(status, version_);
         response_->set(http::field::server, "orvale");
         response_->set(http::field::content_type, contentType);

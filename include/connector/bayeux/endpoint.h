@@ -53,6 +53,10 @@ struct EndpointOptions {
     // peer leaves a write unfinished for this long, is closed. At least twice connectTimeout
     // is used, since a client waiting on a held connect sends nothing meanwhile.
     std::chrono::milliseconds webSocketIdleTimeout{60000};
+    // Serve the operator's routes on the endpoint's port too: /metrics (Prometheus), /healthz,
+    // /readyz, /status (a live page) and /status.json. Off by default: they need no API key
+    // and tell whoever reaches the port the channel names and the load.
+    bool operatorRoutes = false;
 };
 
 // What the endpoint holds at one moment, and what it has dropped since it started.
