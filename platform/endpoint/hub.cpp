@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <utility>
 
 #include "bayeux/codec.h"
 #include "connector/bayeux/channel.h"
@@ -145,6 +146,7 @@ FrameOutcome Hub::handleFrame(std::string_view frame, const std::shared_ptr<Link
                                         std::memory_order_relaxed);
     // The sender of the previous message: a frame's messages nearly always share one.
     std::shared_ptr<RemoteSession> session;
+    FramePublishes publishes;
     for (auto& message : decoded.messages) {
         const Kind kind = message->kind();
         if (kind == Kind::HandshakeRequest) {
@@ -186,12 +188,16 @@ FrameOutcome Hub::handleFrame(std::string_view frame, const std::shared_ptr<Link
             case Kind::PublishRequest:
                 publish(std::unique_ptr<PublishRequest>(
                             static_cast<PublishRequest*>(message.release())),
-                        out);
+                        out, publishes);
                 break;
             default:
                 refuse(out, *message, "400::Not a client message");
                 break;
         }
+    }
+    if (publishes.accepted != 0) {
+        gauges_->publishedMessages.fetch_add(publishes.accepted, std::memory_order_relaxed);
+        countPublishes(publishes);
     }
     return outcome;
 }
@@ -372,20 +378,31 @@ void Hub::changeSubscription(const Request& request, const std::shared_ptr<Remot
     appendMessage(out, response);
 }
 
-void Hub::publish(std::unique_ptr<PublishRequest> request, FrameBuilder& out) {
+void Hub::publish(std::unique_ptr<PublishRequest> request, FrameBuilder& out,
+                  FramePublishes& publishes) {
     const ChannelName channel(request->getChannel());
     if (auto problem = channelProblem(channel, false)) {
         refuse(out, *request, std::move(*problem));
         return;
     }
     appendPublishAck(out, request->getChannel(), request->getId());
-    gauges_->publishedMessages.fetch_add(1, std::memory_order_relaxed);
-    gauges_->channels.count(request->getChannel());
+    ++publishes.accepted;
+    if (publishes.run != 0 && publishes.channel != request->getChannel())
+        countPublishes(publishes);
+    if (publishes.run++ == 0)
+        publishes.channel.assign(request->getChannel());
     // A message on a service channel is meant for the server alone: no subscriber receives it.
     if (channel.isService())
         return;
-    request->setReceivedAt(steadyNanoseconds());
+    if (publishes.receivedAt == 0)
+        publishes.receivedAt = steadyNanoseconds();
+    request->setReceivedAt(publishes.receivedAt);
     server_->acceptPublish(std::shared_ptr<const PublishRequest>(std::move(request)));
+}
+
+void Hub::countPublishes(FramePublishes& publishes) const {
+    if (publishes.run != 0)
+        gauges_->channels.count(publishes.channel, std::exchange(publishes.run, 0));
 }
 
 std::shared_ptr<RemoteSession> Hub::find(const std::string& id) const {
@@ -458,18 +475,21 @@ void Hub::shutdown() {
 void Hub::countSubscriptions(const std::vector<std::string>& channels, bool added) {
     if (channels.empty())
         return;
+    // A session closed while one of its subscriptions is being made may count that one out
+    // before it is counted in: counts go below zero for that moment, and channels are those
+    // with a positive count.
+    const std::int64_t step = added ? 1 : -1;
     common::MutexLock lock(channelsMutex_);
     for (const std::string& channel : channels) {
-        if (added) {
-            ++subscribers_[channel];
-            ++subscriptions_;
-            continue;
-        }
-        auto it = subscribers_.find(channel);
-        if (it == subscribers_.end())
-            continue;
-        --subscriptions_;
-        if (--it->second == 0)
+        subscriptions_ += step;
+        auto it = subscribers_.try_emplace(channel, 0).first;
+        const std::int64_t before = it->second;
+        it->second += step;
+        if (before <= 0 && it->second > 0)
+            ++channels_;
+        else if (before > 0 && it->second <= 0)
+            --channels_;
+        if (it->second == 0)
             subscribers_.erase(it);
     }
 }
@@ -485,8 +505,8 @@ HubFigures Hub::figures() const {
     }
     {
         common::MutexLock lock(channelsMutex_);
-        figures.subscriptions = subscriptions_;
-        figures.channels = subscribers_.size();
+        figures.subscriptions = static_cast<std::size_t>(std::max<std::int64_t>(subscriptions_, 0));
+        figures.channels = channels_;
     }
     figures.cluster = server_->clusterStats();
     return figures;

@@ -112,7 +112,17 @@ class Hub {
     template <class Request, class Response>
     void changeSubscription(const Request& request, const std::shared_ptr<RemoteSession>& session,
                             FrameBuilder& out);
-    void publish(std::unique_ptr<PublishRequest> request, FrameBuilder& out);
+    // The publishes of one frame, counted once the frame is handled: a frame often carries many
+    // on one channel, and the shared counters are then touched once, not once for each.
+    struct FramePublishes {
+        std::int64_t receivedAt = 0;  // read from the clock once, at the first publish
+        std::uint64_t accepted = 0;
+        std::string channel;  // the channel of the latest run of publishes
+        std::uint64_t run = 0;
+    };
+    void publish(std::unique_ptr<PublishRequest> request, FrameBuilder& out,
+                 FramePublishes& publishes);
+    void countPublishes(FramePublishes& publishes) const;
 
     // Appends an error reply to `request`, counted among the refusals.
     void refuse(FrameBuilder& out, const BayeuxMessage& request, std::string error,
@@ -143,8 +153,9 @@ class Hub {
     // Sessions per subscribed channel pattern. Taken on subscription changes only, never with
     // mutex_ or a session's lock held.
     mutable common::Mutex channelsMutex_;
-    std::unordered_map<std::string, std::size_t> subscribers_ ORVALE_GUARDED_BY(channelsMutex_);
-    std::size_t subscriptions_ ORVALE_GUARDED_BY(channelsMutex_) = 0;
+    std::unordered_map<std::string, std::int64_t> subscribers_ ORVALE_GUARDED_BY(channelsMutex_);
+    std::int64_t subscriptions_ ORVALE_GUARDED_BY(channelsMutex_) = 0;
+    std::size_t channels_ ORVALE_GUARDED_BY(channelsMutex_) = 0;  // with a positive count
 
     // When the queue lengths were last sampled; sweep() alone touches it.
     Clock::time_point lastSample_{};

@@ -15,3 +15,4 @@ orvale_test(operator_routes_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/operator_rout
     LIBS Boost::json OpenSSL::SSL OpenSSL::Crypto)
 target_compile_definitions(operator_routes_test PRIVATE
     ORVALE_SYSTEM_PYTHON="${ORVALE_SYSTEM_PYTHON}")
+orvale_test(channel_tally_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/channel_tally_test.cpp)
