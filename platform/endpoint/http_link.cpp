@@ -111,7 +111,7 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
         version_ = request.version();
         if (hub_->options().operatorRoutes) {
             if (auto answer = answerOperatorRequest(*hub_, request))
-                return respond(answer->status, std::move(answer->body), answer->contentType);
+                return respond(answer->status, std::move(answer->body), answer->contentType, false);
         }
         if (!servesPath(request.target()))
             return respond(http::status::not_found, "", "text/plain");
@@ -180,7 +180,9 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
         respond(http::status::ok, out.close(), "application/json;charset=UTF-8");
     }
 
-    void respond(http::status status, std::string body, const char* contentType) {
+    // `traffic`: the body counts among the bytes sent to Bayeux clients.
+    void respond(http::status status, std::string body, const char* contentType,
+                 bool traffic = true) {
         const std::size_t limit = hub_->options().maxOutputBytes;
         if (body.size() > limit) {
             logger.log(log::warning, "Closed a connection whose unread output passed ", limit,
@@ -188,7 +190,8 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
             return close();
         }
         meter_.set(body.size());
-        hub_->gauges()->sentBytes.fetch_add(body.size(), std::memory_order_relaxed);
+        if (traffic)
+            hub_->gauges()->sentBytes.fetch_add(body.size(), std::memory_order_relaxed);
         response_.emplace(status, version_);
         response_->set(http::field::server, "orvale");
         response_->set(http::field::content_type, contentType);
