@@ -68,6 +68,9 @@ std::int64_t steadyNanoseconds() {
         .count();
 }
 
+// One frame of publishes in this many has its deliveries' latency measured.
+constexpr std::uint64_t kTimeEvery = 8;
+
 // How often every session's queue length is sampled.
 constexpr std::chrono::seconds kSampleEvery{1};
 
@@ -335,12 +338,15 @@ void Hub::appendDeliveries(RemoteSession& session, const std::shared_ptr<Link>& 
 void Hub::appendCounted(const std::vector<Delivery>& deliveries, FrameBuilder& out) const {
     if (deliveries.empty())
         return;
-    const std::int64_t now = steadyNanoseconds();
+    std::int64_t now = 0;  // read only when a timed delivery is among them
     Histogram<kLatencyBounds.size()>::Batch latency(gauges_->latency);
     for (const auto& delivery : deliveries) {
         appendDelivery(out, *delivery);
-        if (const std::int64_t received = delivery->getReceivedAt(); received != 0)
+        if (const std::int64_t received = delivery->getReceivedAt(); received != 0) {
+            if (now == 0)
+                now = steadyNanoseconds();
             latency.observe(static_cast<std::uint64_t>(std::max<std::int64_t>(now - received, 0)));
+        }
     }
     gauges_->deliveredMessages.fetch_add(deliveries.size(), std::memory_order_relaxed);
     gauges_->latency.add(latency);
@@ -394,8 +400,14 @@ void Hub::publish(std::unique_ptr<PublishRequest> request, FrameBuilder& out,
     // A message on a service channel is meant for the server alone: no subscriber receives it.
     if (channel.isService())
         return;
-    if (publishes.receivedAt == 0)
-        publishes.receivedAt = steadyNanoseconds();
+    // One frame of publishes in kTimeEvery is timed: a sample of the latency that spares the
+    // others two clock reads.
+    if (publishes.timed == FramePublishes::Timed::Unknown) {
+        const bool timed = timedFrames_.fetch_add(1, std::memory_order_relaxed) % kTimeEvery == 0;
+        publishes.timed = timed ? FramePublishes::Timed::Yes : FramePublishes::Timed::No;
+        if (timed)
+            publishes.receivedAt = steadyNanoseconds();
+    }
     request->setReceivedAt(publishes.receivedAt);
     server_->acceptPublish(std::shared_ptr<const PublishRequest>(std::move(request)));
 }

@@ -115,7 +115,8 @@ class Hub {
     // The publishes of one frame, counted once the frame is handled: a frame often carries many
     // on one channel, and the shared counters are then touched once, not once for each.
     struct FramePublishes {
-        std::int64_t receivedAt = 0;  // read from the clock once, at the first publish
+        enum class Timed { Unknown, Yes, No } timed = Timed::Unknown;
+        std::int64_t receivedAt = 0;  // of a timed frame: read once, at its first publish
         std::uint64_t accepted = 0;
         std::string channel;  // the channel of the latest run of publishes
         std::uint64_t run = 0;
@@ -144,6 +145,7 @@ class Hub {
     const std::shared_ptr<Gauges> gauges_ = std::make_shared<Gauges>();
     const BrowserIds browsers_;
     std::atomic<std::uint64_t> lastConnection_{0};
+    std::atomic<std::uint64_t> timedFrames_{0};  // frames of publishes seen, to time one in 8
 
     mutable common::SharedMutex mutex_;
     std::unordered_map<std::string, std::shared_ptr<RemoteSession>> sessions_
