@@ -66,7 +66,8 @@ struct Gauges {
     std::atomic<std::uint64_t> sentBytes{0};
     std::array<std::atomic<std::uint64_t>, kHandshakeOutcomes> handshakes{};
     std::array<std::atomic<std::uint64_t>, kRefusalCodes.size()> refusals{};
-    // From a client's publish reaching the hub to its delivery entering a subscriber's frame.
+    // From a client's publish reaching the hub to its delivery entering a subscriber's frame,
+    // for the publishes of one frame in eight.
     Histogram<kLatencyBounds.size()> latency{kLatencyBounds};
     // Every session's queue length, sampled each second.
     Histogram<kQueueBounds.size()> queueLengths{kQueueBounds};
