@@ -20,6 +20,7 @@ const char* const kUsage =
                    [--max-queue-bytes B] [--max-output-bytes B] [--max-messages-per-frame N]
                    [--connect-grace MS] [--ws-idle-timeout MS] [--log-format text|json]
                    [--cluster nats://H:P[,nats://H:P...]] [--allow-origin O[,O...]] [--deflate]
+                   [--operator-routes]
 
 Serves Bayeux clients (CometD, Faye, orvale client services) over WebSocket and HTTP
 long-polling at ws://H:P/path, printing that URL on the first line of stdout, until SIGINT or
@@ -58,6 +59,11 @@ SIGTERM.
                          403 for other origins' pages; '*' allows every origin (default: none)
   --deflate              permessage-deflate for WebSocket clients that offer it (default off);
                          a frame inflating past 1 MiB closes its connection
+  --operator-routes      also serve, on this port and without the API key: /metrics
+                         (Prometheus), /healthz (200 while the process runs), /readyz (200
+                         while new sessions are welcome and any cluster link is up, else 503),
+                         /status (a live page) and /status.json; off by default, since they
+                         show channel names and load to whoever reaches the port
   --log-format F         text (default): "orvale [severity] logger: message" lines on stderr;
                          json: one object a line, {"time","severity","logger","message"} and
                          "fields" for structured records
@@ -81,7 +87,7 @@ int runServe(const Words& words) {
          "--max-output-bytes", "--ws-idle-timeout", "--max-sessions-per-connection",
          "--max-messages-per-frame", "--connect-grace", "--log-format", "--cluster",
          "--allow-origin"},
-        {"--help", "--deflate"});
+        {"--help", "--deflate", "--operator-routes"});
     if (args.has("--help")) {
         std::cout << kUsage;
         return 0;
@@ -127,6 +133,7 @@ int runServe(const Words& words) {
         origins = comma == std::string::npos ? std::string() : origins.substr(comma + 1);
     }
     options.deflate = args.has("--deflate");
+    options.operatorRoutes = args.has("--operator-routes");
 
     // On a machine of fewer than four cores one delivery thread beside the hub's one I/O thread
     // beats more threads taking turns on the same cores.

@@ -119,17 +119,6 @@ void ClusteredServer::acceptPublish(std::shared_ptr<const PublishRequest> reques
     link_->publish(subject, payload);
 }
 
-ClusterStats ClusteredServer::stats() const {
-    const NatsLinkStats link = link_->stats();
-    ClusterStats out;
-    out.connected = link.connected;
-    out.published = link.published;
-    out.received = link.received;
-    out.lost = link.lost;
-    out.reconnects = link.reconnects;
-    return out;
-}
-
 bool ClusteredServer::Seen::first(std::uint64_t sequence) {
     if (sequence > highest_) {
         if (sequence - highest_ >= kWindow) {
@@ -146,6 +135,11 @@ bool ClusteredServer::Seen::first(std::uint64_t sequence) {
         return false;
     recent_.set(sequence % kWindow);
     return true;
+}
+
+std::optional<ClusterStats> ClusteredServer::clusterStats() const {
+    const NatsLinkStats link = link_->stats();
+    return ClusterStats{link.connected, link.published, link.received, link.lost, link.reconnects};
 }
 
 std::string ClusteredServer::countInterest(const std::string& clientId, const std::string& pattern,

@@ -44,7 +44,7 @@ class ClusteredServer final : public BayeuxServer {
     void acceptSubscribe(std::shared_ptr<const SubscribeRequest> request) override;
     void acceptPublish(std::shared_ptr<const PublishRequest> request) override;
 
-    ClusterStats stats() const;
+    std::optional<ClusterStats> clusterStats() const override;
 
   private:
     void onMessage(std::string_view subject, std::string_view payload);

@@ -1,25 +1,86 @@
 #pragma once
-// The endpoint's running totals: open connections, output waiting for peers, and deliveries
-// dropped from full queues. The listener, the connections and the sessions update them; stats()
-// reads them. Lock-free: every counter is a relaxed atomic, since readers want a recent value,
-// not one consistent with the others.
+// The endpoint's running totals: open connections, output waiting for peers, traffic in and out,
+// handshakes and refusals, messages dropped and why, and the histograms of delivery latency and
+// queue lengths. The listener, the connections and the sessions update them; stats() and the
+// operator routes read them. Lock-free: every counter is a relaxed atomic, since readers want a
+// recent value, not one consistent with the others, and nothing on the delivery path may wait.
 //
 // ConnectionSlot holds one unit of `connections` for as long as a connection lives, moving with
 // it from the HTTP link to the WebSocket link it upgrades to. OutputMeter keeps one connection's
 // share of `outputBytes`. Both belong to the connection's I/O thread.
 
+#include <array>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string_view>
 #include <utility>
+
+#include "channel_tally.h"
+#include "histogram.h"
 
 namespace connector::bayeux::endpoint {
 
+enum class HandshakeOutcome { Accepted, Unauthorized, SessionLimit, ConnectionLimit, ShuttingDown };
+inline constexpr std::size_t kHandshakeOutcomes = 5;
+
+// The error codes refusals are counted by; the last counts any other.
+inline constexpr std::array<std::string_view, 7> kRefusalCodes = {"400", "402", "403",  "405",
+                                                                  "413", "503", "other"};
+
+// The counter of kRefusalCodes for an error text such as "402::Unknown client".
+inline std::size_t refusalIndex(std::string_view error) {
+    const std::string_view code = error.substr(0, error.find(':'));
+    for (std::size_t i = 0; i + 1 < kRefusalCodes.size(); ++i)
+        if (code == kRefusalCodes[i])
+            return i;
+    return kRefusalCodes.size() - 1;
+}
+
+// Upper bounds of the publish-to-delivery latency buckets, in nanoseconds: 50 us to 10 s.
+inline constexpr std::array<std::uint64_t, 16> kLatencyBounds = {
+    50'000,      100'000,      250'000,       500'000,       1'000'000,   2'500'000,
+    5'000'000,   10'000'000,   25'000'000,    50'000'000,    100'000'000, 250'000'000,
+    500'000'000, 1000'000'000, 2'500'000'000, 10'000'000'000};
+// Upper bounds of the queue-length buckets, in messages.
+inline constexpr std::array<std::uint64_t, 8> kQueueBounds = {0,    1,     10,     100,
+                                                              1000, 10000, 100000, 1000000};
+
 struct Gauges {
     std::atomic<std::size_t> connections{0};
+    std::atomic<std::size_t> webSocketConnections{0};  // of `connections`
     std::atomic<std::size_t> outputBytes{0};
+    // Deliveries lost: to full session queues, still queued when their session expired, and in
+    // the output of a connection closed because its peer fell too far behind.
     std::atomic<std::uint64_t> droppedMessages{0};
+    std::atomic<std::uint64_t> expiredMessages{0};
+    std::atomic<std::uint64_t> slowConsumerMessages{0};
+    // Traffic: Bayeux messages and bytes clients sent, publishes accepted from them, deliveries
+    // written to them and the bytes of every reply and delivery frame.
+    std::atomic<std::uint64_t> receivedMessages{0};
+    std::atomic<std::uint64_t> receivedBytes{0};
+    std::atomic<std::uint64_t> publishedMessages{0};
+    std::atomic<std::uint64_t> deliveredMessages{0};
+    std::atomic<std::uint64_t> sentBytes{0};
+    std::array<std::atomic<std::uint64_t>, kHandshakeOutcomes> handshakes{};
+    std::array<std::atomic<std::uint64_t>, kRefusalCodes.size()> refusals{};
+    // From a client's publish reaching the hub to its delivery entering a subscriber's frame,
+    // for the publishes of one frame in eight.
+    Histogram<kLatencyBounds.size()> latency{kLatencyBounds};
+    // Every session's queue length, sampled each second.
+    Histogram<kQueueBounds.size()> queueLengths{kQueueBounds};
+    // Publishes by channel, for the busiest channels.
+    ChannelTally channels;
+    const std::chrono::system_clock::time_point started = std::chrono::system_clock::now();
+
+    void countHandshake(HandshakeOutcome outcome) {
+        handshakes[static_cast<std::size_t>(outcome)].fetch_add(1, std::memory_order_relaxed);
+    }
+    void countRefusal(std::string_view error, std::uint64_t times = 1) {
+        refusals[refusalIndex(error)].fetch_add(times, std::memory_order_relaxed);
+    }
 };
 
 class ConnectionSlot {
@@ -29,11 +90,13 @@ class ConnectionSlot {
         if (gauges_)
             gauges_->connections.fetch_add(1, std::memory_order_relaxed);
     }
-    ConnectionSlot(ConnectionSlot&& other) noexcept : gauges_(std::move(other.gauges_)) {}
+    ConnectionSlot(ConnectionSlot&& other) noexcept
+        : gauges_(std::move(other.gauges_)), webSocket_(std::exchange(other.webSocket_, false)) {}
     ConnectionSlot& operator=(ConnectionSlot&& other) noexcept {
         if (this != &other) {
             release();
             gauges_ = std::move(other.gauges_);
+            webSocket_ = std::exchange(other.webSocket_, false);
         }
         return *this;
     }
@@ -43,14 +106,26 @@ class ConnectionSlot {
 
     const std::shared_ptr<Gauges>& gauges() const { return gauges_; }
 
+    // The connection now speaks WebSocket.
+    void upgraded() {
+        if (gauges_ && !webSocket_)
+            gauges_->webSocketConnections.fetch_add(1, std::memory_order_relaxed);
+        webSocket_ = true;
+    }
+
   private:
     void release() {
-        if (gauges_)
+        if (gauges_) {
             gauges_->connections.fetch_sub(1, std::memory_order_relaxed);
+            if (webSocket_)
+                gauges_->webSocketConnections.fetch_sub(1, std::memory_order_relaxed);
+        }
         gauges_.reset();
+        webSocket_ = false;
     }
 
     std::shared_ptr<Gauges> gauges_;
+    bool webSocket_ = false;
 };
 
 class OutputMeter {

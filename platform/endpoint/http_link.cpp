@@ -28,6 +28,7 @@
 #include "connector/log/diagnostic_logger.h"
 #include "cross_origin.h"
 #include "hub.h"
+#include "operator_routes.h"
 
 namespace connector::bayeux::endpoint {
 
@@ -102,6 +103,7 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
         if (ec == http::error::body_limit) {
             logger.log(log::warning, "Refused an HTTP body over ", hub_->options().maxMessageBytes,
                        " bytes");
+            hub_->gauges()->countRefusal("413");
             keepAlive_ = false;
             return respond(http::status::payload_too_large, "", "text/plain");
         }
@@ -115,6 +117,10 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
         jsonp_.clear();
         keepAlive_ = request.keep_alive();
         version_ = request.version();
+        if (hub_->options().operatorRoutes) {
+            if (auto answer = answerOperatorRequest(*hub_, request))
+                return respond(answer->status, std::move(answer->body), answer->contentType, false);
+        }
         if (!servesPath(request.target()))
             return respond(http::status::not_found, "", "text/plain");
         const auto& allowed = hub_->options().allowedOrigins;
@@ -210,7 +216,9 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
         respond(http::status::ok, out.close(), "application/json;charset=UTF-8");
     }
 
-    void respond(http::status status, std::string body, const char* contentType) {
+    // `traffic`: the body counts among the bytes sent to Bayeux clients.
+    void respond(http::status status, std::string body, const char* contentType,
+                 bool traffic = true) {
         const std::size_t limit = hub_->options().maxOutputBytes;
         if (body.size() > limit) {
             logger.log(log::warning, "Closed a connection whose unread output passed ", limit,
@@ -224,6 +232,8 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
             body = "/**/" + jsonp_ + "(" + body + ");";
             contentType = "text/javascript;charset=UTF-8";
         }
+        if (traffic)
+            hub_->gauges()->sentBytes.fetch_add(body.size(), std::memory_order_relaxed);
         response_.emplace(status, version_);
         response_->set(http::field::server, "orvale");
         response_->set(http::field::content_type, contentType);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <utility>
 
 #include "bayeux/codec.h"
 #include "connector/bayeux/channel.h"
@@ -62,19 +63,16 @@ std::unique_ptr<BayeuxResponse> responseFor(const BayeuxMessage& request) {
     return response;
 }
 
-void appendError(FrameBuilder& out, const BayeuxMessage& request, std::string error,
-                 std::optional<Advice> advice = std::nullopt) {
-    auto response = responseFor(request);
-    response->setSuccessful(false);
-    response->setError(std::move(error));
-    if (advice)
-        response->setAdvice(std::move(*advice));
-    appendMessage(out, *response);
+std::int64_t steadyNanoseconds() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch())
+        .count();
 }
 
-void appendUnknownClient(FrameBuilder& out, const BayeuxMessage& request) {
-    appendError(out, request, "402::Unknown client", Advice{"handshake", 0, -1});
-}
+// One frame of publishes in this many has its deliveries' latency measured.
+constexpr std::uint64_t kTimeEvery = 8;
+
+// How often every session's queue length is sampled.
+constexpr std::chrono::seconds kSampleEvery{1};
 
 // The reply to a subscription change or publish on a channel this client may not use, if any.
 std::optional<std::string> channelProblem(const ChannelName& name, bool pattern) {
@@ -94,6 +92,21 @@ bool frameLevel(const codec::DecodeError& error) {
 
 Hub::Hub(std::shared_ptr<BayeuxServer> server, EndpointOptions options)
     : server_(std::move(server)), options_(std::move(options)) {}
+
+void Hub::refuse(FrameBuilder& out, const BayeuxMessage& request, std::string error,
+                 std::optional<Advice> advice) const {
+    gauges_->countRefusal(error);
+    auto response = responseFor(request);
+    response->setSuccessful(false);
+    response->setError(std::move(error));
+    if (advice)
+        response->setAdvice(std::move(*advice));
+    appendMessage(out, *response);
+}
+
+void Hub::refuseUnknownClient(FrameBuilder& out, const BayeuxMessage& request) const {
+    refuse(out, request, "402::Unknown client", Advice{"handshake", 0, -1});
+}
 
 QueueBounds Hub::queueBounds() const {
     return QueueBounds{options_.maxQueuePerSession, options_.maxQueueBytes, gauges_};
@@ -117,8 +130,10 @@ FrameOutcome Hub::handleFrame(std::string_view frame, const std::shared_ptr<Link
     FrameOutcome outcome;
     // The delivery threads are woken once for the frame, not once for each publish in it.
     const DeferredWakes wakes;
+    gauges_->receivedBytes.fetch_add(frame.size(), std::memory_order_relaxed);
     codec::Decoded decoded = codec::decodeFromClient(frame, options_.maxMessagesPerFrame);
     if (decoded.tooManyMessages) {
+        gauges_->countRefusal("413");
         logger.log(log::warning, "Refused a frame of more than ", options_.maxMessagesPerFrame,
                    " messages");
         outcome.tooManyMessages = true;
@@ -128,9 +143,13 @@ FrameOutcome Hub::handleFrame(std::string_view frame, const std::shared_ptr<Link
         outcome.unreadable = std::any_of(decoded.errors.begin(), decoded.errors.end(), frameLevel);
         logger.log(log::trace, "Refused what a client sent: ", decoded.errors.front().text());
         appendDecodeFailures(out, decoded.errors);
+        gauges_->countRefusal("400", decoded.errors.size());
     }
+    gauges_->receivedMessages.fetch_add(decoded.messages.size() + decoded.errors.size(),
+                                        std::memory_order_relaxed);
     // The sender of the previous message: a frame's messages nearly always share one.
     std::shared_ptr<RemoteSession> session;
+    FramePublishes publishes;
     for (auto& message : decoded.messages) {
         const Kind kind = message->kind();
         if (kind == Kind::HandshakeRequest) {
@@ -149,7 +168,7 @@ FrameOutcome Hub::handleFrame(std::string_view frame, const std::shared_ptr<Link
             }
         }
         if (!session) {
-            appendUnknownClient(out, *message);
+            refuseUnknownClient(out, *message);
             continue;
         }
         switch (kind) {
@@ -172,12 +191,16 @@ FrameOutcome Hub::handleFrame(std::string_view frame, const std::shared_ptr<Link
             case Kind::PublishRequest:
                 publish(std::unique_ptr<PublishRequest>(
                             static_cast<PublishRequest*>(message.release())),
-                        out);
+                        out, publishes);
                 break;
             default:
-                appendError(out, *message, "400::Not a client message");
+                refuse(out, *message, "400::Not a client message");
                 break;
         }
+    }
+    if (publishes.accepted != 0) {
+        gauges_->publishedMessages.fetch_add(publishes.accepted, std::memory_order_relaxed);
+        countPublishes(publishes);
     }
     return outcome;
 }
@@ -192,8 +215,9 @@ bool Hub::takeConnectionSession(const HandshakeRequest& request, const Sender& s
     if (!sender.sessions->refused.exchange(true, std::memory_order_relaxed))
         logger.log(log::warning, "Refused handshakes over a connection that has ",
                    options_.maxSessionsPerConnection, " sessions already");
-    appendError(out, request, "503::Too many sessions on this connection",
-                Advice{"handshake", kRetryHandshakeMs, -1});
+    gauges_->countHandshake(HandshakeOutcome::ConnectionLimit);
+    refuse(out, request, "503::Too many sessions on this connection",
+           Advice{"handshake", kRetryHandshakeMs, -1});
     return false;
 }
 
@@ -201,7 +225,8 @@ void Hub::handshake(const HandshakeRequest& request, const Sender& sender, Frame
                     FrameOutcome& outcome) {
     if (!options_.apiKey.empty() && !sameKey(apiKeyOf(request.getExt()), options_.apiKey)) {
         logger.log(log::warning, "Refused a handshake without the right API key");
-        appendError(out, request, "403::Unauthorized", Advice{"none", 0, -1});
+        gauges_->countHandshake(HandshakeOutcome::Unauthorized);
+        refuse(out, request, "403::Unauthorized", Advice{"none", 0, -1});
         return;
     }
     if (!takeConnectionSession(request, sender, out))
@@ -223,8 +248,8 @@ void Hub::handshake(const HandshakeRequest& request, const Sender& sender, Frame
         if (!accepting_) {
             lock.unlock();
             sender.sessions->live.fetch_sub(1, std::memory_order_relaxed);
-            appendError(out, request, "503::Shutting down",
-                        Advice{"handshake", kRetryHandshakeMs, -1});
+            gauges_->countHandshake(HandshakeOutcome::ShuttingDown);
+            refuse(out, request, "503::Shutting down", Advice{"handshake", kRetryHandshakeMs, -1});
             return;
         }
         if (sessions_.size() >= options_.maxSessions) {
@@ -232,8 +257,9 @@ void Hub::handshake(const HandshakeRequest& request, const Sender& sender, Frame
             sender.sessions->live.fetch_sub(1, std::memory_order_relaxed);
             logger.log(log::warning, "Refused a handshake: ", options_.maxSessions,
                        " sessions already");
-            appendError(out, request, "503::Too many sessions",
-                        Advice{"handshake", kRetryHandshakeMs, -1});
+            gauges_->countHandshake(HandshakeOutcome::SessionLimit);
+            refuse(out, request, "503::Too many sessions",
+                   Advice{"handshake", kRetryHandshakeMs, -1});
             return;
         }
         std::string id;
@@ -245,6 +271,7 @@ void Hub::handshake(const HandshakeRequest& request, const Sender& sender, Frame
         sessions_.emplace(std::move(id), session);
     }
     session->runServerCalls(*server_);
+    gauges_->countHandshake(HandshakeOutcome::Accepted);
     logger.log(log::trace, "Session ", session->id(), " opened");
 
     HandshakeResponse response;
@@ -269,7 +296,7 @@ void Hub::connect(const ConnectRequest& request, const std::shared_ptr<RemoteSes
                                          hold, Clock::now(), token);
     switch (answer) {
         case RemoteSession::ConnectAnswer::Closed:
-            appendUnknownClient(out, request);
+            refuseUnknownClient(out, request);
             break;
         case RemoteSession::ConnectAnswer::Held:
             outcome.heldSession = session;
@@ -288,8 +315,7 @@ void Hub::appendConnectAnswer(RemoteSession& session, const std::shared_ptr<Link
     if (transport == Transport::LongPolling) {
         std::vector<Delivery> deliveries;
         session.takeDeliveries(link, true, deliveries);
-        for (const auto& delivery : deliveries)
-            appendDelivery(out, *delivery);
+        appendCounted(deliveries, out);
     } else {
         appendDeliveries(session, link, out);
     }
@@ -307,11 +333,27 @@ void Hub::appendConnectAnswer(RemoteSession& session, const std::shared_ptr<Link
 }
 
 void Hub::appendDeliveries(RemoteSession& session, const std::shared_ptr<Link>& link,
-                           FrameBuilder& out) {
+                           FrameBuilder& out) const {
     std::vector<Delivery> deliveries;
     session.takeDeliveries(link, false, deliveries);
-    for (const auto& delivery : deliveries)
+    appendCounted(deliveries, out);
+}
+
+void Hub::appendCounted(const std::vector<Delivery>& deliveries, FrameBuilder& out) const {
+    if (deliveries.empty())
+        return;
+    std::int64_t now = 0;  // read only when a timed delivery is among them
+    Histogram<kLatencyBounds.size()>::Batch latency(gauges_->latency);
+    for (const auto& delivery : deliveries) {
         appendDelivery(out, *delivery);
+        if (const std::int64_t received = delivery->getReceivedAt(); received != 0) {
+            if (now == 0)
+                now = steadyNanoseconds();
+            latency.observe(static_cast<std::uint64_t>(std::max<std::int64_t>(now - received, 0)));
+        }
+    }
+    gauges_->deliveredMessages.fetch_add(deliveries.size(), std::memory_order_relaxed);
+    gauges_->latency.add(latency);
 }
 
 void Hub::disconnect(const DisconnectRequest& request,
@@ -328,33 +370,55 @@ void Hub::changeSubscription(const Request& request, const std::shared_ptr<Remot
                              FrameBuilder& out) {
     const std::string& channel = request.getChannel();
     if (auto problem = channelProblem(ChannelName(channel), true)) {
-        appendError(out, request, std::move(*problem));
+        refuse(out, request, std::move(*problem));
         return;
     }
     const auto change = std::is_same_v<Request, SubscribeRequest> ? session->subscribe(channel)
                                                                   : session->unsubscribe(channel);
     if (change == RemoteSession::Change::Closed) {
-        appendUnknownClient(out, request);
+        refuseUnknownClient(out, request);
         return;
     }
-    if (change == RemoteSession::Change::Done)
+    if (change == RemoteSession::Change::Done) {
         session->runServerCalls(*server_);
+        countSubscriptions({channel}, std::is_same_v<Request, SubscribeRequest>);
+    }
     Response response(channel, session->id());
     response.setId(request.getId());
     appendMessage(out, response);
 }
 
-void Hub::publish(std::unique_ptr<PublishRequest> request, FrameBuilder& out) {
+void Hub::publish(std::unique_ptr<PublishRequest> request, FrameBuilder& out,
+                  FramePublishes& publishes) {
     const ChannelName channel(request->getChannel());
     if (auto problem = channelProblem(channel, false)) {
-        appendError(out, *request, std::move(*problem));
+        refuse(out, *request, std::move(*problem));
         return;
     }
     appendPublishAck(out, request->getChannel(), request->getId());
+    ++publishes.accepted;
+    if (publishes.run != 0 && publishes.channel != request->getChannel())
+        countPublishes(publishes);
+    if (publishes.run++ == 0)
+        publishes.channel.assign(request->getChannel());
     // A message on a service channel is meant for the server alone: no subscriber receives it.
     if (channel.isService())
         return;
+    // One frame of publishes in kTimeEvery is timed: a sample of the latency that spares the
+    // others two clock reads.
+    if (publishes.timed == FramePublishes::Timed::Unknown) {
+        const bool timed = timedFrames_.fetch_add(1, std::memory_order_relaxed) % kTimeEvery == 0;
+        publishes.timed = timed ? FramePublishes::Timed::Yes : FramePublishes::Timed::No;
+        if (timed)
+            publishes.receivedAt = steadyNanoseconds();
+    }
+    request->setReceivedAt(publishes.receivedAt);
     server_->acceptPublish(std::shared_ptr<const PublishRequest>(std::move(request)));
+}
+
+void Hub::countPublishes(FramePublishes& publishes) const {
+    if (publishes.run != 0)
+        gauges_->channels.count(publishes.channel, std::exchange(publishes.run, 0));
 }
 
 std::shared_ptr<RemoteSession> Hub::find(const std::string& id) const {
@@ -365,9 +429,14 @@ std::shared_ptr<RemoteSession> Hub::find(const std::string& id) const {
     return it == sessions_.end() ? nullptr : it->second;
 }
 
-void Hub::remove(const std::shared_ptr<RemoteSession>& session, std::string_view why) {
-    if (!session->close())
+void Hub::remove(const std::shared_ptr<RemoteSession>& session, std::string_view why,
+                 bool expired) {
+    RemoteSession::Ending ending;
+    if (!session->close(ReleaseReason::Ended, &ending))
         return;
+    if (expired && ending.discarded != 0)
+        gauges_->expiredMessages.fetch_add(ending.discarded, std::memory_order_relaxed);
+    countSubscriptions(ending.subscriptions, false);
     {
         common::WriterLock lock(mutex_);
         auto it = sessions_.find(session->id());
@@ -380,19 +449,27 @@ void Hub::remove(const std::shared_ptr<RemoteSession>& session, std::string_view
 
 void Hub::sweep(Clock::time_point now) {
     std::vector<std::pair<std::shared_ptr<RemoteSession>, RemoteSession::Expiry>> expired;
+    const bool sample = now - lastSample_ >= kSampleEvery;
+    if (sample)
+        lastSample_ = now;
+    Histogram<kQueueBounds.size()>::Batch lengths(gauges_->queueLengths);
     {
         common::ReaderLock lock(mutex_);
         for (const auto& entry : sessions_) {
+            if (sample)
+                lengths.observe(entry.second->queuedCount());
             const auto expiry =
                 entry.second->sweep(now, options_.sessionTimeout, options_.connectGrace);
             if (expiry != RemoteSession::Expiry::None)
                 expired.emplace_back(entry.second, expiry);
         }
     }
+    gauges_->queueLengths.add(lengths);
     for (const auto& [session, expiry] : expired)
-        remove(session, expiry == RemoteSession::Expiry::Idle
-                            ? "expired"
-                            : "expired without ever sending /meta/connect");
+        remove(session,
+               expiry == RemoteSession::Expiry::Idle ? "expired"
+                                                     : "expired without ever sending /meta/connect",
+               true);
 }
 
 void Hub::shutdown() {
@@ -403,9 +480,52 @@ void Hub::shutdown() {
         sessions.swap(sessions_);
     }
     for (const auto& entry : sessions) {
-        if (entry.second->close(ReleaseReason::Stopping))
+        RemoteSession::Ending ending;
+        if (entry.second->close(ReleaseReason::Stopping, &ending)) {
+            countSubscriptions(ending.subscriptions, false);
             entry.second->runServerCalls(*server_);
+        }
     }
+}
+
+void Hub::countSubscriptions(const std::vector<std::string>& channels, bool added) {
+    if (channels.empty())
+        return;
+    // A session closed while one of its subscriptions is being made may count that one out
+    // before it is counted in: counts go below zero for that moment, and channels are those
+    // with a positive count.
+    const std::int64_t step = added ? 1 : -1;
+    common::MutexLock lock(channelsMutex_);
+    for (const std::string& channel : channels) {
+        subscriptions_ += step;
+        auto it = subscribers_.try_emplace(channel, 0).first;
+        const std::int64_t before = it->second;
+        it->second += step;
+        if (before <= 0 && it->second > 0)
+            ++channels_;
+        else if (before > 0 && it->second <= 0)
+            --channels_;
+        if (it->second == 0)
+            subscribers_.erase(it);
+    }
+}
+
+HubFigures Hub::figures() const {
+    HubFigures figures;
+    {
+        common::ReaderLock lock(mutex_);
+        for (const auto& entry : sessions_)
+            ++(entry.second->overWebSocket() ? figures.webSocketSessions
+                                             : figures.longPollingSessions);
+        figures.accepting = accepting_ && sessions_.size() < options_.maxSessions;
+    }
+    {
+        common::MutexLock lock(channelsMutex_);
+        figures.subscriptions = static_cast<std::size_t>(std::max<std::int64_t>(subscriptions_, 0));
+        figures.channels = channels_;
+    }
+    figures.cluster = server_->clusterStats();
+    return figures;
 }
 
 std::size_t Hub::sessionCount() const {

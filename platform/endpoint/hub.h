@@ -18,9 +18,11 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 #include "browser_id.h"
 #include "connector/bayeux/endpoint.h"
@@ -41,6 +43,16 @@ struct Sender {
     // (or set by the upgrade's answer); empty when none.
     std::string browser;
     std::shared_ptr<ConnectionSessions> sessions;
+};
+
+// What the hub holds at one moment, for the operator routes.
+struct HubFigures {
+    std::size_t webSocketSessions = 0;
+    std::size_t longPollingSessions = 0;
+    std::size_t subscriptions = 0;  // (session, channel pattern) pairs
+    std::size_t channels = 0;       // distinct channel patterns subscribed to
+    bool accepting = false;         // new sessions are welcome: not full, not shutting down
+    std::optional<ClusterStats> cluster;
 };
 
 struct FrameOutcome {
@@ -72,14 +84,15 @@ class Hub {
                              FrameBuilder& out) const;
 
     // Appends what is queued for `session` when `link` is its WebSocket.
-    static void appendDeliveries(RemoteSession& session, const std::shared_ptr<Link>& link,
-                                 FrameBuilder& out);
+    void appendDeliveries(RemoteSession& session, const std::shared_ptr<Link>& link,
+                          FrameBuilder& out) const;
 
     void sweep(Clock::time_point now);
     // Ends every session and refuses new handshakes.
     void shutdown();
 
     std::size_t sessionCount() const;
+    HubFigures figures() const;
     const EndpointOptions& options() const { return options_; }
     // The endpoint's counters, shared with its connections and sessions.
     const std::shared_ptr<Gauges>& gauges() const { return gauges_; }
@@ -99,10 +112,31 @@ class Hub {
     template <class Request, class Response>
     void changeSubscription(const Request& request, const std::shared_ptr<RemoteSession>& session,
                             FrameBuilder& out);
-    void publish(std::unique_ptr<PublishRequest> request, FrameBuilder& out);
+    // The publishes of one frame, counted once the frame is handled: a frame often carries many
+    // on one channel, and the shared counters are then touched once, not once for each.
+    struct FramePublishes {
+        enum class Timed { Unknown, Yes, No } timed = Timed::Unknown;
+        std::int64_t receivedAt = 0;  // of a timed frame: read once, at its first publish
+        std::uint64_t accepted = 0;
+        std::string channel;  // the channel of the latest run of publishes
+        std::uint64_t run = 0;
+    };
+    void publish(std::unique_ptr<PublishRequest> request, FrameBuilder& out,
+                 FramePublishes& publishes);
+    void countPublishes(FramePublishes& publishes) const;
+
+    // Appends an error reply to `request`, counted among the refusals.
+    void refuse(FrameBuilder& out, const BayeuxMessage& request, std::string error,
+                std::optional<Advice> advice = std::nullopt) const;
+    void refuseUnknownClient(FrameBuilder& out, const BayeuxMessage& request) const;
+    // Appends `deliveries` to `out`, counting them and their latency.
+    void appendCounted(const std::vector<Delivery>& deliveries, FrameBuilder& out) const;
+    // Counts one session more (or less) on each of `channels`.
+    void countSubscriptions(const std::vector<std::string>& channels, bool added);
 
     std::shared_ptr<RemoteSession> find(const std::string& id) const;
-    void remove(const std::shared_ptr<RemoteSession>& session, std::string_view why);
+    void remove(const std::shared_ptr<RemoteSession>& session, std::string_view why,
+                bool expired = false);
     Advice connectAdvice() const;
     QueueBounds queueBounds() const;
 
@@ -111,11 +145,22 @@ class Hub {
     const std::shared_ptr<Gauges> gauges_ = std::make_shared<Gauges>();
     const BrowserIds browsers_;
     std::atomic<std::uint64_t> lastConnection_{0};
+    std::atomic<std::uint64_t> timedFrames_{0};  // frames of publishes seen, to time one in 8
 
     mutable common::SharedMutex mutex_;
     std::unordered_map<std::string, std::shared_ptr<RemoteSession>> sessions_
         ORVALE_GUARDED_BY(mutex_);
     bool accepting_ ORVALE_GUARDED_BY(mutex_) = true;
+
+    // Sessions per subscribed channel pattern. Taken on subscription changes only, never with
+    // mutex_ or a session's lock held.
+    mutable common::Mutex channelsMutex_;
+    std::unordered_map<std::string, std::int64_t> subscribers_ ORVALE_GUARDED_BY(channelsMutex_);
+    std::int64_t subscriptions_ ORVALE_GUARDED_BY(channelsMutex_) = 0;
+    std::size_t channels_ ORVALE_GUARDED_BY(channelsMutex_) = 0;  // with a positive count
+
+    // When the queue lengths were last sampled; sweep() alone touches it.
+    Clock::time_point lastSample_{};
 };
 
 }  // namespace connector::bayeux::endpoint

@@ -31,6 +31,7 @@ RemoteSession::RemoteSession(std::string id, Owner owner, QueueBounds bounds, Cl
       maxQueue_(std::max<std::size_t>(bounds.messages, 1)),
       maxQueueBytes_(std::max<std::size_t>(bounds.bytes, 1)),
       gauges_(std::move(bounds.gauges)),
+      overWebSocket_(owner_.connection != 0),
       lastConnect_(now) {
     calls_.emplace_back(Call::Register, std::string());
 }
@@ -123,6 +124,7 @@ RemoteSession::ConnectAnswer RemoteSession::connect(const std::shared_ptr<Link>&
         return ConnectAnswer::Closed;
     lastConnect_ = now;
     connected_ = true;
+    overWebSocket_.store(webSocket, std::memory_order_relaxed);
     released = releaseLocked(ReleaseReason::Replaced, now);
     if (webSocket) {
         if (!sameLink(target_, link)) {
@@ -192,7 +194,7 @@ RemoteSession::Change RemoteSession::unsubscribe(const std::string& channel) {
     return Change::Done;
 }
 
-bool RemoteSession::close(ReleaseReason reason) {
+bool RemoteSession::close(ReleaseReason reason, Ending* ending) {
     std::vector<Delivery> dropped;
     std::shared_ptr<Link> released;
     {
@@ -201,12 +203,17 @@ bool RemoteSession::close(ReleaseReason reason) {
             return false;
         closed_ = true;
         released = releaseLocked(reason, Clock::now());
+        if (ending)
+            ending->discarded = sizeLocked();
         dropped.swap(queue_);
         head_ = 0;
         queuedBytes_ = 0;
         target_.reset();
-        for (const std::string& channel : subscriptions_)
+        for (const std::string& channel : subscriptions_) {
             calls_.emplace_back(Call::Unsubscribe, channel);
+            if (ending)
+                ending->subscriptions.push_back(channel);
+        }
         subscriptions_.clear();
         calls_.emplace_back(Call::Unregister, std::string());
     }

@@ -23,6 +23,7 @@
 // the browser id (cookie) of the client that made it. Both are fixed at the handshake, so
 // admits() reads them without the lock.
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -104,9 +105,15 @@ class RemoteSession final : public BayeuxSession,
     Change subscribe(const std::string& channel);
     Change unsubscribe(const std::string& channel);
 
+    // What close() took away: the messages still queued and the subscriptions.
+    struct Ending {
+        std::size_t discarded = 0;
+        std::vector<std::string> subscriptions;
+    };
     // Ends the session: answers a held connect (for `reason`), drops the queue and queues one
-    // unsubscribe per subscription, then the unregistration. False when already ended.
-    bool close(ReleaseReason reason = ReleaseReason::Ended);
+    // unsubscribe per subscription, then the unregistration. False when already ended; else
+    // `ending`, when given, learns what went.
+    bool close(ReleaseReason reason = ReleaseReason::Ended, Ending* ending = nullptr);
     bool closed() const;
 
     // Runs the queued server calls in order unless another thread is running them.
@@ -124,6 +131,8 @@ class RemoteSession final : public BayeuxSession,
     // Messages dropped since the previous call: what the next connect answer reports.
     std::uint64_t takeUnreportedDrops();
     std::size_t queuedCount() const;
+    // Whether its latest connect (or, before one, its handshake) came over a WebSocket.
+    bool overWebSocket() const { return overWebSocket_.load(std::memory_order_relaxed); }
 
   private:
     struct Held {
@@ -149,6 +158,7 @@ class RemoteSession final : public BayeuxSession,
     const std::size_t maxQueue_;
     const std::size_t maxQueueBytes_;
     const std::shared_ptr<Gauges> gauges_;
+    std::atomic<bool> overWebSocket_;
 
     mutable common::Mutex mutex_;
     bool closed_ ORVALE_GUARDED_BY(mutex_) = false;

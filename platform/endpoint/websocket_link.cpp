@@ -75,7 +75,10 @@ class WebSocketLink final : public Link,
     WebSocketLink(Stream&& stream, std::shared_ptr<Hub> hub, ConnectionSlot slot)
         : ws_(std::move(stream)),
           hub_(std::move(hub)),
-          slot_(std::move(slot)),
+          slot_([&slot] {
+              slot.upgraded();
+              return std::move(slot);
+          }()),
           meter_(hub_->gauges()),
           idleTimer_(ws_.get_executor()),
           idleTime_(
@@ -212,11 +215,13 @@ class WebSocketLink final : public Link,
         if (!ready_.empty()) {
             const std::shared_ptr<Link> link = self();
             for (const auto& session : ready_)
-                Hub::appendDeliveries(*session, link, out_);
+                hub_->appendDeliveries(*session, link, out_);
             ready_.clear();
         }
         if (!out_.empty()) {
+            writeCount_ = out_.count();
             writeBuffer_ = out_.close(std::move(spare_));
+            hub_->gauges()->sentBytes.fetch_add(writeBuffer_.size(), std::memory_order_relaxed);
             writing_ = true;
             writeSince_ = Clock::now();
             ws_.async_write(asio::buffer(writeBuffer_),
@@ -236,6 +241,8 @@ class WebSocketLink final : public Link,
             return;
         logger.log(log::warning, "Closed a connection whose unread output passed ", limit,
                    " bytes");
+        hub_->gauges()->slowConsumerMessages.fetch_add(out_.count() + (writing_ ? writeCount_ : 0),
+                                                       std::memory_order_relaxed);
         abort();
     }
 
@@ -330,6 +337,7 @@ class WebSocketLink final : public Link,
     beast::flat_buffer readBuffer_;
     FrameBuilder out_;                                   // replies and deliveries not yet written
     std::string writeBuffer_;                            // the frame being written
+    std::size_t writeCount_ = 0;                         // messages in writeBuffer_
     std::string spare_;                                  // storage for the next frame
     std::vector<std::shared_ptr<RemoteSession>> ready_;  // sessions whose deliveries wait
     bool writing_ = false;

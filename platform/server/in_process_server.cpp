@@ -434,10 +434,4 @@ std::shared_ptr<BayeuxServer> makeBayeuxServer(BayeuxServerOptions options) {
                                                       std::move(options.clusterUrls));
 }
 
-std::optional<ClusterStats> clusterStats(const BayeuxServer& server) {
-    if (const auto* member = dynamic_cast<const cluster::ClusteredServer*>(&server))
-        return member->stats();
-    return std::nullopt;
-}
-
 }  // namespace connector::bayeux

@@ -165,7 +165,7 @@ TEST(ClusteredServer, ConcurrentPublishersOnEveryMemberReachEverySubscriberOnceI
         EXPECT_EQ(byPublisher.size(), std::size_t{kMembers * kThreads});
         for (const auto& [channel, numbers] : byPublisher)
             EXPECT_EQ(numbers, inOrder) << member->session->getId() << " from " << channel;
-        const auto stats = clusterStats(*member->server);
+        const auto stats = member->server->clusterStats();
         ASSERT_TRUE(stats);
         EXPECT_TRUE(stats->connected);
         EXPECT_GE(stats->published, std::uint64_t{kThreads * kMessages});
@@ -176,7 +176,7 @@ TEST(ClusteredServer, ConcurrentPublishersOnEveryMemberReachEverySubscriberOnceI
 TEST(ClusteredServer, NamesTheClusterItCannotReach) {
     const std::string url = "nats://127.0.0.1:" + std::to_string(orvale::test::freeLoopbackPort());
     EXPECT_THROW(makeBayeuxServer({1, {url}}), std::runtime_error);
-    EXPECT_FALSE(clusterStats(*makeBayeuxServer()));
+    EXPECT_FALSE(makeBayeuxServer()->clusterStats());
 }
 
 }  // namespace

@@ -8,3 +8,11 @@ endforeach()
 # The browser ids behind the session cookie, through the platform's private header.
 orvale_test(browser_id_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/browser_id_test.cpp)
 target_include_directories(browser_id_test PRIVATE ${PROJECT_SOURCE_DIR}/platform)
+# The operator routes, scraped by the Prometheus client library of the system's Python
+# (Debian's python3-prometheus-client), with a NATS server for readiness in a cluster.
+find_program(ORVALE_SYSTEM_PYTHON python3 PATHS /usr/bin NO_DEFAULT_PATH)
+orvale_test(operator_routes_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/operator_routes_test.cpp
+    LIBS Boost::json OpenSSL::SSL OpenSSL::Crypto)
+target_compile_definitions(operator_routes_test PRIVATE
+    ORVALE_SYSTEM_PYTHON="${ORVALE_SYSTEM_PYTHON}")
+orvale_test(channel_tally_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/channel_tally_test.cpp)

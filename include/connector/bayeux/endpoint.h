@@ -65,6 +65,10 @@ struct EndpointOptions {
     // permessage-deflate for WebSocket clients that offer it. A frame inflating past
     // maxMessageBytes closes its connection, however small it was on the wire.
     bool deflate = false;
+    // Serve the operator's routes on the endpoint's port too: /metrics (Prometheus), /healthz,
+    // /readyz, /status (a live page) and /status.json. Off by default: they need no API key
+    // and tell whoever reaches the port the channel names and the load.
+    bool operatorRoutes = false;
 };
 
 // What the endpoint holds at one moment, and what it has dropped since it started.

@@ -246,10 +246,15 @@ class PublishRequest : public BayeuxRequest {
     // The data field as JSON text.
     const std::string& getJson() const { return data_; }
     void setJson(std::string json) { data_ = std::move(json); }
+    // When a hub received it from a client, in nanoseconds of the steady clock; 0 when it did not
+    // come from one. The hub measures its delivery latency from it.
+    std::int64_t getReceivedAt() const { return receivedAt_; }
+    void setReceivedAt(std::int64_t nanoseconds) { receivedAt_ = nanoseconds; }
 
   private:
     std::string channel_;
     std::string data_;
+    std::int64_t receivedAt_ = 0;
 };
 
 class PublishResponse : public BayeuxResponse {

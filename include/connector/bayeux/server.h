@@ -33,9 +33,20 @@ class BayeuxSession {
                          const std::shared_ptr<const PublishRequest>& request) = 0;
 };
 
+// A cluster member's link to the others, since it joined.
+struct ClusterStats {
+    bool connected = false;        // false while the link is down and reconnecting
+    std::uint64_t published = 0;   // messages and subscription changes sent to the others
+    std::uint64_t received = 0;    // what NATS delivered from the others
+    std::uint64_t lost = 0;        // sent while the link was down, beyond its reconnect buffer
+    std::uint64_t reconnects = 0;  // outages the link came back from
+};
+
 class BayeuxServer {
   public:
     virtual ~BayeuxServer() = default;
+    // The link of a server that is a member of a cluster; nothing for one that is not.
+    virtual std::optional<ClusterStats> clusterStats() const { return std::nullopt; }
     virtual void registerSession(std::weak_ptr<BayeuxSession> session) = 0;
     // Drops the session and every subscription it still holds, without announcing them.
     virtual void unregisterSession(const std::shared_ptr<BayeuxSession>& session) = 0;
@@ -56,18 +67,5 @@ struct BayeuxServerOptions {
 // sessions, then stops and joins its threads. Throws std::runtime_error when a cluster is named
 // and none of its servers can be reached.
 std::shared_ptr<BayeuxServer> makeBayeuxServer(BayeuxServerOptions options = {});
-
-// What a cluster member's link to NATS has done since the member joined.
-struct ClusterStats {
-    bool connected = false;        // false while the link is down and reconnecting
-    std::uint64_t published = 0;   // messages and subscription changes sent to the others
-    std::uint64_t received = 0;    // what NATS delivered from the others
-    std::uint64_t lost = 0;        // sent while the link was down, beyond its reconnect buffer
-    std::uint64_t reconnects = 0;  // outages the link came back from
-};
-
-// The cluster figures of a server that makeBayeuxServer joined to a cluster; nothing for any
-// other server.
-std::optional<ClusterStats> clusterStats(const BayeuxServer& server);
 
 }  // namespace connector::bayeux

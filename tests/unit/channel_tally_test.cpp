@@ -1,0 +1,51 @@
+// Publishes counted by channel: exact under concurrent counting, and bounded under a flood of
+// distinct names.
+
+#include "endpoint/channel_tally.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace connector::bayeux::endpoint {
+namespace {
+
+TEST(ChannelTallyTest, ThreadsRacingToClaimTheSameChannelsCountEachOnce) {
+    ChannelTally tally;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&tally, t] {
+            for (int round = 0; round < 200; ++round)
+                for (int c = 0; c < 50; ++c) {
+                    const int channel = (c + t * 7) % 50;  // each thread in its own order
+                    tally.count("/room/" + std::to_string(channel), channel < 5 ? 2 : 1);
+                }
+        });
+    for (auto& thread : threads)
+        thread.join();
+    const auto busiest = tally.busiest(100);
+    ASSERT_EQ(busiest.size(), 50u);  // one slot for each channel, none split between two
+    std::uint64_t total = 0;
+    for (const auto& entry : busiest) {
+        const bool doubled = std::stoi(entry.channel.substr(6)) < 5;
+        EXPECT_EQ(entry.count, doubled ? 1600u : 800u) << entry.channel;
+        total += entry.count;
+    }
+    EXPECT_EQ(busiest.front().count, 1600u);
+    EXPECT_EQ(total + tally.untracked(), 4u * 200 * 55);
+}
+
+TEST(ChannelTallyTest, AFloodOfNamesFillsTheTableAndNoMore) {
+    ChannelTally tally;
+    tally.count(std::string(ChannelTally::kLongestName + 1, 'x'));
+    for (int c = 0; c < 20000; ++c)
+        tally.count("/flood/" + std::to_string(c));
+    EXPECT_LE(tally.busiest(100000).size(), ChannelTally::kSlots);
+    EXPECT_EQ(tally.busiest(100000).size() + tally.untracked(), 20001u);
+    EXPECT_EQ(tally.busiest(3).size(), 3u);
+}
+
+}  // namespace
+}  // namespace connector::bayeux::endpoint

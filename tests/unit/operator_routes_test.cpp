@@ -1,0 +1,139 @@
+// The hub's operator routes: /metrics after a known traffic pattern, read by the Prometheus
+// client library's parser (tests/unit/scrape_metrics.py), the status figures, health, readiness
+// (also with a cluster whose NATS server dies), and the routes staying off unless asked for.
+
+#include "child_process.h"
+#include "endpoint_clients.h"
+#include "nats_cluster.h"
+
+namespace connector::bayeux::endpoint_test {
+namespace {
+
+using boost::beast::http::verb;
+
+class OperatorRoutesTest : public EndpointTest {
+  protected:
+    void startWithRoutes(EndpointOptions options = defaults()) {
+        options.operatorRoutes = true;
+        start(std::move(options));
+    }
+
+    std::optional<HttpReply> get(const std::string& path, verb method = verb::get) {
+        RawHttp http(port);
+        return http.post("", path, method);
+    }
+    unsigned status(const std::string& path, verb method = verb::get) {
+        const auto reply = get(path, method);
+        return reply ? reply->status : 0;
+    }
+
+    // Runs the scraper against /metrics; empty when every expectation held, else its report.
+    std::string scrape(const std::string& expected) {
+        orvale::test::ChildProcess python(
+            {ORVALE_SYSTEM_PYTHON, orvale::test::sourceDir() + "/tests/unit/scrape_metrics.py",
+             "http://127.0.0.1:" + std::to_string(port) + "/metrics", expected});
+        const auto exit = python.waitExit(orvale::test::kWait);
+        if (exit == 0)
+            return {};
+        std::string report = "exit " + (exit ? std::to_string(*exit) : "none") + ": ";
+        for (const auto& line : python.lines())
+            report += line + "; ";
+        return report + python.errors();
+    }
+};
+
+TEST_F(OperatorRoutesTest, MetricsAndFiguresCountAKnownTrafficPattern) {
+    EndpointOptions options = defaults();
+    options.maxQueuePerSession = 2;
+    options.connectGrace = 300ms;
+    startWithRoutes(options);
+
+    RawWebSocket ws(port);
+    const std::string id = open(ws);
+    ASSERT_TRUE(ws.send(connect(id, "c")));
+    ASSERT_TRUE(successful(ws.call(subscribe(id, "s", "/a"), "s")));
+    // A long-polling subscriber that never connects: one of three messages overflows its queue,
+    // the other two are lost when it expires.
+    RawHttp lp(port);
+    const std::string lpId = open(lp);
+    const auto lpSubscribed = lp.post(subscribe(lpId, "s", "/a"));
+    ASSERT_TRUE(lpSubscribed && successful(lpSubscribed->messages().at(0)));
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(ws.send(publish(id, "p" + std::to_string(i), "/a", std::to_string(i))));
+        ASSERT_TRUE(ws.await(
+            [i](const json::object& m) { return isDelivery(m) && m.at("data").as_int64() == i; }));
+    }
+    EXPECT_EQ(error(ws.call(subscribe(id, "m", "/meta/x"), "m")), "403:/meta/x:Forbidden channel");
+    EXPECT_EQ(error(ws.call(publish("nobody", "u", "/a", "1"), "u")), "402::Unknown client");
+    ASSERT_TRUE(waitUntil([&] { return endpoint->sessionCount() == 1; }, 3s));
+
+    EXPECT_EQ(scrape(R"({
+        "orvale_sessions{transport=\"websocket\"}": 1,
+        "orvale_sessions{transport=\"long-polling\"}": 0,
+        "orvale_connections{transport=\"websocket\"}": 1,
+        "orvale_subscriptions": 1, "orvale_subscribed_channels": 1,
+        "orvale_received_messages_total": 10, "orvale_received_bytes_total": [500, 5000],
+        "orvale_published_messages_total": 3, "orvale_delivered_messages_total": 3,
+        "orvale_sent_bytes_total": [500, 5000],
+        "orvale_handshakes_total{outcome=\"accepted\"}": 2,
+        "orvale_handshakes_total{outcome=\"unauthorized\"}": 0,
+        "orvale_dropped_messages_total{reason=\"queue_overflow\"}": 1,
+        "orvale_dropped_messages_total{reason=\"expired\"}": 2,
+        "orvale_dropped_messages_total{reason=\"slow_consumer\"}": 0,
+        "orvale_refused_requests_total{code=\"402\"}": 1,
+        "orvale_refused_requests_total{code=\"403\"}": 1,
+        "orvale_refused_requests_total{code=\"400\"}": 0,
+        "orvale_delivery_latency_seconds_count": 1,
+        "orvale_delivery_latency_seconds_sum": [0, 3]})"),
+              "");
+
+    const auto figures = get("/status.json");
+    ASSERT_TRUE(figures && figures->status == 200);
+    const json::object status = json::parse(figures->body).as_object();
+    EXPECT_EQ(json::serialize(status.at("busiestChannels")), R"([{"channel":"/a","published":3}])");
+    EXPECT_EQ(json::serialize(status.at("sessions")), R"({"websocket":1,"longPolling":0})");
+    EXPECT_EQ(json::serialize(status.at("dropped")),
+              R"({"queueOverflow":1,"expired":2,"slowConsumer":0})");
+    EXPECT_EQ(status.at("delivered").to_number<int>(), 3);
+}
+
+TEST_F(OperatorRoutesTest, RoutesAreOffUnlessAskedForAndReadinessFollowsRoom) {
+    start();
+    for (const char* path : {"/metrics", "/healthz", "/readyz", "/status", "/status.json"})
+        EXPECT_EQ(status(path), 404u) << path;
+    endpoint.reset();
+
+    EndpointOptions options = defaults();
+    options.maxSessions = 1;
+    startWithRoutes(options);
+    EXPECT_EQ(status("/healthz"), 200u);
+    EXPECT_EQ(status("/readyz"), 200u);
+    EXPECT_EQ(status("/metrics", verb::post), 405u);
+    const auto page = get("/status");
+    ASSERT_TRUE(page && page->status == 200);
+    // One self-contained file: it fetches nothing but its own figures.
+    EXPECT_NE(page->body.find("fetch(\"status.json\""), std::string::npos);
+    for (const char* external : {"src=", "href=", "http://", "https://", "@import"})
+        EXPECT_EQ(page->body.find(external), std::string::npos) << external;
+
+    RawWebSocket ws(port);
+    ASSERT_FALSE(open(ws).empty());
+    EXPECT_EQ(status("/readyz"), 503u);  // full
+    EXPECT_EQ(status("/healthz"), 200u);
+}
+
+TEST_F(OperatorRoutesTest, ReadinessAndLinkMetricsFollowTheCluster) {
+    orvale::test::NatsCluster nats(1);
+    server = makeBayeuxServer(BayeuxServerOptions{1, {nats.url(0)}});
+    startWithRoutes();
+    EXPECT_EQ(status("/readyz"), 200u);
+    EXPECT_EQ(scrape(R"({"orvale_cluster_link_up": 1, "orvale_cluster_lost_messages_total": 0})"),
+              "");
+    nats.kill(0);
+    EXPECT_TRUE(waitUntil([&] { return status("/readyz") == 503; }, 5s));
+    EXPECT_EQ(scrape(R"({"orvale_cluster_link_up": 0})"), "");
+    EXPECT_EQ(status("/healthz"), 200u);
+}
+
+}  // namespace
+}  // namespace connector::bayeux::endpoint_test
