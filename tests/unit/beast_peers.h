@@ -30,6 +30,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "log_capture.h"
@@ -68,6 +69,14 @@ inline std::vector<json::object> parseMessages(const std::string& text) {
 inline std::string str(const json::object& message, const char* name) {
     const json::value* v = message.if_contains(name);
     return v && v->is_string() ? std::string(v->get_string()) : std::string();
+}
+
+inline bool isChannel(const json::object& message, const std::string& channel) {
+    return str(message, "channel") == channel;
+}
+
+inline Predicate onChannel(std::string channel) {
+    return [channel](const json::object& m) { return isChannel(m, channel); };
 }
 
 inline Predicate withId(std::string id) {
@@ -179,6 +188,7 @@ class RawWebSocket {
     }
 
     const std::deque<json::object>& inbox() const { return inbox_; }
+    std::deque<json::object> takeInbox() { return std::exchange(inbox_, {}); }
     // How many messages each frame received so far carried.
     const std::vector<std::size_t>& frameSizes() const { return frameSizes_; }
     bool closed() const { return closed_; }

@@ -14,6 +14,7 @@ using message_service::JsonMessage;
 using message_service::MessageService;
 using orvale::test::HttpReply;
 using orvale::test::LogCapture;
+using orvale::test::onChannel;
 using orvale::test::RawHttp;
 using orvale::test::RawWebSocket;
 using orvale::test::Reading;
@@ -49,14 +50,19 @@ inline std::string connect(const std::string& clientId, const std::string& id, i
             (timeout >= 0 ? R"(,"advice":{"timeout":)" + std::to_string(timeout) + "}" : ""));
 }
 
+inline std::string subscription(const char* metaChannel, const std::string& clientId,
+                                const std::string& id, const std::string& pattern) {
+    return meta(metaChannel, clientId, id, ",\"subscription\":" + quote(pattern));
+}
+
 inline std::string subscribe(const std::string& clientId, const std::string& id,
                              const std::string& channel) {
-    return meta("/meta/subscribe", clientId, id, ",\"subscription\":" + quote(channel));
+    return subscription("/meta/subscribe", clientId, id, channel);
 }
 
 inline std::string unsubscribe(const std::string& clientId, const std::string& id,
                                const std::string& channel) {
-    return meta("/meta/unsubscribe", clientId, id, ",\"subscription\":" + quote(channel));
+    return subscription("/meta/unsubscribe", clientId, id, channel);
 }
 
 inline std::string publish(const std::string& clientId, const std::string& id,
