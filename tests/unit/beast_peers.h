@@ -1,7 +1,7 @@
 #pragma once
 // Raw Boost.Beast peers on loopback, so that tests see exactly what goes over the wire: clients
-// of the hub (RawWebSocket, RawHttp), and a WebSocket server (TestServer) for the client
-// transport. A raw client owns an io_context that
+// of the hub (RawWebSocket, over the bare client the load runs use, and RawHttp), and a
+// WebSocket server (TestServer) for the client transport. A raw client owns an io_context that
 // runs only while the test waits on it (bounded), so it needs no thread; the server serves its
 // sessions on a thread of its own.
 
@@ -29,11 +29,13 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "log_capture.h"
+#include "raw_client.h"
 
 namespace orvale::test {
 
@@ -129,34 +131,23 @@ class RawWebSocket {
   public:
     explicit RawWebSocket(std::uint16_t port, const std::string& cookie = "",
                           Reading reading = Reading::On)
-        : ws_(io_) {
-        if (reading == Reading::Off) {
-            auto& socket = beast::get_lowest_layer(ws_).socket();
-            socket.open(tcp::v4());
-            socket.set_option(asio::socket_base::receive_buffer_size(4096));
-        }
-        connectSocket(io_, beast::get_lowest_layer(ws_), port);
-        ws_.read_message_max(std::size_t{64} << 20);
-        if (!cookie.empty())
-            ws_.set_option(websocket::stream_base::decorator(
-                [cookie](websocket::request_type& r) { r.set(http::field::cookie, cookie); }));
-        const std::string host = "127.0.0.1:" + std::to_string(port);
-        if (auto ec =
-                complete(io_, [&](auto h) { ws_.async_handshake(upgrade_, host, "/bayeux", h); }))
-            throw std::runtime_error("WebSocket handshake failed: " + ec.message());
+        : client_(io_, {"127.0.0.1", std::to_string(port), "/bayeux"},
+                  {"", cookie, reading == Reading::Off ? 4096 : 0}) {
         if (reading == Reading::On)
-            readNext();
+            client_.drainAsync(
+                [this](std::string_view frame) {
+                    auto messages = parseMessages(std::string(frame));
+                    frameSizes_.push_back(messages.size());
+                    received_ += messages.size();
+                    std::move(messages.begin(), messages.end(), std::back_inserter(inbox_));
+                },
+                [this] { closed_ = true; });
     }
 
     // Writes one text frame; false when it could not be written in time.
-    bool send(const std::string& frame) {
-        outgoing_ = frame;
-        return !complete(io_, [&](auto h) { ws_.async_write(asio::buffer(outgoing_), h); });
-    }
+    bool send(const std::string& frame) { return client_.send(frame); }
     // Sends a ping; false when it could not be written in time.
-    bool ping() {
-        return !complete(io_, [&](auto h) { ws_.async_ping({}, h); });
-    }
+    bool ping() { return client_.ping(); }
 
     // Removes and returns the first received message matching `predicate`, waiting for it.
     std::optional<json::object> await(const Predicate& predicate, Millis timeout = kWait) {
@@ -193,28 +184,12 @@ class RawWebSocket {
     const std::vector<std::size_t>& frameSizes() const { return frameSizes_; }
     bool closed() const { return closed_; }
     // The Server and Set-Cookie headers of the upgrade answer.
-    std::string server() const { return std::string(upgrade_[http::field::server]); }
-    std::string setCookie() const { return std::string(upgrade_[http::field::set_cookie]); }
+    std::string server() const { return client_.server(); }
+    std::string setCookie() const { return client_.setCookie(); }
 
   private:
-    void readNext() {
-        ws_.async_read(buffer_, [this](beast::error_code ec, std::size_t) {
-            if ((closed_ = bool(ec)))
-                return;
-            auto messages = parseMessages(beast::buffers_to_string(buffer_.data()));
-            buffer_.consume(buffer_.size());
-            frameSizes_.push_back(messages.size());
-            received_ += messages.size();
-            std::move(messages.begin(), messages.end(), std::back_inserter(inbox_));
-            readNext();
-        });
-    }
-
     asio::io_context io_;
-    websocket::stream<beast::tcp_stream> ws_;
-    websocket::response_type upgrade_;
-    beast::flat_buffer buffer_;
-    std::string outgoing_;
+    tools::RawClient client_;
     std::deque<json::object> inbox_;
     std::vector<std::size_t> frameSizes_;
     std::size_t received_ = 0;
