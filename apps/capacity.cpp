@@ -21,6 +21,9 @@ namespace orvale::app {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
+using tools::HubAddress;
+using tools::parseHubUrl;
+using tools::RawClient;
 
 namespace {
 

@@ -15,6 +15,9 @@
 namespace orvale::app {
 
 using namespace std::chrono_literals;
+using tools::HubAddress;
+using tools::parseHubUrl;
+using tools::RawClient;
 
 namespace {
 
@@ -50,7 +53,7 @@ Run measureOnce(const DeflateSettings& settings, bool deflate, bool oneAtATime) 
     const HubAddress address = parseHubUrl(hub.firstLine(10s));
     boost::asio::io_context subscriberIo, publisherIo;
     // The subscriber always offers compression; only a hub with --deflate takes it up.
-    RawClient subscriber(subscriberIo, address, "", true);
+    RawClient subscriber(subscriberIo, address, RawClient::Options{"", "", 0, true});
     RawClient publisher(publisherIo, address);
     if (subscriber.handshake(5s) || publisher.handshake(5s) ||
         !subscriber.subscribeAndConnect("/bench/quotes", 5s))
@@ -62,7 +65,8 @@ Run measureOnce(const DeflateSettings& settings, bool deflate, bool oneAtATime) 
     bool received = true;
     std::thread reader;
     if (!oneAtATime)
-        reader = std::thread([&] { received = subscriber.readUntil(seq(count - 1), 60s); });
+        reader =
+            std::thread([&] { received = subscriber.readUntil(seq(count - 1), 60s).has_value(); });
     for (std::size_t i = 0, frames = 0; i < count && received; ++frames) {
         std::string frame = "[";
         for (std::size_t end = std::min(count, i + (oneAtATime ? 1 : 50)); i < end; ++i)
@@ -70,10 +74,11 @@ Run measureOnce(const DeflateSettings& settings, bool deflate, bool oneAtATime) 
                      withId(publisher.publishMessage("/bench/quotes", quote(i)), std::to_string(i));
         publisher.send(frame + "]");
         if (oneAtATime)
-            received = subscriber.readUntil(seq(i - 1), 10s);
+            received = subscriber.readUntil(seq(i - 1), 10s).has_value();
         // Taking the answers now and then keeps the hub reading, and the publisher in step.
         if (oneAtATime || frames % 20 == 19 || i == count)
-            received = received && publisher.readUntil("\"id\":\"" + std::to_string(i - 1), 10s);
+            received = received &&
+                       publisher.readUntil("\"id\":\"" + std::to_string(i - 1), 10s).has_value();
     }
     if (reader.joinable())
         reader.join();

@@ -19,6 +19,9 @@ namespace orvale::app {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
+using tools::HubAddress;
+using tools::parseHubUrl;
+using tools::RawClient;
 
 namespace {
 
@@ -63,8 +66,8 @@ void amplification(const FloodSettings& settings) {
         try {
             clients.push_back(std::make_unique<RawClient>(io, hub.address));
             clients.back()->shrinkReceiveBuffer(4096);
-            clients.back()->send(frame);
-            ++sent;
+            if (clients.back()->send(frame))
+                ++sent;
         } catch (const std::exception&) {
             // The hub may close an abusive connection; the memory it holds is what counts.
         }
@@ -120,11 +123,8 @@ void handshakeFlood(const FloodSettings& settings) {
     const std::string frame = fullFrame(R"({"channel":"/meta/handshake"})");
     RawClient attacker(attackIo, hub.address);
     std::size_t sent = 0;
-    try {
-        for (; sent < settings.floodFrames; ++sent)
-            attacker.send(frame);
-    } catch (const std::exception&) {
-    }
+    while (sent < settings.floodFrames && attacker.send(frame))
+        ++sent;
     // Reading the replies keeps the flood about sessions, not about unread output. The fresh
     // client starts once the hub has answered every frame (or gave up on the connection).
     std::atomic<std::size_t> replies{0};

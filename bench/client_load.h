@@ -2,21 +2,17 @@
 // What the rows of bench/client_load share: the phase and row figures, CPU clocks, and a
 // countdown of deliveries that any thread may advance.
 
-#include <sys/resource.h>
 #include <sys/types.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <fstream>
-#include <iterator>
 #include <mutex>
 #include <optional>
-#include <sstream>
 #include <string>
 
 #include "latency.h"
+#include "subprocess.h"
 
 namespace orvale::bench::client_load {
 
@@ -30,28 +26,8 @@ inline double seconds(Clock::duration d) {
     return std::chrono::duration<double>(d).count();
 }
 
-// User + system CPU seconds of this process, every thread.
-inline double ownCpuSeconds() {
-    rusage usage{};
-    ::getrusage(RUSAGE_SELF, &usage);
-    auto toSeconds = [](const timeval& t) { return t.tv_sec + t.tv_usec / 1e6; };
-    return toSeconds(usage.ru_utime) + toSeconds(usage.ru_stime);
-}
-
-// User + system CPU seconds another process has used so far, from /proc/<pid>/stat.
-inline double processCpuSeconds(pid_t pid) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-    const std::string stat((std::istreambuf_iterator<char>(file)), {});
-    // The command name is parenthesised and may hold spaces; utime and stime are the 14th and
-    // 15th fields, the 12th and 13th after it.
-    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
-    std::string skipped;
-    for (int i = 0; i < 11; ++i)
-        fields >> skipped;
-    long user = 0, system = 0;
-    fields >> user >> system;
-    return static_cast<double>(user + system) / static_cast<double>(::sysconf(_SC_CLK_TCK));
-}
+using tools::ownCpuSeconds;
+using tools::processCpuSeconds;
 
 // One throughput phase of one client.
 struct Phase {

@@ -2,27 +2,20 @@
 // Beast WebSocket, the cheapest client there can be.
 
 #include <algorithm>
-#include <boost/asio/connect.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/websocket/stream.hpp>
+#include <boost/asio/io_context.hpp>
 #include <stdexcept>
 #include <string_view>
 #include <thread>
 #include <vector>
 
 #include "client_load.h"
+#include "raw_client.h"
 
 namespace orvale::bench::client_load {
 
 namespace raw {
 
 namespace {
-
-namespace asio = boost::asio;
-namespace beast = boost::beast;
-namespace websocket = beast::websocket;
-using tcp = asio::ip::tcp;
 
 long occurrences(std::string_view text, std::string_view what) {
     long n = 0;
@@ -31,119 +24,44 @@ long occurrences(std::string_view text, std::string_view what) {
     return n;
 }
 
+// A bare client on an io_context of its own, so that each may block on its own thread; every
+// read is bounded, so a stalled server ends the run with an error rather than a hang.
 class Client {
   public:
-    Client(const std::string& port, const std::string& path) : ws_(io_) {
-        tcp::resolver resolver(io_);
-        asio::connect(ws_.next_layer(), resolver.resolve("127.0.0.1", port));
-        ws_.next_layer().set_option(tcp::no_delay(true));
-        ws_.handshake("127.0.0.1:" + port, path);
-        ws_.text(true);
+    explicit Client(const std::string& port) : client_(io_, {"127.0.0.1", port, "/bayeux"}) {
+        if (auto refused = client_.handshake(kStallBound))
+            throw std::runtime_error("handshake refused: " + *refused);
     }
 
-    void send(const std::string& frame) { ws_.write(asio::buffer(frame)); }
-
+    void send(const std::string& frame) {
+        if (!client_.send(frame, kStallBound))
+            throw std::runtime_error("a frame could not be sent");
+    }
     // The next frame; a held connect coming back in it is answered with the next connect.
     std::string_view read() {
-        buffer_.consume(buffer_.size());
-        ws_.read(buffer_);
-        const std::string_view frame(static_cast<const char*>(buffer_.data().data()),
-                                     buffer_.size());
-        if (!clientId_.empty() && frame.find("\"/meta/connect\"") != std::string_view::npos)
-            sendConnect();
-        return frame;
+        if (auto frame = client_.next(kStallBound))
+            return *frame;
+        throw std::runtime_error("no frame within the stall bound");
     }
-
-    // Handshakes and sends the first connect, which makes the server push on this socket.
-    void handshake() {
-        send(R"([{"channel":"/meta/handshake","version":"1.0",)"
-             R"("supportedConnectionTypes":["websocket"]}])");
-        const std::string_view reply = read();
-        const std::string_view key = "\"clientId\":\"";
-        const auto at = reply.find(key);
-        if (at == std::string_view::npos)
-            throw std::runtime_error("handshake refused: " + std::string(reply));
-        const auto start = at + key.size();
-        clientId_ = std::string(reply.substr(start, reply.find('"', start) - start));
-        sendConnect();
-    }
-
+    // Makes the server push on this socket.
+    void connect() { client_.sendConnect(); }
     void subscribe(const std::string& channel) {
-        send(R"([{"channel":"/meta/subscribe","clientId":")" + clientId_ + R"(","subscription":")" +
-             channel + "\"}]");
-        for (;;) {
-            const std::string_view reply = read();
-            if (reply.find("\"/meta/subscribe\"") == std::string_view::npos)
-                continue;
-            if (reply.find("\"successful\":true") == std::string_view::npos)
-                throw std::runtime_error("subscribe refused: " + std::string(reply));
-            return;
-        }
+        if (!client_.subscribeAndConnect(channel, kStallBound))
+            throw std::runtime_error("subscribe refused");
     }
 
     // `count` publishes on `channel` in one frame.
     std::string publishFrame(const std::string& channel, long first, long count) const {
         std::string frame = "[";
-        for (long i = 0; i < count; ++i) {
-            if (i)
-                frame += ',';
-            frame += R"({"channel":")" + channel + R"(","clientId":")" + clientId_ +
-                     R"(","data":{"n":)" + std::to_string(first + i) + "}}";
-        }
+        for (long i = 0; i < count; ++i)
+            frame += (i ? "," : "") +
+                     client_.publishMessage(channel, "{\"n\":" + std::to_string(first + i) + "}");
         return frame + "]";
     }
 
-    // Unblocks a read or write in progress on another thread, for the watchdog.
-    void interrupt() {
-        boost::system::error_code ignored;
-        ws_.next_layer().shutdown(tcp::socket::shutdown_both, ignored);
-    }
-
   private:
-    void sendConnect() {
-        send(R"([{"channel":"/meta/connect","connectionType":"websocket","clientId":")" +
-             clientId_ + "\"}]");
-    }
-
-    asio::io_context io_;
-    websocket::stream<tcp::socket> ws_;
-    beast::flat_buffer buffer_;
-    std::string clientId_;
-};
-
-// Interrupts the given clients if it is not dismissed within the stall bound, so that blocking
-// reads on a stalled server end in an error rather than a hang.
-class Watchdog {
-  public:
-    explicit Watchdog(std::vector<Client*> clients)
-        : thread_([this, clients = std::move(clients)] {
-              std::unique_lock<std::mutex> lock(mutex_);
-              if (changed_.wait_for(lock, kStallBound, [&] { return dismissed_; }))
-                  return;
-              fired_ = true;
-              lock.unlock();
-              for (auto* client : clients)
-                  client->interrupt();
-          }) {}
-    ~Watchdog() {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            dismissed_ = true;
-        }
-        changed_.notify_all();
-        thread_.join();
-    }
-    bool fired() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return fired_;
-    }
-
-  private:
-    std::mutex mutex_;  // guards dismissed_ and fired_
-    std::condition_variable changed_;
-    bool dismissed_ = false;
-    bool fired_ = false;
-    std::thread thread_;  // last: starts once the members above exist
+    boost::asio::io_context io_;
+    tools::RawClient client_;
 };
 
 constexpr long kBatch = 50;  // publishes per frame
@@ -154,22 +72,17 @@ Phase throughput(const std::string& port, pid_t server, int subscribers, long me
                  const std::string& channel) {
     std::vector<std::unique_ptr<Client>> subs;
     for (int s = 0; s < subscribers; ++s) {
-        subs.push_back(std::make_unique<Client>(port, "/bayeux"));
-        subs.back()->handshake();
+        subs.push_back(std::make_unique<Client>(port));
         subs.back()->subscribe(channel);
     }
-    Client publisher(port, "/bayeux");
-    publisher.handshake();
-    std::vector<Client*> all{&publisher};
-    for (auto& sub : subs)
-        all.push_back(sub.get());
+    Client publisher(port);
+    publisher.connect();
 
     Countdown delivered(messages * subscribers);
     std::atomic<bool> failed{false};
     const double cpuBefore = ownCpuSeconds();
     const double serverBefore = processCpuSeconds(server);
     const auto start = Clock::now();
-    Watchdog watchdog(all);
     std::vector<std::thread> readers;
     for (auto& sub : subs)
         readers.emplace_back([&, client = sub.get()] {
@@ -209,12 +122,9 @@ Phase throughput(const std::string& port, pid_t server, int subscribers, long me
     const auto finished = delivered.wait(kStallBound);
     const double cpuAfter = ownCpuSeconds();
     const double serverAfter = processCpuSeconds(server);
-    if (!finished)
-        for (auto* client : all)
-            client->interrupt();
     for (auto& reader : readers)
         reader.join();
-    if (!finished || failed || !error.empty() || watchdog.fired())
+    if (!finished || failed || !error.empty())
         throw std::runtime_error("raw client: " + std::to_string(delivered.count()) + " of " +
                                  std::to_string(messages * subscribers) + " delivered " + error);
     return {messages * subscribers / seconds(*finished - start),
@@ -228,12 +138,10 @@ Phase throughput(const std::string& port, pid_t server, int subscribers, long me
 // Publish -> receive with one message in flight: the publish goes out, the subscriber's socket
 // is read until the delivery, then the publisher's until the answer.
 Percentiles latency(const std::string& port, int rounds, int warmUp) {
-    Client subscriber(port, "/bayeux");
-    subscriber.handshake();
+    Client subscriber(port);
     subscriber.subscribe("/raw/latency");
-    Client publisher(port, "/bayeux");
-    publisher.handshake();
-    Watchdog watchdog({&subscriber, &publisher});
+    Client publisher(port);
+    publisher.connect();
     std::vector<double> samples;
     for (int i = 0; i < rounds + warmUp; ++i) {
         const std::string frame = publisher.publishFrame("/raw/latency", i, 1);

@@ -13,5 +13,5 @@ add_executable(client_load
     ${CMAKE_CURRENT_LIST_DIR}/client_load.cpp ${CMAKE_CURRENT_LIST_DIR}/client_load_raw.cpp)
 target_include_directories(client_load PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
 target_compile_definitions(client_load PRIVATE ORVALE_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
-target_link_libraries(client_load PRIVATE orvale::connector orvale_warnings Boost::json Boost::log
+target_link_libraries(client_load PRIVATE orvale::connector orvale_tools orvale_warnings Boost::json Boost::log
     Boost::system)

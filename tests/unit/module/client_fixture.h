@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "bayeux/codec.h"
 #include "connector/message_service/client_impl.h"
 #include "failure_text.h"
 #include "inbox.h"
@@ -75,6 +76,12 @@ class ClientTest : public ::testing::Test {
         seen.clear();
         transport->reply(delivery(wire, json));
         return seen;
+    }
+
+    // The index-th sent message as it goes over the wire.
+    std::string wire(std::size_t index) {
+        const auto* message = transport->sent<bx::BayeuxMessage>(index);
+        return message ? bx::codec::encode(*message) : "(nothing)";
     }
 
     std::shared_ptr<Subscription> watch(const std::shared_ptr<MessageServiceClientImpl>& c) {

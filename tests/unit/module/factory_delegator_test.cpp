@@ -1,12 +1,12 @@
 #include "connector/message_service/factory_delegator.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <any>
 #include <map>
 
 #include "connector/message_service/factory_options.h"
+#include "connector/message_service/server_impl.h"
 #include "failure_text.h"
 #include "log_capture.h"
 
@@ -14,50 +14,21 @@ namespace connector::message_service {
 namespace {
 
 using orvale::test::failureText;
-using Subscribed = Future<std::shared_ptr<Subscription>>;
 
-// A service that only has a name; the delegator never calls anything else on it.
-class NamedService : public MessageService {
-  public:
-    explicit NamedService(std::string name) : name_(std::move(name)) {}
-    std::string getName() override { return name_; }
-    ConnectionState getState() override { return ConnectionState::CONNECTED; }
-    MOCK_METHOD(Subscribed, subscribe,
-                (const std::string&, std::function<void(const JsonMessage&)>), (override));
-    MOCK_METHOD(Future<PublishResult>, publish, (const std::string&, common::DataBuffer&&),
-                (override));
-    MOCK_METHOD(Future<DisconnectResult>, disconnect, (), (override));
-    MOCK_METHOD(Subscribed, listenSubscribe,
-                (const std::string&, std::function<void(const SubscribeEvent&)>), (override));
-    MOCK_METHOD(Subscribed, listenUnsubscribe,
-                (const std::string&, std::function<void(const UnsubscribeEvent&)>), (override));
-    MOCK_METHOD(Subscribed, listenStateChange, (std::function<void(const StateChangeEvent&)>),
-                (override));
-    MOCK_METHOD(Future<PublishResult>, publishWithContext,
-                (const std::string&, common::DataBuffer&&, std::shared_ptr<common::ContextState>&),
-                (override));
-    MOCK_METHOD(Subscribed, subscribeWithContext,
-                (const std::string&, std::function<void(const JsonMessage&)>,
-                 const std::shared_ptr<common::ContextState>&),
-                (override));
-
-  private:
-    std::string name_;
-};
-
-// Makes NamedServices, remembers them strongly and records the options it was given.
+// Makes server services, remembers them strongly and records the options it was given.
 class RecordingDelegate : public MessageServiceFactoryDelegate {
   public:
     Future<std::shared_ptr<MessageService>> createMessageService(const std::string& name,
                                                                  const Options& options) override {
         created.push_back(options);
-        services[name] = std::make_shared<NamedService>(name);
+        services[name] = std::make_shared<MessageServiceServerImpl>(name, bayeux);
         return makeReadyFuture<std::shared_ptr<MessageService>>(services[name]);
     }
     std::shared_ptr<MessageService> getMessageService(const std::string& name) override {
         auto found = services.find(name);
         return found == services.end() ? nullptr : found->second;
     }
+    std::shared_ptr<bayeux::BayeuxServer> bayeux = bayeux::makeBayeuxServer();
     std::vector<Options> created;
     std::map<std::string, std::shared_ptr<MessageService>> services;
 };

@@ -280,17 +280,6 @@ TEST_F(ServerImplTest, ListenersSeeMatchingRequestsWithoutPrefix) {
     EXPECT_TRUE(capture.contains("Error executing subscribe listener: /x, no"));
 }
 
-TEST(ServerMatching, WildcardsCountOnlyAsTheLastSegment) {
-    const std::pair<const char*, const char*> matching[] = {
-        {"/a/b", "/a/b"}, {"/a/b", "/a/*"}, {"/a/b/c", "/a/**"}};
-    const std::pair<const char*, const char*> other[] = {
-        {"/a/b/c", "/a/*"}, {"/a", "/a/*"}, {"/a", "/a/**"}, {"/a/b", "/a*"}, {"/a/b/c", "/a/*/c"}};
-    for (const auto& [channel, pattern] : matching)
-        EXPECT_TRUE(MessageServiceServerImpl::matches(channel, pattern)) << channel << pattern;
-    for (const auto& [channel, pattern] : other)
-        EXPECT_FALSE(MessageServiceServerImpl::matches(channel, pattern)) << channel << pattern;
-}
-
 TEST(ServerDelegate, InstancesByNameAndTheSharedInstance) {
     auto delegate =
         std::make_shared<MessageServiceFactoryServerDelegate>(std::make_shared<RecordingServer>());

@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-namespace orvale::app {
+namespace orvale::tools {
 
 std::uint64_t tcpBytesReceived(int socket) {
     tcp_info info{};
@@ -17,4 +17,4 @@ std::uint64_t tcpBytesReceived(int socket) {
     return info.tcpi_bytes_received;
 }
 
-}  // namespace orvale::app
+}  // namespace orvale::tools
