@@ -5,8 +5,10 @@
 #include <exception>
 #include <limits>
 #include <stdexcept>
+#include <thread>
 
 #include "connector/log/diagnostic_logger.h"
+#include "io_thread.h"
 
 namespace connector::bayeux::transport {
 
@@ -214,6 +216,24 @@ void InboundPublisher::drainClaimed() {
             return;
         }
     }
+}
+
+std::shared_ptr<InboundPublisher> makeConnectionInbound(const std::weak_ptr<IoThread>& io,
+                                                        std::function<void()> close) {
+    std::thread::id ioThread;  // no thread's id once the service has gone
+    if (auto thread = io.lock())
+        ioThread = thread->id();
+    return std::make_shared<InboundPublisher>(
+        [io](std::function<void()> task) {
+            if (auto thread = io.lock())
+                thread->post(std::move(task));
+            else
+                task();
+        },
+        std::move(close),
+        // Frames are pushed on the I/O thread, which may then deliver them at once; the id is
+        // taken once, since this runs for every frame.
+        [ioThread] { return std::this_thread::get_id() == ioThread; });
 }
 
 }  // namespace connector::bayeux::transport

@@ -23,6 +23,8 @@
 
 namespace connector::bayeux::transport {
 
+class IoThread;
+
 class InboundPublisher : public reactive_streams::Publisher<MessagePtr>,
                          public std::enable_shared_from_this<InboundPublisher> {
   public:
@@ -92,5 +94,11 @@ class InboundPublisher : public reactive_streams::Publisher<MessagePtr>,
     Source source_ ORVALE_GUARDED_BY(mutex_) = Source::open;
     Drain drain_ ORVALE_GUARDED_BY(mutex_) = Drain::idle;
 };
+
+// The inbound stream of a connection whose I/O runs on `io`: deliveries run there (at once when
+// pushed there), or inline once the service and its thread are gone; `close` runs when the
+// subscriber cancels.
+std::shared_ptr<InboundPublisher> makeConnectionInbound(const std::weak_ptr<IoThread>& io,
+                                                        std::function<void()> close);
 
 }  // namespace connector::bayeux::transport

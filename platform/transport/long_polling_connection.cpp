@@ -71,23 +71,10 @@ class LongPollingConnection final
           closed_(std::make_shared<DoneSignal>()) {}
 
     void start() {
-        std::weak_ptr<LongPollingConnection> weak = this->weak_from_this();
-        std::thread::id ioThread;  // no thread's id once the service has gone
-        if (auto thread = io_.lock())
-            ioThread = thread->id();
-        inbound_ = std::make_shared<InboundPublisher>(
-            // Once the service and its thread are gone, what is left is delivered inline.
-            [io = io_](std::function<void()> task) {
-                if (auto thread = io.lock())
-                    thread->post(std::move(task));
-                else
-                    task();
-            },
-            [weak] {
-                if (auto self = weak.lock())
-                    self->close();
-            },
-            [ioThread] { return std::this_thread::get_id() == ioThread; });
+        inbound_ = makeConnectionInbound(io_, [weak = this->weak_from_this()] {
+            if (auto self = weak.lock())
+                self->close();
+        });
         post([self = this->shared_from_this()] { self->beginConnect(); });
     }
 
@@ -96,14 +83,8 @@ class LongPollingConnection final
     void send(MessagePtr message) override {
         thread_local EncodedMessages encoded;
         encoded.clear();
-        try {
-            encodeOutbound(message.get(), settings_.state.get(), settings_.url, encoded);
-        } catch (const std::exception& e) {
-            logger.log(foundation::log::error, "Dropped an outbound message to ", settings_.url,
-                       ": ", e.what());
-            return;
-        }
-        if (encoded.ends.empty())
+        if (!encodeOutbound(message.get(), settings_.state.get(), settings_.url, encoded) ||
+            encoded.ends.empty())
             return;
         bool schedule = false;
         {

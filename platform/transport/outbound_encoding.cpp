@@ -2,6 +2,7 @@
 
 #include "outbound_encoding.h"
 
+#include <exception>
 #include <typeinfo>
 
 #include "../bayeux/json_text.h"
@@ -25,10 +26,8 @@ void addApiKey(BayeuxMessage& handshake, const common::ContextState* state) {
     handshake.setExt(codec::withExtMember(handshake.getExt(), "orvapikey", quoted));
 }
 
-}  // namespace
-
-void encodeOutbound(Message* message, const common::ContextState* state, const std::string& url,
-                    EncodedMessages& out) {
+void encodeInto(Message* message, const common::ContextState* state, const std::string& url,
+                EncodedMessages& out) {
     if (!message)
         return;
     // Publishes are nearly all of the traffic: their exact type spares the cast.
@@ -42,10 +41,24 @@ void encodeOutbound(Message* message, const common::ContextState* state, const s
         out.ends.emplace_back(out.text.size(), bayeux->kind() == Kind::ConnectRequest);
     } else if (auto* container = dynamic_cast<BayeuxContainer*>(message)) {
         for (auto& inner : container->messages())
-            encodeOutbound(inner.get(), state, url, out);
+            encodeInto(inner.get(), state, url, out);
     } else {
         logger.log(foundation::log::error, "Dropped an outbound ",
                    foundation::log::typeName(*message), " to ", url, ": not a Bayeux message");
+    }
+}
+
+}  // namespace
+
+bool encodeOutbound(Message* message, const common::ContextState* state, const std::string& url,
+                    EncodedMessages& out) {
+    try {
+        encodeInto(message, state, url, out);
+        return true;
+    } catch (const std::exception& e) {
+        logger.log(foundation::log::error, "Dropped an outbound message to ", url, ": ", e.what());
+        out.clear();
+        return false;
     }
 }
 

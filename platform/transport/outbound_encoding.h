@@ -25,8 +25,9 @@ struct EncodedMessages {
 
 // Encodes `message` (each message of a batch) into `out`. A handshake carries the API key stored
 // under "orvapikey" in `state`, read now so that a key stored after connecting still counts.
-// What is not a Bayeux message is logged as dropped (for `url`) and left out.
-void encodeOutbound(Message* message, const common::ContextState* state, const std::string& url,
+// What is not a Bayeux message is logged as dropped (for `url`) and left out; when encoding
+// fails, that is logged and the whole of `message` is dropped (false).
+bool encodeOutbound(Message* message, const common::ContextState* state, const std::string& url,
                     EncodedMessages& out);
 
 }  // namespace connector::bayeux::transport

@@ -99,25 +99,10 @@ class WebSocketConnection final
     }
 
     void start() {
-        std::weak_ptr<WebSocketConnection> weak = this->weak_from_this();
-        std::thread::id ioThread;  // no thread's id once the service has gone
-        if (auto thread = io_.lock())
-            ioThread = thread->id();
-        inbound_ = std::make_shared<InboundPublisher>(
-            // Once the service and its thread are gone, what is left is delivered inline.
-            [io = io_](std::function<void()> task) {
-                if (auto thread = io.lock())
-                    thread->post(std::move(task));
-                else
-                    task();
-            },
-            [weak] {
-                if (auto self = weak.lock())
-                    self->close();
-            },
-            // Frames are pushed on the I/O thread, which may then deliver them at once; the id
-            // is taken once, since this runs for every frame.
-            [ioThread] { return std::this_thread::get_id() == ioThread; });
+        inbound_ = makeConnectionInbound(io_, [weak = this->weak_from_this()] {
+            if (auto self = weak.lock())
+                self->close();
+        });
         post([self = this->shared_from_this()] { self->beginConnect(); });
     }
 
@@ -129,14 +114,8 @@ class WebSocketConnection final
         // wait that long (and a disconnect beside it would never be answered at all).
         thread_local EncodedMessages encoded;
         encoded.clear();
-        try {
-            encodeOutbound(message.get(), settings_.state.get(), settings_.url, encoded);
-        } catch (const std::exception& e) {
-            logger.log(foundation::log::error, "Dropped an outbound message to ", settings_.url,
-                       ": ", e.what());
-            return;
-        }
-        if (encoded.ends.empty())
+        if (!encodeOutbound(message.get(), settings_.state.get(), settings_.url, encoded) ||
+            encoded.ends.empty())
             return;
         bool schedule = false;
         {
