@@ -68,7 +68,11 @@ std::optional<CookieJar::Clock::time_point> parseDate(std::string_view text) {
     tm.tm_hour = hour;
     tm.tm_min = minute;
     tm.tm_sec = second;
-    return CookieJar::Clock::from_time_t(::timegm(&tm));
+    // Dates before 1970 have passed; later ones are cut as long lives are, so that the time
+    // stays representable whatever year the server names.
+    const std::time_t latest =
+        CookieJar::Clock::to_time_t(CookieJar::Clock::now()) + kMaxAgeSeconds;
+    return CookieJar::Clock::from_time_t(std::clamp<std::time_t>(::timegm(&tm), 0, latest));
 }
 
 // The path a cookie without its own applies to: the request's, up to its last slash.

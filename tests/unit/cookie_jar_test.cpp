@@ -30,6 +30,8 @@ TEST(CookieJar, SendsBackWhatAppliesToTheRequestAndRefusesWhatTheHostMayNotSet) 
         {{"e=1", "e=1; Max-Age=0"}, true, "a.example.com", "/app", ""},
         {{"e=1; Expires=Wed, 21 Oct 2015 07:28:00 GMT"}, true, "a.example.com", "/app", ""},
         {{"e=1; Expires=Wed, 21-Oct-37 07:28:00 GMT"}, true, "a.example.com", "/app", "e=1"},
+        // Years past what the clock can hold are cut, not wrapped into the past.
+        {{"e=1; Expires=Tue, 21 Oct 2300 07:28:00 GMT"}, true, "a.example.com", "/app", "e=1"},
         {{"e=1; Expires=Wed, 21 Oct 2015 07:28:00 GMT; Max-Age=60"},
          true,
          "a.example.com",
