@@ -1,9 +1,6 @@
 // orvale bench --cluster: deliveries that cross from one hub to another, two orvale hubs over
 // NATS against two Faye servers over Redis, and what joining a cluster costs a hub alone.
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,6 +15,7 @@
 #include "bench_modes.h"
 #include "cli.h"
 #include "load.h"
+#include "loopback_ports.h"
 #include "process.h"
 
 namespace orvale::app {
@@ -25,30 +23,6 @@ namespace orvale::app {
 namespace {
 
 using namespace std::chrono_literals;
-
-int freePort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0)
-        throw Failure("cannot find a free port");
-    ::close(fd);
-    return ntohs(address.sin_port);
-}
-
-bool accepts(int port) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    ::close(fd);
-    return ok;
-}
 
 void waitFor(const std::function<bool()>& ready, const std::string& what) {
     for (const auto deadline = std::chrono::steady_clock::now() + 10s; !ready();
@@ -83,14 +57,15 @@ struct Pair {
 // Two routed nats-server nodes, a hub on each.
 std::unique_ptr<Pair> orvalePair(const ClusterBenchSettings& settings) {
     auto pair = std::make_unique<Pair>();
-    const int clients[] = {freePort(), freePort()}, routes[] = {freePort(), freePort()};
+    const int clients[] = {tools::freeLoopbackPort(), tools::freeLoopbackPort()},
+              routes[] = {tools::freeLoopbackPort(), tools::freeLoopbackPort()};
     for (int i = 0; i < 2; ++i) {
         pair->engine.push_back(std::make_unique<ChildProcess>(std::vector<std::string>{
             "nats-server", "-a", "127.0.0.1", "-p", std::to_string(clients[i]), "--log",
             "/dev/null", "--cluster_name", "bench", "--cluster",
             "nats://127.0.0.1:" + std::to_string(routes[i]), "--routes",
             "nats://127.0.0.1:" + std::to_string(routes[1 - i])}));
-        waitFor([&] { return accepts(clients[i]); }, "nats-server");
+        waitFor([&] { return tools::acceptsOnLoopback(clients[i]); }, "nats-server");
     }
     auto hub = [&](int i) {
         auto process = std::make_unique<ChildProcess>(std::vector<std::string>{
@@ -193,10 +168,10 @@ int runClusterBench(const ClusterBenchSettings& settings) {
     // One hub alone, with and without a cluster link that carries nothing.
     std::vector<Run> alone[2];
     {
-        const int port = freePort();
+        const int port = tools::freeLoopbackPort();
         ChildProcess linked(
             {"nats-server", "-a", "127.0.0.1", "-p", std::to_string(port), "--log", "/dev/null"});
-        waitFor([&] { return accepts(port); }, "nats-server");
+        waitFor([&] { return tools::acceptsOnLoopback(port); }, "nats-server");
         ChildProcess plain({settings.hub, "serve", "--port", "0", "--max-sessions", "1000000"});
         ChildProcess joined({settings.hub, "serve", "--port", "0", "--max-sessions", "1000000",
                              "--cluster", "nats://127.0.0.1:" + std::to_string(port)});

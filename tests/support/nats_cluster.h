@@ -2,9 +2,6 @@
 // NATS servers for the cluster tests: `nodes` nats-server processes on free loopback ports,
 // routed to each other, each ready for clients when the constructor returns.
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -15,33 +12,12 @@
 #include <vector>
 
 #include "child_process.h"
+#include "loopback_ports.h"
 
 namespace orvale::test {
 
-// A port nothing listens on now; the kernel does not hand it out again at once.
-inline int freeLoopbackPort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0)
-        throw std::runtime_error("no free port");
-    ::close(fd);
-    return ntohs(address.sin_port);
-}
-
-inline bool accepts(int port) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    ::close(fd);
-    return ok;
-}
+using tools::acceptsOnLoopback;
+using tools::freeLoopbackPort;
 
 class NatsCluster {
   public:
@@ -90,7 +66,7 @@ class NatsCluster {
         servers_.resize(ports_.size());
         servers_[node] = std::make_unique<ChildProcess>(argv);
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (!accepts(ports_[node].client)) {
+        while (!acceptsOnLoopback(ports_[node].client)) {
             if (std::chrono::steady_clock::now() > deadline)
                 throw std::runtime_error("nats-server did not start: " + servers_[node]->errors());
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
