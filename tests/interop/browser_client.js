@@ -9,8 +9,9 @@
 // Chromium (CHROMIUM, default /usr/bin/chromium) and there subscribes to LISTEN, publishes
 // {"from":"PEER MODE"} on PUBLISH, waits for one message on LISTEN and disconnects.
 // long-polling keeps the client off WebSockets and off callback-polling, so that its requests
-// go by CORS. With
-// --screenshot, while the session is live, a second tab opens URL and saves a PNG of it to FILE.
+// go by CORS. With --screenshot, while the session is live, a second tab opens URL (the hub's
+// status page), waits until it shows figures, saves a PNG of it to FILE, prints
+// {"event":"status",...} with the counts the page shows and keeps the session until SIGUSR2.
 // Stdout lines are JSON: {"event":"received",...} and last {"result":"ok","transport":...} or
 // {"result":"error","message":...} (exit status 1). A run is bounded by 30 seconds.
 
@@ -112,9 +113,17 @@ async function exchange({peer, mode, url, listen, publish}) {
     outcome.catch(() => {});  // awaited below
     await Promise.race([page.waitForFunction('window.released', {polling: 50}), outcome]);
     if (screenshot) {
+      const resume = new Promise((resolve) => process.once('SIGUSR2', resolve));
       const tab = await browser.newPage();
       await tab.goto(screenshot.url);
+      const ids = ['sessions', 'ws', 'lp', 'connections', 'subscriptions', 'channels', 'dropped', 'refused'];
+      await tab.waitForFunction((ids) => ids.every((id) => /^[0-9,]+$/.test(
+          document.getElementById(id).textContent)), {polling: 50}, ids);
       await tab.screenshot({path: screenshot.file});
+      const shown = await tab.evaluate((ids) => Object.fromEntries(ids.map((id) =>
+          [id, Number(document.getElementById(id).textContent.replace(/,/g, ''))])), ids);
+      print({event: 'status', ...shown});
+      await resume;
     }
     await page.evaluate(() => window.released());
     const result = await outcome;

@@ -2,8 +2,8 @@
 // client library's parser (tests/unit/scrape_metrics.py), the status figures, health, readiness
 // (also with a cluster whose NATS server dies), and the routes staying off unless asked for.
 
-#include "child_process.h"
 #include "endpoint_clients.h"
+#include "metrics_scrape.h"
 #include "nats_cluster.h"
 
 namespace connector::bayeux::endpoint_test {
@@ -29,16 +29,8 @@ class OperatorRoutesTest : public EndpointTest {
 
     // Runs the scraper against /metrics; empty when every expectation held, else its report.
     std::string scrape(const std::string& expected) {
-        orvale::test::ChildProcess python(
-            {ORVALE_SYSTEM_PYTHON, orvale::test::sourceDir() + "/tests/unit/scrape_metrics.py",
-             "http://127.0.0.1:" + std::to_string(port) + "/metrics", expected});
-        const auto exit = python.waitExit(orvale::test::kWait);
-        if (exit == 0)
-            return {};
-        std::string report = "exit " + (exit ? std::to_string(*exit) : "none") + ": ";
-        for (const auto& line : python.lines())
-            report += line + "; ";
-        return report + python.errors();
+        return orvale::test::scrapeMetrics("http://127.0.0.1:" + std::to_string(port) + "/metrics",
+                                           expected);
     }
 };
 

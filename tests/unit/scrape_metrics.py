@@ -3,7 +3,8 @@
 usage: scrape_metrics.py URL EXPECTED
 
 EXPECTED is a JSON object mapping a sample, written name or name{label="value",...} with the
-labels in alphabetical order, to the number it must have, or to [least, most]. Also checks what
+labels in alphabetical order, to the number it must have, or to [least, most]; a name without
+labels that has no sample of its own stands for the sum of its labelled samples. Also checks what
 every scrape must satisfy: the 0.0.4 content type, HELP and TYPE for every family, counters
 named ..._total, histograms with ascending le bounds, cumulative buckets ending in +Inf, and a
 _count equal to the +Inf bucket. Prints each problem found and exits 1, or exits 0.
@@ -37,7 +38,7 @@ def main(url, expected):
     problems = []
     if not content_type.startswith("text/plain") or "version=0.0.4" not in content_type:
         problems.append(f"content type {content_type!r}")
-    samples = {}
+    samples, sums = {}, {}
     for family in text_string_to_metric_families(text):
         if not family.documentation or family.type == "untyped":
             problems.append(f"{family.name}: no HELP or no TYPE")
@@ -48,8 +49,9 @@ def main(url, expected):
         for s in family.samples:
             labels = ",".join(f'{k}="{v}"' for k, v in sorted(s.labels.items()))
             samples[s.name + ("{" + labels + "}" if labels else "")] = s.value
+            sums[s.name] = sums.get(s.name, 0) + s.value
     for key, want in expected.items():
-        got = samples.get(key)
+        got = samples.get(key, sums.get(key))
         low, high = want if isinstance(want, list) else (want, want)
         if got is None or not low <= got <= high:
             problems.append(f"{key} is {got}, expected {want}")
