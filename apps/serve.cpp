@@ -69,12 +69,12 @@ SIGTERM.
                          "fields" for structured records
 
 A session is bound to the client that made it: requests for it are served only over the
-WebSocket it was handshaken on, or with its browser's BAYEUX_BROWSER cookie (HttpOnly,
-SameSite=Strict, Secure under TLS), which the hub sets on long-polling handshake answers and on
-WebSocket upgrade answers. Anything else is answered "402::Unknown client". Under TLS with
---allow-origin the cookie is SameSite=None; Partitioned, so that the allowed sites' pages can
-long-poll; over plain HTTP browsers send it to same-site pages only (another port of the same
-host, say).
+WebSocket it was handshaken on, or with its browser's id in a cookie (HttpOnly, SameSite=Strict,
+Secure under TLS), which the hub sets for clients that bring none: BAYEUX_BROWSER on long-polling
+handshake answers, BAYEUX_BROWSER_WS on WebSocket upgrade answers. Anything else is answered
+"402::Unknown client". Under TLS with --allow-origin the cookies are SameSite=None; Partitioned,
+so that the allowed sites' pages can long-poll; over plain HTTP browsers send them to same-site
+pages only (another port of the same host, say).
 )";
 
 }  // namespace

@@ -84,8 +84,7 @@ bool BrowserIds::issued(std::string_view id) const {
     return CRYPTO_memcmp(tag, bytes.data() + kRandomBytes, kTagBytes) == 0;
 }
 
-std::string_view BrowserIds::fromCookieHeader(std::string_view rest) const {
-    const std::string_view name = kCookie;
+std::string_view BrowserIds::fromCookieHeader(std::string_view rest, std::string_view name) const {
     while (!rest.empty()) {
         const auto end = rest.find(';');
         const std::string_view pair = trim(rest.substr(0, end));
@@ -102,8 +101,9 @@ std::string_view BrowserIds::fromCookieHeader(std::string_view rest) const {
     return {};
 }
 
-std::string browserCookie(std::string_view id, std::string_view path, bool secure, bool crossSite) {
-    std::string cookie(BrowserIds::kCookie);
+std::string browserCookie(std::string_view id, std::string_view path, bool secure, bool crossSite,
+                          std::string_view name) {
+    std::string cookie(name);
     cookie.append("=").append(id).append("; Path=").append(path).append("; HttpOnly");
     if (secure)
         cookie.append("; Secure");

@@ -6,9 +6,8 @@
 // than maxOutputBytes is not written: the connection is closed instead, as a WebSocket whose
 // output passes the bound is.
 //
-// Each request names its browser with its own BAYEUX_BROWSER cookie, whatever connection it
-// comes over; a handshake from a request without one (or with one this hub did not issue) sets
-// a new one in its answer.
+// Each request names its browser with its own cookies, whatever connection it comes over; a
+// handshake from a request without an id this hub issued sets BAYEUX_BROWSER in its answer.
 //
 // Pages of other origins reach it as cross_origin.h says: requests and preflights from allowed
 // origins are answered with CORS headers, others refused; a POST body may be the form
@@ -163,7 +162,7 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
         FrameOutcome outcome;
         try {
             // Assigned into the storage of the last request's: no allocation after the first.
-            sender_.browser.assign(hub_->browsers().fromRequest(request));
+            hub_->browsers().fromRequest(request, sender_.browser);
             outcome = hub_->handleFrame(form ? *form : request.body(), self(), sender_, out);
         } catch (const std::exception& e) {
             logger.log(log::error, "Closing an HTTP connection after a failure: ", e.what());

@@ -116,7 +116,7 @@ Advice Hub::connectAdvice() const {
     return Advice{"retry", 0, static_cast<std::int64_t>(options_.connectTimeout.count())};
 }
 
-Sender Hub::sender(Transport transport, std::string browser) {
+Sender Hub::sender(Transport transport, CarriedIds browser) {
     Sender sender;
     sender.transport = transport;
     sender.connection = lastConnection_.fetch_add(1, std::memory_order_relaxed) + 1;
@@ -159,9 +159,21 @@ FrameOutcome Hub::handleFrame(std::string_view frame, const std::shared_ptr<Link
         if (!session || session->id() != message->getClientId()) {
             session = find(message->getClientId());
             // Knowing a client id is not enough: the request must come from the session's owner.
-            const std::string_view browser =
-                sender.browser.empty() ? std::string_view(outcome.issuedBrowser) : sender.browser;
-            if (session && !session->admits(sender.connection, browser)) {
+            const std::string_view polling = sender.browser.empty()
+                                                 ? std::string_view(outcome.issuedBrowser)
+                                                 : std::string_view(sender.browser.polling);
+            if (session && !session->admits(sender.connection, polling, sender.browser.webSocket)) {
+                if (sender.upgradeCarriedNone && !session->boundToConnection() &&
+                    &message == &decoded.messages.front()) {
+                    // The upgrade left before the long-polling handshake's answer set the
+                    // cookie, as a client's probe while it handshakes does. Closed with the
+                    // frame unanswered (and nothing of it done), the client sends it again over
+                    // a new WebSocket, with the cookie.
+                    logger.log(log::trace, "Closing a WebSocket without the cookie of session ",
+                               session->id());
+                    outcome.closeForCookie = true;
+                    break;
+                }
                 logger.log(log::trace, "Refused a request for session ", session->id(),
                            " from a connection not bound to it");
                 session.reset();
@@ -235,7 +247,8 @@ void Hub::handshake(const HandshakeRequest& request, const Sender& sender, Frame
     owner.connection = sender.transport == Transport::WebSocket ? sender.connection : 0;
     owner.madeBy = sender.sessions;
     if (!sender.browser.empty()) {
-        owner.browser = sender.browser;
+        owner.browser =
+            sender.browser.polling.empty() ? sender.browser.webSocket : sender.browser.polling;
     } else if (sender.transport == Transport::LongPolling) {
         // Long-polling requests come over any connection: the cookie set now is what binds them.
         if (outcome.issuedBrowser.empty())

@@ -9,7 +9,10 @@
 //
 // A request naming a session is served only when the session admits its sender (the WebSocket
 // it was handshaken over, or the browser id of the client that made it); anything else is told
-// "402::Unknown client" and the session is left alone. A connection may have at most
+// "402::Unknown client" and the session is left alone; but a frame from a WebSocket whose upgrade
+// carried no browser id that starts by naming a session made over long-polling is left
+// unanswered for the link to close, so that the client sends it again with the cookie the
+// handshake's answer set (FrameOutcome::closeForCookie). A connection may have at most
 // maxSessionsPerConnection live sessions, and a frame at most maxMessagesPerFrame messages.
 //
 // Any thread may call it; each link calls it from its own I/O thread. `mutex_` is shared for
@@ -35,13 +38,21 @@ namespace connector::bayeux::endpoint {
 
 enum class Transport { WebSocket, LongPolling };
 
+// The browser ids this hub issued that a request carried in its cookies (or, over a WebSocket,
+// its upgrade carried or was given), one of each name; empty when none.
+struct CarriedIds {
+    std::string polling;    // BAYEUX_BROWSER
+    std::string webSocket;  // BAYEUX_BROWSER_WS
+    bool empty() const { return polling.empty() && webSocket.empty(); }
+};
+
 // The connection a frame came over, as the hub sees it; a link makes it with Hub::sender().
 struct Sender {
     Transport transport = Transport::WebSocket;
     std::uint64_t connection = 0;  // numbers connections apart; never reused
-    // An id this hub issued, carried by the request's cookie, or over a WebSocket by its upgrade
-    // (or set by the upgrade's answer); empty when none.
-    std::string browser;
+    CarriedIds browser;
+    // A WebSocket whose upgrade carried no id: the id it has, its answer gave it.
+    bool upgradeCarriedNone = false;
     std::shared_ptr<ConnectionSessions> sessions;
 };
 
@@ -65,6 +76,9 @@ struct FrameOutcome {
     bool tooManyMessages = false;
     // A browser id issued for a long-polling handshake of this frame, for the reply to set.
     std::string issuedBrowser;
+    // A WebSocket that came without the browser's cookie named a session its browser made over
+    // long-polling; the frame was left unanswered, for the link to close the connection.
+    bool closeForCookie = false;
 };
 
 class Hub {
@@ -72,7 +86,7 @@ class Hub {
     Hub(std::shared_ptr<BayeuxServer> server, EndpointOptions options);
 
     // A new connection's Sender.
-    Sender sender(Transport transport, std::string browser = {});
+    Sender sender(Transport transport, CarriedIds browser = {});
 
     // Handles one frame that arrived over `link`, appending the replies to `out`.
     FrameOutcome handleFrame(std::string_view frame, const std::shared_ptr<Link>& link,

@@ -36,9 +36,10 @@ RemoteSession::RemoteSession(std::string id, Owner owner, QueueBounds bounds, Cl
     calls_.emplace_back(Call::Register, std::string());
 }
 
-bool RemoteSession::admits(std::uint64_t connection, std::string_view browser) const {
+bool RemoteSession::admits(std::uint64_t connection, std::string_view browser,
+                           std::string_view otherBrowser) const {
     return (owner_.connection != 0 && connection == owner_.connection) ||
-           sameBrowser(browser, owner_.browser);
+           sameBrowser(browser, owner_.browser) || sameBrowser(otherBrowser, owner_.browser);
 }
 
 std::shared_ptr<common::ContextState> RemoteSession::getContext() {

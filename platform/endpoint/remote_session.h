@@ -81,9 +81,12 @@ class RemoteSession final : public BayeuxSession,
 
     const std::string& id() const { return id_; }
 
-    // Whether a request that came over `connection`, carrying the issued browser id `browser`
-    // (or none), may act for this session.
-    bool admits(std::uint64_t connection, std::string_view browser) const;
+    // Whether a request that came over `connection`, carrying the issued browser ids `browser`
+    // and `otherBrowser` (either may be empty), may act for this session.
+    bool admits(std::uint64_t connection, std::string_view browser,
+                std::string_view otherBrowser = {}) const;
+    // Whether it was handshaken over a WebSocket, and is bound to it.
+    bool boundToConnection() const { return owner_.connection != 0; }
 
     enum class ConnectAnswer { Now, Held, Closed };
     // A /meta/connect with message id `id` arrived over `link`. A WebSocket link becomes the

@@ -16,9 +16,11 @@
 // for as long.
 //
 // The sessions handshaken here are bound to this connection, and to the browser id its upgrade
-// carried in a BAYEUX_BROWSER cookie; an upgrade without one this hub issued gets a new one in
-// its answer. A WebSocket whose upgrade carried a session's browser id may drive that session
-// too: a client that handshook over long-polling moves over so.
+// carried in a cookie; an upgrade without one this hub issued gets a new one in its answer,
+// under its own name (browser_id.h says why). A WebSocket whose upgrade carried a session's
+// browser id may drive that session too: a client that handshook over long-polling moves over
+// so. One that carried none and names such a session is closed without an answer: it left
+// before the handshake's answer set the cookie, and the client's next one carries it.
 
 #include <algorithm>
 #include <boost/asio/post.hpp>
@@ -85,14 +87,18 @@ class WebSocketLink final : public Link,
               std::max(hub_->options().webSocketIdleTimeout, 2 * hub_->options().connectTimeout)) {}
 
     void start(HttpRequest request, std::shared_ptr<ConnectionSessions> sessions) {
-        std::string browser(hub_->browsers().fromRequest(request));
+        CarriedIds browser;
+        hub_->browsers().fromRequest(request, browser);
         std::string setCookie;
-        if (browser.empty()) {
-            browser = hub_->browsers().issue();
-            setCookie = browserCookie(browser, hub_->options().path, kSecure<Stream>,
-                                      !hub_->options().allowedOrigins.empty());
+        const bool carriedNone = browser.empty();
+        if (carriedNone) {
+            browser.webSocket = hub_->browsers().issue();
+            setCookie = browserCookie(browser.webSocket, hub_->options().path, kSecure<Stream>,
+                                      !hub_->options().allowedOrigins.empty(),
+                                      BrowserIds::kWebSocketCookie);
         }
         sender_ = hub_->sender(Transport::WebSocket, std::move(browser));
+        sender_.upgradeCarriedNone = carriedNone;
         if (sessions)
             sender_.sessions = std::move(sessions);
         beast::get_lowest_layer(ws_).expires_never();
@@ -171,12 +177,15 @@ class WebSocketLink final : public Link,
             abort();
             return;
         }
-        if (outcome.tooManyMessages) {
+        if (outcome.tooManyMessages || outcome.closeForCookie) {
             // Refused whole, as a frame over the byte limit is: the client learns it by the close,
             // which the stream's close timeout bounds.
             end();
             ws_.async_close(
-                websocket::close_reason(websocket::close_code::too_big, "too many messages"),
+                outcome.tooManyMessages
+                    ? websocket::close_reason(websocket::close_code::too_big, "too many messages")
+                    : websocket::close_reason(websocket::close_code::try_again_later,
+                                              "reconnect with the session's cookie"),
                 [self = this->shared_from_this()](error_code) {});
             return;
         }

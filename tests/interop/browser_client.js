@@ -60,15 +60,6 @@ async function exchange({peer, mode, url, listen, publish}) {
       client = new window.Faye.Client(url, {timeout: 30, retry: 1});
       if (mode === 'long-polling') client.disable('websocket');
       client.disable('eventsource');
-      if (mode === 'websocket') {
-        // Faye probes a WebSocket while it handshakes. From a browser without the hub's cookie
-        // each of the two gets an id of its own and the answer that lands last sets it, which may
-        // orphan the handshake's session; so the browser starts as a returning one, with its id.
-        await new Promise((resolve) => {
-          const probe = new WebSocket(url.replace(/^http/, 'ws'));
-          probe.onopen = probe.onerror = () => resolve(probe.close());
-        });
-      }
       await client.subscribe(listen, (data) => received({channel: listen, data}));
     } else {
       await new Promise((resolve) => setTimeout(resolve, 0));  // the module script runs first

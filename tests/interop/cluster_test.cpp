@@ -109,11 +109,8 @@ TEST(ClusterTest, PeersOnEveryMemberExchangeMessagesOnceInOrder) {
     std::map<std::string, std::unique_ptr<ChildProcess>> peers;
     for (const auto& [peer, url] :
          std::map<std::string, std::string>{{"faye", a->httpUrl()}, {"cometd", b->httpUrl()}})
-        // Faye stays on long-polling: its first visit's WebSocket probe races the handshake for
-        // the browser cookie (see the README), which is no part of what this test checks.
         peers[peer] = node("bayeux_client.js", {peer, url, "mesh", peer, "/orvale/mesh/to/" + peer,
-                                                "/orvale/mesh/all/*", "/orvale/mesh/go", "--only",
-                                                peer == "faye" ? "long-polling" : "any"});
+                                                "/orvale/mesh/all/*", "/orvale/mesh/go"});
     auto clientService = services->createMessageService("client", {{"endpoint", c->url}});
     ASSERT_TRUE(clientService.waitFor(10s));
     ServicePeer client("client", clientService.get()), host("host", hostService);
@@ -196,9 +193,8 @@ TEST(ClusterTest, TrafficOutlivesADeadNatsNodeAndADeadHub) {
     NatsCluster nats(3);
     auto a = hub(nats, 0), b = hub(nats, 1);
     auto member = bayeux::makeBayeuxServer({1, nats.urls(2)});
-    // On long-polling, as in the test above, out of the first visit's cookie race.
     auto faye = node("bayeux_client.js", {"faye", a->httpUrl() + "," + b->httpUrl(), "mesh", "faye",
-                                          "/orvale/mesh/all/*", "--only", "long-polling"});
+                                          "/orvale/mesh/all/*"});
     int tick = 0;
     // Ticks every 20 ms until one sent from now on arrives, within `bound`.
     auto ticksArrive = [&](std::chrono::milliseconds bound) {

@@ -42,6 +42,7 @@ TEST(BrowserIds, TheCookieHeaderNamesTheFirstIssuedId) {
         {"BAYEUX_BROWSER=" + forged + "; BAYEUX_BROWSER=" + id, id},
         {"BAYEUX_BROWSER=" + forged, ""},
         {"X_BAYEUX_BROWSER=" + id, ""},
+        {"BAYEUX_BROWSER_WS=" + id, ""},
         {"bayeux_browser=" + id, ""},
         {"BAYEUX_BROWSER" + id, ""},
         {";;=;", ""},

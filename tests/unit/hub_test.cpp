@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <map>
 #include <regex>
 
 #include "endpoint_clients.h"
@@ -20,7 +21,7 @@ TEST_F(EndpointTest, OnlyItsOwnerMayActForASession) {
     const std::string id = open(owner);
     EXPECT_TRUE(std::regex_match(
         owner.setCookie(),
-        std::regex("BAYEUX_BROWSER=[0-9a-f]{64}; Path=/bayeux; HttpOnly; SameSite=Strict")))
+        std::regex("BAYEUX_BROWSER_WS=[0-9a-f]{64}; Path=/bayeux; HttpOnly; SameSite=Strict")))
         << owner.setCookie();
     const std::string cookie = orvale::test::cookiePair(owner.setCookie());
     ASSERT_TRUE(successful(owner.call(subscribe(id, "s", "/own"), "s")));
@@ -78,6 +79,33 @@ TEST_F(EndpointTest, OnlyItsOwnerMayActForASession) {
     delivered = owner.await(isDelivery);
     ASSERT_TRUE(delivered);
     EXPECT_EQ(json::serialize(delivered->at("data")), "3");
+}
+
+// A browser's first visit: it opens a WebSocket while it handshakes over long-polling, both
+// without a cookie. It keeps the id each answer sets, whichever lands last, so the session's
+// next requests carry its id; the WebSocket that left without it is closed, not refused, and its
+// frame goes again over one that carries it.
+TEST_F(EndpointTest, AFirstVisitsWebSocketAndLongPollingHandshakeShareOneSession) {
+    start();
+    RawWebSocket early(port);
+    RawHttp poll(port);
+    const std::string id = open(poll);
+    std::map<std::string, std::string> jar;  // name to name=value, as a browser keeps cookies
+    for (const std::string& pair : {poll.cookie(), orvale::test::cookiePair(early.setCookie())})
+        jar[pair.substr(0, pair.find('='))] = pair;
+    std::string cookies;
+    for (const auto& cookie : jar)
+        cookies += (cookies.empty() ? "" : "; ") + cookie.second;
+
+    const auto polled = RawHttp(port, cookies).post(subscribe(id, "s", "/first"));
+    EXPECT_TRUE(polled && successful(find(polled->messages(), withId("s"))));
+    EXPECT_FALSE(early.call(publish(id, "p", "/first", "1"), "p"));
+    EXPECT_TRUE(early.awaitClosed());
+    RawWebSocket later(port, cookies);
+    ASSERT_TRUE(later.send(connect(id, "c")));
+    EXPECT_TRUE(successful(later.call(publish(id, "p", "/first", "2"), "p")));
+    const auto delivered = later.await(isDelivery);
+    EXPECT_TRUE(delivered && json::serialize(delivered->at("data")) == "2");
 }
 
 // One connection's flood of handshakes is capped by the live sessions a connection may have, so
