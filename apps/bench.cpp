@@ -1,18 +1,29 @@
 // orvale bench: the same load against `orvale serve` and a Faye server, side by side.
 
 #include <algorithm>
+#include <atomic>
+#include <boost/asio/connect.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/http.hpp>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <thread>
+#include <vector>
 
 #include "bench_modes.h"
 #include "cli.h"
 #include "commands.h"
+#include "connector/common/mutex.h"
 #include "load.h"
 #include "process.h"
+#include "raw_client.h"
 
 #ifndef ORVALE_SOURCE_DIR
 #define ORVALE_SOURCE_DIR "."
@@ -32,6 +43,7 @@ const char* const kUsage =
        orvale bench --deflate [--messages N] [--repeat N] [--hub PATH]
        orvale bench --cluster [--messages N] [--repeat N] [--rate N] [--seconds N] [--hub PATH]
                     [--no-faye]
+       orvale bench --compare PATH [--messages N] [--repeat N] [--hub PATH]
 
 Runs the same load, made by orvale client services, against `orvale serve` and against a Faye
 server, each in a process of its own, and prints a table:
@@ -74,6 +86,14 @@ under the same load (default 50000 messages a run): deliveries per second 1 -> 1
 CPU time per delivery of the hubs and of nats-server or redis-server, and latency at --rate.
 Then one hub alone, without and with --cluster (its link carrying nothing), 1 -> 1.
 
+--compare PATH measures what separates two builds of the hub, which is smaller than the machine's
+noise between runs: the throughput runs of three hubs take turns, --repeat rounds (default 7),
+each round starting with the next hub: `orvale serve` of --hub, the same with --operator-routes
+and /metrics scraped every second, and `orvale serve` of PATH (say, a build of an older commit).
+For each it prints the median and the range of deliveries per second and of the hub's CPU time
+per delivery, 1 -> 1 and 1 -> 4, and the medians' difference from PATH's. The first two differ
+only by the scrapes, which shows how far the measurement can be trusted.
+
   --hub PATH         the orvale executable whose `serve` is loaded (default: this one)
 )";
 
@@ -102,6 +122,7 @@ struct Target {
     std::vector<std::string> argv;
     // The URL from the first line the process prints.
     std::string (*url)(const std::string& firstLine);
+    bool scraped = false;  // its /metrics is fetched every second while it runs
 };
 
 std::string orvaleUrl(const std::string& line) {
@@ -118,6 +139,62 @@ std::string fixed(double value, int decimals) {
     return buffer;
 }
 
+// Fetches a hub's /metrics every second on a thread of its own, as a Prometheus server would,
+// for as long as it lives. `mutex_` guards `stopping_`.
+class Scraper {
+  public:
+    explicit Scraper(const std::string& hubUrl)
+        : hub_(tools::parseHubUrl(hubUrl)), thread_([this] { run(); }) {}
+    ~Scraper() {
+        {
+            connector::common::MutexLock lock(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_all();
+        thread_.join();
+    }
+    std::size_t scrapes() const { return scrapes_.load(); }
+
+  private:
+    void run() {
+        connector::common::UniqueLock lock(mutex_);
+        while (!wake_.wait_for(lock.native(), 1s, [this] {
+            mutex_.assumeHeld();
+            return stopping_;
+        })) {
+            lock.unlock();
+            if (scrape())
+                ++scrapes_;
+            lock.lock();
+        }
+    }
+    bool scrape() const {
+        namespace http = boost::beast::http;
+        try {
+            boost::asio::io_context io;
+            boost::beast::tcp_stream stream(io);
+            stream.expires_after(5s);
+            stream.connect(boost::asio::ip::tcp::resolver(io).resolve(hub_.host, hub_.port));
+            http::request<http::empty_body> request(http::verb::get, "/metrics", 11);
+            request.set(http::field::host, hub_.host);
+            http::write(stream, request);
+            boost::beast::flat_buffer buffer;
+            http::response<http::string_body> response;
+            http::read(stream, buffer, response);
+            return response.result() == http::status::ok && !response.body().empty();
+        } catch (const std::exception&) {
+            return false;
+        }
+    }
+
+    const tools::HubAddress hub_;
+    connector::common::Mutex mutex_;
+    std::condition_variable wake_;
+    bool stopping_ ORVALE_GUARDED_BY(mutex_) = false;
+    std::atomic<std::size_t> scrapes_{0};
+    std::thread thread_;  // last: it starts once the rest is made
+};
+
 // One throughput run and the CPU time the server and the load spent on it, per delivery.
 struct Run {
     double rate, hubCpu, loadCpu;
@@ -127,7 +204,10 @@ struct Run {
 // run; a fresh one measures memory.
 struct Side {
     Side(const Target& target, std::size_t window)
-        : target(target), hub(target.argv), load(target.url(hub.firstLine(10s)), window) {}
+        : target(target), hub(target.argv), url(target.url(hub.firstLine(10s))), load(url, window) {
+        if (target.scraped)
+            scraper = std::make_unique<Scraper>(url);
+    }
 
     Run run(std::size_t subscribers, std::size_t messages) {
         const std::string kind = "1 -> " + std::to_string(subscribers);
@@ -143,7 +223,9 @@ struct Side {
 
     const Target& target;
     ChildProcess hub;
+    std::string url;
     LoadRunner load;
+    std::unique_ptr<Scraper> scraper;
     std::vector<Run> oneToOne, oneToFour;
 };
 
@@ -155,24 +237,35 @@ Run median(std::vector<Run> runs) {
 
 // The targets' throughput runs take turns, so that a spell in which the shared machine runs
 // slow (single runs vary by a third) falls on both targets alike, not on whichever ran then.
+std::vector<std::unique_ptr<Side>> throughputRuns(const std::vector<Target>& targets,
+                                                  const Settings& settings) {
+    std::vector<std::unique_ptr<Side>> sides;
+    for (const Target& target : targets) {
+        sides.push_back(std::make_unique<Side>(target, settings.window));
+        std::cerr << "bench: " << target.name << ": warming up\n";
+        sides.back()->load.throughput(1, std::min<std::size_t>(settings.messages, 20000));
+    }
+    // Each round starts with the next target, so that none always runs right after the same one.
+    for (std::size_t i = 0; i < settings.repeat; ++i)
+        for (std::size_t k = 0; k < sides.size(); ++k) {
+            Side& side = *sides[(i + k) % sides.size()];
+            side.oneToOne.push_back(side.run(1, settings.messages));
+        }
+    for (std::size_t i = 0; i < settings.repeat; ++i)
+        for (std::size_t k = 0; k < sides.size(); ++k) {
+            Side& side = *sides[(i + k) % sides.size()];
+            side.oneToFour.push_back(side.run(4, settings.messages));
+        }
+    return sides;
+}
+
 // Each figure is the median of `repeat` runs, with the CPU times of that median run. Memory is
 // measured last, each target in a fresh process of its own, so that memory left from the runs
 // does not count.
 std::vector<Figures> measure(const std::vector<Target>& targets, const Settings& settings) {
     std::vector<Figures> figures;
     {
-        std::vector<std::unique_ptr<Side>> sides;
-        for (const Target& target : targets) {
-            sides.push_back(std::make_unique<Side>(target, settings.window));
-            std::cerr << "bench: " << target.name << ": warming up\n";
-            sides.back()->load.throughput(1, std::min<std::size_t>(settings.messages, 20000));
-        }
-        for (std::size_t i = 0; i < settings.repeat; ++i)
-            for (auto& side : sides)
-                side->oneToOne.push_back(side->run(1, settings.messages));
-        for (std::size_t i = 0; i < settings.repeat; ++i)
-            for (auto& side : sides)
-                side->oneToFour.push_back(side->run(4, settings.messages));
+        const auto sides = throughputRuns(targets, settings);
         for (auto& side : sides) {
             const Run oneToOne = median(side->oneToOne);
             Figures out;
@@ -192,6 +285,66 @@ std::vector<Figures> measure(const std::vector<Target>& targets, const Settings&
         figures[i].bytesPerSession = fresh.load.memoryPerSession(settings.sessions, fresh.hub);
     }
     return figures;
+}
+
+// One figure of the runs, in ascending order.
+std::vector<double> sorted(const std::vector<Run>& runs, double Run::*figure) {
+    std::vector<double> values;
+    for (const Run& run : runs)
+        values.push_back(run.*figure);
+    std::sort(values.begin(), values.end());
+    return values;
+}
+
+double medianOf(const std::vector<Run>& runs, double Run::*figure) {
+    const auto values = sorted(runs, figure);
+    return values[values.size() / 2];
+}
+
+// "median (least-most)" of one figure of the runs.
+std::string spread(const std::vector<Run>& runs, double Run::*figure, int decimals) {
+    const auto values = sorted(runs, figure);
+    return fixed(values[values.size() / 2], decimals) + " (" + fixed(values.front(), decimals) +
+           "-" + fixed(values.back(), decimals) + ")";
+}
+
+// --compare: two builds of the hub, and the first with its metrics scraped, taking turns.
+int compareHubs(const std::string& hub, const std::string& baseline, Settings settings) {
+    const std::vector<std::string> serve{"serve", "--port", "0", "--max-sessions", "1000000"};
+    auto target = [&](std::string name, const std::string& exe, bool routes) {
+        Target t{std::move(name), {exe}, orvaleUrl, routes};
+        t.argv.insert(t.argv.end(), serve.begin(), serve.end());
+        if (routes)
+            t.argv.push_back("--operator-routes");
+        return t;
+    };
+    const std::vector<Target> targets{target("this hub", hub, false),
+                                      target("this hub, scraped", hub, true),
+                                      target("baseline", baseline, false)};
+    const auto sides = throughputRuns(targets, settings);
+    std::printf("orvale bench --compare: %zu messages per run, %zu runs of each, taking turns\n",
+                settings.messages, settings.repeat);
+    std::printf("%-20s %-6s %-26s %-22s %s\n", "hub", "load", "deliveries/s", "hub CPU us/delivery",
+                "vs baseline (rate, CPU)");
+    const Side& base = *sides.back();
+    for (const auto& side : sides) {
+        for (auto runs : {&Side::oneToOne, &Side::oneToFour}) {
+            const auto& mine = (*side).*runs;
+            const auto& theirs = base.*runs;
+            const auto change = [&](double Run::*figure) {
+                return fixed(100 * (medianOf(mine, figure) / medianOf(theirs, figure) - 1), 1) +
+                       "%";
+            };
+            std::printf("%-20s %-6s %-26s %-22s %s %s\n", side->target.name.c_str(),
+                        runs == &Side::oneToOne ? "1 -> 1" : "1 -> 4",
+                        spread(mine, &Run::rate, 0).c_str(), spread(mine, &Run::hubCpu, 3).c_str(),
+                        change(&Run::rate).c_str(), change(&Run::hubCpu).c_str());
+        }
+        if (side->scraper)
+            std::printf("%-20s %zu scrapes of /metrics\n", "", side->scraper->scrapes());
+    }
+    std::fflush(stdout);
+    return 0;
 }
 
 std::string ratio(double ours, double theirs, bool higherIsBetter) {
@@ -215,10 +368,11 @@ std::string defaultFayeScript() {
 }  // namespace
 
 int runBench(const Words& words) {
-    const Args args(words,
-                    {"--messages", "--rate", "--seconds", "--sessions", "--window", "--repeat",
-                     "--node", "--faye-script", "--hub", "--capacity", "--subscribers"},
-                    {"--help", "--no-faye", "--floods", "--deflate", "--cluster"});
+    const Args args(
+        words,
+        {"--messages", "--rate", "--seconds", "--sessions", "--window", "--repeat", "--node",
+         "--faye-script", "--hub", "--capacity", "--subscribers", "--compare"},
+        {"--help", "--no-faye", "--floods", "--deflate", "--cluster"});
     if (args.has("--help")) {
         std::cout << kUsage;
         return 0;
@@ -244,6 +398,11 @@ int runBench(const Words& words) {
                             std::chrono::seconds(args.number("--seconds", 3, 1, 3600)),
                             args.number("--sessions", 5000, 1, 100000),
                             args.number("--repeat", 3, 1, 100)};
+    if (args.has("--compare")) {
+        Settings compare = settings;
+        compare.repeat = args.number("--repeat", 7, 1, 100);
+        return compareHubs(hub, args.value("--compare", ""), compare);
+    }
     const bool withFaye = !args.has("--no-faye");
     const std::string script = args.value("--faye-script", defaultFayeScript());
     if (withFaye && !std::filesystem::exists(script))
