@@ -61,6 +61,13 @@ class Recorder final : public BayeuxSession {
     std::vector<std::string> events_;
 };
 
+void publish(BayeuxServer& server, const std::string& channel, const std::string& json,
+             const std::string& clientId = "p") {
+    auto request = std::make_shared<PublishRequest>(channel, common::DataBuffer(json));
+    request->setClientId(clientId);
+    server.acceptPublish(std::move(request));
+}
+
 struct Member {
     Member(const orvale::test::NatsCluster& nats, int node, const std::string& id)
         : server(makeBayeuxServer({1, nats.urls(node)})), session(std::make_shared<Recorder>(id)) {
@@ -70,9 +77,7 @@ struct Member {
         server->acceptSubscribe(std::make_shared<SubscribeRequest>(pattern, session->getId()));
     }
     void publish(const std::string& channel, const std::string& json) {
-        auto request = std::make_shared<PublishRequest>(channel, common::DataBuffer(json));
-        request->setClientId(session->getId());
-        server->acceptPublish(std::move(request));
+        bayeux::publish(*server, channel, json, session->getId());
     }
     std::shared_ptr<BayeuxServer> server;
     std::shared_ptr<Recorder> session;
@@ -171,6 +176,43 @@ TEST(ClusteredServer, ConcurrentPublishersOnEveryMemberReachEverySubscriberOnceI
         EXPECT_GE(stats->published, std::uint64_t{kThreads * kMessages});
         EXPECT_EQ(stats->lost, 0u);
     }
+}
+
+// A member sends NATS only what another member's sessions want: nothing while it is alone, a
+// pattern's channels once another member subscribes to it, nothing once that one leaves.
+TEST(ClusteredServer, SendsOnlyWhatAnotherMemberWants) {
+    orvale::test::NatsCluster nats(1);
+    auto join = [&] {
+        return std::make_shared<cluster::ClusteredServer>(
+            makeBayeuxServer(), nats.urls(0), cluster::MembershipTimings{100ms, 300ms, 1000ms});
+    };
+    auto a = join();
+    // How many of one publish on `channel` reached NATS, once that is `expected` or 3 s passed.
+    auto sent = [&](const std::string& channel, std::uint64_t expected) {
+        std::uint64_t sent = 0;
+        for (const auto end = std::chrono::steady_clock::now() + 3s;
+             std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(20ms)) {
+            const auto before = a->clusterStats()->published;
+            publish(*a, channel, "0");
+            if ((sent = a->clusterStats()->published - before) == expected)
+                break;
+        }
+        return sent;
+    };
+    EXPECT_EQ(sent("/x/1", 0), 0u);
+    auto b = join();
+    auto session = std::make_shared<Recorder>("b");
+    b->registerSession(session);
+    b->acceptSubscribe(std::make_shared<SubscribeRequest>("/x/*", "b"));
+    EXPECT_EQ(sent("/x/1", 1), 1u);
+    EXPECT_EQ(sent("/y", 0), 0u);
+    EXPECT_FALSE(session->await("/x/1", 1).empty());
+    b->acceptUnsubscribe(std::make_shared<UnsubscribeRequest>("/x/*", "b"));
+    EXPECT_EQ(sent("/x/1", 0), 0u);
+    b->acceptSubscribe(std::make_shared<SubscribeRequest>("/x/**", "b"));
+    EXPECT_EQ(sent("/x/1/2", 1), 1u);
+    b.reset();
+    EXPECT_EQ(sent("/x/1/2", 0), 0u);
 }
 
 TEST(ClusteredServer, NamesTheClusterItCannotReach) {
