@@ -49,6 +49,9 @@ NatsLink::NatsLink(NatsLinkOptions options, OnMessage onMessage)
     natsOptions_SetName(o, options_.name.c_str());
     natsOptions_SetNoEcho(o, true);
     natsOptions_SetNoRandomize(o, true);
+    // A publish goes out at once rather than after the library's flusher has waited for more
+    // (about a millisecond): the server hands over a frame's publishes together already.
+    natsOptions_SetSendAsap(o, true);
     // One library thread delivers for every subscription, in the order the messages came.
     natsOptions_UseGlobalMessageDelivery(o, true);
     natsOptions_SetMaxReconnect(o, -1);
