@@ -8,7 +8,6 @@ bool MemberInterest::wanted(std::string_view channel) const {
     if (distinct_.load(std::memory_order_acquire) == 0)
         return false;
     common::ReaderLock lock(mutex_);
-    const auto has = [&](std::string_view pattern) { return union_.find(pattern) != union_.end(); };
     if (has(channel))
         return true;
     // The patterns that can match /a/b/c: /a/b/*, and /a/b/**, /a/** and /**.
@@ -25,6 +24,10 @@ bool MemberInterest::wanted(std::string_view channel) const {
             return true;
     }
     return false;
+}
+
+bool MemberInterest::has(std::string_view pattern) const {
+    return union_.find(pattern) != union_.end();
 }
 
 void MemberInterest::doubtUntil(Clock::time_point until) {

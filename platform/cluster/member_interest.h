@@ -59,6 +59,7 @@ class MemberInterest {
         std::set<std::string, std::less<>> patterns;
         Clock::time_point heard;
     };
+    bool has(std::string_view pattern) const ORVALE_REQUIRES_SHARED(mutex_);
     Member& member(std::string_view name, Clock::time_point now) ORVALE_REQUIRES(mutex_);
     void count(const std::string& pattern, bool add) ORVALE_REQUIRES(mutex_);
     void drop(std::map<std::string, Member, std::less<>>::iterator it) ORVALE_REQUIRES(mutex_);
