@@ -129,15 +129,27 @@ void ClusteredServer::acceptPublish(std::shared_ptr<const PublishRequest> reques
     if (!request)
         return;
     inner_->acceptPublish(request);
-    const ChannelName channel(request->getChannel());
-    if (channel.isMeta() || channel.isService() || channel.isPattern() ||
-        !others_.wanted(request->getChannel()))
+    // Whether the channel goes to the cluster, and its subject, kept per thread for the last
+    // channel while the others' interest stays the same: publishes come in runs on one channel.
+    thread_local struct {
+        const ClusteredServer* server = nullptr;
+        std::uint64_t version = 0;
+        std::string channel, subject;
+        bool shared = false;
+    } last;
+    const std::string& name = request->getChannel();
+    const std::uint64_t version = others_.version();
+    if (last.server != this || last.version != version || last.channel != name) {
+        const ChannelName channel(name);
+        last.shared = !channel.isMeta() && !channel.isService() && !channel.isPattern() &&
+                      others_.wanted(name) && subjectOf(kChannels, name, last.subject);
+        last.server = this;
+        last.version = version;
+        last.channel.assign(name);
+    }
+    if (!last.shared)
         return;
-    // Written into a buffer of the thread's own, so that a publish allocates nothing here once
-    // warm.
-    thread_local std::string subject;
-    if (!subjectOf(kChannels, request->getChannel(), subject))
-        return;
+    const std::string& subject = last.subject;
     // Publishes accepted in one batch (a client's frame) travel together while they follow one
     // another on one subject; any other message sends the batch first, so that a publisher's
     // order holds across channels too.

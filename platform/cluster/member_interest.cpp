@@ -2,6 +2,13 @@
 
 namespace connector::bayeux::cluster {
 
+namespace {
+// Versions are drawn from one sequence for every instance, so that no two instances' ever match.
+std::atomic<std::uint64_t> lastVersion{0};
+}  // namespace
+
+MemberInterest::MemberInterest() : version_(++lastVersion) {}
+
 bool MemberInterest::wanted(std::string_view channel) const {
     if (doubt_.load(std::memory_order_acquire))
         return true;
@@ -34,14 +41,17 @@ void MemberInterest::doubtUntil(Clock::time_point until) {
     common::WriterLock lock(mutex_);
     doubtUntil_ = until.time_since_epoch().count();
     doubt_ = true;
+    version_ = ++lastVersion;
 }
 
 void MemberInterest::settle(Clock::time_point now) {
     if (!doubt_)
         return;
     common::WriterLock lock(mutex_);
-    if (now.time_since_epoch().count() >= doubtUntil_)
+    if (now.time_since_epoch().count() >= doubtUntil_) {
         doubt_ = false;
+        version_ = ++lastVersion;
+    }
 }
 
 void MemberInterest::replace(std::string_view name, const std::vector<std::string_view>& patterns,
@@ -110,6 +120,7 @@ MemberInterest::Member& MemberInterest::member(std::string_view name, Clock::tim
 }
 
 void MemberInterest::count(const std::string& pattern, bool add) {
+    version_ = ++lastVersion;
     if (add) {
         if (union_[pattern]++ == 0)
             ++distinct_;

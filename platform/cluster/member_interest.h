@@ -18,6 +18,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <set>
 #include <string>
@@ -31,6 +32,12 @@ namespace connector::bayeux::cluster {
 class MemberInterest {
   public:
     using Clock = std::chrono::steady_clock;
+
+    MemberInterest();
+
+    // Changes whenever an answer of wanted() may have; never the same for two instances, so a
+    // caller may keep an answer with it.
+    std::uint64_t version() const { return version_.load(std::memory_order_acquire); }
 
     // True when a member other than this one may want a message on `channel`, a valid channel
     // that is no pattern.
@@ -64,6 +71,7 @@ class MemberInterest {
     void count(const std::string& pattern, bool add) ORVALE_REQUIRES(mutex_);
     void drop(std::map<std::string, Member, std::less<>>::iterator it) ORVALE_REQUIRES(mutex_);
 
+    std::atomic<std::uint64_t> version_;
     std::atomic<bool> doubt_{false};
     std::atomic<Clock::rep> doubtUntil_{0};
     // Distinct patterns wanted anywhere, for the quick answer when there is none.
