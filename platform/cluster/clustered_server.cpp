@@ -209,7 +209,8 @@ bool ClusteredServer::Seen::first(std::uint64_t sequence) {
 
 std::optional<ClusterStats> ClusteredServer::clusterStats() const {
     const NatsLinkStats link = link_->stats();
-    return ClusterStats{link.connected, link.published, link.received, link.lost, link.reconnects};
+    return ClusterStats{link.connected, link.published,  link.received,
+                        link.lost,      link.reconnects, others_.members()};
 }
 
 void ClusteredServer::countInterest(const std::string& clientId, const std::string& pattern,

@@ -67,9 +67,6 @@ class ClusteredServer final : public BayeuxServer {
 
     std::optional<ClusterStats> clusterStats() const override;
 
-    // Members this one knows of, itself excluded.
-    std::size_t members() const { return others_.members(); }
-
   private:
     void onMessage(std::string_view subject, std::string_view payload);
     void onMembership(std::string_view origin, std::string_view rest);

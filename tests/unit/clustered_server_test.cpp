@@ -205,6 +205,7 @@ TEST(ClusteredServer, SendsOnlyWhatAnotherMemberWants) {
     b->registerSession(session);
     b->acceptSubscribe(std::make_shared<SubscribeRequest>("/x/*", "b"));
     EXPECT_EQ(sent("/x/1", 1), 1u);
+    EXPECT_EQ(a->clusterStats()->members, 1u);
     EXPECT_EQ(sent("/y", 0), 0u);
     EXPECT_FALSE(session->await("/x/1", 1).empty());
     b->acceptUnsubscribe(std::make_shared<UnsubscribeRequest>("/x/*", "b"));
@@ -213,6 +214,7 @@ TEST(ClusteredServer, SendsOnlyWhatAnotherMemberWants) {
     EXPECT_EQ(sent("/x/1/2", 1), 1u);
     b.reset();
     EXPECT_EQ(sent("/x/1/2", 0), 0u);
+    EXPECT_EQ(a->clusterStats()->members, 0u);
 }
 
 TEST(ClusteredServer, NamesTheClusterItCannotReach) {

@@ -40,6 +40,7 @@ struct ClusterStats {
     std::uint64_t received = 0;    // what NATS delivered from the others
     std::uint64_t lost = 0;        // sent while the link was down, beyond its reconnect buffer
     std::uint64_t reconnects = 0;  // outages the link came back from
+    std::size_t members = 0;       // other members heard from lately
 };
 
 class BayeuxServer {
