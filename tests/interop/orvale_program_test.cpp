@@ -45,8 +45,6 @@ TEST(OrvaleProgramTest, SubPrintsWhatPubPublishesOnExactAndWildcardChannels) {
 TEST(OrvaleProgramTest, FailuresExitNonZeroWithOneLine) {
     ServeProcess keyed({"--api-key", "k3y", "--log-format", "json"});
     ServeProcess plain;
-    const std::string port =
-        plain.url.substr(plain.url.rfind(':') + 1, plain.url.rfind('/') - plain.url.rfind(':') - 1);
     const std::string closed = "ws://127.0.0.1:1/bayeux";
     struct Case {
         std::vector<std::string> args;
@@ -63,7 +61,7 @@ TEST(OrvaleProgramTest, FailuresExitNonZeroWithOneLine) {
         {{"sub", closed}, 2, "CHANNEL"},
         {{"sub", closed, "/a", "--count", "zero"}, 2, "--count"},
         {{"serve", "--port", "70000"}, 2, "--port"},
-        {{"serve", "--port", port}, 1, "Cannot listen"},
+        {{"serve", "--port", plain.port()}, 1, "Cannot listen"},
         {{"serve", "--bogus"}, 2, "unknown option --bogus"},
         {{"serve", "--log-format", "xml"}, 2, "--log-format"},
         {{"serve", "--cluster", "nats://127.0.0.1:1"},
@@ -150,8 +148,7 @@ TEST(OrvaleProgramTest, ServeEndsCleanlyOnSignalsAndSubOutlivesARestart) {
         ASSERT_TRUE(printed(1));
         serve.process->kill(signal);
         EXPECT_EQ(run(*serve.process), 0);
-        const std::string port = serve.url.substr(serve.url.rfind(':') + 1,
-                                                  serve.url.rfind('/') - serve.url.rfind(':') - 1);
+        const std::string port = serve.port();
         serve = ServeProcess({"--port", port});
         ASSERT_TRUE(printed(2)) << sub->errors();
         serve.process->kill(SIGTERM);
