@@ -84,8 +84,9 @@ class ClientTest : public ::testing::Test {
         return seen;
     }
 
-    // The index-th sent message as it goes over the wire.
+    // The index-th sent message as it goes over the wire, once it is sent.
     std::string wire(std::size_t index) {
+        transport->waitSent(index + 1);
         const auto* message = transport->sent<bx::BayeuxMessage>(index);
         return message ? bx::codec::encode(*message) : "(nothing)";
     }

@@ -33,7 +33,6 @@ TEST_F(ClientTest, HandshakeNumbersRequestsAndStartsTheConnectLoop) {
               R"([{"channel":"/meta/handshake","id":"0","clientId":"unset","version":"1.0",)"
               R"("minimumVersion":"1.0","supportedConnectionTypes":["websocket"]}])");
     EXPECT_EQ(client->getId(), "abc");
-    ASSERT_TRUE(transport->waitSent(2));
     EXPECT_EQ(
         wire(1),
         R"([{"channel":"/meta/connect","id":"1","clientId":"abc","connectionType":"websocket"}])");
@@ -229,7 +228,6 @@ TEST_F(ClientTest, HandlesCancelledFromInsideTheService) {
 TEST_F(ClientTest, PublishGoesOutPrefixedAndResolvesOnTheAnswer) {
     auto client = connected();
     auto published = client->publish("/a/b", "{\"v\":1}");
-    ASSERT_TRUE(transport->waitSent(3));
     EXPECT_EQ(wire(2), R"([{"channel":"/orvale/a/b","id":"2","clientId":"abc","data":{"v":1}}])");
     EXPECT_FALSE(published.waitFor(std::chrono::milliseconds(20)));
     transport->reply(response<bx::PublishResponse>("2"));
@@ -328,7 +326,6 @@ TEST_F(ClientTest, DisconnectStatesAndTheEndOfTheLoop) {
     auto sub = subscribed(client, "/a", "a");
     auto listener = watch(client);
     auto done = client->disconnect();
-    ASSERT_TRUE(transport->waitSent(4));
     EXPECT_EQ(wire(3), R"([{"channel":"/meta/disconnect","id":"3","clientId":"abc"}])");
     EXPECT_TRUE(capture.contains("Disconnecting from: ws://test/bayeux, abc"));
     EXPECT_EQ(deliveredTo("/orvale/a"), Strings{})
