@@ -22,7 +22,7 @@ TEST_F(EndpointTest, OnlyItsOwnerMayActForASession) {
         owner.setCookie(),
         std::regex("BAYEUX_BROWSER=[0-9a-f]{64}; Path=/bayeux; HttpOnly; SameSite=Strict")))
         << owner.setCookie();
-    const std::string cookie = orvale::test::cookiePair(owner.setCookie());
+    const std::string cookie = cookiePair(owner.setCookie());
     ASSERT_TRUE(successful(owner.call(subscribe(id, "s", "/own"), "s")));
     ASSERT_TRUE(owner.send(connect(id, "held")));
 
@@ -31,7 +31,7 @@ TEST_F(EndpointTest, OnlyItsOwnerMayActForASession) {
     RawWebSocket otherBrowser(port);
     RawWebSocket forgedWs(port, forged);
     RawHttp bare(port);
-    RawHttp wrong(port, orvale::test::cookiePair(otherBrowser.setCookie()));
+    RawHttp wrong(port, cookiePair(otherBrowser.setCookie()));
     RawHttp forgedHttp(port, forged);
     using Send = std::function<std::optional<json::object>(const std::string&)>;
     auto overWs = [](RawWebSocket& ws) -> Send {
@@ -66,7 +66,7 @@ TEST_F(EndpointTest, OnlyItsOwnerMayActForASession) {
     ASSERT_TRUE(delivered);
     EXPECT_EQ(str(*delivered, "channel"), "/own");
     EXPECT_EQ(json::serialize(delivered->at("data")), "2");
-    EXPECT_FALSE(find({owner.inbox().begin(), owner.inbox().end()}, withId("held")));
+    EXPECT_FALSE(find(owner.inbox(), withId("held")));
     EXPECT_EQ(endpoint->sessionCount(), 1u);
 
     // The owner's browser may drive it over new connections of either kind.

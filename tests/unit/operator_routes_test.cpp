@@ -32,7 +32,7 @@ class OperatorRoutesTest : public EndpointTest {
         orvale::test::ChildProcess python(
             {ORVALE_SYSTEM_PYTHON, orvale::test::sourceDir() + "/tests/unit/scrape_metrics.py",
              "http://127.0.0.1:" + std::to_string(port) + "/metrics", expected});
-        const auto exit = python.waitExit(orvale::test::kWait);
+        const auto exit = python.waitExit(kWait);
         if (exit == 0)
             return {};
         std::string report = "exit " + (exit ? std::to_string(*exit) : "none") + ": ";
