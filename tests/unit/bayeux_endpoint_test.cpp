@@ -195,9 +195,7 @@ TEST_F(EndpointTest, ErrorRepliesNameTheProblem) {
 }
 
 TEST_F(EndpointTest, TheApiKeyGuardsHandshakes) {
-    auto options = defaults();
-    options.apiKey = "s3cret";
-    start(options);
+    start([](EndpointOptions& o) { o.apiKey = "s3cret"; });
     LogCapture log;
     RawWebSocket ws(port);
     for (const std::string& ext :
@@ -216,9 +214,7 @@ TEST_F(EndpointTest, TheApiKeyGuardsHandshakes) {
 }
 
 TEST_F(EndpointTest, OversizedFramesAndBodiesAreRefused) {
-    auto options = defaults();
-    options.maxMessageBytes = 4096;
-    start(options);
+    start([](EndpointOptions& o) { o.maxMessageBytes = 4096; });
     LogCapture log;
     RawWebSocket big(port);
     const std::string id = open(big);
@@ -239,9 +235,7 @@ TEST_F(EndpointTest, OversizedFramesAndBodiesAreRefused) {
 }
 
 TEST_F(EndpointTest, HandshakesBeyondMaxSessionsAreRefused) {
-    auto options = defaults();
-    options.maxSessions = 2;
-    start(options);
+    start([](EndpointOptions& o) { o.maxSessions = 2; });
     RawWebSocket ws(port);
     const std::string first = open(ws);
     open(ws);
@@ -311,9 +305,7 @@ TEST_F(EndpointTest, AFullQueueDropsItsOldestMessagesAndSaysHowMany) {
 }
 
 TEST_F(EndpointTest, ExpiredSessionsLoseTheirSubscriptions) {
-    auto options = defaults();
-    options.sessionTimeout = 300ms;
-    start(options);
+    start([](EndpointOptions& o) { o.sessionTimeout = 300ms; });
     LogCapture log;
     auto watcher = service("watcher");
     Heard heard;
@@ -410,10 +402,10 @@ TEST_F(EndpointTest, BurstsAreBatchedIntoFramesAndLeaveOtherClientsServed) {
 
 TEST_F(EndpointTest, HandshakeOverSecureWebSocket) {
     const orvale::test::TestCertificates certificates;
-    auto options = defaults();
-    options.certFile = certificates.dir + "/server.pem";
-    options.keyFile = certificates.dir + "/server.key";
-    start(options);
+    start([&](EndpointOptions& o) {
+        o.certFile = certificates.dir + "/server.pem";
+        o.keyFile = certificates.dir + "/server.key";
+    });
 
     asio::io_context io;
     asio::ssl::context tls(asio::ssl::context::tls_client);

@@ -363,6 +363,12 @@ class EndpointTest : public ::testing::Test {
         endpoint = startBayeuxEndpoint(server, std::move(options));
         port = endpoint->port();
     }
+    // Starts with the defaults as `change` leaves them.
+    void start(const std::function<void(EndpointOptions&)>& change) {
+        auto options = defaults();
+        change(options);
+        start(std::move(options));
+    }
 
     // Makes a session over `ws` or `http` and returns its client id; a refused handshake fails
     // the test.

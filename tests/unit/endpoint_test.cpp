@@ -19,9 +19,7 @@ namespace connector::bayeux::endpoint_test {
 namespace {
 
 TEST_F(EndpointTest, ConnectionsBeyondTheCapAreClosedOnArrival) {
-    auto options = defaults();
-    options.maxConnections = 2;
-    start(options);
+    start([](EndpointOptions& o) { o.maxConnections = 2; });
     LogCapture log;
     auto ws = std::make_unique<RawWebSocket>(port);
     RawHttp http(port);

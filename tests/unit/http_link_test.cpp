@@ -90,9 +90,7 @@ TEST_F(EndpointTest, TheBrowserCookieBindsLongPollingRequests) {
 }
 
 TEST_F(EndpointTest, HeldConnectsEndWithTheirTimeoutOrANewerConnect) {
-    auto options = defaults();
-    options.connectTimeout = 300ms;
-    start(options);
+    start([](EndpointOptions& o) { o.connectTimeout = 300ms; });
 
     RawWebSocket ws(port);
     const std::string wsId = open(ws);
@@ -134,10 +132,11 @@ TEST_F(EndpointTest, ANewerConnectAnswersTheOlderAcrossTransports) {
 }
 
 TEST_F(EndpointTest, AReplyPastTheOutputBoundClosesTheConnection) {
-    auto options = defaults();
-    options.maxOutputBytes = 256 * 1024;
-    options.maxMessagesPerFrame = 20000;  // so that the output bound, not the cap, ends it
-    start(options);
+    // A frame cap high enough that the output bound, not the cap, ends the connection.
+    start([](EndpointOptions& o) {
+        o.maxOutputBytes = 256 * 1024;
+        o.maxMessagesPerFrame = 20000;
+    });
     LogCapture log;
     RawHttp poll(port);
     // 20,000 messages the hub cannot read earn about a megabyte of error replies.

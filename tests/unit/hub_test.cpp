@@ -83,9 +83,7 @@ TEST_F(EndpointTest, OnlyItsOwnerMayActForASession) {
 // One connection's flood of handshakes is capped by the live sessions a connection may have, so
 // other clients still get in.
 TEST_F(EndpointTest, AHandshakeFloodFromOneConnectionLeavesRoomForOthers) {
-    auto options = defaults();
-    options.maxSessions = 40;
-    start(options);
+    start([](EndpointOptions& o) { o.maxSessions = 40; });
     LogCapture log;
     const std::string flood = handshakes(30, "h");
     auto madeOf = [](const std::vector<json::object>& replies) {
@@ -120,9 +118,7 @@ TEST_F(EndpointTest, AHandshakeFloodFromOneConnectionLeavesRoomForOthers) {
 
 // A frame of more messages than allowed is refused whole: nothing of it is handled.
 TEST_F(EndpointTest, AFrameOverTheMessageCapIsRefusedWhole) {
-    auto options = defaults();
-    options.maxMessagesPerFrame = 10;
-    start(options);
+    start([](EndpointOptions& o) { o.maxMessagesPerFrame = 10; });
     LogCapture log;
     RawWebSocket ws(port);
     ASSERT_TRUE(ws.send(handshakes(11)));
@@ -143,9 +139,7 @@ TEST_F(EndpointTest, AFrameOverTheMessageCapIsRefusedWhole) {
 
 // A session never connected ends after the short grace, not the session timeout.
 TEST_F(EndpointTest, ASessionThatNeverConnectsExpiresAfterTheGrace) {
-    auto options = defaults();
-    options.connectGrace = 300ms;
-    start(options);
+    start([](EndpointOptions& o) { o.connectGrace = 300ms; });
     LogCapture log;
     RawWebSocket ws(port);
     const std::string silent = open(ws);

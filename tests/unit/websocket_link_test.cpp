@@ -151,9 +151,7 @@ TEST_F(EndpointTest, IdleWebSocketsAreClosedThoughTheyPing) {
 // A frame of some 64 KB on the wire that inflates to 64 MiB: inflating stops at the frame bound,
 // the connection is closed, and the hub's memory does not grow with the bomb.
 TEST_F(EndpointTest, ACompressedFrameInflatingPastTheBoundClosesTheWebSocket) {
-    auto options = defaults();
-    options.deflate = true;
-    start(options);
+    start([](EndpointOptions& o) { o.deflate = true; });
     LogCapture log;
     asio::io_context io;
     websocket::stream<beast::tcp_stream> ws(io);
