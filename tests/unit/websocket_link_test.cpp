@@ -141,10 +141,12 @@ TEST_F(EndpointTest, IdleWebSocketsAreClosedThoughTheyPing) {
 
     RawWebSocket healthy(port);
     const std::string id = open(healthy);
+    const auto began = Clock::now();
     for (int i = 0; i < 10; ++i) {
         const std::string n = std::to_string(i);
         ASSERT_TRUE(successful(healthy.call(connect(id, n), n))) << n;
     }
+    EXPECT_GE(Clock::now() - began, 900ms) << "each connect is held for its timeout";
     EXPECT_EQ(endpoint->stats().connections, 1u);
 }
 
