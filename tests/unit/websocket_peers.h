@@ -220,6 +220,12 @@ struct Client {
     Client() = default;
     explicit Client(const std::string& url, WebSocketTransportOptions options = {})
         : Client(url, contextWith(options), webSocketTransportAddress()) {}
+    // Connected to `server`, with the server's side of the connection in `session`.
+    explicit Client(TestServer& server, WebSocketTransportOptions options = {})
+        : Client(server.url(), options) {
+        if (!(session = server.nextSession()))
+            throw std::runtime_error("the server saw no session");
+    }
     // Through the transport registered in `withTransport` at `address`.
     Client(const std::string& url, std::shared_ptr<Context> withTransport, const Address& address)
         : context(std::move(withTransport)) {
@@ -244,6 +250,7 @@ struct Client {
     std::shared_ptr<RecordingSubscriber> collector =
         std::make_shared<RecordingSubscriber>(UINT64_MAX);
     std::shared_ptr<Upstream> upstream = std::make_shared<Upstream>();
+    std::shared_ptr<ServerSession> session;
 };
 
 inline MessagePtr publish(const std::string& channel, std::string json = "1") {
