@@ -1,11 +1,13 @@
 #include "clustered_server.h"
 
+#include <algorithm>
 #include <charconv>
 
 #include "bayeux/codec.h"
 #include "connector/bayeux/channel.h"
 #include "connector/common/random_string.h"
 #include "connector/log/diagnostic_logger.h"
+#include "server/deferred_wakes.h"
 #include "subjects.h"
 
 namespace connector::bayeux::cluster {
@@ -13,6 +15,7 @@ namespace connector::bayeux::cluster {
 namespace {
 
 namespace log = foundation::log;
+using Clock = std::chrono::steady_clock;
 
 const log::basic_diagnostic_logger<char> logger("connector::bayeux::cluster");
 
@@ -20,6 +23,17 @@ const log::basic_diagnostic_logger<char> logger("connector::bayeux::cluster");
 // channel pattern ("/**" included) can match them.
 constexpr std::string_view kChannels = "orvale";
 const std::string kSubscriptions = "orvale_cluster.subscriptions";
+
+// A batch of publishes bound for the cluster, gathered on one thread (see acceptPublish).
+struct Gathered {
+    ClusteredServer* server = nullptr;  // the member they go out from; null: none gathered
+    std::string subject;
+    std::string messages;  // encoded, separated by commas
+    std::size_t count = 0;
+};
+thread_local Gathered gathered;
+// A batch is sent once it passes this size, well below NATS's default limit of a message.
+constexpr std::size_t kBatchBytes = 64 * 1024;
 
 // Takes the text up to the next newline off the front of `rest`.
 std::string_view field(std::string_view& rest) {
@@ -31,19 +45,39 @@ std::string_view field(std::string_view& rest) {
 
 }  // namespace
 
-ClusteredServer::ClusteredServer(std::shared_ptr<BayeuxServer> inner, std::vector<std::string> urls)
-    : inner_(std::move(inner)), origin_(common::randomString(22)) {
+ClusteredServer::ClusteredServer(std::shared_ptr<BayeuxServer> inner, std::vector<std::string> urls,
+                                 MembershipTimings timings)
+    : inner_(std::move(inner)), timings_(timings), origin_(common::randomString(22)) {
     NatsLinkOptions options;
     options.urls = std::move(urls);
+    // While the link is down, the others' news is lost: after it, doubt until they retold it.
+    options.onLinkChange = [this](bool up) {
+        others_.doubtUntil(up ? Clock::now() + timings_.settle : Clock::time_point::max());
+        if (up) {
+            rejoined_ = true;
+            wake_.notify_all();
+        }
+    };
     link_ = std::make_unique<NatsLink>(options,
                                        [this](std::string_view subject, std::string_view payload) {
                                            onMessage(subject, payload);
                                        });
     link_->addInterest(kSubscriptions);
+    others_.doubtUntil(Clock::now() + timings_.settle);
+    tellPatterns('H');
+    membership_ = std::thread([this] { keepMembership(); });
 }
 
 // The link goes first, so that no message from the cluster arrives while the rest is torn down.
 ClusteredServer::~ClusteredServer() {
+    {
+        common::MutexLock lock(stateMutex_);
+        stopping_ = true;
+    }
+    wake_.notify_all();
+    membership_.join();
+    tell('Q', {});
+    link_->flush(std::chrono::milliseconds(200));
     link_.reset();
 }
 
@@ -53,19 +87,13 @@ void ClusteredServer::registerSession(std::weak_ptr<BayeuxSession> session) {
 
 void ClusteredServer::unregisterSession(const std::shared_ptr<BayeuxSession>& session) {
     if (session) {
-        std::multiset<std::string> patterns;
-        {
-            common::MutexLock lock(mutex_);
-            const auto it = patternsOf_.find(session->getId());
-            if (it != patternsOf_.end()) {
-                patterns = std::move(it->second);
-                patternsOf_.erase(it);
-            }
-        }
-        for (const auto& pattern : patterns) {
-            const std::string subject = countInterest(std::string(), pattern, false);
-            if (!subject.empty())
-                link_->removeInterest(subject);
+        common::MutexLock lock(interestMutex_);
+        const auto it = patternsOf_.find(session->getId());
+        if (it != patternsOf_.end()) {
+            const std::multiset<std::string> patterns = std::move(it->second);
+            patternsOf_.erase(it);
+            for (const auto& pattern : patterns)
+                countInterest(std::string(), pattern, false);
         }
     }
     inner_->unregisterSession(session);
@@ -87,36 +115,78 @@ void ClusteredServer::acceptUnsubscribe(std::shared_ptr<const UnsubscribeRequest
 
 void ClusteredServer::shareChange(const std::string& clientId, const std::string& pattern,
                                   bool subscribed) {
-    const std::string subject = countInterest(clientId, pattern, subscribed);
-    if (!subject.empty()) {
-        if (subscribed)
-            link_->addInterest(subject);
-        else
-            link_->removeInterest(subject);
+    {
+        common::MutexLock lock(interestMutex_);
+        countInterest(clientId, pattern, subscribed);
     }
-    announceToCluster(subscribed ? '+' : '-', clientId, pattern);
+    std::string event = clientId;
+    event += '\n';
+    event += pattern;
+    tell(subscribed ? '+' : '-', event);
 }
 
 void ClusteredServer::acceptPublish(std::shared_ptr<const PublishRequest> request) {
     if (!request)
         return;
     inner_->acceptPublish(request);
-    const ChannelName channel(request->getChannel());
-    if (channel.isMeta() || channel.isService() || channel.isPattern())
+    // Whether the channel goes to the cluster, and its subject, kept per thread for the last
+    // channel while the others' interest stays the same: publishes come in runs on one channel.
+    thread_local struct {
+        const ClusteredServer* server = nullptr;
+        std::uint64_t version = 0;
+        std::string channel, subject;
+        bool shared = false;
+    } last;
+    const std::string& name = request->getChannel();
+    const std::uint64_t version = others_.version();
+    if (last.server != this || last.version != version || last.channel != name) {
+        const ChannelName channel(name);
+        last.shared = !channel.isMeta() && !channel.isService() && !channel.isPattern() &&
+                      others_.wanted(name) && subjectOf(kChannels, name, last.subject);
+        last.server = this;
+        last.version = version;
+        last.channel.assign(name);
+    }
+    if (!last.shared)
         return;
-    // Written into buffers of the thread's own, so that a publish allocates nothing here once
-    // warm.
-    thread_local std::string subject, payload;
-    if (!subjectOf(kChannels, request->getChannel(), subject))
+    const std::string& subject = last.subject;
+    // Publishes accepted in one batch (a client's frame) travel together while they follow one
+    // another on one subject; any other message sends the batch first, so that a publisher's
+    // order holds across channels too.
+    Gathered& batch = gathered;
+    if (batch.server &&
+        (batch.server != this || batch.subject != subject || batch.messages.size() > kBatchBytes))
+        sendGathered();
+    if (batch.count++ > 0)
+        batch.messages += ',';
+    codec::encodeInto(*request, batch.messages);
+    if (!batch.server) {
+        batch.server = this;
+        batch.subject.assign(subject);
+    }
+    if (DeferredWakes::active())
+        DeferredWakes::atEnd(&ClusteredServer::sendGathered);
+    else
+        sendGathered();
+}
+
+void ClusteredServer::sendGathered() {
+    Gathered& batch = gathered;
+    if (!batch.server)
         return;
-    payload.assign(origin_);
+    ClusteredServer& self = *batch.server;
+    thread_local std::string payload;
+    payload.assign(self.origin_);
     payload += '\n';
     char digits[24];
-    payload.append(digits, std::to_chars(digits, digits + sizeof digits, ++sequence_).ptr);
+    payload.append(digits, std::to_chars(digits, digits + sizeof digits, ++self.sequence_).ptr);
     payload += "\n[";
-    codec::encodeInto(*request, payload);
+    payload += batch.messages;
     payload += ']';
-    link_->publish(subject, payload);
+    self.link_->publish(batch.subject, payload, batch.count);
+    batch.server = nullptr;
+    batch.messages.clear();
+    batch.count = 0;
 }
 
 bool ClusteredServer::Seen::first(std::uint64_t sequence) {
@@ -139,18 +209,18 @@ bool ClusteredServer::Seen::first(std::uint64_t sequence) {
 
 std::optional<ClusterStats> ClusteredServer::clusterStats() const {
     const NatsLinkStats link = link_->stats();
-    return ClusterStats{link.connected, link.published, link.received, link.lost, link.reconnects};
+    return ClusterStats{link.connected, link.published,  link.received,
+                        link.lost,      link.reconnects, others_.members()};
 }
 
-std::string ClusteredServer::countInterest(const std::string& clientId, const std::string& pattern,
-                                           bool add) {
+void ClusteredServer::countInterest(const std::string& clientId, const std::string& pattern,
+                                    bool add) {
     const ChannelName name(pattern);
     if (!name.isValid() || name.isMeta() || name.isService())
-        return std::string();
+        return;
     auto subject = subjectOf(kChannels, pattern);
     if (!subject)
-        return std::string();
-    common::MutexLock lock(mutex_);
+        return;
     if (!clientId.empty()) {
         auto& patterns = patternsOf_[clientId];
         if (add) {
@@ -159,44 +229,110 @@ std::string ClusteredServer::countInterest(const std::string& clientId, const st
             const auto it = patterns.find(pattern);
             // A session drops only what it holds: an unknown unsubscribe changes no count.
             if (it == patterns.end())
-                return std::string();
+                return;
             patterns.erase(it);
         }
     }
-    std::size_t& count = interest_[*subject];
-    if (add)
-        return count++ == 0 ? std::move(*subject) : std::string();
+    std::size_t& count = interest_[pattern];
+    if (add) {
+        if (count++ > 0)
+            return;
+        link_->addInterest(*subject);
+        tell('I', pattern);
+        return;
+    }
     if (count == 0 || --count > 0)
-        return std::string();
-    interest_.erase(*subject);
-    return std::move(*subject);
+        return;
+    interest_.erase(pattern);
+    link_->removeInterest(*subject);
+    tell('U', pattern);
 }
 
-void ClusteredServer::announceToCluster(char kind, const std::string& clientId,
-                                        const std::string& channel) {
+void ClusteredServer::tell(char kind, std::string_view text) {
     std::string payload = origin_;
     payload += '\n';
     payload += kind;
     payload += '\n';
-    payload += clientId;
-    payload += '\n';
-    payload += channel;
-    link_->publish(kSubscriptions, payload);
+    payload += text;
+    link_->publish(kSubscriptions, payload, 0);
+}
+
+void ClusteredServer::tellPatterns(char kind) {
+    // Parts stay well below NATS's default limit of a message, 1 MiB.
+    constexpr std::size_t kPart = 64 * 1024;
+    common::MutexLock lock(interestMutex_);
+    std::string part;
+    for (const auto& [pattern, count] : interest_) {
+        if (!part.empty() && part.size() + pattern.size() > kPart) {
+            tell(kind, part);
+            kind = 'T';
+            part.clear();
+        }
+        if (!part.empty())
+            part += '\n';
+        part += pattern;
+    }
+    tell(kind, part);
+}
+
+void ClusteredServer::keepMembership() {
+    const auto tick = std::min(std::chrono::milliseconds(100), timings_.settle / 4);
+    auto nextRefresh = Clock::now() + timings_.refresh;
+    common::UniqueLock lock(stateMutex_);
+    while (!stopping_) {
+        wake_.wait_for(lock.native(), tick);
+        if (stopping_)
+            break;
+        lock.unlock();
+        const auto now = Clock::now();
+        if (rejoined_.exchange(false)) {
+            others_.doubtUntil(now + timings_.settle);
+            tellPatterns('H');
+            nextRefresh = now + timings_.refresh;
+        } else if (now >= nextRefresh) {
+            tellPatterns('S');
+            nextRefresh = now + timings_.refresh;
+        }
+        others_.settle(now);
+        others_.expire(now - timings_.expiry);
+        lock.lock();
+    }
+}
+
+void ClusteredServer::onMembership(std::string_view origin, std::string_view rest) {
+    const std::string_view kind = field(rest);
+    const auto now = Clock::now();
+    if (kind == "+" || kind == "-") {
+        std::string clientId(field(rest));
+        std::string channel(rest);
+        if (kind == "+")
+            inner_->acceptSubscribe(
+                std::make_shared<SubscribeRequest>(std::move(channel), std::move(clientId)));
+        else
+            inner_->acceptUnsubscribe(
+                std::make_shared<UnsubscribeRequest>(std::move(channel), std::move(clientId)));
+    } else if (kind == "I") {
+        others_.add(origin, rest, now);
+    } else if (kind == "U") {
+        others_.remove(origin, rest);
+    } else if (kind == "H" || kind == "S" || kind == "T") {
+        std::vector<std::string_view> patterns;
+        while (!rest.empty())
+            patterns.push_back(field(rest));
+        others_.replace(origin, patterns, kind == "T", now);
+        // A member that (re)joined learns the others' patterns in return.
+        if (kind == "H")
+            tellPatterns('S');
+    } else if (kind == "Q") {
+        others_.forget(origin);
+    }
 }
 
 void ClusteredServer::onMessage(std::string_view subject, std::string_view payload) {
     std::string_view rest = payload;
     const std::string_view origin = field(rest);
     if (subject == kSubscriptions) {
-        const std::string_view kind = field(rest);
-        std::string clientId(field(rest));
-        std::string channel(rest);
-        if (kind == "+")
-            inner_->acceptSubscribe(
-                std::make_shared<SubscribeRequest>(std::move(channel), std::move(clientId)));
-        else if (kind == "-")
-            inner_->acceptUnsubscribe(
-                std::make_shared<UnsubscribeRequest>(std::move(channel), std::move(clientId)));
+        onMembership(origin, rest);
         return;
     }
     const std::string_view number = field(rest);
@@ -213,6 +349,8 @@ void ClusteredServer::onMessage(std::string_view subject, std::string_view paylo
             return;
     }
     codec::Decoded decoded = codec::decodeFromClient(rest);
+    // The delivery threads are woken once for the batch, not once for each message in it.
+    const DeferredWakes wakes;
     for (auto& message : decoded.messages) {
         if (message->kind() != Kind::PublishRequest)
             continue;

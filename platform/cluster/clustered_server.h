@@ -9,33 +9,54 @@
 //   to, counted over sessions, so that NATS sends it only what someone here wants.
 // - Subscribe and unsubscribe requests are also sent to the other members, whose servers announce
 //   them to their sessions, so that subscription listeners hear the whole cluster.
+// - Members tell each other which patterns they hold (MemberInterest), and a message goes to NATS
+//   only when another member may want it: a member alone costs nothing per publish.
+// - Publishes accepted together (a client's frame, under a DeferredWakes) on one channel go to
+//   NATS as one message, and are injected together on the other side.
 // - Exactly once: NATS never echoes a member's publishes back; a message that reaches a member
 //   through several of its subscriptions (a channel matching two patterns) is injected once, by
 //   its publisher's sequence number. The publisher's threads number their messages before they
 //   hand them to NATS, so numbers may arrive slightly out of order: a window of recent numbers
 //   tells a repeat from a late one.
 //
-// Thread safety: as any BayeuxServer. `mutex_` guards the interest counts and the sequence
-// numbers seen; NATS and the inner server are called without it.
+// Thread safety: as any BayeuxServer. `interestMutex_` guards the interest counts and keeps
+// what the member tells the others about them in the order it changed (NATS subscriptions are
+// made and the news published under it; nats.c calls nothing of ours from either). `mutex_`
+// guards the sequence numbers seen. The inner server is called under neither; `stateMutex_`
+// guards only the membership thread's stop flag.
 
 #include <bitset>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <set>
 #include <string>
+#include <thread>
 #include <unordered_map>
 
 #include "connector/bayeux/server.h"
 #include "connector/common/mutex.h"
+#include "member_interest.h"
 #include "nats_link.h"
 
 namespace connector::bayeux::cluster {
 
+// How members keep each other's interest: how long a member that (re)joins publishes everything
+// while the others' patterns reach it, how often each sends its whole set, and after how long
+// without news a member is taken for dead.
+struct MembershipTimings {
+    std::chrono::milliseconds settle{1000};
+    std::chrono::milliseconds refresh{5000};
+    std::chrono::milliseconds expiry{15000};
+};
+
 class ClusteredServer final : public BayeuxServer {
   public:
     // Joins the cluster at `urls`; throws std::runtime_error when none of them can be reached.
-    ClusteredServer(std::shared_ptr<BayeuxServer> inner, std::vector<std::string> urls);
+    ClusteredServer(std::shared_ptr<BayeuxServer> inner, std::vector<std::string> urls,
+                    MembershipTimings timings = {});
     ~ClusteredServer() override;
 
     void registerSession(std::weak_ptr<BayeuxSession> session) override;
@@ -48,25 +69,44 @@ class ClusteredServer final : public BayeuxServer {
 
   private:
     void onMessage(std::string_view subject, std::string_view payload);
-    // Counts `pattern` for `clientId` up or down; returns the NATS subject whose subscription
-    // must be made or dropped, or nothing.
-    std::string countInterest(const std::string& clientId, const std::string& pattern, bool add);
-    // Makes or drops the NATS subscription a local change calls for, and tells the others.
+    void onMembership(std::string_view origin, std::string_view rest);
+    // Counts `pattern` for `clientId` up or down; the first session in makes the NATS
+    // subscription and tells the others, the last one out drops it and tells them.
+    void countInterest(const std::string& clientId, const std::string& pattern, bool add)
+        ORVALE_REQUIRES(interestMutex_);
     void shareChange(const std::string& clientId, const std::string& pattern, bool subscribed);
-    void announceToCluster(char kind, const std::string& clientId, const std::string& channel);
+    // Sends "origin\nkind\ntext" to the other members.
+    void tell(char kind, std::string_view text);
+    // Sends every pattern held here, in parts of a bounded size; `kind` 'H' asks for the
+    // others' in return.
+    void tellPatterns(char kind) ORVALE_EXCLUDES(interestMutex_);
+    void keepMembership();
+    // Sends the publishes this thread gathered for the cluster as one message.
+    static void sendGathered();
 
     const std::shared_ptr<BayeuxServer> inner_;
+    const MembershipTimings timings_;
     // Names this member in what it sends; random, so restarts never look alike.
     const std::string origin_;
     std::unique_ptr<NatsLink> link_;
     std::atomic<std::uint64_t> sequence_{0};
+    MemberInterest others_;
+    // Set when the link came back: the membership thread says hello again.
+    std::atomic<bool> rejoined_{false};
 
-    mutable common::Mutex mutex_;
-    // Sessions subscribed here, per NATS subject of their pattern.
-    std::map<std::string, std::size_t> interest_ ORVALE_GUARDED_BY(mutex_);
+    common::Mutex interestMutex_;
+    // Sessions subscribed here, per pattern.
+    std::map<std::string, std::size_t> interest_ ORVALE_GUARDED_BY(interestMutex_);
     // Each local session's patterns, to drop its interest when it goes unannounced.
     std::unordered_map<std::string, std::multiset<std::string>> patternsOf_
-        ORVALE_GUARDED_BY(mutex_);
+        ORVALE_GUARDED_BY(interestMutex_);
+
+    common::Mutex stateMutex_;
+    bool stopping_ ORVALE_GUARDED_BY(stateMutex_) = false;
+    std::condition_variable wake_;
+    std::thread membership_;
+
+    mutable common::Mutex mutex_;
     // The sequence numbers lately injected from one other member.
     class Seen {
       public:

@@ -39,6 +39,8 @@ struct NatsLinkOptions {
     std::chrono::milliseconds reconnectWait{250};
     std::size_t reconnectBufferBytes = 8 * 1024 * 1024;
     std::chrono::milliseconds connectTimeout{2000};
+    // Told false when the link goes down and true when it comes back, on a NATS library thread.
+    std::function<void(bool up)> onLinkChange;
 };
 
 struct NatsLinkStats {
@@ -61,14 +63,17 @@ class NatsLink {
     NatsLink(const NatsLink&) = delete;
     NatsLink& operator=(const NatsLink&) = delete;
 
-    // Sends `payload` on `subject`; counted as lost when the link can neither send nor buffer it.
-    void publish(const std::string& subject, std::string_view payload);
+    // Sends `payload`, which holds `messages` channel messages, on `subject`; they count as
+    // published when the link sends or buffers it, as lost when it can do neither.
+    void publish(const std::string& subject, std::string_view payload, std::size_t messages = 1);
     // Counts one more local need for `pattern`; the first subscribes. False when NATS refused.
     bool addInterest(const std::string& pattern);
     // Counts one need less; the last unsubscribes.
     void removeInterest(const std::string& pattern);
 
     NatsLinkStats stats() const;
+    // Waits up to `bound` for what was published to reach the NATS server.
+    void flush(std::chrono::milliseconds bound);
 
   private:
     struct Subscription {

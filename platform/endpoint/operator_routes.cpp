@@ -165,6 +165,8 @@ std::string metricsText(const Hub& hub) {
                    "Messages for the cluster lost while its link was down.", cluster->lost);
         out.single("orvale_cluster_reconnects_total", "counter",
                    "Times the link to the cluster came back after an outage.", cluster->reconnects);
+        out.single("orvale_cluster_members", "gauge",
+                   "Other members of the cluster heard from lately.", cluster->members);
     }
     return out.take();
 }
@@ -201,7 +203,8 @@ std::string statusJson(const Hub& hub) {
     if (figures.cluster)
         status["cluster"] = {{"connected", figures.cluster->connected},
                              {"lost", figures.cluster->lost},
-                             {"reconnects", figures.cluster->reconnects}};
+                             {"reconnects", figures.cluster->reconnects},
+                             {"members", figures.cluster->members}};
     else
         status["cluster"] = nullptr;
     return json::serialize(status);

@@ -14,6 +14,13 @@ class DeferredWakes {
   public:
     DeferredWakes();
     ~DeferredWakes();
+
+    // Whether a scope is open on this thread.
+    static bool active();
+    // Runs `hook` when the outermost scope on this thread ends, before its wakes, once however
+    // often it was added: a server that gathers a batch's publishes sends them then.
+    static void atEnd(void (*hook)());
+
     DeferredWakes(const DeferredWakes&) = delete;
     DeferredWakes& operator=(const DeferredWakes&) = delete;
 };

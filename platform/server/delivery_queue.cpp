@@ -14,6 +14,7 @@ namespace {
 struct HeldWakes {
     int depth = 0;
     std::vector<DeliveryQueue*> queues;
+    std::vector<void (*)()> hooks;
 };
 thread_local HeldWakes held;
 
@@ -79,11 +80,30 @@ DeferredWakes::DeferredWakes() {
 }
 
 DeferredWakes::~DeferredWakes() {
-    if (--detail::held.depth > 0)
+    if (detail::held.depth > 1) {
+        --detail::held.depth;
         return;
+    }
+    // A hook's publishes still belong to the scope: their wakes are held until it is done.
+    while (!detail::held.hooks.empty()) {
+        const auto hook = detail::held.hooks.back();
+        detail::held.hooks.pop_back();
+        hook();
+    }
+    --detail::held.depth;
     for (auto* queue : detail::held.queues)
         queue->wakeIfIdle();
     detail::held.queues.clear();
+}
+
+bool DeferredWakes::active() {
+    return detail::held.depth > 0;
+}
+
+void DeferredWakes::atEnd(void (*hook)()) {
+    auto& hooks = detail::held.hooks;
+    if (std::find(hooks.begin(), hooks.end(), hook) == hooks.end())
+        hooks.push_back(hook);
 }
 
 }  // namespace connector::bayeux

@@ -22,6 +22,12 @@ namespace {
 using connector::bayeux::BayeuxMessage;
 using connector::bayeux::codec::Decoded;
 
+// Stops the run with `what` and the text it is about.
+[[noreturn]] void fail(const std::string& what, const std::string& shown = {}) {
+    std::fprintf(stderr, "%s\n%s\n", what.c_str(), shown.c_str());
+    std::abort();
+}
+
 std::string reencode(const Decoded& decoded) {
     std::vector<const BayeuxMessage*> messages;
     for (const auto& message : decoded.messages)
@@ -29,37 +35,21 @@ std::string reencode(const Decoded& decoded) {
     return connector::bayeux::codec::encode(messages);
 }
 
-void check(std::string_view frame, Decoded (*decode)(std::string_view), const char* side) {
+void check(std::string_view frame, Decoded (*decode)(std::string_view), const std::string& side) {
     const Decoded first = decode(frame);
     if (first.messages.empty())
         return;
     const std::string encoded = reencode(first);
     const Decoded second = decode(encoded);
-    if (!second.errors.empty() || second.messages.size() != first.messages.size()) {
-        std::fprintf(
-            stderr, "%s: the re-encoded frame does not decode again: %s\n%s\n", side,
-            second.errors.empty() ? "message count differs" : second.errors[0].text().c_str(),
-            encoded.c_str());
-        std::abort();
-    }
-    for (std::size_t i = 0; i < first.messages.size(); ++i) {
-        if (first.messages[i]->kind() != second.messages[i]->kind()) {
-            std::fprintf(stderr, "%s: message %zu changed its class\n%s\n", side, i,
-                         encoded.c_str());
-            std::abort();
-        }
-    }
-    if (reencode(second) != encoded) {
-        std::fprintf(stderr, "%s: encoding is not stable\n%s\n", side, encoded.c_str());
-        std::abort();
-    }
-}
-
-bool rejectedAsJson(const Decoded& decoded) {
-    for (const auto& error : decoded.errors)
-        if (error.reason.rfind("invalid JSON", 0) == 0)
-            return true;
-    return false;
+    if (!second.errors.empty() || second.messages.size() != first.messages.size())
+        fail(side + ": the re-encoded frame does not decode again: " +
+                 (second.errors.empty() ? "message count differs" : second.errors[0].text()),
+             encoded);
+    for (std::size_t i = 0; i < first.messages.size(); ++i)
+        if (first.messages[i]->kind() != second.messages[i]->kind())
+            fail(side + ": message " + std::to_string(i) + " changed its class", encoded);
+    if (reencode(second) != encoded)
+        fail(side + ": encoding is not stable", encoded);
 }
 
 // The codec refuses nesting deeper than 64 containers, as Boost.JSON is told to here.
@@ -69,12 +59,12 @@ void checkAgreesWithBoostJson(std::string_view frame) {
     boost::json::error_code ec;
     boost::json::parse(boost::json::string_view(frame.data(), frame.size()), ec, {}, options);
     const Decoded decoded = connector::bayeux::codec::decodeFromServer(frame);
-    if (rejectedAsJson(decoded) != static_cast<bool>(ec)) {
-        std::fprintf(stderr, "the codec %s what Boost.JSON %s (%s)\n", ec ? "accepts" : "rejects",
-                     ec ? "rejects" : "accepts",
-                     ec ? ec.message().c_str() : decoded.errors[0].text().c_str());
-        std::abort();
-    }
+    bool rejected = false;
+    for (const auto& error : decoded.errors)
+        rejected = rejected || error.reason.rfind("invalid JSON", 0) == 0;
+    if (rejected != static_cast<bool>(ec))
+        fail(ec ? "the codec accepts what Boost.JSON rejects: " + ec.message()
+                : "the codec rejects what Boost.JSON accepts: " + decoded.errors[0].text());
 }
 
 void checkHttpReply(std::string_view bytes) {
@@ -84,12 +74,10 @@ void checkHttpReply(std::string_view bytes) {
         connector::bayeux::transport::parseHttpUrl("https://a.example.com/bayeux", problem);
     const auto reply = connector::bayeux::transport::readRawReply(bytes, 4096, &jar, *url);
     if (!reply.failure.empty() && !reply.messages.empty())
-        std::abort();
+        fail("a failed reply carries messages");
     const std::string cookies = jar.header("a.example.com", "/bayeux", true);
-    if (cookies.find_first_of("\r\n") != std::string::npos) {
-        std::fprintf(stderr, "a cookie holds a line break: %s\n", cookies.c_str());
-        std::abort();
-    }
+    if (cookies.find_first_of("\r\n") != std::string::npos)
+        fail("a cookie holds a line break", cookies);
 }
 
 }  // namespace
@@ -103,7 +91,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     // The hub's cap on messages per frame: past it nothing is decoded.
     const Decoded capped = connector::bayeux::codec::decodeFromClient(frame, 2);
     if (capped.tooManyMessages && !capped.messages.empty())
-        std::abort();
+        fail("a frame past the cap was decoded");
     checkAgreesWithBoostJson(frame);
     checkHttpReply(frame);
     return 0;

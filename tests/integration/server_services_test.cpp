@@ -41,16 +41,11 @@ TEST_F(ServerServicesTest, SubscriptionsListenersAndDisconnectAcrossServices) {
     EXPECT_EQ(create("alice"), alice);
     EXPECT_EQ(delegator->getMessageService("alice"), alice);
     auto bob = create("bob");
-    auto l1 =
-        alice
-            ->listenSubscribe("/news/**",
-                              [&](const SubscribeEvent& e) { events.add("+" + e.getChannel()); })
-            .get();
-    auto l2 =
-        alice
-            ->listenUnsubscribe(
-                "/news/**", [&](const UnsubscribeEvent& e) { events.add("-" + e.getChannel()); })
-            .get();
+    auto note = [&](const char* sign) {
+        return [&, sign](const auto& event) { events.add(sign + event.getChannel()); };
+    };
+    auto l1 = alice->listenSubscribe("/news/**", note("+")).get();
+    auto l2 = alice->listenUnsubscribe("/news/**", note("-")).get();
     auto s1 = bob->subscribe("/news/sport", exact.sink()).get();
     auto s2 = bob->subscribe("/news/*", one.sink()).get();
     auto s3 = bob->subscribe("/news/**", deep.sink()).get();

@@ -11,15 +11,14 @@
 //   unsubscribes from the exact one, publishes on both again and receives only on the wildcard.
 // talk: subscribes to LISTEN, prints {"event":"ready"}, publishes {"from":PEER} on PUBLISH and
 //   prints each of COUNT messages received on LISTEN.
-// mesh: subscribes to each CHANNEL in turn, prints {"event":"ready"} and every message it
-//   receives. A message whose data has `start` (the names of all peers) makes it publish
-//   {"from":NAME,"n":n} for n < data.count on /orvale/mesh/all/NAME, then {"from":NAME} on
-//   /orvale/mesh/to/PEER for every other peer (where services' /mesh channels are on the wire);
-//   one whose data has `stop` ends the run. Several URLs
-//   reach the hubs through a local balancer that sends each new connection to the first hub
-//   that accepts it, as a load balancer does once a hub has died.
+// mesh: subscribes to each CHANNEL, prints {"event":"ready"} and every message it receives. A
+//   message whose data has `start` (the names of all peers) makes it publish {"from":NAME,"n":n}
+//   for n < data.count on /orvale/mesh/all/NAME, then {"from":NAME} on /orvale/mesh/to/PEER for
+//   every other peer; one whose data has `stop` ends the run. Several URLs reach the hubs through
+//   a local balancer that sends each new connection to the first hub that accepts it, as a load
+//   balancer does once a hub has died.
 // All then disconnect. Every stdout line is a JSON object; the last is {"result":"ok",...} or
-// {"result":"error","message":...} (exit status 1). A run is bounded by 15 seconds.
+// {"result":"error","message":...} (exit status 1). A run is bounded by 15 seconds (mesh: 40).
 // Required as a module (by bench/faye_client_load.js) it gives Faye and the output helpers only.
 
 const faye = require('faye');
@@ -77,15 +76,13 @@ async function cometdClient(url, only, apiKey) {
   return {
     used,
     async handshake() {
-      const props = apiKey ? {ext: {orvapikey: apiKey}} : {};
-      await call('handshake', (done) => cometd.handshake(props, done));
+      await call('handshake', (done) => cometd.handshake(apiKey ? {ext: {orvapikey: apiKey}} : {}, done));
       used.handshake = cometd.getTransport().type;
     },
     async subscribe(channel, push) {
       let handle = null;
-      await call('subscribe ' + channel, (done) => {
-        handle = cometd.subscribe(channel, (m) => push(m.channel, m.data), done);
-      });
+      await call('subscribe ' + channel,
+          (done) => (handle = cometd.subscribe(channel, (m) => push(m.channel, m.data), done)));
       return handle;
     },
     unsubscribe: (handle) => call('unsubscribe', (done) => cometd.unsubscribe(handle, done)),
@@ -97,7 +94,7 @@ async function cometdClient(url, only, apiKey) {
   };
 }
 
-// Messages in arrival order, taken one at a time.
+// Messages in arrival order, taken (and printed) one at a time.
 function inbox() {
   const messages = [];
   let waiter = null;
@@ -114,45 +111,52 @@ function inbox() {
           setTimeout(() => reject(new Error('no message within ' + ms + ' ms')), ms).unref();
         });
       }
-      const message = messages.shift();
-      print({event: 'received', channel: message.channel, data: message.data});
+      print({event: 'received', ...messages.shift()});
     },
   };
 }
 
-async function exchange(client) {
-  const exact = inbox();
-  const wild = inbox();
-  const exactHandle = await client.subscribe('/orvale/interop/exact', exact.push);
-  await client.subscribe('/orvale/interop/wild/*', wild.push);
-  await client.publish('/orvale/interop/exact', {n: 1});
-  await client.publish('/orvale/interop/wild/a', {n: 2});
-  await exact.next(5000);
-  await wild.next(5000);
-  await client.unsubscribe(exactHandle);
-  await client.publish('/orvale/interop/exact', {n: 3});
-  await client.publish('/orvale/interop/wild/b', {n: 4});
-  await wild.next(5000);
-  // Deliveries keep publication order: the exact message would have come before this one.
-  if (exact.pending() !== 0) fail('received on /orvale/interop/exact after unsubscribing');
-}
-
-async function mesh(client, [name, ...channels]) {
-  let stop;
-  const stopped = new Promise((resolve) => (stop = resolve));
-  const publishAll = async ({start, count}) => {
-    for (let n = 0; n < count; n++) await client.publish('/orvale/mesh/all/' + name, {from: name, n});
-    for (const peer of start) if (peer !== name) await client.publish('/orvale/mesh/to/' + peer, {from: name});
-  };
-  const push = (channel, data) => {
-    print({event: 'received', channel, data});
-    if (data && data.start) publishAll(data).catch(fail);
-    if (data && data.stop) stop();
-  };
-  for (const channel of channels) await client.subscribe(channel, push);
-  print({event: 'ready'});
-  await stopped;
-}
+const scenarios = {
+  async exchange(client) {
+    const exact = inbox();
+    const wild = inbox();
+    const exactHandle = await client.subscribe('/orvale/interop/exact', exact.push);
+    await client.subscribe('/orvale/interop/wild/*', wild.push);
+    await client.publish('/orvale/interop/exact', {n: 1});
+    await client.publish('/orvale/interop/wild/a', {n: 2});
+    await exact.next(5000);
+    await wild.next(5000);
+    await client.unsubscribe(exactHandle);
+    await client.publish('/orvale/interop/exact', {n: 3});
+    await client.publish('/orvale/interop/wild/b', {n: 4});
+    await wild.next(5000);
+    // Deliveries keep publication order: the exact message would have come before this one.
+    if (exact.pending() !== 0) fail('received on /orvale/interop/exact after unsubscribing');
+  },
+  async talk(client, [listen, publish, count], peer) {
+    const box = inbox();
+    await client.subscribe(listen, box.push);
+    print({event: 'ready'});
+    await client.publish(publish, {from: peer});
+    for (let i = 0; i < Number(count || 1); i++) await box.next(10000);
+  },
+  async mesh(client, [name, ...channels]) {
+    let stop;
+    const stopped = new Promise((resolve) => (stop = resolve));
+    const publishAll = async ({start, count}) => {
+      for (let n = 0; n < count; n++) await client.publish('/orvale/mesh/all/' + name, {from: name, n});
+      for (const peer of start) if (peer !== name) await client.publish('/orvale/mesh/to/' + peer, {from: name});
+    };
+    const push = (channel, data) => {
+      print({event: 'received', channel, data});
+      if (data && data.start) publishAll(data).catch(fail);
+      if (data && data.stop) stop();
+    };
+    for (const channel of channels) await client.subscribe(channel, push);
+    print({event: 'ready'});
+    await stopped;
+  },
+};
 
 // The URL of a local balancer over the hubs at `urls`.
 function balance(urls) {
@@ -179,35 +183,24 @@ function balance(urls) {
     resolve('http://127.0.0.1:' + server.address().port + hubs[0].pathname)));
 }
 
-async function talk(client, peer, [listen, publish, count]) {
-  const box = inbox();
-  await client.subscribe(listen, box.push);
-  print({event: 'ready'});
-  await client.publish(publish, {from: peer});
-  for (let i = 0; i < Number(count || 1); i++) await box.next(10000);
-}
-
 (async () => {
-  const options = {only: null, apiKey: null};
+  const options = {'--only': null, '--api-key': null};
   const positional = [];
   const argv = process.argv.slice(2);
   for (let i = 0; i < argv.length; i++) {
-    if (argv[i] === '--only') options.only = argv[++i];
-    else if (argv[i] === '--api-key') options.apiKey = argv[++i];
+    if (Object.keys(options).includes(argv[i])) options[argv[i]] = argv[++i];
     else positional.push(argv[i]);
   }
   const [peer, urls, scenario, ...rest] = positional;
   const make = {faye: fayeClient, cometd: cometdClient}[peer];
-  if (!make || !urls || !['exchange', 'talk', 'mesh'].includes(scenario))
+  if (!make || !urls || !Object.keys(scenarios).includes(scenario))
     fail('usage: bayeux_client.js faye|cometd URL exchange|talk|mesh ...');
   setTimeout(() => fail('timed out'), scenario === 'mesh' ? 40000 : 15000).unref();
   try {
     const url = urls.includes(',') ? await balance(urls.split(',')) : urls;
-    const client = await make(url, options.only, options.apiKey);
+    const client = await make(url, options['--only'], options['--api-key']);
     await client.handshake();
-    if (scenario === 'exchange') await exchange(client);
-    else if (scenario === 'mesh') await mesh(client, rest);
-    else await talk(client, peer, rest);
+    await scenarios[scenario](client, rest, peer);
     await client.disconnect();
     print({result: 'ok', handshakeTransport: client.used.handshake, transport: client.used.last});
     process.exit(0);

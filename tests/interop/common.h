@@ -32,6 +32,9 @@ struct ServeProcess {
     }
     // The same endpoint as Faye and CometD address it.
     std::string httpUrl() const { return "http" + url.substr(2); }
+    std::string port() const {
+        return url.substr(url.rfind(':') + 1, url.rfind('/') - url.rfind(':') - 1);
+    }
 
     std::unique_ptr<ChildProcess> process;
     std::string url;

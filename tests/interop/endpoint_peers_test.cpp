@@ -15,13 +15,30 @@ class PeersTest : public ::testing::TestWithParam<const char*> {
 };
 
 // Subscribe exact and wildcard, publish, receive, unsubscribe, disconnect: over the transport
-// each client picks by itself, then over long-polling only; then with the API key of the hub.
+// each client picks by itself, over long-polling only, with the API key of the hub, and over TLS
+// (https:// and wss://) trusting the test CA only. Faye handshakes over long-polling and moves to
+// a WebSocket; CometD starts there.
 TEST_P(PeersTest, ScriptedExchangeWithServe) {
-    ServeProcess serve;
-    for (const bool longPollingOnly : {false, true}) {
-        std::vector<std::string> args{peer, serve.httpUrl(), "exchange"};
-        if (longPollingOnly)
-            args.insert(args.end(), {"--only", "long-polling"});
+    TestCertificates certificates;
+    ServeProcess plain, keyed({"--api-key", "peer-key"}),
+        secure({"--cert", certificates.dir + "/server.pem", "--key",
+                certificates.dir + "/server.key"});
+    const char* first = std::string(peer) == "faye" ? "long-polling" : "websocket";
+    struct Case {
+        std::string url;
+        std::vector<std::string> options;
+        const char *handshake, *transport;
+    } cases[] = {
+        {plain.httpUrl(), {}, first, "websocket"},
+        {plain.httpUrl(), {"--only", "long-polling"}, "long-polling", "long-polling"},
+        {keyed.httpUrl(), {"--api-key", "peer-key"}, first, "websocket"},
+        {"https://localhost:" + secure.port() + "/bayeux", {}, first, "websocket"},
+    };
+    ::setenv("NODE_EXTRA_CA_CERTS", (certificates.dir + "/ca.pem").c_str(), 1);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.url + (c.options.empty() ? "" : " " + c.options[0]));
+        std::vector<std::string> args{peer, c.url, "exchange"};
+        args.insert(args.end(), c.options.begin(), c.options.end());
         auto client = node("bayeux_client.js", args);
         ASSERT_EQ(run(*client), 0) << client->errors();
         const auto result = resultOf(*client);
@@ -30,32 +47,10 @@ TEST_P(PeersTest, ScriptedExchangeWithServe) {
                   (std::vector<std::string>{"/orvale/interop/exact {\"n\":1}",
                                             "/orvale/interop/wild/a {\"n\":2}",
                                             "/orvale/interop/wild/b {\"n\":4}"}));
-        // Faye handshakes over long-polling and moves to a WebSocket; CometD starts there.
-        EXPECT_EQ(text(result, "transport"), longPollingOnly ? "long-polling" : "websocket");
-        const std::string faye = std::string(peer) == "faye" ? "long-polling" : "websocket";
-        EXPECT_EQ(text(result, "handshakeTransport"), longPollingOnly ? "long-polling" : faye);
+        EXPECT_EQ(text(result, "handshakeTransport"), c.handshake);
+        EXPECT_EQ(text(result, "transport"), c.transport);
     }
-    ServeProcess keyed({"--api-key", "peer-key"});
-    auto accepted =
-        node("bayeux_client.js", {peer, keyed.httpUrl(), "exchange", "--api-key", "peer-key"});
-    ASSERT_EQ(run(*accepted), 0) << accepted->errors();
-    EXPECT_EQ(text(resultOf(*accepted), "result"), "ok");
-}
-
-// The same exchange over TLS, https:// and wss://, with the peer trusting the test CA only.
-TEST_P(PeersTest, ScriptedExchangeOverTls) {
-    TestCertificates certificates;
-    ServeProcess secure(
-        {"--cert", certificates.dir + "/server.pem", "--key", certificates.dir + "/server.key"});
-    const std::string url = "https://localhost" + secure.url.substr(secure.url.rfind(':'));
-    ::setenv("NODE_EXTRA_CA_CERTS", (certificates.dir + "/ca.pem").c_str(), 1);
-    auto client = node("bayeux_client.js", {peer, url, "exchange"});
     ::unsetenv("NODE_EXTRA_CA_CERTS");
-    ASSERT_EQ(run(*client), 0) << client->errors();
-    const auto result = resultOf(*client);
-    ASSERT_EQ(text(result, "result"), "ok") << boost::json::serialize(result);
-    EXPECT_EQ(text(result, "transport"), "websocket");
-    EXPECT_EQ(received(*client).size(), 3u);
 }
 
 TEST_P(PeersTest, TalkWithAServerServiceInTheHubProcess) {

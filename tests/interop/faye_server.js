@@ -9,8 +9,8 @@
 // with --redis-socket it joins a cluster through the faye-redis engine. With --show-requests it
 // prints a JSON line per HTTP request and upgrade (method, path, Authorization and Cookie
 // headers) and sets three cookies on every HTTP answer: `sticky` for the whole site, `other`
-// for another path and `tls` only over TLS, so tests see which a client sends back. It exits when stdin closes
-// or on SIGTERM/SIGINT, so a parent that dies never leaves it behind.
+// for another path and `tls` only over TLS, so tests see which a client sends back. It exits
+// when stdin closes or on SIGTERM/SIGINT, so a parent that dies never leaves it behind.
 
 const fs = require('fs');
 const faye = require('faye');
@@ -20,30 +20,28 @@ function die(message, status) {
   process.exit(status);
 }
 
-const names = {'--port': 'port', '--timeout': 'timeout', '--mount': 'mount', '--cert': 'cert',
-  '--key': 'key', '--redis-socket': 'redisSocket', '--show-requests': 'showRequests'};
-const options = {port: 0, timeout: 2, mount: '/bayeux', cert: null, key: null, redisSocket: null,
-  showRequests: null};
+const options = {'--port': 0, '--timeout': 2, '--mount': '/bayeux', '--cert': null, '--key': null,
+  '--redis-socket': null, '--show-requests': null};
 const argv = process.argv.slice(2);
 for (let i = 0; i < argv.length; i += 2) {
-  if (!names[argv[i]]) die('unknown option ' + argv[i], 2);
+  if (!Object.keys(options).includes(argv[i])) die('unknown option ' + argv[i], 2);
   if (argv[i + 1] === undefined) die('missing value after ' + argv[i], 2);
-  options[names[argv[i]]] = argv[i + 1];
+  options[argv[i]] = argv[i + 1];
 }
 
-const adapterOptions = {mount: options.mount, timeout: Number(options.timeout)};
-if (options.redisSocket !== null)
-  adapterOptions.engine = {type: require('faye-redis'), socket: options.redisSocket};
+const adapterOptions = {mount: options['--mount'], timeout: Number(options['--timeout'])};
+if (options['--redis-socket'] !== null)
+  adapterOptions.engine = {type: require('faye-redis'), socket: options['--redis-socket']};
 const bayeux = new faye.NodeAdapter(adapterOptions);
-const server = options.cert
-    ? require('https').createServer({cert: fs.readFileSync(options.cert), key: fs.readFileSync(options.key)})
+const server = options['--cert']
+    ? require('https').createServer({cert: fs.readFileSync(options['--cert']), key: fs.readFileSync(options['--key'])})
     : require('http').createServer();
 server.on('request', (request, response) => {
   response.writeHead(404, {'Content-Type': 'text/plain'});
   response.end('not found\n');
 });
 bayeux.attach(server);
-if (options.showRequests) {
+if (options['--show-requests']) {
   const show = (request) => process.stdout.write(JSON.stringify({method: request.method,
     path: request.url, authorization: request.headers.authorization || '',
     cookie: request.headers.cookie || ''}) + '\n');
@@ -64,7 +62,7 @@ function stop() {
   process.exit(0);
 }
 server.on('error', (e) => die(e.message, 1));
-server.listen(Number(options.port), '127.0.0.1', () => process.stdout.write(server.address().port + '\n'));
+server.listen(Number(options['--port']), '127.0.0.1', () => process.stdout.write(server.address().port + '\n'));
 for (const event of ['end', 'close']) process.stdin.on(event, stop);
 process.stdin.resume();
 for (const signal of ['SIGTERM', 'SIGINT']) process.on(signal, stop);

@@ -21,22 +21,17 @@ class HubInProcess {
         : endpoint(bayeux::startBayeuxEndpoint(server, options)),
           url("ws://127.0.0.1:" + std::to_string(endpoint->port()) + "/bayeux") {
         std::weak_ptr<ms::MessageService> weak = desk;
-        subscriptions = {
-            desk->subscribe("/desk/in",
-                            [this, weak](const ms::JsonMessage& m) {
-                                heard_.add("in " + m.getJson());
-                                if (auto self = weak.lock())
-                                    self->publish("/desk/out", "{\"echo\":" + m.getJson() + "}");
-                            })
-                .get(),
-            desk->listenSubscribe(
-                    "/desk/**",
-                    [this](const ms::SubscribeEvent& e) { heard_.add("+" + e.getChannel()); })
-                .get(),
-            desk->listenUnsubscribe(
-                    "/desk/**",
-                    [this](const ms::UnsubscribeEvent& e) { heard_.add("-" + e.getChannel()); })
-                .get()};
+        auto note = [this](const char* sign) {
+            return [this, sign](const auto& event) { heard_.add(sign + event.getChannel()); };
+        };
+        auto echo = [this, weak](const ms::JsonMessage& m) {
+            heard_.add("in " + m.getJson());
+            if (auto self = weak.lock())
+                self->publish("/desk/out", "{\"echo\":" + m.getJson() + "}");
+        };
+        subscriptions = {desk->subscribe("/desk/in", echo).get(),
+                         desk->listenSubscribe("/desk/**", note("+")).get(),
+                         desk->listenUnsubscribe("/desk/**", note("-")).get()};
     }
     std::string httpUrl() const { return "http" + url.substr(2); }
     bool heard(const std::string& item) { return heard_.has(item); }

@@ -5,10 +5,8 @@
 #include "connector/bayeux/websocket_transport.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <deque>
-#include <fstream>
 
 #include "bayeux/codec.h"
 #include "child_process.h"
@@ -22,12 +20,12 @@ namespace {
 using orvale::test::waitUntil;
 using namespace std::chrono_literals;
 
-// Keeps every inbound message, containers flattened, for the test to take in any order.
-class Inbox : public reactive_streams::Subscriber<MessagePtr> {
+// Keeps every inbound message, containers flattened, for the test to take in any order. It is
+// also the outbound stream's subscription, which lets everything through.
+class Inbox : public reactive_streams::Subscriber<MessagePtr>,
+              public reactive_streams::Subscription {
   public:
-    void onSubscribe(std::shared_ptr<reactive_streams::Subscription> s) override {
-        s->request(UINT64_MAX);
-    }
+    void onSubscribe(std::shared_ptr<Subscription> s) override { s->request(UINT64_MAX); }
     void onNext(MessagePtr&& element) override {
         std::lock_guard<std::mutex> lock(mutex_);
         if (auto* container = dynamic_cast<BayeuxContainer*>(element.get()))
@@ -39,18 +37,20 @@ class Inbox : public reactive_streams::Subscriber<MessagePtr> {
     void onComplete() override { completed = true; }
     void onError(std::exception_ptr) override { completed = true; }
     Future<bool> done() override { return makeReadyFuture<bool>(true); }
+    void request(std::uint64_t) override {}
+    void cancel() override {}
 
-    // Removes and returns the first T that `match` accepts, waiting a bounded time; throws when
-    // none comes.
+    // Removes and returns the first T with the id `id` (any when empty), waiting a bounded time;
+    // throws when none comes.
     template <class T>
-    std::unique_ptr<T> take(const std::function<bool(const T&)>& match = nullptr) {
+    std::unique_ptr<T> take(const std::string& id = {}) {
         std::unique_ptr<T> out;
         waitUntil([&] {
             std::lock_guard<std::mutex> lock(mutex_);
             for (auto it = messages_.begin(); it != messages_.end(); ++it)
-                if (auto* typed = dynamic_cast<T*>(it->get()); typed && (!match || match(*typed))) {
-                    it->release();
-                    out.reset(typed);
+                if (auto* typed = dynamic_cast<T*>(it->get());
+                    typed && (id.empty() || typed->getId() == id)) {
+                    out.reset(static_cast<T*>(it->release()));
                     messages_.erase(it);
                     return true;
                 }
@@ -68,12 +68,6 @@ class Inbox : public reactive_streams::Subscriber<MessagePtr> {
     std::deque<MessagePtr> messages_;
 };
 
-class Upstream : public reactive_streams::Subscription {
-  public:
-    void request(std::uint64_t) override {}
-    void cancel() override {}
-};
-
 Future<MessagePtr> connectTo(const std::string& url, WebSocketTransportOptions options,
                              std::shared_ptr<Context>& context) {
     context = std::make_shared<Context>();
@@ -83,7 +77,7 @@ Future<MessagePtr> connectTo(const std::string& url, WebSocketTransportOptions o
 
 // One connection of the raw transport, as a client service would hold it.
 struct Peer {
-    Peer(const std::string& url, WebSocketTransportOptions options = {}) {
+    explicit Peer(const std::string& url, WebSocketTransportOptions options = {}) {
         auto future = connectTo(url, options, context);
         if (!future.waitFor(10s))
             throw std::runtime_error("connecting to " + url + " did not finish");
@@ -91,7 +85,7 @@ struct Peer {
         auto& open = dynamic_cast<ConnectTransportResponse&>(*response);
         open.getInbound()->subscribe(inbox);
         outbound = open.getOutbound();
-        outbound->onSubscribe(std::make_shared<Upstream>());
+        outbound->onSubscribe(inbox);
     }
 
     template <class T>
@@ -106,9 +100,12 @@ struct Peer {
     // Sends `message` and returns the answer of type R.
     template <class R, class T>
     std::unique_ptr<R> ask(std::unique_ptr<T> message) {
-        const auto id = send(std::move(message));
-        return inbox->take<R>([&](const R& m) { return m.getId() == id; });
+        return inbox->take<R>(send(std::move(message)));
     }
+    std::unique_ptr<SubscribeResponse> subscribe(const std::string& channel) {
+        return ask<SubscribeResponse>(std::make_unique<SubscribeRequest>(channel, ""));
+    }
+    std::string connect() { return send(std::make_unique<ConnectRequest>("websocket")); }
     void handshake() {
         auto response = ask<HandshakeResponse>(std::make_unique<HandshakeRequest>(
             "1.0", "1.0", std::vector<std::string>{"websocket"}));
@@ -123,11 +120,6 @@ struct Peer {
     std::string clientId;
     int nextId = 1;
 };
-
-std::string connectError(const std::string& url, WebSocketTransportOptions options = {}) {
-    std::shared_ptr<Context> context;
-    return orvale::test::failureText(connectTo(url, options, context));
-}
 
 std::string fayeUrl(orvale::test::ChildProcess& faye, const char* scheme = "ws",
                     const char* host = "127.0.0.1") {
@@ -147,20 +139,19 @@ TEST(WebSocketTransportWithFaye, RunsAWholeBayeuxSession) {
     // Faye holds each connect until its timeout (1 s here) when it has nothing to deliver.
     for (int turn = 0; turn < 2; ++turn) {
         const auto sent = std::chrono::steady_clock::now();
-        auto connected =
-            a.ask<ConnectStreamResponse>(std::make_unique<ConnectRequest>("websocket"));
+        auto connected = a.inbox->take<ConnectStreamResponse>(a.connect());
         EXPECT_TRUE(connected->isSuccessful());
         EXPECT_GE(std::chrono::steady_clock::now() - sent, 500ms);
         ASSERT_TRUE(connected->getAdvice());
         EXPECT_EQ(connected->getAdvice()->timeout, 1000);
     }
     for (const char* channel : {"/orvale/news", "/orvale/other"}) {
-        auto subscribed = a.ask<SubscribeResponse>(std::make_unique<SubscribeRequest>(channel, ""));
+        auto subscribed = a.subscribe(channel);
         EXPECT_TRUE(subscribed->isSuccessful());
         EXPECT_EQ(subscribed->getChannel(), channel);
     }
     // Deliveries come over the socket while a connect is pending.
-    a.send(std::make_unique<ConnectRequest>("websocket"));
+    a.connect();
     const std::string json = R"({"text":"héllo","n":[1,2.5]})";
     const auto published = b.send(std::make_unique<PublishRequest>("/orvale/news", json));
     EXPECT_TRUE(b.inbox->take<PublishResponse>()->isSuccessful());
@@ -174,19 +165,19 @@ TEST(WebSocketTransportWithFaye, RunsAWholeBayeuxSession) {
     EXPECT_TRUE(unsubscribed->isSuccessful());
     EXPECT_EQ(unsubscribed->getChannel(), "/orvale/news");
     // After unsubscribing only the other channel arrives: published second, delivered alone.
-    a.send(std::make_unique<ConnectRequest>("websocket"));
+    a.connect();
     b.send(std::make_unique<PublishRequest>("/orvale/news", std::string("1")));
     b.send(std::make_unique<PublishRequest>("/orvale/other", std::string("2")));
     EXPECT_EQ(a.inbox->take<PublishRequest>()->getChannel(), "/orvale/other");
 
     // Faye's errors come back verbatim.
-    auto refused = a.ask<SubscribeResponse>(std::make_unique<SubscribeRequest>("/orvale/a b", ""));
+    auto refused = a.subscribe("/orvale/a b");
     EXPECT_FALSE(refused->isSuccessful());
     EXPECT_EQ(refused->getError(), "405:/orvale/a b:Invalid channel");
 
     // A connect and a disconnect handed over together: Faye answers a frame only when all of it
     // is answered and drops the session on disconnect, so the two must not share a frame.
-    a.send(std::make_unique<ConnectRequest>("websocket"));
+    a.connect();
     EXPECT_TRUE(a.ask<DisconnectResponse>(std::make_unique<DisconnectRequest>())->isSuccessful());
     // Faye closes the socket after a disconnect: the inbound stream completes.
     EXPECT_TRUE(waitUntil([&] { return a.inbox->completed.load(); }));
@@ -194,7 +185,7 @@ TEST(WebSocketTransportWithFaye, RunsAWholeBayeuxSession) {
     // An unknown client id is refused with Faye's own error text.
     Peer c(url);
     c.clientId = "bogus123";
-    auto rejected = c.ask<ConnectStreamResponse>(std::make_unique<ConnectRequest>("websocket"));
+    auto rejected = c.inbox->take<ConnectStreamResponse>(c.connect());
     EXPECT_FALSE(rejected->isSuccessful());
     EXPECT_EQ(rejected->getError(), "401:bogus123:Unknown client");
     EXPECT_EQ(rejected->getAdvice()->reconnect, "handshake");
@@ -215,8 +206,7 @@ TEST(WebSocketTransportWithFaye, SecureWebSocketVerifiesTheServer) {
 
     Peer peer(url, trusting);
     peer.handshake();
-    EXPECT_TRUE(peer.ask<SubscribeResponse>(std::make_unique<SubscribeRequest>("/orvale/s", ""))
-                    ->isSuccessful());
+    EXPECT_TRUE(peer.subscribe("/orvale/s")->isSuccessful());
     Peer unverified(byAddress, careless);
     unverified.handshake();
     EXPECT_FALSE(unverified.clientId.empty());
@@ -231,7 +221,8 @@ TEST(WebSocketTransportWithFaye, SecureWebSocketVerifiesTheServer) {
     for (const auto& c : {Case{url, {}, "certificate verify failed"},
                           Case{byAddress, trusting, "certificate verify failed"},
                           Case{url, missing, "cannot load the CA file /nonexistent/ca.pem: "}}) {
-        const std::string error = connectError(c.url, c.options);
+        std::shared_ptr<Context> context;
+        const std::string error = orvale::test::failureText(connectTo(c.url, c.options, context));
         EXPECT_EQ(error.rfind("Cannot connect to " + c.url + ": ", 0), 0u) << error;
         EXPECT_NE(error.find(c.reason), std::string::npos) << error;
     }

@@ -65,9 +65,4 @@ bool LogCapture::contains(const std::string& message) const {
     return std::any_of(all.begin(), all.end(), [&](auto& r) { return r.message == message; });
 }
 
-void LogCapture::clear() {
-    std::lock_guard<std::mutex> lock(impl_->backend->mutex);
-    impl_->backend->records.clear();
-}
-
 }  // namespace orvale::test

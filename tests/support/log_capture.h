@@ -31,7 +31,6 @@ class LogCapture {
     std::vector<CapturedRecord> find(const std::string& prefix) const;
     std::size_t count(const std::string& prefix) const { return find(prefix).size(); }
     bool contains(const std::string& message) const;
-    void clear();
 
   private:
     struct Impl;

@@ -8,10 +8,10 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "child_process.h"
+#include "log_capture.h"
 #include "loopback_ports.h"
 
 namespace orvale::test {
@@ -65,12 +65,9 @@ class NatsCluster {
             argv.insert(argv.end(), {"--routes", routes});
         servers_.resize(ports_.size());
         servers_[node] = std::make_unique<ChildProcess>(argv);
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (!acceptsOnLoopback(ports_[node].client)) {
-            if (std::chrono::steady_clock::now() > deadline)
-                throw std::runtime_error("nats-server did not start: " + servers_[node]->errors());
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
+        if (!waitUntil([&] { return acceptsOnLoopback(ports_[node].client); },
+                       std::chrono::seconds(10)))
+            throw std::runtime_error("nats-server did not start: " + servers_[node]->errors());
     }
 
     std::vector<Ports> ports_;

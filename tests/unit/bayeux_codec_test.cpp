@@ -180,18 +180,8 @@ TEST(BayeuxCodec, DataAndExtKeepTheirSourceText) {
     EXPECT_EQ(as<SubscribeRequest>(s).getChannel(), "/a");
 }
 
-// Frames as Faye 1.4.3 sends them over WebSocket.
+// Replies as Faye 1.4.3 sends them over WebSocket.
 TEST(BayeuxCodec, DecodesFayeReplies) {
-    auto handshake = single(decodeFromServer(
-        R"([{"id":"1","channel":"/meta/handshake","successful":true,"version":"1.0",)"
-        R"("supportedConnectionTypes":["long-polling","cross-origin-long-polling","callback-polling",)"
-        R"("websocket","eventsource","in-process"],"clientId":"jog85y1up4t7ri1q85vddt5ccrgzw6h",)"
-        R"("advice":{"reconnect":"retry","interval":0,"timeout":2000}}])"));
-    ASSERT_TRUE(handshake);
-    EXPECT_EQ(handshake->getClientId(), "jog85y1up4t7ri1q85vddt5ccrgzw6h");
-    EXPECT_EQ(as<HandshakeResponse>(handshake).getSupportedConnectionTypes().size(), 6u);
-    EXPECT_EQ(handshake->getAdvice()->timeout, 2000);
-
     const std::string batch =
         R"([{"id":"3","clientId":"c","channel":"/meta/subscribe","successful":true,"subscription":"/orvale/a"},)"
         R"({"id":"3b","clientId":"c","channel":"/meta/subscribe","successful":true,"subscription":["/orvale/b","/orvale/c"]},)"

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "deferred_wakes.h"
+#include "inbox.h"
 #include "log_capture.h"
 #include "queueing_session.h"
 
@@ -38,10 +39,10 @@ class TestSession : public connector::bayeux::BayeuxSession {
     std::shared_ptr<connector::common::ContextState> getContext() override { return state_; }
     std::string getId() override { return id_; }
     void deliver(const std::shared_ptr<const UnsubscribeRequest>& request) override {
-        announce("-" + request->getClientId() + " " + request->getChannel());
+        announced.add("-" + request->getClientId() + " " + request->getChannel());
     }
     void deliver(const std::shared_ptr<const SubscribeRequest>& request) override {
-        announce("+" + request->getClientId() + " " + request->getChannel());
+        announced.add("+" + request->getClientId() + " " + request->getChannel());
     }
     void deliver(const Strings& patterns,
                  const std::shared_ptr<const PublishRequest>& request) override {
@@ -55,10 +56,7 @@ class TestSession : public connector::bayeux::BayeuxSession {
         return received_;
     }
     std::size_t count() const { return received().size(); }
-    std::size_t count(const std::string& channel) const {
-        const auto all = received();
-        return std::count_if(all.begin(), all.end(), [&](auto& r) { return r.channel == channel; });
-    }
+    std::size_t count(const std::string& channel) const { return data(channel).size(); }
     // The data published on `channel`, in the order it came.
     Strings data(const std::string& channel) const {
         Strings out;
@@ -67,12 +65,9 @@ class TestSession : public connector::bayeux::BayeuxSession {
                 out.push_back(r.json);
         return out;
     }
-    Strings announcements() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return announcements_;
-    }
 
     std::function<void(const PublishRequest&)> onPublish;  // set before registration
+    orvale::test::Inbox announced;                         // "+id pattern", "-id pattern"
 
   protected:
     void record(Strings patterns, const PublishRequest& request, bool queued) {
@@ -83,16 +78,11 @@ class TestSession : public connector::bayeux::BayeuxSession {
     }
 
   private:
-    void announce(std::string line) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        announcements_.push_back(std::move(line));
-    }
     const std::string id_;
     const std::shared_ptr<connector::common::ContextState> state_ =
         std::make_shared<connector::common::ContextState>();
-    mutable std::mutex mutex_;  // guards received_ and announcements_
+    mutable std::mutex mutex_;  // guards received_
     std::vector<Received> received_;
-    Strings announcements_;
 };
 
 struct QueueingTestSession : TestSession, connector::bayeux::QueueingSession {
@@ -209,8 +199,8 @@ TEST(BayeuxServerTest, SubscriptionChangesAreAnnouncedToEverySession) {
     unsubscribe(*server, "B", "/never");
     const Strings expected{"+A /a", "+ghost /g", "-A /a", "-B /never"};
     for (auto& s : all) {
-        ASSERT_TRUE(waitUntil([&] { return s->announcements().size() >= expected.size(); }));
-        EXPECT_EQ(s->announcements(), expected) << s->getId();
+        ASSERT_TRUE(waitUntil([&] { return s->announced.size() >= expected.size(); }));
+        EXPECT_EQ(s->announced.snapshot(), expected) << s->getId();
     }
     // The ghost's subscription was not kept for a session registered later under that id.
     auto ghost = join(*server, "ghost");
@@ -315,7 +305,7 @@ TEST(BayeuxServerTest, QueueingSessionsArePassedPublishesOnThePublishingThread) 
     EXPECT_EQ(plain->count("/q/a"), 2u * kEach);
     for (const auto& r : plain->received())
         EXPECT_NE(r.thread, std::this_thread::get_id());
-    EXPECT_TRUE(waitUntil([&] { return queueing->announcements().size() >= 4; }));
+    EXPECT_TRUE(waitUntil([&] { return queueing->announced.size() >= 4; }));
 
     queueing.reset();  // an expired queueing session is dropped like any other
     server->acceptPublish(message("/q/b", "1"));
@@ -328,7 +318,7 @@ TEST(BayeuxServerTest, UnregisterDropsSubscriptionsAndQueuedDeliveriesSilently) 
     auto watcher = join(*server, "watcher");
     subscribe(*server, "leaving", "/u");
     subscribe(*server, "leaving", "/v/**");
-    ASSERT_TRUE(waitUntil([&] { return watcher->announcements().size() == 2; }));
+    ASSERT_TRUE(waitUntil([&] { return watcher->announced.size() == 2; }));
     std::atomic<bool> open{false};
     auto blocker = blockDeliveries(*server, open);  // messages for `leaving` wait in its queue
     for (int i = 0; i < 10; ++i)
@@ -340,7 +330,7 @@ TEST(BayeuxServerTest, UnregisterDropsSubscriptionsAndQueuedDeliveriesSilently) 
     EXPECT_EQ(server->channelNodeCount(), 2u) << "root and block";
     flush(*server, {watcher, blocker});
     EXPECT_EQ(leaving->count("/u"), 0u);
-    for (auto& line : watcher->announcements())
+    for (auto& line : watcher->announced.snapshot())
         EXPECT_EQ(line[0], '+') << line;
 
     server->registerSession(leaving);  // registered again, without the old subscriptions
@@ -406,7 +396,7 @@ TEST(BayeuxServerTest, DestructionDeliversAcceptedMessagesToLiveSessionsOnly) {
     ASSERT_EQ(live->data("/d").size(), 100u);
     EXPECT_EQ(live->data("/d").back(), "99");
     EXPECT_EQ(blocker->count("/block"), 1u);
-    EXPECT_EQ(live->announcements().size(), 3u) << "no /late subscription announced";
+    EXPECT_EQ(live->announced.size(), 3u) << "no /late subscription announced";
 }
 
 TEST(BayeuxServerTest, LastReferenceDroppedInsideDeliverDoesNotDeadlock) {

@@ -10,7 +10,6 @@ namespace connector::bayeux::endpoint_test {
 namespace {
 
 namespace http = boost::beast::http;
-using orvale::test::Headers;
 
 // Every byte escaped, as a form encoder may.
 std::string formEncoded(const std::string& text) {

@@ -1,29 +1,259 @@
 #pragma once
-// Frames as raw clients send them to the hub, what its replies say, and the hub's fixture: an
-// endpoint on an in-process server with server services beside it.
+// Raw clients of the hub on loopback, so that tests see exactly what goes over the wire: a
+// WebSocket over the bare client of the load runs (RawWebSocket) and a keep-alive HTTP
+// connection (RawHttp); the frames they send, what the replies say, and the hub's fixture: an
+// endpoint on an in-process server with server services beside it. A raw client owns an
+// io_context that runs only while the test waits on it (bounded), so it needs no thread.
 
-#include "beast_peers.h"
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
+#include <boost/json/value.hpp>
+#include <deque>
+#include <optional>
+#include <string>
+#include <vector>
+
 #include "connector/bayeux/endpoint.h"
 #include "connector/message_service.h"
 #include "inbox.h"
+#include "log_capture.h"
+#include "raw_client.h"
 
 namespace connector::bayeux::endpoint_test {
 
 using namespace std::chrono_literals;
 using message_service::JsonMessage;
 using message_service::MessageService;
-using orvale::test::HttpReply;
 using orvale::test::LogCapture;
-using orvale::test::onChannel;
-using orvale::test::RawHttp;
-using orvale::test::RawWebSocket;
-using orvale::test::Reading;
-using orvale::test::str;
 using orvale::test::waitUntil;
-using orvale::test::withId;
 namespace json = boost::json;
-// Collects what a server service hears, from any thread.
-using Heard = orvale::test::Inbox;
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+using Clock = std::chrono::steady_clock;
+using Predicate = std::function<bool(const json::object&)>;
+using Heard = orvale::test::Inbox;  // what a server service hears, from any thread
+inline constexpr std::chrono::milliseconds kWait{5000};
+
+// The messages of a frame: an array of objects, or a single object.
+inline std::vector<json::object> parseMessages(const std::string& text) {
+    json::error_code ec;
+    json::value value = json::parse(text, ec);
+    if (ec)
+        throw std::runtime_error("not JSON: " + text);
+    if (value.is_object())
+        return {value.get_object()};
+    std::vector<json::object> out;
+    if (value.is_array())
+        for (auto& element : value.get_array())
+            if (element.is_object())
+                out.push_back(element.get_object());
+    return out;
+}
+
+inline std::string str(const json::object& message, const char* name) {
+    const json::value* v = message.if_contains(name);
+    return v && v->is_string() ? std::string(v->get_string()) : std::string();
+}
+
+inline Predicate withId(std::string id) {
+    return [id](const json::object& m) { return str(m, "id") == id; };
+}
+
+// Runs `io` until `done` holds or `timeout` passes.
+inline bool runUntil(asio::io_context& io, const std::function<bool()>& done,
+                     std::chrono::milliseconds timeout = kWait) {
+    const auto deadline = Clock::now() + timeout;
+    while (!done()) {
+        if (Clock::now() >= deadline)
+            return false;
+        io.restart();
+        io.run_for(5ms);
+    }
+    return true;
+}
+
+// Starts an asynchronous operation, passing `start` a handler that notes its outcome, and runs
+// `io` until it completes: its error, or timed_out when it did not complete in time.
+template <class Start>
+beast::error_code complete(asio::io_context& io, Start&& start) {
+    bool done = false;
+    beast::error_code error;
+    start([&](beast::error_code ec, auto&&...) {
+        error = ec;
+        done = true;
+    });
+    return runUntil(io, [&] { return done; }) ? error : beast::error_code(asio::error::timed_out);
+}
+
+// The name=value pair of a Set-Cookie value, without its attributes.
+inline std::string cookiePair(beast::string_view setCookie) {
+    return std::string(setCookie.substr(0, setCookie.find(';')));
+}
+
+inline void connectSocket(asio::io_context& io, beast::tcp_stream& stream, std::uint16_t port) {
+    const asio::ip::tcp::endpoint hub(asio::ip::make_address("127.0.0.1"), port);
+    if (auto ec = complete(io, [&](auto handler) { stream.async_connect(hub, handler); }))
+        throw std::runtime_error("cannot connect: " + ec.message());
+}
+
+// Reading::Off makes a client that never reads what it is sent, with a small receive buffer so
+// that the hub's writes to it soon stall. A `cookie` (name=value) is sent with the upgrade, as a
+// browser sends its cookies.
+enum class Reading { On, Off };
+
+class RawWebSocket {
+  public:
+    explicit RawWebSocket(std::uint16_t port, const std::string& cookie = "",
+                          Reading reading = Reading::On)
+        : client_(io_, {"127.0.0.1", std::to_string(port), "/bayeux"},
+                  {"", cookie, reading == Reading::Off ? 4096 : 0}) {
+        if (reading == Reading::On)
+            client_.drainAsync(
+                [this](std::string_view frame) {
+                    auto messages = parseMessages(std::string(frame));
+                    frameSizes_.push_back(messages.size());
+                    inbox_.insert(inbox_.end(), messages.begin(), messages.end());
+                },
+                [this] { closed_ = true; });
+    }
+
+    // Writes one text frame; false when it could not be written in time.
+    bool send(const std::string& frame) { return client_.send(frame); }
+    bool ping() { return client_.ping(); }
+
+    // Removes and returns the first received message matching `predicate`, waiting for it.
+    std::optional<json::object> await(const Predicate& predicate,
+                                      std::chrono::milliseconds timeout = kWait) {
+        std::optional<json::object> found;
+        runUntil(
+            io_,
+            [&] {
+                auto it = std::find_if(inbox_.begin(), inbox_.end(), predicate);
+                if (it != inbox_.end()) {
+                    found = std::move(*it);
+                    inbox_.erase(it);
+                }
+                return found || closed_;
+            },
+            timeout);
+        return found;
+    }
+    // Sends `frame` and waits for the reply carrying message id `id`.
+    std::optional<json::object> call(const std::string& frame, const std::string& id) {
+        return send(frame) ? await(withId(id)) : std::nullopt;
+    }
+    // Waits until `count` messages have arrived in total.
+    bool awaitCount(std::size_t count) {
+        return runUntil(io_, [&] { return received() >= count || closed_; }) && received() >= count;
+    }
+    bool awaitClosed() {
+        return runUntil(io_, [&] { return closed_; });
+    }
+
+    const std::deque<json::object>& inbox() const { return inbox_; }
+    // How many messages each frame received so far carried.
+    const std::vector<std::size_t>& frameSizes() const { return frameSizes_; }
+    // The Server and Set-Cookie headers of the upgrade answer.
+    std::string server() const { return client_.server(); }
+    std::string setCookie() const { return client_.setCookie(); }
+
+  private:
+    std::size_t received() const {
+        std::size_t total = 0;
+        for (auto size : frameSizes_)
+            total += size;
+        return total;
+    }
+    asio::io_context io_;
+    orvale::tools::RawClient client_;
+    std::deque<json::object> inbox_;
+    std::vector<std::size_t> frameSizes_;
+    bool closed_ = false;
+};
+
+struct HttpReply {
+    unsigned status = 0;
+    std::string body;
+    http::fields headers;
+    std::vector<json::object> messages() const { return parseMessages(body); }
+};
+
+using Headers = std::vector<std::pair<http::field, std::string>>;
+
+// One keep-alive HTTP connection; a request may be started and its reply awaited later. Like a
+// browser, it keeps the cookie it is given or set, and sends it.
+class RawHttp {
+  public:
+    explicit RawHttp(std::uint16_t port, std::string cookie = "")
+        : stream_(io_), cookie_(std::move(cookie)) {
+        connectSocket(io_, stream_, port);
+    }
+
+    // Writes a request whose reply finish() awaits.
+    void start(const std::string& body, const std::string& target = "/bayeux",
+               http::verb verb = http::verb::post, const Headers& headers = {}) {
+        request_ = {verb, target, 11};
+        request_.set(http::field::host, "127.0.0.1");
+        request_.set(http::field::content_type, "application/json");
+        for (const auto& [name, value] : headers)
+            request_.set(name, value);
+        if (!cookie_.empty())
+            request_.set(http::field::cookie, cookie_);
+        request_.body() = body;
+        request_.prepare_payload();
+        done_ = written_ = false;
+        response_ = {};
+        http::async_write(stream_, request_, [this](beast::error_code ec, std::size_t) {
+            written_ = true;
+            error_ = ec;
+            done_ = bool(ec);
+            if (!ec)
+                http::async_read(stream_, buffer_, response_,
+                                 [this](beast::error_code ec, std::size_t) {
+                                     error_ = ec;
+                                     done_ = true;
+                                 });
+        });
+        runUntil(io_, [&] { return written_; });
+    }
+
+    // The reply of the started request, or nothing when it did not come in time.
+    std::optional<HttpReply> finish() {
+        if (!runUntil(io_, [&] { return done_; }) || error_)
+            return std::nullopt;
+        if (const auto setCookie = response_[http::field::set_cookie]; !setCookie.empty())
+            cookie_ = cookiePair(setCookie);
+        return HttpReply{response_.result_int(), response_.body(), http::fields(response_.base())};
+    }
+
+    std::optional<HttpReply> post(const std::string& body, const std::string& target = "/bayeux",
+                                  http::verb verb = http::verb::post, const Headers& headers = {}) {
+        start(body, target, verb, headers);
+        return finish();
+    }
+
+    const std::string& cookie() const { return cookie_; }
+
+  private:
+    asio::io_context io_;
+    beast::tcp_stream stream_;
+    beast::flat_buffer buffer_;
+    http::request<http::string_body> request_;
+    http::response<http::string_body> response_;
+    beast::error_code error_;
+    std::string cookie_;
+    bool written_ = false;
+    bool done_ = false;
+};
 
 inline std::string quote(const std::string& text) {
     return json::serialize(json::value(json::string_view(text.data(), text.size())));
@@ -35,11 +265,11 @@ inline std::string handshake(const std::string& id, const std::string& ext = "")
            (ext.empty() ? "" : ",\"ext\":" + ext) + "}]";
 }
 
-// One message on a meta channel from `clientId`, with `fields` (JSON members) after its id.
-inline std::string meta(const char* channel, const std::string& clientId, const std::string& id,
-                        const std::string& fields = "") {
-    return std::string(R"([{"channel":")") + channel + R"(","clientId":)" + quote(clientId) +
-           R"(,"id":")" + id + "\"" + fields + "}]";
+// One message on `channel` from `clientId`, with `fields` (JSON members) after its id.
+inline std::string meta(const std::string& channel, const std::string& clientId,
+                        const std::string& id, const std::string& fields = "") {
+    return R"([{"channel":)" + quote(channel) + R"(,"clientId":)" + quote(clientId) + R"(,"id":")" +
+           id + "\"" + fields + "}]";
 }
 
 inline std::string connect(const std::string& clientId, const std::string& id, int timeout = -1,
@@ -50,25 +280,19 @@ inline std::string connect(const std::string& clientId, const std::string& id, i
             (timeout >= 0 ? R"(,"advice":{"timeout":)" + std::to_string(timeout) + "}" : ""));
 }
 
-inline std::string subscription(const char* metaChannel, const std::string& clientId,
-                                const std::string& id, const std::string& pattern) {
-    return meta(metaChannel, clientId, id, ",\"subscription\":" + quote(pattern));
-}
-
 inline std::string subscribe(const std::string& clientId, const std::string& id,
                              const std::string& channel) {
-    return subscription("/meta/subscribe", clientId, id, channel);
+    return meta("/meta/subscribe", clientId, id, ",\"subscription\":" + quote(channel));
 }
 
 inline std::string unsubscribe(const std::string& clientId, const std::string& id,
                                const std::string& channel) {
-    return subscription("/meta/unsubscribe", clientId, id, channel);
+    return meta("/meta/unsubscribe", clientId, id, ",\"subscription\":" + quote(channel));
 }
 
 inline std::string publish(const std::string& clientId, const std::string& id,
                            const std::string& channel, const std::string& data) {
-    return R"([{"channel":)" + quote(channel) + R"(,"clientId":)" + quote(clientId) + R"(,"id":")" +
-           id + R"(","data":)" + data + "}]";
+    return meta(channel, clientId, id, ",\"data\":" + data);
 }
 
 inline std::string disconnect(const std::string& clientId, const std::string& id) {
@@ -120,8 +344,8 @@ inline bool isDelivery(const json::object& m) {
     return m.contains("data") && !m.contains("successful");
 }
 
-inline std::optional<json::object> find(const std::vector<json::object>& messages,
-                                        const std::function<bool(const json::object&)>& predicate) {
+template <class Messages>
+std::optional<json::object> find(const Messages& messages, const Predicate& predicate) {
     auto it = std::find_if(messages.begin(), messages.end(), predicate);
     return it == messages.end() ? std::nullopt : std::optional<json::object>(*it);
 }
@@ -138,6 +362,12 @@ class EndpointTest : public ::testing::Test {
     void start(EndpointOptions options = defaults()) {
         endpoint = startBayeuxEndpoint(server, std::move(options));
         port = endpoint->port();
+    }
+    // Starts with the defaults as `change` leaves them.
+    void start(const std::function<void(EndpointOptions&)>& change) {
+        auto options = defaults();
+        change(options);
+        start(std::move(options));
     }
 
     // Makes a session over `ws` or `http` and returns its client id; a refused handshake fails
@@ -165,7 +395,6 @@ class EndpointTest : public ::testing::Test {
     std::vector<std::shared_ptr<message_service::Subscription>> listen(MessageService& watcher,
                                                                        const std::string& pattern,
                                                                        Heard& heard) {
-        using namespace message_service;
         auto noted = [&heard](const char* sign) {
             return [&heard, sign](const auto& e) { heard.add(sign + e.getChannel()); };
         };

@@ -19,9 +19,7 @@ namespace connector::bayeux::endpoint_test {
 namespace {
 
 TEST_F(EndpointTest, ConnectionsBeyondTheCapAreClosedOnArrival) {
-    auto options = defaults();
-    options.maxConnections = 2;
-    start(options);
+    start([](EndpointOptions& o) { o.maxConnections = 2; });
     LogCapture log;
     auto ws = std::make_unique<RawWebSocket>(port);
     RawHttp http(port);
@@ -73,7 +71,7 @@ TEST_F(EndpointTest, AcceptingOutOfDescriptorsBacksOffAndRecovers) {
               static_cast<ssize_t>(request.size()));
     pollfd readable{client, POLLIN, 0};
     char head[12] = {};
-    ASSERT_EQ(::poll(&readable, 1, static_cast<int>(orvale::test::kWait.count())), 1);
+    ASSERT_EQ(::poll(&readable, 1, static_cast<int>(kWait.count())), 1);
     ASSERT_EQ(::recv(client, head, sizeof head, 0), static_cast<ssize_t>(sizeof head));
     EXPECT_EQ(std::string(head, sizeof head), "HTTP/1.1 200");
     EXPECT_EQ(log.count("Accepting connections again after "), 1u);

@@ -23,7 +23,7 @@ TEST_F(EndpointTest, OnlyItsOwnerMayActForASession) {
         owner.setCookie(),
         std::regex("BAYEUX_BROWSER_WS=[0-9a-f]{64}; Path=/bayeux; HttpOnly; SameSite=Strict")))
         << owner.setCookie();
-    const std::string cookie = orvale::test::cookiePair(owner.setCookie());
+    const std::string cookie = cookiePair(owner.setCookie());
     ASSERT_TRUE(successful(owner.call(subscribe(id, "s", "/own"), "s")));
     ASSERT_TRUE(owner.send(connect(id, "held")));
 
@@ -32,7 +32,7 @@ TEST_F(EndpointTest, OnlyItsOwnerMayActForASession) {
     RawWebSocket otherBrowser(port);
     RawWebSocket forgedWs(port, forged);
     RawHttp bare(port);
-    RawHttp wrong(port, orvale::test::cookiePair(otherBrowser.setCookie()));
+    RawHttp wrong(port, cookiePair(otherBrowser.setCookie()));
     RawHttp forgedHttp(port, forged);
     using Send = std::function<std::optional<json::object>(const std::string&)>;
     auto overWs = [](RawWebSocket& ws) -> Send {
@@ -67,7 +67,7 @@ TEST_F(EndpointTest, OnlyItsOwnerMayActForASession) {
     ASSERT_TRUE(delivered);
     EXPECT_EQ(str(*delivered, "channel"), "/own");
     EXPECT_EQ(json::serialize(delivered->at("data")), "2");
-    EXPECT_FALSE(find({owner.inbox().begin(), owner.inbox().end()}, withId("held")));
+    EXPECT_FALSE(find(owner.inbox(), withId("held")));
     EXPECT_EQ(endpoint->sessionCount(), 1u);
 
     // The owner's browser may drive it over new connections of either kind.
@@ -91,7 +91,7 @@ TEST_F(EndpointTest, AFirstVisitsWebSocketAndLongPollingHandshakeShareOneSession
     RawHttp poll(port);
     const std::string id = open(poll);
     std::map<std::string, std::string> jar;  // name to name=value, as a browser keeps cookies
-    for (const std::string& pair : {poll.cookie(), orvale::test::cookiePair(early.setCookie())})
+    for (const std::string& pair : {poll.cookie(), cookiePair(early.setCookie())})
         jar[pair.substr(0, pair.find('='))] = pair;
     std::string cookies;
     for (const auto& cookie : jar)
@@ -111,9 +111,7 @@ TEST_F(EndpointTest, AFirstVisitsWebSocketAndLongPollingHandshakeShareOneSession
 // One connection's flood of handshakes is capped by the live sessions a connection may have, so
 // other clients still get in.
 TEST_F(EndpointTest, AHandshakeFloodFromOneConnectionLeavesRoomForOthers) {
-    auto options = defaults();
-    options.maxSessions = 40;
-    start(options);
+    start([](EndpointOptions& o) { o.maxSessions = 40; });
     LogCapture log;
     const std::string flood = handshakes(30, "h");
     auto madeOf = [](const std::vector<json::object>& replies) {
@@ -148,9 +146,7 @@ TEST_F(EndpointTest, AHandshakeFloodFromOneConnectionLeavesRoomForOthers) {
 
 // A frame of more messages than allowed is refused whole: nothing of it is handled.
 TEST_F(EndpointTest, AFrameOverTheMessageCapIsRefusedWhole) {
-    auto options = defaults();
-    options.maxMessagesPerFrame = 10;
-    start(options);
+    start([](EndpointOptions& o) { o.maxMessagesPerFrame = 10; });
     LogCapture log;
     RawWebSocket ws(port);
     ASSERT_TRUE(ws.send(handshakes(11)));
@@ -171,9 +167,7 @@ TEST_F(EndpointTest, AFrameOverTheMessageCapIsRefusedWhole) {
 
 // A session never connected ends after the short grace, not the session timeout.
 TEST_F(EndpointTest, ASessionThatNeverConnectsExpiresAfterTheGrace) {
-    auto options = defaults();
-    options.connectGrace = 300ms;
-    start(options);
+    start([](EndpointOptions& o) { o.connectGrace = 300ms; });
     LogCapture log;
     RawWebSocket ws(port);
     const std::string silent = open(ws);

@@ -4,6 +4,7 @@
 
 #include "connector/bayeux/long_polling_transport.h"
 
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <boost/beast/http.hpp>

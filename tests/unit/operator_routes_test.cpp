@@ -13,9 +13,12 @@ using boost::beast::http::verb;
 
 class OperatorRoutesTest : public EndpointTest {
   protected:
-    void startWithRoutes(EndpointOptions options = defaults()) {
-        options.operatorRoutes = true;
-        start(std::move(options));
+    void startWithRoutes(const std::function<void(EndpointOptions&)>& change = nullptr) {
+        start([&](EndpointOptions& o) {
+            o.operatorRoutes = true;
+            if (change)
+                change(o);
+        });
     }
 
     std::optional<HttpReply> get(const std::string& path, verb method = verb::get) {
@@ -35,10 +38,10 @@ class OperatorRoutesTest : public EndpointTest {
 };
 
 TEST_F(OperatorRoutesTest, MetricsAndFiguresCountAKnownTrafficPattern) {
-    EndpointOptions options = defaults();
-    options.maxQueuePerSession = 2;
-    options.connectGrace = 300ms;
-    startWithRoutes(options);
+    startWithRoutes([](EndpointOptions& o) {
+        o.maxQueuePerSession = 2;
+        o.connectGrace = 300ms;
+    });
 
     RawWebSocket ws(port);
     const std::string id = open(ws);
@@ -95,9 +98,7 @@ TEST_F(OperatorRoutesTest, RoutesAreOffUnlessAskedForAndReadinessFollowsRoom) {
         EXPECT_EQ(status(path), 404u) << path;
     endpoint.reset();
 
-    EndpointOptions options = defaults();
-    options.maxSessions = 1;
-    startWithRoutes(options);
+    startWithRoutes([](EndpointOptions& o) { o.maxSessions = 1; });
     EXPECT_EQ(status("/healthz"), 200u);
     EXPECT_EQ(status("/readyz"), 200u);
     EXPECT_EQ(status("/metrics", verb::post), 405u);

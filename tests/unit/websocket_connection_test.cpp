@@ -20,9 +20,8 @@ std::vector<std::unique_ptr<BayeuxMessage>> decoded(const std::string& frame) {
 // share a frame.
 TEST(WebSocketConnection, BatchesWhatIsQueuedDuringAWriteInBoundedFrames) {
     TestServer server(/*readAtOnce=*/false);
-    Client client(server.url());
-    auto session = server.nextSession();
-    ASSERT_TRUE(session);
+    Client client(server);
+    auto session = client.session;
     // Larger than the socket buffers: stays in flight while the server reads nothing.
     const std::string big = "\"" + std::string(std::size_t{32} << 20, 'x') + "\"";
     client.send(publish("/big", big));
@@ -70,9 +69,8 @@ TEST(WebSocketConnection, PacedReadsLoseNothingAndNeverStrandALoneFrame) {
     WebSocketTransportOptions options;
     options.readPacingUs = 2000;
     TestServer server;
-    Client client(server.url(), options);
-    auto session = server.nextSession();
-    ASSERT_TRUE(session);
+    Client client(server, options);
+    auto session = client.session;
     // One frame every 100 us: fast enough to be paced, slow enough that the client empties the
     // socket on every read before pacing starts.
     constexpr int kStream = 2000;
@@ -105,9 +103,8 @@ TEST(WebSocketConnection, AFastStreamLosesNothingAndItsLastFrameLeaves) {
         WebSocketTransportOptions options;
         options.writePacingUs = pacing;
         TestServer server;
-        Client client(server.url(), options);
-        auto session = server.nextSession();
-        ASSERT_TRUE(session);
+        Client client(server, options);
+        auto session = client.session;
         constexpr std::size_t kStream = 20000;
         for (std::size_t i = 0; i < kStream; ++i)
             client.send(publish("/fast", std::to_string(i)));
@@ -133,9 +130,8 @@ TEST(WebSocketConnection, FrameLargerThanTheLimitClosesTheConnection) {
     TestServer server;
     WebSocketTransportOptions options;
     options.maxFrameBytes = 1024;
-    Client client(server.url(), options);
-    auto session = server.nextSession();
-    ASSERT_TRUE(session);
+    Client client(server, options);
+    auto session = client.session;
     auto done = client.inbound->done();
 
     session->send(R"([{"channel":"/ok","data":1}])");
@@ -152,9 +148,8 @@ TEST(WebSocketConnection, FrameLargerThanTheLimitClosesTheConnection) {
 TEST(WebSocketConnection, UndecodableFramesAreLoggedAndDropped) {
     orvale::test::LogCapture logs;
     TestServer server;
-    Client client(server.url());
-    auto session = server.nextSession();
-    ASSERT_TRUE(session);
+    Client client(server);
+    auto session = client.session;
 
     session->send("this is not JSON");
     session->send(R"([{"channel":"/good","data":1},7,{"channel":"/meta/connect"}])");

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <boost/beast/websocket/stream.hpp>
 #include <boost/beast/zlib/deflate_stream.hpp>
 #include <fstream>
 #include <thread>
@@ -14,7 +15,6 @@
 namespace connector::bayeux::endpoint_test {
 namespace {
 
-using orvale::test::Clock;
 namespace asio = boost::asio;
 namespace beast = boost::beast;
 namespace websocket = beast::websocket;
@@ -68,7 +68,7 @@ TEST_F(EndpointTest, UnreadRepliesPastTheOutputBoundCloseTheWebSocket) {
     // About 100 KB of replies a frame: the kernel's buffers fill first, then the hub's.
     const std::string frame = unreadable(2000);
     std::size_t peak = 0;
-    const auto deadline = Clock::now() + orvale::test::kWait;
+    const auto deadline = Clock::now() + kWait;
     while (endpoint->stats().connections != 0 && Clock::now() < deadline) {
         silent.send(frame);
         peak = std::max(peak, endpoint->stats().outputBytes);
@@ -120,8 +120,7 @@ TEST_F(EndpointTest, IdleWebSocketsAreClosedThoughTheyPing) {
         const auto began = Clock::now();
         // Every connect is answered with what the flood queued, so the output outgrows any
         // kernel buffer; a slow build fills them slowly: allow it time.
-        for (int n = 0; log.count(c.closing) == 0 && Clock::now() - began < 3 * orvale::test::kWait;
-             ++n) {
+        for (int n = 0; log.count(c.closing) == 0 && Clock::now() - began < 3 * kWait; ++n) {
             ws.ping();
             if (c.sends) {
                 for (int i = 0; i < 16; ++i)
@@ -142,23 +141,23 @@ TEST_F(EndpointTest, IdleWebSocketsAreClosedThoughTheyPing) {
 
     RawWebSocket healthy(port);
     const std::string id = open(healthy);
+    const auto began = Clock::now();
     for (int i = 0; i < 10; ++i) {
         const std::string n = std::to_string(i);
         ASSERT_TRUE(successful(healthy.call(connect(id, n), n))) << n;
     }
+    EXPECT_GE(Clock::now() - began, 900ms) << "each connect is held for its timeout";
     EXPECT_EQ(endpoint->stats().connections, 1u);
 }
 
 // A frame of some 64 KB on the wire that inflates to 64 MiB: inflating stops at the frame bound,
 // the connection is closed, and the hub's memory does not grow with the bomb.
 TEST_F(EndpointTest, ACompressedFrameInflatingPastTheBoundClosesTheWebSocket) {
-    auto options = defaults();
-    options.deflate = true;
-    start(options);
+    start([](EndpointOptions& o) { o.deflate = true; });
     LogCapture log;
     asio::io_context io;
     websocket::stream<beast::tcp_stream> ws(io);
-    orvale::test::connectSocket(io, beast::get_lowest_layer(ws), port);
+    connectSocket(io, beast::get_lowest_layer(ws), port);
     websocket::permessage_deflate offer;
     offer.client_enable = true;
     ws.set_option(offer);
@@ -168,7 +167,7 @@ TEST_F(EndpointTest, ACompressedFrameInflatingPastTheBoundClosesTheWebSocket) {
     peakResidentBytes();
     const std::size_t before = peakResidentBytes();
     asio::write(beast::get_lowest_layer(ws).socket(), asio::buffer(bomb));
-    beast::get_lowest_layer(ws).expires_after(orvale::test::kWait);
+    beast::get_lowest_layer(ws).expires_after(kWait);
     beast::flat_buffer buffer;
     beast::error_code ec;
     ws.read(buffer, ec);

@@ -17,9 +17,8 @@ const int kNormal = static_cast<int>(websocket::close_code::normal);
 
 TEST(WebSocketTransport, ExchangesMessagesAndKeepsFramesAsTheyCame) {
     TestServer server;
-    Client client(server.url());
-    auto session = server.nextSession();
-    ASSERT_TRUE(session);
+    Client client(server);
+    auto session = client.session;
     EXPECT_EQ(client.upstream->requested.load(), UINT64_MAX);
 
     client.send(publish("/a", R"({"n":1})"));
@@ -48,9 +47,8 @@ TEST(WebSocketTransport, ExchangesMessagesAndKeepsFramesAsTheyCame) {
 
 TEST(WebSocketTransport, HandshakeCarriesTheApiKeyOfTheContextState) {
     TestServer server;
-    Client client(server.url());
-    auto session = server.nextSession();
-    ASSERT_TRUE(session);
+    Client client(server);
+    auto session = client.session;
     auto handshake = [] {
         return std::make_unique<HandshakeRequest>("1.0", "1.0",
                                                   std::vector<std::string>{"websocket"});
@@ -89,11 +87,8 @@ TEST(WebSocketTransport, HandshakeCarriesTheApiKeyOfTheContextState) {
 // cancelling the inbound stream closes at once and signals nothing more.
 TEST(WebSocketTransport, EndingEitherStreamClosesTheSocket) {
     TestServer server;
-    Client ending(server.url());
-    auto first = server.nextSession();
-    Client cancelling(server.url());
-    auto second = server.nextSession();
-    ASSERT_TRUE(first && second);
+    Client ending(server), cancelling(server);
+    auto first = ending.session, second = cancelling.session;
     auto outboundDone = ending.outbound->done();
     auto inboundDone = ending.inbound->done();
 
@@ -116,11 +111,8 @@ TEST(WebSocketTransport, EndingEitherStreamClosesTheSocket) {
 
 TEST(WebSocketTransport, ServerClosingOrDyingCompletesTheInboundStream) {
     TestServer server;
-    Client graceful(server.url());
-    auto first = server.nextSession();
-    Client abrupt(server.url());
-    auto second = server.nextSession();
-    ASSERT_TRUE(first && second);
+    Client graceful(server), abrupt(server);
+    auto first = graceful.session, second = abrupt.session;
     auto gracefulDone = graceful.inbound->done();
     auto abruptDone = abrupt.inbound->done();
     // The client learns of the end through its outbound subscription only after the inbound
@@ -144,9 +136,8 @@ TEST(WebSocketTransport, ServerClosingOrDyingCompletesTheInboundStream) {
 TEST(WebSocketTransport, ReleasingTheStreamsOrTheContextClosesTheConnection) {
     TestServer server;
     for (const bool contextFirst : {false, true}) {
-        Client client(server.url());
-        auto session = server.nextSession();
-        ASSERT_TRUE(session);
+        Client client(server);
+        auto session = client.session;
         if (contextFirst) {  // its transport service closes what it opened
             client.context.reset();
         } else {

@@ -36,10 +36,11 @@ class BayeuxSession {
 // A cluster member's link to the others, since it joined.
 struct ClusterStats {
     bool connected = false;        // false while the link is down and reconnecting
-    std::uint64_t published = 0;   // messages and subscription changes sent to the others
+    std::uint64_t published = 0;   // channels' messages sent to the other members
     std::uint64_t received = 0;    // what NATS delivered from the others
     std::uint64_t lost = 0;        // sent while the link was down, beyond its reconnect buffer
     std::uint64_t reconnects = 0;  // outages the link came back from
+    std::size_t members = 0;       // other members heard from lately
 };
 
 class BayeuxServer {

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <thread>
 
 #include "common/module_logger.h"
@@ -16,6 +17,7 @@ namespace {
 using orvale::test::LogCapture;
 using orvale::test::waitUntil;
 
+using Strings = std::vector<std::string>;
 const std::string kReport = "Callback took longer than expected, it may be deadlocked: ";
 
 class CallbackRunnerTest : public ::testing::Test {
@@ -26,31 +28,38 @@ class CallbackRunnerTest : public ::testing::Test {
                                 CallbackLoggers{&instance, &moduleLogger()});
     }
     // A callback that returns once its own report is complete on both loggers, and notes
-    // whether that happened while it ran.
-    std::function<void(const JsonMessage&)> waitsForItsReport(bool& reported) {
-        return [this, &reported](const JsonMessage& message) {
+    // whether that happened while it ran. Callbacks on other threads are joined before the
+    // notes are read.
+    std::function<void(const JsonMessage&)> waitsForItsReport() {
+        return [this](const JsonMessage& message) {
             const std::string prefix = kReport + message.getChannel() + ", json: {\"s\":1}, ";
-            reported = waitUntil([&] { return capture.count(prefix) == 2; });
+            reportedWhileRunning[message.getChannel()] =
+                waitUntil([&] { return capture.count(prefix) == 2; });
         };
     }
-    std::size_t reports(const std::string& channel) {
-        return capture.count(kReport + channel + ", ");
+    // Each of `slow` was reported on both loggers while it ran; none of `fast` was.
+    void expectReports(const Strings& slow, const Strings& fast) {
+        for (const auto& channel : slow) {
+            EXPECT_TRUE(reportedWhileRunning[channel]) << channel;
+            EXPECT_EQ(capture.count(kReport + channel + ", "), 2u) << channel;
+        }
+        for (const auto& channel : fast)
+            EXPECT_EQ(capture.count(kReport + channel + ", "), 0u) << channel;
     }
 
     LogCapture capture;
+    std::map<std::string, bool> reportedWhileRunning;
     const foundation::log::basic_diagnostic_logger<char> instance{
         "connector::message_service::runner"};
 };
 
 TEST_F(CallbackRunnerTest, SlowCallbackIsReportedOnceWhileItRunsOnTheModuleThenInstanceLogger) {
-    bool reported = false, probed = false;
     run("/slow", [&](const JsonMessage& message) {
-        waitsForItsReport(reported)(message);
+        waitsForItsReport()(message);
         // Keeps running through another thread's whole slow callback, past the next check.
-        std::thread([&] { run("/probe", waitsForItsReport(probed)); }).join();
+        std::thread([&] { run("/probe", waitsForItsReport()); }).join();
     });
-    EXPECT_TRUE(reported);
-    EXPECT_TRUE(probed);
+    expectReports({"/slow", "/probe"}, {});
     const auto lines = capture.find(kReport + "/slow, json: {\"s\":1}, ");
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0].channel, "connector::message_service");
@@ -66,34 +75,22 @@ TEST_F(CallbackRunnerTest, SlowCallbackIsReportedOnceWhileItRunsOnTheModuleThenI
 TEST_F(CallbackRunnerTest, EachSlowCallbackIsReportedOnceAndFastOnesNever) {
     for (int i = 0; i < 2000; ++i)
         run("/fast", [](const JsonMessage&) {});
-    bool first = false, second = false, other = false;
-    run("/slow1", waitsForItsReport(first));
+    run("/slow1", waitsForItsReport());
     run("/fast", [](const JsonMessage&) {});
-    run("/slow2", waitsForItsReport(second));
-    std::thread([&] { run("/slow3", waitsForItsReport(other)); }).join();
-    EXPECT_TRUE(first);
-    EXPECT_TRUE(second);
-    EXPECT_TRUE(other);
-    EXPECT_EQ(reports("/fast"), 0u);
-    EXPECT_EQ(reports("/slow1"), 2u);
-    EXPECT_EQ(reports("/slow2"), 2u);
-    EXPECT_EQ(reports("/slow3"), 2u);
+    run("/slow2", waitsForItsReport());
+    std::thread([&] { run("/slow3", waitsForItsReport()); }).join();
+    expectReports({"/slow1", "/slow2", "/slow3"}, {"/fast"});
 }
 
 // A callback may run callbacks itself: the inner one is watched on its own, and the outer one is
 // watched again once the inner one has returned.
 TEST_F(CallbackRunnerTest, NestedCallbacksAreWatchedEach) {
-    bool inner = false, outer = false;
     run("/outer", [&](const JsonMessage& message) {
-        run("/inner", waitsForItsReport(inner));
+        run("/inner", waitsForItsReport());
         run("/quick", [](const JsonMessage&) {});
-        waitsForItsReport(outer)(message);
+        waitsForItsReport()(message);
     });
-    EXPECT_TRUE(inner);
-    EXPECT_TRUE(outer);
-    EXPECT_EQ(reports("/inner"), 2u);
-    EXPECT_EQ(reports("/outer"), 2u);
-    EXPECT_EQ(reports("/quick"), 0u);
+    expectReports({"/inner", "/outer"}, {"/quick"});
 }
 
 }  // namespace

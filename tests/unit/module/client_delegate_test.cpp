@@ -3,27 +3,14 @@
 
 #include "connector/message_service/client_delegate.h"
 
-#include <gtest/gtest.h>
-
-#include "failure_text.h"
-#include "scripted_transport.h"
+#include "client_fixture.h"
 
 namespace connector::message_service {
 namespace {
 
-namespace bx = bayeux;
-using orvale::test::failureText;
-using orvale::test::response;
-using orvale::test::ScriptedTransport;
-
-class ClientDelegateTest : public ::testing::Test {
-  protected:
-    std::shared_ptr<Context> context = std::make_shared<Context>();
-    std::shared_ptr<ScriptedTransport> transport = std::make_shared<ScriptedTransport>();
-};
+using ClientDelegateTest = ClientTest;
 
 TEST_F(ClientDelegateTest, RegistersConnectedInstancesOnly) {
-    transport->install(*context);
     auto delegate = std::make_shared<MessageServiceFactoryClientDelegate>(context);
     auto bad = delegate->createMessageService("a b", {{"endpoint", "ws://x"}});
     EXPECT_EQ(failureText(bad),
@@ -50,8 +37,8 @@ TEST_F(ClientDelegateTest, RegistersConnectedInstancesOnly) {
 }
 
 TEST_F(ClientDelegateTest, ReportsFailedConnections) {
-    auto refusing = std::make_shared<ScriptedTransport>();
-    refusing->install(*context, "Cannot connect to ws://x: Connection refused");
+    std::make_shared<ScriptedTransport>()->install(*context,
+                                                   "Cannot connect to ws://x: Connection refused");
     auto delegate = std::make_shared<MessageServiceFactoryClientDelegate>(makeConnector(context));
     auto failed = delegate->createMessageService("c", {{"endpoint", "ws://x"}});
     EXPECT_EQ(failureText(failed), "Cannot connect to ws://x: Connection refused");

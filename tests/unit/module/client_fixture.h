@@ -2,6 +2,7 @@
 // The client service over a scripted transport: the fixture its unit tests share, which makes
 // services, connects them, answers their requests and records what they deliver.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "bayeux/codec.h"
@@ -33,6 +34,11 @@ class ClientTest : public ::testing::Test {
         return std::make_shared<MessageServiceClientImpl>(
             "cli", std::move(options), context,
             Address("connector/bayeux/webSocket/client", "connector/http/client"));
+    }
+    std::shared_ptr<MessageServiceClientImpl> connected() {
+        auto client = make();
+        connect(client);
+        return client;
     }
 
     // Connects `client`, answering its handshake with the client id "abc".
@@ -78,8 +84,9 @@ class ClientTest : public ::testing::Test {
         return seen;
     }
 
-    // The index-th sent message as it goes over the wire.
+    // The index-th sent message as it goes over the wire, once it is sent.
     std::string wire(std::size_t index) {
+        transport->waitSent(index + 1);
         const auto* message = transport->sent<bx::BayeuxMessage>(index);
         return message ? bx::codec::encode(*message) : "(nothing)";
     }

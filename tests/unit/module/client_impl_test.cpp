@@ -3,13 +3,15 @@
 namespace connector::message_service {
 namespace {
 
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
+
 TEST_F(ClientTest, ConstructionRequiresAnEndpoint) {
-    try {
-        make({{"name", "x"}});
-        FAIL();
-    } catch (const std::invalid_argument& e) {
-        EXPECT_STREQ(e.what(), "No endpoint url option specified");
-    }
+    EXPECT_THAT(
+        [&] {
+            make({{"name", "x"}});
+        },
+        ThrowsMessage<std::invalid_argument>(StrEq("No endpoint url option specified")));
     EXPECT_TRUE(capture.contains("No message service client endpoint url option specified"));
     auto client = make();
     EXPECT_TRUE(capture.contains("Created new message service client instance: ws://test/bayeux"));
@@ -31,7 +33,6 @@ TEST_F(ClientTest, HandshakeNumbersRequestsAndStartsTheConnectLoop) {
               R"([{"channel":"/meta/handshake","id":"0","clientId":"unset","version":"1.0",)"
               R"("minimumVersion":"1.0","supportedConnectionTypes":["websocket"]}])");
     EXPECT_EQ(client->getId(), "abc");
-    ASSERT_TRUE(transport->waitSent(2));
     EXPECT_EQ(
         wire(1),
         R"([{"channel":"/meta/connect","id":"1","clientId":"abc","connectionType":"websocket"}])");
@@ -61,7 +62,8 @@ TEST_F(ClientTest, HandshakeNumbersRequestsAndStartsTheConnectLoop) {
     EXPECT_EQ(states.size(), 2u);
 }
 
-TEST_F(ClientTest, HandshakeAndTransportFailures) {
+// A refused handshake, a transport that cannot connect, and no transport at all.
+TEST_F(ClientTest, ConnectFailures) {
     auto client = make();
     auto connected = client->connect();
     ASSERT_TRUE(transport->waitSent(1));
@@ -71,44 +73,51 @@ TEST_F(ClientTest, HandshakeAndTransportFailures) {
         capture.contains("Handshake error: Bayeux message 0 failed, error: 403::Unauthorized"));
     EXPECT_EQ(client->getState(), ConnectionState::DISCONNECTED);
 
-    auto refusing = std::make_shared<ScriptedTransport>();
-    refusing->install(*context, "Cannot connect to ws://test/bayeux: Connection refused");
+    const std::string refused = "Cannot connect to ws://test/bayeux: Connection refused";
+    std::make_shared<ScriptedTransport>()->install(*context, refused);
     auto other = make();
-    EXPECT_EQ(failureText(other->connect()),
-              "Cannot connect to ws://test/bayeux: Connection refused");
-    EXPECT_TRUE(capture.contains(
-        "Transport connection error: Cannot connect to ws://test/bayeux: Connection refused"));
+    EXPECT_EQ(failureText(other->connect()), refused);
+    EXPECT_TRUE(capture.contains("Transport connection error: " + refused));
     EXPECT_EQ(other->getState(), ConnectionState::CONNECTING);
-}
 
-TEST_F(ClientTest, SendingWithoutTransportFailsAndUsesNoId) {
-    auto silent = std::make_shared<Context>();  // no transport registered: connect never opens one
-    auto client = std::make_shared<MessageServiceClientImpl>(
-        "cli", Options{{"endpoint", "ws://x"}}, silent,
-        Address("connector/bayeux/webSocket/client", "connector/http/client"));
-    EXPECT_EQ(failureText(client->connect()),
+    context = std::make_shared<Context>();  // no transport registered: connect never opens one
+    auto lone = make();
+    EXPECT_EQ(failureText(lone->connect()),
               "No service registered at: connector/bayeux/webSocket/client@connector/http/client");
-    EXPECT_EQ(failureText(client->disconnect()), "Failed to send message, not connected");
-    EXPECT_EQ(client->getState(), ConnectionState::DISCONNECTING);
+    EXPECT_EQ(failureText(lone->disconnect()), "Failed to send message, not connected");
+    EXPECT_EQ(lone->getState(), ConnectionState::DISCONNECTING);
     // The next request of a transport that does open still carries id 0.
-    transport->install(*silent);
-    auto reconnecting = client->connect();
+    transport = std::make_shared<ScriptedTransport>();
+    transport->install(*context);
+    auto reconnecting = lone->connect();
     ASSERT_TRUE(transport->waitSent(1));
     EXPECT_EQ(transport->sent<bx::HandshakeRequest>(0)->getId(), "0");
 }
 
-TEST_F(ClientTest, SubscriptionsAreMirroredPerHolder) {
+TEST_F(ClientTest, RefusedCallsSendNothing) {
     auto client = make();
     auto noop = [](const JsonMessage&) {};
     EXPECT_EQ(failureText(client->subscribe("/a", noop)), "MessageService is not connected.");
+    EXPECT_EQ(failureText(client->publish("/a", "1")), "MessageService is not connected.");
+    EXPECT_EQ(transport->sentCount(), 0u);
     connect(client);
-    EXPECT_EQ(failureText(client->subscribe("/a/***", noop)), "Channel pattern is invalid: /a/***");
-    EXPECT_EQ(failureText(client->subscribe("a/b", noop)), "Channel pattern is invalid: a/b");
-    EXPECT_EQ(failureText(client->listenSubscribe("/a", [](const SubscribeEvent&) {})),
-              "Subscriptions listeners are not supported for client instances");
-    EXPECT_EQ(failureText(client->listenUnsubscribe("/a", [](const UnsubscribeEvent&) {})),
-              "Subscriptions listeners are not supported for client instances");
+    const std::size_t sent = transport->sentCount();
+    const std::string noListeners =
+        "Subscriptions listeners are not supported for client instances";
+    const std::pair<std::string, std::string> cases[] = {
+        {failureText(client->subscribe("/a/***", noop)), "Channel pattern is invalid: /a/***"},
+        {failureText(client->subscribe("a/b", noop)), "Channel pattern is invalid: a/b"},
+        {failureText(client->publish("/a/*", "1")), "Channel is invalid: /a/*"},
+        {failureText(client->listenSubscribe("/a", [](const SubscribeEvent&) {})), noListeners},
+        {failureText(client->listenUnsubscribe("/a", [](const UnsubscribeEvent&) {})), noListeners},
+    };
+    for (const auto& [got, expected] : cases)
+        EXPECT_EQ(got, expected);
+    EXPECT_EQ(transport->sentCount(), sent);
+}
 
+TEST_F(ClientTest, SubscriptionsAreMirroredPerHolder) {
+    auto client = connected();
     auto h1 = subscribed(client, "/a", "1");
     auto h2 = subscribed(client, "/a/**", "2");
     auto h3 = subscribed(client, "/a", "3");
@@ -130,8 +139,7 @@ TEST_F(ClientTest, SubscriptionsAreMirroredPerHolder) {
 }
 
 TEST_F(ClientTest, FailedOrMistypedSubscribeAnswers) {
-    auto client = make();
-    connect(client);
+    auto client = connected();
     auto refused = client->subscribe("/a", [](const JsonMessage&) {});
     auto mistyped = client->subscribe("/b", [](const JsonMessage&) {});
     ASSERT_TRUE(transport->waitSent(4));
@@ -145,8 +153,7 @@ TEST_F(ClientTest, FailedOrMistypedSubscribeAnswers) {
 }
 
 TEST_F(ClientTest, InboundBatchIsHandledInItsOrder) {
-    auto client = make();
-    connect(client);
+    auto client = connected();
     auto exact = client->subscribe("/a/b", record("exact"));
     auto deep = client->subscribe("/a/**", record("deep"));
     auto one = client->subscribe("/a/*", record("one"));
@@ -192,9 +199,10 @@ TEST_F(ClientTest, InboundBatchIsHandledInItsOrder) {
     EXPECT_FALSE(after.waitFor(std::chrono::milliseconds(20)));
 }
 
-TEST_F(ClientTest, CallbackCancellingItselfStillCompletes) {
-    auto client = make();
-    connect(client);
+// A callback may cancel its own subscription; and a listener may own the only reference to a
+// channel handle, so that cancelling the listener cancels the channel through the same service.
+TEST_F(ClientTest, HandlesCancelledFromInsideTheService) {
+    auto client = connected();
     int calls = 0;
     std::shared_ptr<Subscription> handle;
     auto pending = client->subscribe("/a", [&](const JsonMessage&) {
@@ -206,17 +214,20 @@ TEST_F(ClientTest, CallbackCancellingItselfStillCompletes) {
     transport->reply(delivery("/orvale/a", "1"));
     transport->reply(delivery("/orvale/a", "2"));
     EXPECT_EQ(calls, 1);
+    ASSERT_TRUE(transport->waitSent(4));
+    EXPECT_EQ(transport->sent<bx::UnsubscribeRequest>(3)->getChannel(), "/orvale/a");
+
+    std::shared_ptr<Subscription> channel = subscribed(client, "/b", "b");
+    auto listener = client->listenStateChange([channel](const StateChangeEvent&) {}).get();
+    channel.reset();
+    listener->unsubscribe();
+    ASSERT_TRUE(transport->waitSent(6));
+    EXPECT_EQ(transport->sent<bx::UnsubscribeRequest>(5)->getChannel(), "/orvale/b");
 }
 
 TEST_F(ClientTest, PublishGoesOutPrefixedAndResolvesOnTheAnswer) {
-    auto client = make();
-    EXPECT_EQ(failureText(client->publish("/a", "1")), "MessageService is not connected.");
-    EXPECT_EQ(transport->sentCount(), 0u);
-    connect(client);
-    EXPECT_EQ(failureText(client->publish("/a/*", "1")), "Channel is invalid: /a/*");
-
+    auto client = connected();
     auto published = client->publish("/a/b", "{\"v\":1}");
-    ASSERT_TRUE(transport->waitSent(3));
     EXPECT_EQ(wire(2), R"([{"channel":"/orvale/a/b","id":"2","clientId":"abc","data":{"v":1}}])");
     EXPECT_FALSE(published.waitFor(std::chrono::milliseconds(20)));
     transport->reply(response<bx::PublishResponse>("2"));
@@ -226,8 +237,7 @@ TEST_F(ClientTest, PublishGoesOutPrefixedAndResolvesOnTheAnswer) {
 // Every way a publish can fail leaves one error line on the module logger, written before the
 // caller's future resolves, and fails the future with the same text.
 TEST_F(ClientTest, PublishFailuresAreLoggedBeforeTheyResolve) {
-    auto client = make();
-    connect(client);
+    auto client = connected();
     // Publishes on `channel`, lets `fail` end it, and checks the line and the future's text.
     auto expectFailure = [&](const std::string& channel, const std::function<void()>& fail,
                              const std::string& reason) {
@@ -274,8 +284,7 @@ TEST_F(ClientTest, PublishFailuresAreLoggedBeforeTheyResolve) {
 }
 
 TEST_F(ClientTest, WildcardDeliveryFollowsSubscribeAndUnsubscribe) {
-    auto client = make();
-    connect(client);
+    auto client = connected();
     auto unsubscribe = [&](const std::shared_ptr<Subscription>& handle) {
         const std::size_t index = transport->sentCount();
         auto cancelled = handle->unsubscribe();
@@ -308,18 +317,15 @@ TEST_F(ClientTest, WildcardDeliveryFollowsSubscribeAndUnsubscribe) {
 }
 
 TEST_F(ClientTest, DisconnectStatesAndTheEndOfTheLoop) {
-    auto fresh = make();
-    auto nothing = fresh->disconnect();
+    auto nothing = make()->disconnect();
     ASSERT_TRUE(nothing.waitFor(std::chrono::milliseconds(0)));
     EXPECT_TRUE(nothing.get().success);
     EXPECT_EQ(transport->sentCount(), 0u);
 
-    auto client = make();
-    connect(client);
+    auto client = connected();
     auto sub = subscribed(client, "/a", "a");
     auto listener = watch(client);
     auto done = client->disconnect();
-    ASSERT_TRUE(transport->waitSent(4));
     EXPECT_EQ(wire(3), R"([{"channel":"/meta/disconnect","id":"3","clientId":"abc"}])");
     EXPECT_TRUE(capture.contains("Disconnecting from: ws://test/bayeux, abc"));
     EXPECT_EQ(deliveredTo("/orvale/a"), Strings{})
@@ -332,19 +338,6 @@ TEST_F(ClientTest, DisconnectStatesAndTheEndOfTheLoop) {
     answer<bx::ConnectStreamResponse>(1);
     EXPECT_TRUE(capture.contains("Not connected, not sending meta connect request"));
     EXPECT_EQ(transport->sentCount(), 4u);
-}
-
-// The listener owns the only reference to a channel handle: cancelling the listener destroys
-// it, which cancels the channel subscription through the same service.
-TEST_F(ClientTest, CancellingAListenerThatHoldsAHandleOfTheSameService) {
-    auto client = make();
-    connect(client);
-    std::shared_ptr<Subscription> channel = subscribed(client, "/a", "a");
-    auto listener = client->listenStateChange([channel](const StateChangeEvent&) {}).get();
-    channel.reset();
-    listener->unsubscribe();
-    ASSERT_TRUE(transport->waitSent(4));
-    EXPECT_NE(transport->sent<bx::UnsubscribeRequest>(3), nullptr);
 }
 
 }  // namespace

@@ -93,17 +93,14 @@ TEST_F(FactoryDelegatorTest, FirstMatchingMappingAddsOptionsWithoutOverwriting) 
 
 // The property API of a service framework, as readFactoryOptionsFrom expects it.
 namespace props {
-struct Any {
-    Any() = default;
-    template <class T>
-    Any(T value) : value(std::move(value)) {}  // NOLINT: implicit like the real one
-    bool Empty() const { return !value.has_value(); }
-    const std::type_info& Type() const { return value.type(); }
-    std::any value;
+struct Any : std::any {
+    using std::any::any;
+    bool Empty() const { return !has_value(); }
+    const std::type_info& Type() const { return type(); }
 };
 template <class T>
 T any_cast(const Any& any) {
-    return std::any_cast<T>(any.value);
+    return std::any_cast<T>(static_cast<const std::any&>(any));
 }
 struct AnyMap : std::map<std::string, Any> {
     using std::map<std::string, Any>::map;

@@ -253,22 +253,13 @@ TEST_F(ServerImplTest, SlowCallbackWarnsTwiceFastOneDoesNot) {
 
 TEST_F(ServerImplTest, ListenersSeeMatchingRequestsWithoutPrefix) {
     auto service = make();
-    auto listen = [&](const std::string& pattern, const std::string& tag) {
-        return service
-            ->listenSubscribe(pattern,
-                              [this, tag](const SubscribeEvent& e) {
-                                  seen.push_back(tag + " " + e.getChannel());
-                              })
-            .get();
+    // Notes each event in `seen` as "<tag> <channel>".
+    auto note = [this](const std::string& tag) {
+        return [this, tag](const auto& e) { seen.push_back(tag + " " + e.getChannel()); };
     };
-    auto l1 = listen("/a/*", "one");
-    auto l2 = listen("/a/**", "any");
-    auto l3 = service
-                  ->listenUnsubscribe("/a/b",
-                                      [this](const UnsubscribeEvent& e) {
-                                          seen.push_back("unsubscribe " + e.getChannel());
-                                      })
-                  .get();
+    auto l1 = service->listenSubscribe("/a/*", note("one")).get();
+    auto l2 = service->listenSubscribe("/a/**", note("any")).get();
+    auto l3 = service->listenUnsubscribe("/a/b", note("unsubscribe")).get();
     auto thrower =
         service
             ->listenSubscribe("/x", [](const SubscribeEvent&) { throw std::runtime_error("no"); })

@@ -1,0 +1,142 @@
+#include "member_interest.h"
+
+namespace connector::bayeux::cluster {
+
+namespace {
+// Versions are drawn from one sequence for every instance, so that no two instances' ever match.
+std::atomic<std::uint64_t> lastVersion{0};
+}  // namespace
+
+MemberInterest::MemberInterest() : version_(++lastVersion) {}
+
+bool MemberInterest::wanted(std::string_view channel) const {
+    if (doubt_.load(std::memory_order_acquire))
+        return true;
+    if (distinct_.load(std::memory_order_acquire) == 0)
+        return false;
+    common::ReaderLock lock(mutex_);
+    if (has(channel))
+        return true;
+    // The patterns that can match /a/b/c: /a/b/*, and /a/b/**, /a/** and /**.
+    thread_local std::string pattern;
+    pattern.assign(channel.substr(0, channel.rfind('/') + 1));
+    pattern += '*';
+    if (has(pattern))
+        return true;
+    for (auto slash = channel.find('/'); slash != std::string_view::npos;
+         slash = channel.find('/', slash + 1)) {
+        pattern.assign(channel.substr(0, slash + 1));
+        pattern += "**";
+        if (has(pattern))
+            return true;
+    }
+    return false;
+}
+
+bool MemberInterest::has(std::string_view pattern) const {
+    return union_.find(pattern) != union_.end();
+}
+
+void MemberInterest::doubtUntil(Clock::time_point until) {
+    common::WriterLock lock(mutex_);
+    doubtUntil_ = until.time_since_epoch().count();
+    doubt_ = true;
+    version_ = ++lastVersion;
+}
+
+void MemberInterest::settle(Clock::time_point now) {
+    if (!doubt_)
+        return;
+    common::WriterLock lock(mutex_);
+    if (now.time_since_epoch().count() >= doubtUntil_) {
+        doubt_ = false;
+        version_ = ++lastVersion;
+    }
+}
+
+void MemberInterest::replace(std::string_view name, const std::vector<std::string_view>& patterns,
+                             bool continued, Clock::time_point now) {
+    common::WriterLock lock(mutex_);
+    Member& known = member(name, now);
+    if (!continued) {
+        for (const auto& pattern : known.patterns)
+            count(pattern, false);
+        known.patterns.clear();
+    }
+    for (const auto pattern : patterns) {
+        const auto added = known.patterns.emplace(pattern);
+        if (added.second)
+            count(*added.first, true);
+    }
+}
+
+void MemberInterest::add(std::string_view name, std::string_view pattern, Clock::time_point now) {
+    common::WriterLock lock(mutex_);
+    const auto added = member(name, now).patterns.emplace(pattern);
+    if (added.second)
+        count(*added.first, true);
+}
+
+void MemberInterest::remove(std::string_view name, std::string_view pattern) {
+    common::WriterLock lock(mutex_);
+    const auto known = members_.find(name);
+    if (known == members_.end())
+        return;
+    const auto it = known->second.patterns.find(pattern);
+    if (it == known->second.patterns.end())
+        return;
+    count(*it, false);
+    known->second.patterns.erase(it);
+}
+
+void MemberInterest::forget(std::string_view name) {
+    common::WriterLock lock(mutex_);
+    const auto it = members_.find(name);
+    if (it != members_.end())
+        drop(it);
+}
+
+void MemberInterest::expire(Clock::time_point before) {
+    common::WriterLock lock(mutex_);
+    for (auto it = members_.begin(); it != members_.end();) {
+        const auto next = std::next(it);
+        if (it->second.heard < before)
+            drop(it);
+        it = next;
+    }
+}
+
+std::size_t MemberInterest::members() const {
+    common::ReaderLock lock(mutex_);
+    return members_.size();
+}
+
+MemberInterest::Member& MemberInterest::member(std::string_view name, Clock::time_point now) {
+    auto it = members_.find(name);
+    if (it == members_.end())
+        it = members_.emplace(std::string(name), Member()).first;
+    it->second.heard = now;
+    return it->second;
+}
+
+void MemberInterest::count(const std::string& pattern, bool add) {
+    version_ = ++lastVersion;
+    if (add) {
+        if (union_[pattern]++ == 0)
+            ++distinct_;
+        return;
+    }
+    const auto it = union_.find(pattern);
+    if (it != union_.end() && --it->second == 0) {
+        union_.erase(it);
+        --distinct_;
+    }
+}
+
+void MemberInterest::drop(std::map<std::string, Member, std::less<>>::iterator it) {
+    for (const auto& pattern : it->second.patterns)
+        count(pattern, false);
+    members_.erase(it);
+}
+
+}  // namespace connector::bayeux::cluster

@@ -1,0 +1,64 @@
+// What a cluster member knows of the others' patterns, and when it publishes everything.
+
+#include <gtest/gtest.h>
+
+#include "cluster/member_interest.h"
+
+namespace connector::bayeux::cluster {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = MemberInterest::Clock;
+
+TEST(MemberInterest, AChannelIsWantedWhenAPatternOfAnotherMemberMatchesIt) {
+    const struct {
+        const char* pattern;
+        const char* channel;
+        bool wanted;
+    } cases[] = {
+        {"/a/b", "/a/b", true},      {"/a/b", "/a/bc", false},   {"/a/*", "/a/b", true},
+        {"/a/*", "/a/b/c", false},   {"/a/*", "/a", false},      {"/a/**", "/a/b/c", true},
+        {"/a/**", "/a", false},      {"/a/**", "/ab/c", false},  {"/**", "/x", true},
+        {"/a/b/**", "/a/b/c", true}, {"/a/b/*", "/a/b/c", true}, {"/b/*", "/a/b/c", false},
+    };
+    const auto now = Clock::now();
+    for (const auto& c : cases) {
+        MemberInterest interest;
+        interest.add("m", c.pattern, now);
+        EXPECT_EQ(interest.wanted(c.channel), c.wanted) << c.pattern << " " << c.channel;
+    }
+}
+
+TEST(MemberInterest, SetsReplaceChangesAndDoubt) {
+    MemberInterest interest;
+    const auto now = Clock::now();
+    EXPECT_FALSE(interest.wanted("/a"));
+    interest.doubtUntil(now + 1s);
+    EXPECT_TRUE(interest.wanted("/a"));
+    interest.settle(now);
+    EXPECT_TRUE(interest.wanted("/a"));
+    interest.settle(now + 1s);
+    EXPECT_FALSE(interest.wanted("/a"));
+
+    // Two members want /a; one set in two parts replaces what was known of its member.
+    interest.add("m", "/a", now);
+    interest.replace("n", {"/a", "/b"}, false, now);
+    interest.replace("n", {"/c"}, true, now);
+    interest.replace("m", {"/d"}, false, now - 1min);
+    for (const char* channel : {"/a", "/b", "/c", "/d"})
+        EXPECT_TRUE(interest.wanted(channel)) << channel;
+    interest.remove("n", "/a");
+    interest.remove("n", "/unknown");
+    EXPECT_FALSE(interest.wanted("/a"));
+    // m was last heard a minute ago: it expires, n stays until it says goodbye.
+    interest.expire(now - 1s);
+    EXPECT_EQ(interest.members(), 1u);
+    EXPECT_FALSE(interest.wanted("/d"));
+    EXPECT_TRUE(interest.wanted("/b"));
+    interest.forget("n");
+    EXPECT_EQ(interest.members(), 0u);
+    EXPECT_FALSE(interest.wanted("/b"));
+}
+
+}  // namespace
+}  // namespace connector::bayeux::cluster
