@@ -42,6 +42,7 @@ const char* const kUsage =
        orvale bench --capacity N [--subscribers N] [--repeat N] [--hub PATH] [--no-faye]
        orvale bench --deflate [--messages N] [--repeat N] [--hub PATH]
        orvale bench --cluster [--messages N] [--repeat N] [--rate N] [--seconds N] [--hub PATH]
+                    [--nats-nodes 1|2]
                     [--no-faye]
        orvale bench --compare PATH [--messages N] [--repeat N] [--hub PATH]
 
@@ -79,9 +80,10 @@ of 50 (default 200000), then N/20 one at a time, each delivered before the next 
 It prints the bytes per delivery on the subscriber's TCP connection and the CPU time per
 delivery of the hub and of the two clients (median of --repeat runs).
 
---cluster measures deliveries that cross between hubs: two `orvale serve --cluster` hubs, each
-on a nats-server node of its own (the two routed), with the publisher on one hub and the
-subscribers on the other, against two Faye servers sharing a redis-server through faye-redis,
+--cluster measures deliveries that cross between hubs: two `orvale serve --cluster` hubs sharing
+one nats-server (--nats-nodes 2: each on a node of its own, the two routed), with the publisher
+on one hub and the subscribers on the other, against two Faye servers sharing a redis-server
+through faye-redis,
 under the same load (default 50000 messages a run): deliveries per second 1 -> 1 and 1 -> 4, the
 CPU time per delivery of the hubs and of nats-server or redis-server, and latency at --rate.
 Then one hub alone, without and with --cluster (its link carrying nothing), 1 -> 1.
@@ -371,7 +373,7 @@ int runBench(const Words& words) {
     const Args args(
         words,
         {"--messages", "--rate", "--seconds", "--sessions", "--window", "--repeat", "--node",
-         "--faye-script", "--hub", "--capacity", "--subscribers", "--compare"},
+         "--faye-script", "--hub", "--capacity", "--subscribers", "--compare", "--nats-nodes"},
         {"--help", "--no-faye", "--floods", "--deflate", "--cluster"});
     if (args.has("--help")) {
         std::cout << kUsage;
@@ -419,6 +421,7 @@ int runBench(const Words& words) {
         cluster.repeat = settings.repeat;
         cluster.rate = settings.rate;
         cluster.duration = settings.duration;
+        cluster.natsNodes = static_cast<int>(args.number("--nats-nodes", 1, 1, 2));
         return runClusterBench(cluster);
     }
     if (args.has("--capacity")) {

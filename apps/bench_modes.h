@@ -42,6 +42,7 @@ struct ClusterBenchSettings {
     std::size_t repeat = 3;
     std::size_t rate = 10000;
     std::chrono::milliseconds duration{3000};
+    int natsNodes = 1;  // 1: both hubs on one nats-server, as both Faye servers share one Redis
 };
 int runClusterBench(const ClusterBenchSettings& settings);
 

@@ -54,23 +54,27 @@ struct Pair {
     double engineCpu() const { return cpu(engine); }
 };
 
-// Two routed nats-server nodes, a hub on each.
+// One nats-server both hubs use, or two routed nodes, a hub on each.
 std::unique_ptr<Pair> orvalePair(const ClusterBenchSettings& settings) {
     auto pair = std::make_unique<Pair>();
+    const int nodes = settings.natsNodes;
     const int clients[] = {tools::freeLoopbackPort(), tools::freeLoopbackPort()},
               routes[] = {tools::freeLoopbackPort(), tools::freeLoopbackPort()};
-    for (int i = 0; i < 2; ++i) {
-        pair->engine.push_back(std::make_unique<ChildProcess>(std::vector<std::string>{
-            "nats-server", "-a", "127.0.0.1", "-p", std::to_string(clients[i]), "--log",
-            "/dev/null", "--cluster_name", "bench", "--cluster",
-            "nats://127.0.0.1:" + std::to_string(routes[i]), "--routes",
-            "nats://127.0.0.1:" + std::to_string(routes[1 - i])}));
+    for (int i = 0; i < nodes; ++i) {
+        std::vector<std::string> argv{
+            "nats-server", "-a",       "127.0.0.1", "-p", std::to_string(clients[i]),
+            "--log",       "/dev/null"};
+        if (nodes > 1)
+            argv.insert(argv.end(), {"--cluster_name", "bench", "--cluster",
+                                     "nats://127.0.0.1:" + std::to_string(routes[i]), "--routes",
+                                     "nats://127.0.0.1:" + std::to_string(routes[1 - i])});
+        pair->engine.push_back(std::make_unique<ChildProcess>(argv));
         waitFor([&] { return tools::acceptsOnLoopback(clients[i]); }, "nats-server");
     }
     auto hub = [&](int i) {
         auto process = std::make_unique<ChildProcess>(std::vector<std::string>{
             settings.hub, "serve", "--port", "0", "--max-sessions", "1000000", "--cluster",
-            "nats://127.0.0.1:" + std::to_string(clients[i])});
+            "nats://127.0.0.1:" + std::to_string(clients[i % nodes])});
         return process;
     };
     pair->first = hub(0);
