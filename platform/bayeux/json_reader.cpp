@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <limits>
 
+#include "common/text.h"
 #include "json_text.h"
 
 namespace connector::bayeux::codec::json_reader {
@@ -33,21 +34,11 @@ bool isDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-int hexDigit(char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
 // The four hex digits at `p`, or -1.
 long hex4(const char* p) {
     long value = 0;
     for (int i = 0; i < 4; ++i) {
-        const int digit = hexDigit(p[i]);
+        const int digit = common::hexValue(p[i]);
         if (digit < 0)
             return -1;
         value = value * 16 + digit;

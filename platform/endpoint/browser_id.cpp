@@ -10,6 +10,8 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "common/text.h"
+
 namespace connector::bayeux::endpoint {
 
 namespace {
@@ -31,14 +33,6 @@ int hexValue(char c) {
     if (c >= 'a' && c <= 'f')
         return c - 'a' + 10;
     return -1;
-}
-
-std::string_view trim(std::string_view text) {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t'))
-        text.remove_prefix(1);
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t'))
-        text.remove_suffix(1);
-    return text;
 }
 
 }  // namespace
@@ -87,12 +81,12 @@ bool BrowserIds::issued(std::string_view id) const {
 std::string_view BrowserIds::fromCookieHeader(std::string_view rest, std::string_view name) const {
     while (!rest.empty()) {
         const auto end = rest.find(';');
-        const std::string_view pair = trim(rest.substr(0, end));
+        const std::string_view pair = common::trimBlanks(rest.substr(0, end));
         rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
         const auto equals = pair.find('=');
-        if (equals == std::string_view::npos || trim(pair.substr(0, equals)) != name)
+        if (equals == std::string_view::npos || common::trimBlanks(pair.substr(0, equals)) != name)
             continue;
-        std::string_view value = trim(pair.substr(equals + 1));
+        std::string_view value = common::trimBlanks(pair.substr(equals + 1));
         if (value.size() >= 2 && value.front() == '"' && value.back() == '"')
             value = value.substr(1, value.size() - 2);
         if (issued(value))

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "common/text.h"
+
 namespace connector::bayeux::endpoint {
 
 namespace {
@@ -29,16 +31,6 @@ bool ownOrigin(const HttpRequest& request, std::string_view origin) {
     const std::string_view host = header(request, http::field::host);
     return authority != std::string_view::npos && !host.empty() &&
            origin.substr(authority + 3) == host;
-}
-
-int hexValue(char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
 }
 
 }  // namespace
@@ -93,8 +85,8 @@ std::optional<std::string> formDecode(std::string_view text) {
         if (text[i] == '+') {
             out.push_back(' ');
         } else if (text[i] == '%') {
-            const int high = i + 2 < text.size() ? hexValue(text[i + 1]) : -1;
-            const int low = high >= 0 ? hexValue(text[i + 2]) : -1;
+            const int high = i + 2 < text.size() ? common::hexValue(text[i + 1]) : -1;
+            const int low = high >= 0 ? common::hexValue(text[i + 2]) : -1;
             if (low < 0)
                 return std::nullopt;
             out.push_back(static_cast<char>(high << 4 | low));

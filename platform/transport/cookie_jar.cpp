@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <ctime>
 
+#include "common/text.h"
+
 namespace connector::bayeux {
 
 namespace {
@@ -17,14 +19,6 @@ constexpr std::size_t kMaxCookieBytes = 4096;
 constexpr std::size_t kMaxCookies = 100;
 // Longer lives are cut to this (about 30 years), which keeps the expiry time representable.
 constexpr long long kMaxAgeSeconds = 1000000000LL;
-
-std::string_view trim(std::string_view text) {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t'))
-        text.remove_prefix(1);
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t'))
-        text.remove_suffix(1);
-    return text;
-}
 
 std::string lower(std::string_view text) {
     std::string out(text);
@@ -110,8 +104,8 @@ void CookieJar::store(std::string_view setCookie, const std::string& requestHost
     if (equals == std::string_view::npos)
         return;
     Cookie cookie;
-    cookie.name = std::string(trim(pair.substr(0, equals)));
-    cookie.value = std::string(trim(pair.substr(equals + 1)));
+    cookie.name = std::string(common::trimBlanks(pair.substr(0, equals)));
+    cookie.value = std::string(common::trimBlanks(pair.substr(equals + 1)));
     if (cookie.name.empty())
         return;
     cookie.domain = host;
@@ -126,9 +120,10 @@ void CookieJar::store(std::string_view setCookie, const std::string& requestHost
         const std::string_view attribute = rest.substr(0, end);
         rest = end == std::string_view::npos ? std::string_view() : rest.substr(end);
         const auto eq = attribute.find('=');
-        const std::string key = lower(trim(attribute.substr(0, eq)));
-        const std::string_view value =
-            eq == std::string_view::npos ? std::string_view() : trim(attribute.substr(eq + 1));
+        const std::string key = lower(common::trimBlanks(attribute.substr(0, eq)));
+        const std::string_view value = eq == std::string_view::npos
+                                           ? std::string_view()
+                                           : common::trimBlanks(attribute.substr(eq + 1));
         if (key == "expires") {
             if (auto date = parseDate(value))
                 cookie.expires = date;
