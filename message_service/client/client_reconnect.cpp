@@ -6,6 +6,7 @@
 
 #include "client_request.h"
 #include "common/channel_rules.h"
+#include "common/module_logger.h"
 #include "common/service_records.h"
 #include "connector/message_service/client_impl.h"
 #include "reconnect_policy.h"
@@ -190,23 +191,42 @@ void MessageServiceClientImpl::resubscribe(std::uint64_t round,
     auto left = std::make_shared<std::atomic<std::size_t>>(requests.size());
     std::weak_ptr<MessageServiceClientImpl> weak = weak_from_this();
     for (auto& request : requests) {
-        std::string channel = request->getChannel().substr(kWirePrefixLength);
+        std::string key = request->getChannel();
         send<bayeux::SubscribeResponse>(std::move(request))
-            .then([weak, round, left, channel = std::move(channel)](
+            .then([weak, round, left, key = std::move(key)](
                       Future<std::unique_ptr<bayeux::SubscribeResponse>>&& answered) {
                 auto self = weak.lock();
                 if (!self)
                     return;
                 try {
                     answered.get();
+                    // A handle cancelled while the request was on its way sent nothing then.
+                    self->unsubscribeIfCancelled(key);
                 } catch (const std::exception& e) {
-                    self->logger_.log(log::error, "Error subscribing again to: ", channel, ", ",
-                                      e.what());
+                    self->logger_.log(log::error,
+                                      "Error subscribing again to: ", key.substr(kWirePrefixLength),
+                                      ", ", e.what());
                 }
                 if (left->fetch_sub(1) == 1)
                     self->finishReconnecting(round);
             });
     }
+}
+
+void MessageServiceClientImpl::unsubscribeIfCancelled(const std::string& key) {
+    common::UniqueLock lock(mutex_);
+    if (subscriptions_.count(key) != 0)
+        return;
+    auto request = std::make_unique<bayeux::UnsubscribeRequest>(key, clientId_);
+    lock.unlock();
+    send<bayeux::UnsubscribeResponse>(std::move(request))
+        .then([key](Future<std::unique_ptr<bayeux::UnsubscribeResponse>>&& answered) {
+            try {
+                answered.get();
+            } catch (const std::exception& e) {
+                moduleLogger().log(log::error, "Error unsubscribing: ", key, ", ", e.what());
+            }
+        });
 }
 
 void MessageServiceClientImpl::finishReconnecting(std::uint64_t round) {

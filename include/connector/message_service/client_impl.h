@@ -200,6 +200,8 @@ class MessageServiceClientImpl : public MessageService,
     void resubscribe(std::uint64_t round, const bayeux::HandshakeResponse& reply)
         ORVALE_EXCLUDES(mutex_);
     void finishReconnecting(std::uint64_t round) ORVALE_EXCLUDES(mutex_);
+    // Unsubscribes the server from `key` when every handle on it was cancelled meanwhile.
+    void unsubscribeIfCancelled(const std::string& key) ORVALE_EXCLUDES(mutex_);
     // Ends reconnection and the transport, drops the subscriptions and becomes `last`.
     void stopReconnecting(common::UniqueLock& lock, ConnectionState last, const std::string& why)
         ORVALE_REQUIRES(mutex_) ORVALE_RELEASE(lock);

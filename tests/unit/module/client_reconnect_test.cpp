@@ -98,6 +98,28 @@ TEST_F(ReconnectTest, BackoffDoublesToItsCeilingAndSubscriptionsResume) {
     EXPECT_EQ(waits, std::vector<std::int64_t>{50});
 }
 
+// A handle cancelled while its channel is subscribed again sends nothing then: the server's
+// subscription is dropped once the server has made it.
+TEST_F(ReconnectTest, AHandleCancelledWhileItsChannelIsResubscribedLeavesTheServer) {
+    auto client = make();
+    connect(client);
+    auto a = subscribed(client, "/a", "a");
+    transport->close();
+    const std::size_t at = transport->sentCount();
+    ASSERT_TRUE(fire());
+    handshakeAt(at);
+    ASSERT_TRUE(transport->waitSent(at + 2));
+    a->unsubscribe();
+    EXPECT_EQ(transport->sentCount(), at + 2);
+    answer<bx::SubscribeResponse>(at + 1);
+    ASSERT_TRUE(transport->waitSent(at + 3));
+    const auto unsubscribe = transport->sent<bx::UnsubscribeRequest>(at + 2);
+    ASSERT_TRUE(unsubscribe);
+    EXPECT_EQ(unsubscribe->getChannel(), "/orvale/a");
+    EXPECT_EQ(unsubscribe->getClientId(), "def");
+    EXPECT_EQ(client->getState(), ConnectionState::CONNECTED);
+}
+
 // How a connection ends decides whether the client comes back.
 TEST_F(ReconnectTest, TheServersAnswerDecidesWhetherItComesBack) {
     using S = ConnectionState;
