@@ -314,7 +314,9 @@ Future<DisconnectResult> MessageServiceClientImpl::disconnect() {
                 throw;
             }
             common::UniqueLock lock(self->mutex_);
-            self->setState(ConnectionState::DISCONNECTED, lock);
+            // The server may close the connection before this runs, which ends it already.
+            if (self->state_ == ConnectionState::DISCONNECTING)
+                self->setState(ConnectionState::DISCONNECTED, lock);
             return DisconnectResult(true);
         });
 }
