@@ -164,7 +164,7 @@ FrameOutcome Hub::handleFrame(std::string_view frame, const std::shared_ptr<Link
                                                  : std::string_view(sender.browser.polling);
             if (session && !session->admits(sender.connection, polling, sender.browser.webSocket)) {
                 if (sender.upgradeCarriedNone && !session->boundToConnection() &&
-                    &message == &decoded.messages.front()) {
+                    &message == &decoded.messages.front() && session->firstCloseForCookie()) {
                     // The upgrade left before the long-polling handshake's answer set the
                     // cookie, as a client's probe while it handshakes does. Closed with the
                     // frame unanswered (and nothing of it done), the client sends it again over

@@ -87,6 +87,10 @@ class RemoteSession final : public BayeuxSession,
                 std::string_view otherBrowser = {}) const;
     // Whether it was handshaken over a WebSocket, and is bound to it.
     bool boundToConnection() const { return owner_.connection != 0; }
+    // True the first time only: a WebSocket without the session's cookie is closed for the
+    // client to come back with it once; after that it is refused, so that a client that keeps no
+    // cookies handshakes again instead of coming back for ever.
+    bool firstCloseForCookie() { return !closedForCookie_.exchange(true); }
 
     enum class ConnectAnswer { Now, Held, Closed };
     // A /meta/connect with message id `id` arrived over `link`. A WebSocket link becomes the
@@ -162,6 +166,7 @@ class RemoteSession final : public BayeuxSession,
     const std::size_t maxQueueBytes_;
     const std::shared_ptr<Gauges> gauges_;
     std::atomic<bool> overWebSocket_;
+    std::atomic<bool> closedForCookie_{false};
 
     mutable common::Mutex mutex_;
     bool closed_ ORVALE_GUARDED_BY(mutex_) = false;

@@ -101,6 +101,9 @@ TEST_F(EndpointTest, AFirstVisitsWebSocketAndLongPollingHandshakeShareOneSession
     EXPECT_TRUE(polled && successful(find(polled->messages(), withId("s"))));
     EXPECT_FALSE(early.call(publish(id, "p", "/first", "1"), "p"));
     EXPECT_TRUE(early.awaitClosed());
+    // Closed once only: a client that comes back without the cookie is refused, and handshakes.
+    const auto refused = RawWebSocket(port).call(publish(id, "q", "/first", "1"), "q");
+    EXPECT_TRUE(refused && error(*refused) == "402::Unknown client");
     RawWebSocket later(port, cookies);
     ASSERT_TRUE(later.send(connect(id, "c")));
     EXPECT_TRUE(successful(later.call(publish(id, "p", "/first", "2"), "p")));
