@@ -6,7 +6,6 @@
 
 #include "client_request.h"
 #include "common/channel_rules.h"
-#include "common/module_logger.h"
 #include "common/service_records.h"
 #include "connector/message_service/client_impl.h"
 #include "reconnect_policy.h"
@@ -217,16 +216,10 @@ void MessageServiceClientImpl::unsubscribeIfCancelled(const std::string& key) {
     common::UniqueLock lock(mutex_);
     if (subscriptions_.count(key) != 0)
         return;
-    auto request = std::make_unique<bayeux::UnsubscribeRequest>(key, clientId_);
+    const std::string clientId = clientId_;
     lock.unlock();
-    send<bayeux::UnsubscribeResponse>(std::move(request))
-        .then([key](Future<std::unique_ptr<bayeux::UnsubscribeResponse>>&& answered) {
-            try {
-                answered.get();
-            } catch (const std::exception& e) {
-                moduleLogger().log(log::error, "Error unsubscribing: ", key, ", ", e.what());
-            }
-        });
+    // Nobody waits for the answer: a failure is logged where it is read.
+    sendUnsubscribe(key, clientId, nullptr);
 }
 
 void MessageServiceClientImpl::finishReconnecting(std::uint64_t round) {

@@ -78,23 +78,26 @@ Future<CancelResult> MessageServiceClientImpl::unsubscribeId(
     lock.unlock();
 
     Future<CancelResult> last;
-    for (const auto& entry : removed) {
-        auto request = std::make_unique<bayeux::UnsubscribeRequest>(entry.first, clientId);
-        request->setContextState(context);
-        last = send<bayeux::UnsubscribeResponse>(std::move(request))
-                   .then([key = entry.first](
-                             Future<std::unique_ptr<bayeux::UnsubscribeResponse>>&& answered) {
-                       try {
-                           answered.get();
-                       } catch (const std::exception& e) {
-                           moduleLogger().log(log::error, "Error unsubscribing: ", key, ", ",
-                                              e.what());
-                           throw;
-                       }
-                       return CancelResult(true);
-                   });
-    }
+    for (const auto& entry : removed)
+        last = sendUnsubscribe(entry.first, clientId, context);
     return last;
+}
+
+Future<CancelResult> MessageServiceClientImpl::sendUnsubscribe(
+    const std::string& key, const std::string& clientId,
+    const std::shared_ptr<common::ContextState>& context) {
+    auto request = std::make_unique<bayeux::UnsubscribeRequest>(key, clientId);
+    request->setContextState(context);
+    return send<bayeux::UnsubscribeResponse>(std::move(request))
+        .then([key](Future<std::unique_ptr<bayeux::UnsubscribeResponse>>&& answered) {
+            try {
+                answered.get();
+            } catch (const std::exception& e) {
+                moduleLogger().log(log::error, "Error unsubscribing: ", key, ", ", e.what());
+                throw;
+            }
+            return CancelResult(true);
+        });
 }
 
 Future<std::shared_ptr<Subscription>> MessageServiceClientImpl::listenSubscribe(

@@ -32,8 +32,9 @@ struct Gathered {
     std::size_t count = 0;
 };
 thread_local Gathered gathered;
-// A batch is sent once it passes this size, well below NATS's default limit of a message.
-constexpr std::size_t kBatchBytes = 64 * 1024;
+// A batch of publishes is sent, and a member's patterns are cut into parts, once they pass this
+// size, well below NATS's default limit of a message (1 MiB).
+constexpr std::size_t kMessageBytes = 64 * 1024;
 
 // Takes the text up to the next newline off the front of `rest`.
 std::string_view field(std::string_view& rest) {
@@ -155,7 +156,7 @@ void ClusteredServer::acceptPublish(std::shared_ptr<const PublishRequest> reques
     // order holds across channels too.
     Gathered& batch = gathered;
     if (batch.server &&
-        (batch.server != this || batch.subject != subject || batch.messages.size() > kBatchBytes))
+        (batch.server != this || batch.subject != subject || batch.messages.size() > kMessageBytes))
         sendGathered();
     if (batch.count++ > 0)
         batch.messages += ',';
@@ -258,12 +259,10 @@ void ClusteredServer::tell(char kind, std::string_view text) {
 }
 
 void ClusteredServer::tellPatterns(char kind) {
-    // Parts stay well below NATS's default limit of a message, 1 MiB.
-    constexpr std::size_t kPart = 64 * 1024;
     common::MutexLock lock(interestMutex_);
     std::string part;
     for (const auto& [pattern, count] : interest_) {
-        if (!part.empty() && part.size() + pattern.size() > kPart) {
+        if (!part.empty() && part.size() + pattern.size() > kMessageBytes) {
             tell(kind, part);
             kind = 'T';
             part.clear();

@@ -202,6 +202,10 @@ class MessageServiceClientImpl : public MessageService,
     void finishReconnecting(std::uint64_t round) ORVALE_EXCLUDES(mutex_);
     // Unsubscribes the server from `key` when every handle on it was cancelled meanwhile.
     void unsubscribeIfCancelled(const std::string& key) ORVALE_EXCLUDES(mutex_);
+    // Asks the server to drop `key` (a channel as sent on the wire); logs a failure.
+    Future<CancelResult> sendUnsubscribe(const std::string& key, const std::string& clientId,
+                                         const std::shared_ptr<common::ContextState>& context)
+        ORVALE_EXCLUDES(mutex_);
     // Ends reconnection and the transport, drops the subscriptions and becomes `last`.
     void stopReconnecting(common::UniqueLock& lock, ConnectionState last, const std::string& why)
         ORVALE_REQUIRES(mutex_) ORVALE_RELEASE(lock);
