@@ -12,6 +12,7 @@
 #include <memory>
 #include <thread>
 
+#include "bare_load.h"
 #include "bench_modes.h"
 #include "cli.h"
 #include "load.h"
@@ -43,6 +44,7 @@ struct Pair {
     std::vector<std::unique_ptr<ChildProcess>> engine;  // nats-server nodes or redis-server
     std::unique_ptr<ChildProcess> first, second;
     std::unique_ptr<LoadRunner> load;
+    std::unique_ptr<BareLoad> bare;
 
     static double cpu(const std::vector<std::unique_ptr<ChildProcess>>& processes) {
         double total = 0;
@@ -80,8 +82,9 @@ std::unique_ptr<Pair> orvalePair(const ClusterBenchSettings& settings) {
     pair->first = hub(0);
     pair->second = hub(1);
     const std::string publishUrl = pair->first->firstLine(10s);
-    pair->load =
-        std::make_unique<LoadRunner>(pair->second->firstLine(10s), settings.window, publishUrl);
+    const std::string url = pair->second->firstLine(10s);
+    pair->load = std::make_unique<LoadRunner>(url, settings.window, publishUrl);
+    pair->bare = std::make_unique<BareLoad>(url, publishUrl, settings.window);
     return pair;
 }
 
@@ -101,13 +104,15 @@ std::unique_ptr<Pair> fayePair(const ClusterBenchSettings& settings, const std::
     pair->first = faye();
     pair->second = faye();
     const std::string publishUrl = "ws://127.0.0.1:" + pair->first->firstLine(10s) + "/bayeux";
-    pair->load = std::make_unique<LoadRunner>(
-        "ws://127.0.0.1:" + pair->second->firstLine(10s) + "/bayeux", settings.window, publishUrl);
+    const std::string url = "ws://127.0.0.1:" + pair->second->firstLine(10s) + "/bayeux";
+    pair->load = std::make_unique<LoadRunner>(url, settings.window, publishUrl);
+    pair->bare = std::make_unique<BareLoad>(url, publishUrl, settings.window);
     return pair;
 }
 
 struct Figures {
     double oneToOne = 0, oneToFour = 0;
+    double bareOneToOne = 0, bareOneToFour = 0;    // the same load made by bare clients
     double hubCpuMicros = 0, engineCpuMicros = 0;  // per delivery, in the median 1 -> 1 run
     Latency latency;
 };
@@ -116,10 +121,13 @@ struct Run {
     double rate, hubCpu, engineCpu;
 };
 
-Run run(Pair& pair, const std::string& name, std::size_t subscribers, std::size_t messages) {
-    std::cerr << "bench: " << name << ": 1 -> " << subscribers << "\n";
+Run run(Pair& pair, const std::string& name, std::size_t subscribers, std::size_t messages,
+        bool bare = false) {
+    std::cerr << "bench: " << name << ": 1 -> " << subscribers << (bare ? ", bare clients" : "")
+              << "\n";
     const double hub = pair.hubCpu(), engine = pair.engineCpu();
-    const double rate = pair.load->throughput(subscribers, messages);
+    const double rate = bare ? pair.bare->throughput(subscribers, messages)
+                             : pair.load->throughput(subscribers, messages);
     std::cerr << "bench: " << name << ": " << fixed(rate, 0) << "/s\n";
     const double perDelivery = 1e6 / static_cast<double>(messages * subscribers);
     return {rate, (pair.hubCpu() - hub) * perDelivery, (pair.engineCpu() - engine) * perDelivery};
@@ -150,19 +158,30 @@ int runClusterBench(const ClusterBenchSettings& settings) {
         pairs.push_back(fayePair(settings, dir));
     }
     // The pairs take turns, so that a slow spell of the shared machine falls on both.
-    std::vector<std::vector<Run>> oneToOne(pairs.size()), oneToFour(pairs.size());
+    // [pair][bare][subscribers == 4]
+    std::vector<std::vector<Run>> runs[2][2];
+    for (auto& byLoad : runs)
+        for (auto& bySubscribers : byLoad)
+            bySubscribers.resize(pairs.size());
     for (std::size_t i = 0; i < pairs.size(); ++i)
-        run(*pairs[i], names[i], 1, std::min<std::size_t>(settings.messages, 5000));  // warm-up
-    for (std::size_t r = 0; r < settings.repeat; ++r)
-        for (std::size_t i = 0; i < pairs.size(); ++i)
-            oneToOne[i].push_back(run(*pairs[i], names[i], 1, settings.messages));
-    for (std::size_t r = 0; r < settings.repeat; ++r)
-        for (std::size_t i = 0; i < pairs.size(); ++i)
-            oneToFour[i].push_back(run(*pairs[i], names[i], 4, settings.messages));
+        for (const bool bare : {false, true})  // warm-up
+            run(*pairs[i], names[i], 1, std::min<std::size_t>(settings.messages, 5000), bare);
+    for (const bool bare : {false, true})
+        for (const std::size_t subscribers : {1, 4})
+            for (std::size_t r = 0; r < settings.repeat; ++r)
+                for (std::size_t i = 0; i < pairs.size(); ++i)
+                    runs[bare][subscribers == 4][i].push_back(
+                        run(*pairs[i], names[i], subscribers, settings.messages, bare));
     std::vector<Figures> figures(pairs.size());
     for (std::size_t i = 0; i < pairs.size(); ++i) {
-        const Run middle = median(oneToOne[i]);
-        figures[i] = {middle.rate, median(oneToFour[i]).rate, middle.hubCpu, middle.engineCpu, {}};
+        const Run middle = median(runs[0][0][i]);
+        figures[i] = {middle.rate,
+                      median(runs[0][1][i]).rate,
+                      median(runs[1][0][i]).rate,
+                      median(runs[1][1][i]).rate,
+                      middle.hubCpu,
+                      middle.engineCpu,
+                      {}};
         std::cerr << "bench: " << names[i] << ": latency\n";
         figures[i].latency = pairs[i]->load->latency(settings.rate, settings.duration);
     }
@@ -215,6 +234,10 @@ int runClusterBench(const ClusterBenchSettings& settings) {
         better(&Figures::oneToOne, true));
     row("cross-node deliveries/s, 1 -> 4", fixed(ours.oneToFour, 0), other(&Figures::oneToFour, 0),
         better(&Figures::oneToFour, true));
+    row("  the same, bare clients, 1 -> 1", fixed(ours.bareOneToOne, 0),
+        other(&Figures::bareOneToOne, 0), better(&Figures::bareOneToOne, true));
+    row("  the same, bare clients, 1 -> 4", fixed(ours.bareOneToFour, 0),
+        other(&Figures::bareOneToFour, 0), better(&Figures::bareOneToFour, true));
     row("1 -> 1 CPU per delivery, both hubs (us)", fixed(ours.hubCpuMicros, 2),
         other(&Figures::hubCpuMicros, 2), better(&Figures::hubCpuMicros, false));
     row("1 -> 1 CPU per delivery, nats-server/redis (us)", fixed(ours.engineCpuMicros, 2),

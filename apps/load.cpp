@@ -38,9 +38,9 @@ std::int64_t sentAt(const std::string& json) {
     return at == std::string::npos ? 0 : std::stoll(json.substr(at + 4));
 }
 
-// {"seq":N,"t":T}, written in place: this runs for every message of a run, on the cores the
-// services under test share.
-std::string payload(std::size_t seq) {
+}  // namespace
+
+std::string timedPayload(std::size_t seq) {
     char digits[24];
     std::string text;
     text.reserve(48);
@@ -51,6 +51,8 @@ std::string payload(std::size_t seq) {
     text.push_back('}');
     return text;
 }
+
+namespace {
 
 // Some servers (Faye) answer every message of a frame only once all of them are answered, so a
 // subscribe sharing a frame with the first held /meta/connect waits as long as the connect.
@@ -117,7 +119,7 @@ double LoadRunner::throughput(std::size_t subscribers, std::size_t messages) {
             window[(slot + batch - 1) % window_].waitFor(kStall);
         if (used[slot])
             await(window[slot], kStall, unanswered);
-        window[slot] = publisher->publish(channel, payload(i));
+        window[slot] = publisher->publish(channel, timedPayload(i));
         used[slot] = true;
     }
     std::size_t seen = 0;
@@ -168,7 +170,7 @@ Latency LoadRunner::latency(std::size_t rate, std::chrono::milliseconds duration
     const auto start = Clock::now();
     for (std::size_t i = 0; i < messages; ++i) {
         std::this_thread::sleep_until(start + i * interval);
-        publisher->publish(channel, payload(i));
+        publisher->publish(channel, timedPayload(i));
     }
     auto progress = Clock::now();
     std::size_t seen = 0;

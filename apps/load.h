@@ -17,6 +17,10 @@ struct Latency {
     std::size_t samples = 0;
 };
 
+// {"seq":N,"t":T}, T the steady clock in nanoseconds, written in place: this runs for every
+// message of a run, on the cores the servers under test share.
+std::string timedPayload(std::size_t seq);
+
 class LoadRunner {
   public:
     // `window`: publishes that may be unanswered at once in a throughput run. The client

@@ -15,14 +15,9 @@ namespace orvale::bench::client_load {
 
 namespace raw {
 
-namespace {
+using tools::occurrences;
 
-long occurrences(std::string_view text, std::string_view what) {
-    long n = 0;
-    for (auto at = text.find(what); at != std::string_view::npos; at = text.find(what, at + 1))
-        ++n;
-    return n;
-}
+namespace {
 
 // A bare client on an io_context of its own, so that each may block on its own thread; every
 // read is bounded, so a stalled server ends the run with an error rather than a hang.

@@ -38,6 +38,13 @@ HubAddress parseHubUrl(const std::string& url) {
             slash == std::string::npos ? "/" : url.substr(slash)};
 }
 
+long occurrences(std::string_view text, std::string_view what) {
+    long n = 0;
+    for (auto at = text.find(what); at != std::string_view::npos; at = text.find(what, at + 1))
+        ++n;
+    return n;
+}
+
 RawClient::RawClient(asio::io_context& io, const HubAddress& hub, const Options& options)
     : io_(io), stream_(std::make_unique<Stream>(io)) {
     auto& ws = stream_->ws;

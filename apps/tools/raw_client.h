@@ -27,6 +27,9 @@ struct HubAddress {
 };
 // ws://host:port/path; std::runtime_error for anything else.
 HubAddress parseHubUrl(const std::string& url);
+// How many times `what` occurs in `text`: bare clients count messages in a frame by a key
+// each message holds once, without decoding it.
+long occurrences(std::string_view text, std::string_view what);
 
 class RawClient {
   public:
