@@ -81,8 +81,11 @@ TEST(InboundPublisher, DeliversOnlyWhatWasRequestedInOrder) {
     ASSERT_TRUE(worker.run());  // a round trip shows that no third message slipped out
     EXPECT_EQ(recorder->received(), frames({"/a", "/b"}));
 
-    recorder->subscription()->request(UINT64_MAX);
-    recorder->subscription()->request(UINT64_MAX);  // saturates rather than wrapping to little
+    // Asked for on the worker, both add up before a delivery: they saturate, not wrap to 0.
+    ASSERT_TRUE(worker.run([&] {
+        recorder->subscription()->request(1);
+        recorder->subscription()->request(UINT64_MAX);
+    }));
     ASSERT_TRUE(waitUntil([&] { return recorder->count() == 4; }));
     // Pushed while the thread is busy: the second finds the first's delivery already posted.
     ASSERT_TRUE(worker.run([&] {
@@ -110,8 +113,7 @@ TEST(InboundPublisher, CompletesAfterTheQueuedMessagesAndResolvesDone) {
         recorder->subscription()->request(1);
         ASSERT_TRUE(waitUntil([&] { return recorder->count() == 1; }));
         ASSERT_TRUE(worker.run());
-        EXPECT_EQ(recorder->completions.load(),
-                  0);  // the reply queued before the close comes first
+        EXPECT_EQ(recorder->completions.load(), 0) << "the reply queued before the close first";
         EXPECT_FALSE(done.isReady());
         recorder->subscription()->request(5);
         ASSERT_TRUE(waitUntil([&] { return recorder->completions == 1; }));
