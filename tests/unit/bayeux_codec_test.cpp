@@ -22,10 +22,7 @@ using codec::encode;
 
 template <class T>
 const T& as(const std::unique_ptr<BayeuxMessage>& message) {
-    const T* typed = dynamic_cast<const T*>(message.get());
-    if (!typed)
-        throw std::runtime_error("message has another class");
-    return *typed;
+    return dynamic_cast<const T&>(*message);  // throws when it has another class
 }
 
 // Decodes one message and checks it came back alone and without complaint.
@@ -86,13 +83,10 @@ TEST(BayeuxCodec, EveryMessageRoundTrips) {
         SCOPED_TRACE(frame);
         auto decoded = single(fromServer ? decodeFromServer(frame) : decodeFromClient(frame));
         ASSERT_TRUE(decoded);
-        EXPECT_EQ(decoded->kind(), original->kind());
         const BayeuxMessage& decodedMessage = *decoded;
         const BayeuxMessage& originalMessage = *original;
         EXPECT_EQ(typeid(decodedMessage), typeid(originalMessage));
-        EXPECT_EQ(encode(*decoded), frame);
-        ASSERT_TRUE(decoded->getAdvice());
-        EXPECT_EQ(decoded->getAdvice()->timeout, 30000);
+        EXPECT_EQ(encode(*decoded), frame);  // every field came back
     }
 }
 
