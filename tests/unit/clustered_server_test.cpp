@@ -24,9 +24,7 @@ class Recorder final : public BayeuxSession {
     explicit Recorder(std::string id) : id_(std::move(id)) {}
     std::shared_ptr<common::ContextState> getContext() override { return nullptr; }
     std::string getId() override { return id_; }
-    void deliver(const std::shared_ptr<const UnsubscribeRequest>& r) override {
-        events_.add("-" + r->getChannel() + " by " + r->getClientId());
-    }
+    void deliver(const std::shared_ptr<const UnsubscribeRequest>&) override {}
     void deliver(const std::shared_ptr<const SubscribeRequest>& r) override {
         events_.add("+" + r->getChannel() + " by " + r->getClientId());
     }

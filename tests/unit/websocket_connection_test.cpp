@@ -125,7 +125,10 @@ TEST(WebSocketConnection, AFastStreamLosesNothingAndItsLastFrameLeaves) {
     }
 }
 
-TEST(WebSocketConnection, FrameLargerThanTheLimitClosesTheConnection) {
+// What cannot be decoded is logged and dropped, a frame at a time or an element at a time, and
+// so are outbound messages that are not Bayeux messages; a frame past the limit closes the
+// connection.
+TEST(WebSocketConnection, UndecodableFramesAreDroppedAndOneTooLargeClosesTheConnection) {
     orvale::test::LogCapture logs;
     TestServer server;
     WebSocketTransportOptions options;
@@ -133,23 +136,6 @@ TEST(WebSocketConnection, FrameLargerThanTheLimitClosesTheConnection) {
     Client client(server, options);
     auto session = client.session;
     auto done = client.inbound->done();
-
-    session->send(R"([{"channel":"/ok","data":1}])");
-    session->send(R"([{"channel":"/big","data":")" + std::string(2048, 'x') + "\"}]");
-    ASSERT_TRUE(waitUntil([&] { return client.completed() && session->closed(); }));
-    EXPECT_EQ(client.collector->count(), 1u);
-    EXPECT_EQ(session->closeCode(), static_cast<int>(websocket::close_code::too_big));
-    EXPECT_EQ(logs.count("A frame from " + server.url() + " is larger than 1024 bytes"), 1u);
-    ASSERT_TRUE(done.waitFor(5s));
-    EXPECT_FALSE(done.get());
-    EXPECT_TRUE(waitUntil([&] { return client.upstream->cancelled.load(); }));
-}
-
-TEST(WebSocketConnection, UndecodableFramesAreLoggedAndDropped) {
-    orvale::test::LogCapture logs;
-    TestServer server;
-    Client client(server);
-    auto session = client.session;
 
     session->send("this is not JSON");
     session->send(R"([{"channel":"/good","data":1},7,{"channel":"/meta/connect"}])");
@@ -168,13 +154,21 @@ TEST(WebSocketConnection, UndecodableFramesAreLoggedAndDropped) {
     EXPECT_NE(lines[1].message.find("message 1: not an object"), std::string::npos);
     EXPECT_FALSE(client.completed());
 
-    // Messages that are not Bayeux messages are dropped on the way out too.
     struct Foreign : Message {};
     client.send(std::make_unique<Foreign>());
     client.send(publish("/still/open"));
     ASSERT_TRUE(waitUntil([&] { return session->frames().size() == 1; }));
     EXPECT_EQ(session->frames()[0], R"([{"channel":"/still/open","data":1}])");
     EXPECT_EQ(logs.count("Dropped an outbound"), 1u);
+
+    session->send(R"([{"channel":"/big","data":")" + std::string(2048, 'x') + "\"}]");
+    ASSERT_TRUE(waitUntil([&] { return client.completed() && session->closed(); }));
+    EXPECT_EQ(client.collector->count(), 2u);
+    EXPECT_EQ(session->closeCode(), static_cast<int>(websocket::close_code::too_big));
+    EXPECT_EQ(logs.count("A frame from " + server.url() + " is larger than 1024 bytes"), 1u);
+    ASSERT_TRUE(done.waitFor(5s));
+    EXPECT_FALSE(done.get());
+    EXPECT_TRUE(waitUntil([&] { return client.upstream->cancelled.load(); }));
 }
 
 }  // namespace
