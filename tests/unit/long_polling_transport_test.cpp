@@ -32,10 +32,10 @@ class HttpServer {
         threads_.emplace_back([this] { acceptLoop(); });
     }
     ~HttpServer() {
-        // The accepting thread goes first, so that no connection comes after the others end.
+        // The accepting thread goes first: no connection comes after the others end, and the
+        // lists stop changing, so the joins need no lock (a serving thread may wait for it).
         ::shutdown(acceptor_.native_handle(), SHUT_RDWR);
         threads_[0].join();
-        std::lock_guard<std::mutex> lock(mutex_);
         for (auto& socket : sockets_)
             ::shutdown(socket.native_handle(), SHUT_RDWR);
         for (std::size_t i = 1; i < threads_.size(); ++i)
@@ -86,7 +86,7 @@ class HttpServer {
     const Script script_;
     asio::io_context io_;
     tcp::acceptor acceptor_{io_, {asio::ip::make_address("127.0.0.1"), 0}};
-    std::mutex mutex_;  // guards sockets_, requests_ and threads_ after the first
+    std::mutex mutex_;  // guards requests_, and sockets_ and threads_ while accepting
     std::list<tcp::socket> sockets_;
     std::vector<std::pair<int, std::string>> requests_;
     std::vector<std::thread> threads_;
