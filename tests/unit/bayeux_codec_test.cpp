@@ -22,10 +22,9 @@ using codec::encode;
 
 template <class T>
 const T& as(const std::unique_ptr<BayeuxMessage>& message) {
-    const T* typed = dynamic_cast<const T*>(message.get());
-    if (!typed)
-        throw std::runtime_error("message has another class");
-    return *typed;
+    if (!message)
+        throw std::runtime_error("no message");
+    return dynamic_cast<const T&>(*message);  // throws when it has another class
 }
 
 // Decodes one message and checks it came back alone and without complaint.
@@ -86,13 +85,10 @@ TEST(BayeuxCodec, EveryMessageRoundTrips) {
         SCOPED_TRACE(frame);
         auto decoded = single(fromServer ? decodeFromServer(frame) : decodeFromClient(frame));
         ASSERT_TRUE(decoded);
-        EXPECT_EQ(decoded->kind(), original->kind());
         const BayeuxMessage& decodedMessage = *decoded;
         const BayeuxMessage& originalMessage = *original;
         EXPECT_EQ(typeid(decodedMessage), typeid(originalMessage));
-        EXPECT_EQ(encode(*decoded), frame);
-        ASSERT_TRUE(decoded->getAdvice());
-        EXPECT_EQ(decoded->getAdvice()->timeout, 30000);
+        EXPECT_EQ(encode(*decoded), frame);  // every field came back
     }
 }
 
@@ -135,7 +131,6 @@ TEST(BayeuxCodec, StringsAreEscapedAtEveryOffsetAndComeBackUnchanged) {
                 return static_cast<unsigned char>(c) < 0x20;
             })) << frame;
             auto p = single(decodeFromClient(frame));
-            ASSERT_TRUE(p) << frame;
             EXPECT_EQ(as<PublishRequest>(p).getChannel(), "/orvale/" + text) << frame;
             EXPECT_EQ(p->getId(), text) << frame;
             EXPECT_EQ(p->getClientId(), text) << frame;
@@ -154,29 +149,24 @@ TEST(BayeuxCodec, DataAndExtKeepTheirSourceText) {
         R"( "nested":[[{"data":1,"ext":2}]]})";
     const std::string frame = R"([{"channel":"/x","ext" : {"a": [1, 2]},"data":)" + data + "}]";
     auto d = single(decodeFromServer(frame));
-    ASSERT_TRUE(d);
     EXPECT_EQ(as<PublishRequest>(d).getJson(), data);
     EXPECT_EQ(d->getExt(), R"({"a": [1, 2]})");
     auto again = single(decodeFromServer(encode(*d)));
-    ASSERT_TRUE(again);
     EXPECT_EQ(as<PublishRequest>(again).getJson(), data);
 
     // Members named with escapes are the same members; the last of repeated ones counts.
     auto escaped = single(
         decodeFromClient(R"({"channel":"/x","d\u0061ta":"first","data" : [true] ,"\u0065xt":{}})"));
-    ASSERT_TRUE(escaped);
     EXPECT_EQ(as<PublishRequest>(escaped).getJson(), "[true]");
     EXPECT_EQ(escaped->getExt(), "{}");
 
     // A single object rather than an array is scanned the same way; an integer id is a string.
     auto object = single(decodeFromServer(R"(  {"data":"\"}\\","channel":"/y","id":42}  )"));
-    ASSERT_TRUE(object);
     EXPECT_EQ(as<PublishRequest>(object).getJson(), R"("\"}\\")");
     EXPECT_EQ(object->getId(), "42");
     // A subscription array keeps its first pattern.
     auto s =
         single(decodeFromClient(R"([{"channel":"/meta/subscribe","subscription":["/a","/b"]}])"));
-    ASSERT_TRUE(s);
     EXPECT_EQ(as<SubscribeRequest>(s).getChannel(), "/a");
 }
 

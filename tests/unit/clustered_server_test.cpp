@@ -3,8 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
-#include <numeric>
 #include <thread>
 
 #include "cluster/clustered_server.h"
@@ -24,9 +24,7 @@ class Recorder final : public BayeuxSession {
     explicit Recorder(std::string id) : id_(std::move(id)) {}
     std::shared_ptr<common::ContextState> getContext() override { return nullptr; }
     std::string getId() override { return id_; }
-    void deliver(const std::shared_ptr<const UnsubscribeRequest>& r) override {
-        events_.add("-" + r->getChannel() + " by " + r->getClientId());
-    }
+    void deliver(const std::shared_ptr<const UnsubscribeRequest>&) override {}
     void deliver(const std::shared_ptr<const SubscribeRequest>& r) override {
         events_.add("+" + r->getChannel() + " by " + r->getClientId());
     }
@@ -92,10 +90,9 @@ TEST(ClusteredServer, MembersShareChannelsOnceInOrderUnderConcurrentPublishers) 
     for (int m = 0; m < kMembers; ++m) {
         const std::string probe = "/load/probe" + std::to_string(m);
         auto everyoneHas = [&] {
-            for (auto& member : members)
-                if (member->session->await(probe, 1, 0ms).empty())
-                    return false;
-            return true;
+            return std::all_of(members.begin(), members.end(), [&](auto& member) {
+                return !member->session->await(probe, 1, 0ms).empty();
+            });
         };
         for (int i = 0; i < 200 && !everyoneHas(); ++i, std::this_thread::sleep_for(25ms))
             members[m]->publish(probe, "0");
@@ -120,19 +117,15 @@ TEST(ClusteredServer, MembersShareChannelsOnceInOrderUnderConcurrentPublishers) 
         publisher.join();
     constexpr std::size_t kAll = kMembers * kThreads * kMessages;
     for (auto& member : members) {
-        auto got = member->session->await("/load/t", kAll);
-        const auto extra = member->session->await("/load/t", kAll + 1, 100ms);
-        EXPECT_EQ(extra.size(), kAll) << member->session->getId();
-        std::map<std::string, std::vector<int>> byPublisher;
+        const std::string id = member->session->getId();
+        const auto got = member->session->await("/load/t", kAll);
+        EXPECT_EQ(member->session->await("/load/t", kAll + 1, 100ms).size(), kAll) << id;
+        std::map<std::string, int> next;  // each publisher's next number
         for (const auto& event : got) {
             const auto space = event.find(' ');
-            byPublisher[event.substr(0, space)].push_back(std::stoi(event.substr(space + 1)));
+            ASSERT_EQ(std::stoi(event.substr(space + 1)), next[event.substr(0, space)]++) << id;
         }
-        std::vector<int> inOrder(kMessages);
-        std::iota(inOrder.begin(), inOrder.end(), 0);
-        EXPECT_EQ(byPublisher.size(), std::size_t{kMembers * kThreads});
-        for (const auto& [channel, numbers] : byPublisher)
-            EXPECT_EQ(numbers, inOrder) << member->session->getId() << " from " << channel;
+        EXPECT_EQ(next.size(), std::size_t{kMembers * kThreads}) << id;
         const auto stats = member->server->clusterStats();
         ASSERT_TRUE(stats);
         EXPECT_TRUE(stats->connected);

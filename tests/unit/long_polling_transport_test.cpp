@@ -29,16 +29,13 @@ class HttpServer {
     using Script = std::function<Answer(const std::string& body)>;
 
     explicit HttpServer(Script script) : script_(std::move(script)) {
-        acceptor_.open(tcp::v4());
-        acceptor_.bind({asio::ip::make_address("127.0.0.1"), 0});
-        acceptor_.listen();
         threads_.emplace_back([this] { acceptLoop(); });
     }
     ~HttpServer() {
-        // The accepting thread goes first, so that no connection comes after the others end.
+        // The accepting thread goes first: no connection comes after the others end, and the
+        // lists stop changing, so the joins need no lock (a serving thread may wait for it).
         ::shutdown(acceptor_.native_handle(), SHUT_RDWR);
         threads_[0].join();
-        std::lock_guard<std::mutex> lock(mutex_);
         for (auto& socket : sockets_)
             ::shutdown(socket.native_handle(), SHUT_RDWR);
         for (std::size_t i = 1; i < threads_.size(); ++i)
@@ -73,10 +70,9 @@ class HttpServer {
             http::read(socket, buffer, request, ec);
             if (ec)
                 return;
-            {
-                std::lock_guard<std::mutex> lock(mutex_);
-                requests_.emplace_back(index, request.body());
-            }
+            std::unique_lock<std::mutex> lock(mutex_);
+            requests_.emplace_back(index, request.body());
+            lock.unlock();
             const Answer answer = script_(request.body());
             http::response<http::string_body> response{http::int_to_status(answer.status), 11};
             response.body() = answer.body;
@@ -89,8 +85,8 @@ class HttpServer {
 
     const Script script_;
     asio::io_context io_;
-    tcp::acceptor acceptor_{io_};
-    std::mutex mutex_;  // guards sockets_, requests_ and threads_ after the first
+    tcp::acceptor acceptor_{io_, {asio::ip::make_address("127.0.0.1"), 0}};
+    std::mutex mutex_;  // guards requests_, and sockets_ and threads_ while accepting
     std::list<tcp::socket> sockets_;
     std::vector<std::pair<int, std::string>> requests_;
     std::vector<std::thread> threads_;

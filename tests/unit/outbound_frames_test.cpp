@@ -29,11 +29,6 @@ TEST(OutboundFrames, BatchesInOrderWithinTheLimitAndSetsLoneMessagesApart) {
     EXPECT_EQ(cycle(frames, {"{\"a\":1}", "{\"b\":2}", "!{\"c\":3}", "{\"d\":4}", "!5", "!6"}, 6),
               (Frames{R"([{"a":1},{"b":2}])", R"([{"c":3}])", R"([{"d":4}])", "[5]", "[6]"}));
     EXPECT_EQ(cycle(frames, {"7"}, 1), Frames{"[7]"});  // a take starts afresh, the count too
-    frames.add("8", false);
-    frames.clear();
-    EXPECT_TRUE(frames.empty());
-    EXPECT_EQ(cycle(frames, {"9"}, 1), Frames{"[9]"});
-
     const std::string small = "{\"n\":\"" + std::string(20, 'x') + "\"}";
     const std::string large = "{\"n\":\"" + std::string(100, 'y') + "\"}";
     const std::string pair = "[" + small + "," + small + "]";

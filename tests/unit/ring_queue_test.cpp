@@ -55,8 +55,6 @@ TEST(RingQueueTest, KeepsOrderAcrossWrapsGrowthAndTakesFromAnywhere) {
         moved.clear();
         EXPECT_TRUE(moved.empty());
         EXPECT_EQ(Tracked::live, 1);
-        moved.push_back(Tracked(7));
-        EXPECT_EQ(contents(moved), std::vector<int>{7});
     }
     EXPECT_EQ(Tracked::live, 0);
 }

@@ -8,10 +8,14 @@
 namespace connector::bayeux::transport_test {
 namespace {
 
-std::vector<std::unique_ptr<BayeuxMessage>> decoded(const std::string& frame) {
+// The channels of the messages a frame holds.
+std::vector<std::string> channels(const std::string& frame) {
     auto d = codec::decodeFromClient(frame);
     EXPECT_TRUE(d.errors.empty());
-    return std::move(d.messages);
+    std::vector<std::string> out;
+    for (const auto& message : d.messages)
+        out.push_back(message->bayeuxChannel());
+    return out;
 }
 
 // What is queued while a write is in flight goes out once the socket is free, in frames a
@@ -46,21 +50,17 @@ TEST(WebSocketConnection, BatchesWhatIsQueuedDuringAWriteInBoundedFrames) {
     const auto frames = session->frames();
     ASSERT_GT(frames.size(), 8u) << "the burst went out in several frames";
     EXPECT_EQ(frames[0].size(), big.size() + std::string(R"([{"channel":"/big","data":}])").size());
-    const auto queued = decoded(frames[1]);
-    ASSERT_EQ(queued.size(), 5u);
-    for (int i = 0; i < 5; ++i)
-        EXPECT_EQ(queued[i]->bayeuxChannel(), "/queued/" + std::to_string(i));
+    EXPECT_EQ(channels(frames[1]), (std::vector<std::string>{"/queued/0", "/queued/1", "/queued/2",
+                                                             "/queued/3", "/queued/4"}));
     EXPECT_EQ(frames[2], R"([{"channel":"/meta/connect","connectionType":"websocket"}])");
     int seen = 0;
     for (std::size_t f = 3; f + 1 < frames.size(); ++f) {
         EXPECT_LE(frames[f].size(), std::size_t{64} * 1024);
-        for (const auto& message : decoded(frames[f]))
-            EXPECT_EQ(message->bayeuxChannel(), "/burst/" + std::to_string(seen++));
+        for (const auto& channel : channels(frames[f]))
+            EXPECT_EQ(channel, "/burst/" + std::to_string(seen++));
     }
     EXPECT_EQ(seen, kBurst);
-    const auto last = decoded(frames.back());
-    ASSERT_EQ(last.size(), 1u);
-    EXPECT_EQ(last[0]->bayeuxChannel(), "/big2");
+    EXPECT_EQ(channels(frames.back()), std::vector<std::string>{"/big2"});
 }
 
 // Through the whole connection, a paced stream loses nothing and keeps its order, with a frame
@@ -125,7 +125,10 @@ TEST(WebSocketConnection, AFastStreamLosesNothingAndItsLastFrameLeaves) {
     }
 }
 
-TEST(WebSocketConnection, FrameLargerThanTheLimitClosesTheConnection) {
+// What cannot be decoded is logged and dropped, a frame at a time or an element at a time, and
+// so are outbound messages that are not Bayeux messages; a frame past the limit closes the
+// connection.
+TEST(WebSocketConnection, UndecodableFramesAreDroppedAndOneTooLargeClosesTheConnection) {
     orvale::test::LogCapture logs;
     TestServer server;
     WebSocketTransportOptions options;
@@ -133,23 +136,6 @@ TEST(WebSocketConnection, FrameLargerThanTheLimitClosesTheConnection) {
     Client client(server, options);
     auto session = client.session;
     auto done = client.inbound->done();
-
-    session->send(R"([{"channel":"/ok","data":1}])");
-    session->send(R"([{"channel":"/big","data":")" + std::string(2048, 'x') + "\"}]");
-    ASSERT_TRUE(waitUntil([&] { return client.completed() && session->closed(); }));
-    EXPECT_EQ(client.collector->count(), 1u);
-    EXPECT_EQ(session->closeCode(), static_cast<int>(websocket::close_code::too_big));
-    EXPECT_EQ(logs.count("A frame from " + server.url() + " is larger than 1024 bytes"), 1u);
-    ASSERT_TRUE(done.waitFor(5s));
-    EXPECT_FALSE(done.get());
-    EXPECT_TRUE(waitUntil([&] { return client.upstream->cancelled.load(); }));
-}
-
-TEST(WebSocketConnection, UndecodableFramesAreLoggedAndDropped) {
-    orvale::test::LogCapture logs;
-    TestServer server;
-    Client client(server);
-    auto session = client.session;
 
     session->send("this is not JSON");
     session->send(R"([{"channel":"/good","data":1},7,{"channel":"/meta/connect"}])");
@@ -168,13 +154,21 @@ TEST(WebSocketConnection, UndecodableFramesAreLoggedAndDropped) {
     EXPECT_NE(lines[1].message.find("message 1: not an object"), std::string::npos);
     EXPECT_FALSE(client.completed());
 
-    // Messages that are not Bayeux messages are dropped on the way out too.
     struct Foreign : Message {};
     client.send(std::make_unique<Foreign>());
     client.send(publish("/still/open"));
     ASSERT_TRUE(waitUntil([&] { return session->frames().size() == 1; }));
     EXPECT_EQ(session->frames()[0], R"([{"channel":"/still/open","data":1}])");
     EXPECT_EQ(logs.count("Dropped an outbound"), 1u);
+
+    session->send(R"([{"channel":"/big","data":")" + std::string(2048, 'x') + "\"}]");
+    ASSERT_TRUE(waitUntil([&] { return client.completed() && session->closed(); }));
+    EXPECT_EQ(client.collector->count(), 2u);
+    EXPECT_EQ(session->closeCode(), static_cast<int>(websocket::close_code::too_big));
+    EXPECT_EQ(logs.count("A frame from " + server.url() + " is larger than 1024 bytes"), 1u);
+    ASSERT_TRUE(done.waitFor(5s));
+    EXPECT_FALSE(done.get());
+    EXPECT_TRUE(waitUntil([&] { return client.upstream->cancelled.load(); }));
 }
 
 }  // namespace
