@@ -62,19 +62,23 @@ TEST(BrowserTest, BrowserClientsOnAnotherSiteTalkWithAServerService) {
     const std::string url = site + "/bayeux";
     const std::string picture = std::filesystem::absolute("status.png");
     const struct {
-        const char *peer, *mode, *transport;
-    } cases[] = {{"faye", "websocket", "websocket"},
+        const char *peer, *only, *transport;
+    } cases[] = {{"faye", nullptr, "websocket"},
                  {"faye", "long-polling", "cross-origin-long-polling"},
-                 {"cometd", "websocket", "websocket"},
+                 {"cometd", nullptr, "websocket"},
                  {"cometd", "long-polling", "long-polling"}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.peer) + " over " + c.mode);
-        std::vector<std::string> args{c.peer,           c.mode, url, page, "/orvale/desk/out",
-                                      "/orvale/desk/in"};
+        const std::string from =
+            "{\"from\":\"" + (c.peer + (c.only ? " " + std::string(c.only) : "")) + "\"}";
+        SCOPED_TRACE(from);
+        std::vector<std::string> args{
+            c.peer, url, "talk", "/orvale/desk/out", "/orvale/desk/in", "1", "--browser", page};
+        if (c.only)
+            args.insert(args.end(), {"--only", c.only});
         const bool status = &c == cases;
         if (status)
-            args.insert(args.end(), {"--screenshot", site + "/status", picture});
-        auto browser = node("browser_client.js", args);
+            args.insert(args.end(), {"--screenshot", picture});
+        auto browser = node("bayeux_client.js", args);
         if (status) {
             const auto shown = browser->waitLine(
                 [](const std::string& line) { return text(parseLine(line), "event") == "status"; },
@@ -91,7 +95,6 @@ TEST(BrowserTest, BrowserClientsOnAnotherSiteTalkWithAServerService) {
         const auto result = resultOf(*browser);
         ASSERT_EQ(text(result, "result"), "ok") << boost::json::serialize(result);
         EXPECT_EQ(text(result, "transport"), c.transport);
-        const std::string from = "{\"from\":\"" + std::string(c.peer) + " " + c.mode + "\"}";
         EXPECT_TRUE(hub.heard("in " + from));
         EXPECT_EQ(received(*browser),
                   std::vector<std::string>{"/orvale/desk/out {\"echo\":" + from + "}"});
