@@ -21,9 +21,9 @@
 //   a local balancer that sends each new connection to the first hub that accepts it, as a load
 //   balancer does once a hub has died.
 // --browser runs the scenario in headless Chromium (CHROMIUM, default /usr/bin/chromium) on a page
-//   served at http://127.0.0.1:PAGE_PORT with the client's browser build. With --screenshot, a
-//   second tab then saves a PNG of the server's /status page to FILE once it shows figures, prints
-//   {"event":"status",...} with its counts and keeps the session until SIGUSR2.
+//   served at http://127.0.0.1:PAGE_PORT; with --screenshot, a second tab then saves the server's
+//   /status page to FILE once it shows figures, prints {"event":"status",...} with its counts and
+//   keeps the session until SIGUSR2.
 // All then disconnect. Every stdout line is a JSON object; the last is {"result":"ok",...} or
 // {"result":"error","message":...} (exit status 1). A run is bounded by 15 seconds (mesh and
 // --browser: 40).
@@ -212,10 +212,8 @@ async function servePage(port, peer) {
   const pages = require('http').createServer((request, response) => {
     const name = request.url.split('?')[0];
     const file = path.join(modules, path.normalize(name));
-    if (name !== '/' && (!file.startsWith(modules + path.sep) || !fs.existsSync(file))) {
-      response.writeHead(404);
-      return response.end();
-    }
+    if (name !== '/' && (!file.startsWith(modules + path.sep) || !fs.existsSync(file)))
+      return response.writeHead(404).end();
     response.writeHead(200, {'Content-Type': name === '/' ? 'text/html' : 'text/javascript'});
     if (name === '/') response.end(`<!doctype html><title>${peer}</title>${loader}`);
     else fs.createReadStream(file).pipe(response);

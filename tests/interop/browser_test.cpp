@@ -8,22 +8,14 @@
 #include <filesystem>
 #include <iostream>
 
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
 #include <boost/json/array.hpp>
 
 #include "hub_in_process.h"
+#include "loopback_ports.h"
 #include "metrics_scrape.h"
 
 namespace orvale::test {
 namespace {
-
-// A port free at the moment, for the page's server, whose origin the hub must know in advance.
-std::uint16_t freePort() {
-    boost::asio::io_context io;
-    boost::asio::ip::tcp::acceptor acceptor(io, {boost::asio::ip::make_address("127.0.0.1"), 0});
-    return acceptor.local_endpoint().port();
-}
 
 // What /metrics must hold given the counts the status page showed: the same, but for the
 // scrape's own connection, which the page's figures predate.
@@ -50,7 +42,8 @@ TEST(BrowserTest, BrowserClientsOnAnotherSiteTalkWithAServerService) {
         GTEST_SKIP() << "no chromium (run scripts/bootstrap to install it)";
     }
     TestCertificates certificates;
-    const std::string page = std::to_string(freePort());
+    // The page's server: the hub must know its origin in advance.
+    const std::string page = std::to_string(tools::freeLoopbackPort());
     bayeux::EndpointOptions options;
     options.certFile = certificates.dir + "/server.pem";
     options.keyFile = certificates.dir + "/server.key";
