@@ -1,24 +1,32 @@
 'use strict';
-// Faye's Node client or CometD's JavaScript client in a scripted exchange with a Bayeux server.
+// Faye's or CometD's client, the Node one or the browser build, in a scripted exchange with a
+// Bayeux server.
 //
 //   node bayeux_client.js faye|cometd URL exchange [--only long-polling] [--api-key K]
-//   node bayeux_client.js faye|cometd URL talk LISTEN PUBLISH COUNT [--api-key K]
+//   node bayeux_client.js faye|cometd URL talk LISTEN PUBLISH COUNT [--only long-polling]
+//        [--api-key K] [--browser PAGE_PORT [--screenshot FILE]]
 //   node bayeux_client.js faye|cometd URL[,URL...] mesh NAME CHANNEL...
 //
 // URL is http://host:port/path. Faye handshakes over long-polling and then moves to a WebSocket,
-// CometD starts on one; --only long-polling keeps both off WebSockets.
+// CometD starts on one; --only long-polling keeps both off WebSockets (and off callback-polling,
+// so that a browser's requests go by CORS).
 // exchange: subscribes to an exact and a wildcard channel, publishes on both and receives,
 //   unsubscribes from the exact one, publishes on both again and receives only on the wildcard.
-// talk: subscribes to LISTEN, prints {"event":"ready"}, publishes {"from":PEER} on PUBLISH and
-//   prints each of COUNT messages received on LISTEN.
+// talk: subscribes to LISTEN, prints {"event":"ready"}, publishes {"from":"PEER[ long-polling]"}
+//   on PUBLISH and prints each of COUNT messages received on LISTEN.
 // mesh: subscribes to each CHANNEL, prints {"event":"ready"} and every message it receives. A
 //   message whose data has `start` (the names of all peers) makes it publish {"from":NAME,"n":n}
 //   for n < data.count on /orvale/mesh/all/NAME, then {"from":NAME} on /orvale/mesh/to/PEER for
 //   every other peer; one whose data has `stop` ends the run. Several URLs reach the hubs through
 //   a local balancer that sends each new connection to the first hub that accepts it, as a load
 //   balancer does once a hub has died.
+// --browser runs the scenario in headless Chromium (CHROMIUM, default /usr/bin/chromium) on a page
+//   served at http://127.0.0.1:PAGE_PORT; with --screenshot, a second tab then saves the server's
+//   /status page to FILE once it shows figures, prints {"event":"status",...} with its counts and
+//   keeps the session until SIGUSR2.
 // All then disconnect. Every stdout line is a JSON object; the last is {"result":"ok",...} or
-// {"result":"error","message":...} (exit status 1). A run is bounded by 15 seconds (mesh: 40).
+// {"result":"error","message":...} (exit status 1). A run is bounded by 15 seconds (mesh and
+// --browser: 40).
 // Required as a module (by bench/faye_client_load.js) it gives Faye and the output helpers only.
 
 const faye = require('faye');
@@ -31,9 +39,11 @@ module.exports = {faye, print, fail};
 if (require.main !== module) return;
 
 // Both clients behind one interface; `used` records the transport of the handshake and the last.
-function fayeClient(url, only, apiKey) {
-  const client = new faye.Client(url, {timeout: 30, retry: 1});
+// These functions also run in the browser page, so they take the client library as an argument.
+function fayeClient(Faye, url, only, apiKey) {
+  const client = new Faye.Client(url, {timeout: 30, retry: 1});
   if (only === 'long-polling') client.disable('websocket');
+  client.disable('eventsource');  // a browser's; no server here offers it
   const used = {handshake: null, last: null};
   client.addExtension({
     outgoing(message, callback) {
@@ -60,12 +70,10 @@ function fayeClient(url, only, apiKey) {
   };
 }
 
-async function cometdClient(url, only, apiKey) {
-  const {adapt} = await import('cometd-nodejs-client');
-  const {CometD} = await import('cometd');
-  adapt();
+function cometdClient(CometD, url, only, apiKey) {
   const cometd = new CometD();
   cometd.configure({url, logLevel: 'warn'});
+  cometd.unregisterTransport('callback-polling');
   if (only === 'long-polling') cometd.unregisterTransport('websocket');
   // A CometD call taking a reply callback, as a promise of a successful reply.
   const call = (what, start) => new Promise((resolve, reject) => start((reply) => {
@@ -108,7 +116,7 @@ function inbox() {
       while (messages.length === 0) {
         await new Promise((resolve, reject) => {
           waiter = resolve;
-          setTimeout(() => reject(new Error('no message within ' + ms + ' ms')), ms).unref();
+          setTimeout(() => reject(new Error('no message within ' + ms + ' ms')), ms);
         });
       }
       print({event: 'received', ...messages.shift()});
@@ -158,6 +166,15 @@ const scenarios = {
   },
 };
 
+// One session: the handshake, the scenario, `hold` and the disconnection; the transports used.
+async function runSession(client, scenario, rest, name, hold) {
+  await client.handshake();
+  await scenarios[scenario](client, rest, name);
+  await hold();
+  await client.disconnect();
+  return client.used;
+}
+
 // The URL of a local balancer over the hubs at `urls`.
 function balance(urls) {
   const net = require('net');
@@ -183,8 +200,84 @@ function balance(urls) {
     resolve('http://127.0.0.1:' + server.address().port + hubs[0].pathname)));
 }
 
+// The page at http://127.0.0.1:`port`: it loads the `peer`'s browser build from node_modules.
+async function servePage(port, peer) {
+  const fs = require('fs');
+  const path = require('path');
+  const modules = path.join(__dirname, 'node_modules');
+  const loader = {
+    faye: '<script src="/faye/client/faye-browser.js"></script>',
+    cometd: '<script type="module">import {CometD} from "/cometd/cometd.js"; window.CometD = CometD;</script>',
+  }[peer];
+  const pages = require('http').createServer((request, response) => {
+    const name = request.url.split('?')[0];
+    const file = path.join(modules, path.normalize(name));
+    if (name !== '/' && (!file.startsWith(modules + path.sep) || !fs.existsSync(file)))
+      return response.writeHead(404).end();
+    response.writeHead(200, {'Content-Type': name === '/' ? 'text/html' : 'text/javascript'});
+    if (name === '/') response.end(`<!doctype html><title>${peer}</title>${loader}`);
+    else fs.createReadStream(file).pipe(response);
+  });
+  pages.unref();
+  await new Promise((resolve, reject) => pages.listen(Number(port), '127.0.0.1', resolve).on('error', reject));
+}
+
+// The status page at `url` in a second tab, once it shows figures: saved to `file`, its counts
+// printed; returns when SIGUSR2 comes.
+async function photograph(browser, url, file) {
+  const resume = new Promise((resolve) => process.once('SIGUSR2', resolve));
+  const tab = await browser.newPage();
+  await tab.goto(url);
+  const ids = ['sessions', 'ws', 'lp', 'connections', 'subscriptions', 'channels', 'dropped', 'refused'];
+  await tab.waitForFunction((ids) => ids.every((id) => /^[0-9,]+$/.test(
+      document.getElementById(id).textContent)), {polling: 50}, ids);
+  await tab.screenshot({path: file});
+  const shown = await tab.evaluate((ids) => Object.fromEntries(ids.map((id) =>
+      [id, Number(document.getElementById(id).textContent.replace(/,/g, ''))])), ids);
+  print({event: 'status', ...shown});
+  await resume;
+}
+
+// runSession in a page of headless Chromium, with the functions above loaded into it.
+async function inBrowser(pagePort, screenshot, peer, client, run) {
+  await servePage(pagePort, peer);
+  // Chromium's sandbox cannot start as root, which CI runs as: only then is it turned off.
+  const browser = await require('puppeteer-core').launch({
+    executablePath: process.env.CHROMIUM || '/usr/bin/chromium',
+    args: process.getuid() === 0 ? ['--no-sandbox'] : [],
+    acceptInsecureCerts: true,  // the test's own certificate authority
+  });
+  try {
+    const page = await browser.newPage();
+    page.on('pageerror', (e) => print({event: 'page-error', message: String(e)}));
+    await page.exposeFunction('printLine', print);
+    await page.exposeFunction('hold', async () =>
+      screenshot && photograph(browser, new URL('/status', client[0]).href, screenshot));
+    await page.goto(`http://127.0.0.1:${pagePort}/`);
+    await page.waitForFunction('window.Faye || window.CometD', {polling: 50});
+    await page.addScriptTag({content: [fayeClient, cometdClient, inbox, runSession].join('\n') +
+      `var scenarios = {${Object.values(scenarios).join(',\n')}};\n` +
+      'var print = printLine, fail = (message) => { throw new Error(message); };'});
+    return await page.evaluate((peer, client, run) => runSession(peer === 'faye'
+        ? fayeClient(Faye, ...client) : cometdClient(CometD, ...client), ...run, hold)
+        .catch((e) => {  // Faye fails with plain objects, which would reach Node as noise
+          throw new Error(e && e.message ? e.message : JSON.stringify(e));
+        }), peer, client, run);
+  } finally {
+    await browser.close().catch(() => {});
+  }
+}
+
+// `peer`'s Node client.
+async function nodeClient(peer, ...args) {
+  if (peer === 'faye') return fayeClient(faye, ...args);
+  const {adapt} = await import('cometd-nodejs-client');
+  adapt();
+  return cometdClient((await import('cometd')).CometD, ...args);
+}
+
 (async () => {
-  const options = {'--only': null, '--api-key': null};
+  const options = {'--only': null, '--api-key': null, '--browser': null, '--screenshot': null};
   const positional = [];
   const argv = process.argv.slice(2);
   for (let i = 0; i < argv.length; i++) {
@@ -192,17 +285,17 @@ function balance(urls) {
     else positional.push(argv[i]);
   }
   const [peer, urls, scenario, ...rest] = positional;
-  const make = {faye: fayeClient, cometd: cometdClient}[peer];
-  if (!make || !urls || !Object.keys(scenarios).includes(scenario))
+  if (!['faye', 'cometd'].includes(peer) || !urls || !Object.keys(scenarios).includes(scenario))
     fail('usage: bayeux_client.js faye|cometd URL exchange|talk|mesh ...');
-  setTimeout(() => fail('timed out'), scenario === 'mesh' ? 40000 : 15000).unref();
+  const browser = options['--browser'];
+  setTimeout(() => fail('timed out'), scenario === 'mesh' || browser ? 40000 : 15000).unref();
+  const only = options['--only'];
   try {
-    const url = urls.includes(',') ? await balance(urls.split(',')) : urls;
-    const client = await make(url, options['--only'], options['--api-key']);
-    await client.handshake();
-    await scenarios[scenario](client, rest, peer);
-    await client.disconnect();
-    print({result: 'ok', handshakeTransport: client.used.handshake, transport: client.used.last});
+    const client = [urls.includes(',') ? await balance(urls.split(',')) : urls, only, options['--api-key']];
+    const run = [scenario, rest, only ? peer + ' ' + only : peer];
+    const used = browser ? await inBrowser(browser, options['--screenshot'], peer, client, run)
+                         : await runSession(await nodeClient(peer, ...client), ...run, async () => {});
+    print({result: 'ok', handshakeTransport: used.handshake, transport: used.last});
     process.exit(0);
   } catch (e) {
     fail(e && e.message ? e.message : e);

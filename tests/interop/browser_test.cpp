@@ -8,22 +8,14 @@
 #include <filesystem>
 #include <iostream>
 
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
 #include <boost/json/array.hpp>
 
 #include "hub_in_process.h"
+#include "loopback_ports.h"
 #include "metrics_scrape.h"
 
 namespace orvale::test {
 namespace {
-
-// A port free at the moment, for the page's server, whose origin the hub must know in advance.
-std::uint16_t freePort() {
-    boost::asio::io_context io;
-    boost::asio::ip::tcp::acceptor acceptor(io, {boost::asio::ip::make_address("127.0.0.1"), 0});
-    return acceptor.local_endpoint().port();
-}
 
 // What /metrics must hold given the counts the status page showed: the same, but for the
 // scrape's own connection, which the page's figures predate.
@@ -50,7 +42,8 @@ TEST(BrowserTest, BrowserClientsOnAnotherSiteTalkWithAServerService) {
         GTEST_SKIP() << "no chromium (run scripts/bootstrap to install it)";
     }
     TestCertificates certificates;
-    const std::string page = std::to_string(freePort());
+    // The page's server: the hub must know its origin in advance.
+    const std::string page = std::to_string(tools::freeLoopbackPort());
     bayeux::EndpointOptions options;
     options.certFile = certificates.dir + "/server.pem";
     options.keyFile = certificates.dir + "/server.key";
@@ -62,19 +55,23 @@ TEST(BrowserTest, BrowserClientsOnAnotherSiteTalkWithAServerService) {
     const std::string url = site + "/bayeux";
     const std::string picture = std::filesystem::absolute("status.png");
     const struct {
-        const char *peer, *mode, *transport;
-    } cases[] = {{"faye", "websocket", "websocket"},
+        const char *peer, *only, *transport;
+    } cases[] = {{"faye", nullptr, "websocket"},
                  {"faye", "long-polling", "cross-origin-long-polling"},
-                 {"cometd", "websocket", "websocket"},
+                 {"cometd", nullptr, "websocket"},
                  {"cometd", "long-polling", "long-polling"}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.peer) + " over " + c.mode);
-        std::vector<std::string> args{c.peer,           c.mode, url, page, "/orvale/desk/out",
-                                      "/orvale/desk/in"};
+        const std::string from =
+            "{\"from\":\"" + (c.peer + (c.only ? " " + std::string(c.only) : "")) + "\"}";
+        SCOPED_TRACE(from);
+        std::vector<std::string> args{
+            c.peer, url, "talk", "/orvale/desk/out", "/orvale/desk/in", "1", "--browser", page};
+        if (c.only)
+            args.insert(args.end(), {"--only", c.only});
         const bool status = &c == cases;
         if (status)
-            args.insert(args.end(), {"--screenshot", site + "/status", picture});
-        auto browser = node("browser_client.js", args);
+            args.insert(args.end(), {"--screenshot", picture});
+        auto browser = node("bayeux_client.js", args);
         if (status) {
             const auto shown = browser->waitLine(
                 [](const std::string& line) { return text(parseLine(line), "event") == "status"; },
@@ -91,7 +88,6 @@ TEST(BrowserTest, BrowserClientsOnAnotherSiteTalkWithAServerService) {
         const auto result = resultOf(*browser);
         ASSERT_EQ(text(result, "result"), "ok") << boost::json::serialize(result);
         EXPECT_EQ(text(result, "transport"), c.transport);
-        const std::string from = "{\"from\":\"" + std::string(c.peer) + " " + c.mode + "\"}";
         EXPECT_TRUE(hub.heard("in " + from));
         EXPECT_EQ(received(*browser),
                   std::vector<std::string>{"/orvale/desk/out {\"echo\":" + from + "}"});

@@ -2,6 +2,7 @@
 // member: Faye's and CometD's clients, a client service and a server service exchange messages
 // across members, and the cluster rides out a dead NATS node and a dead hub.
 
+#include <boost/algorithm/string/join.hpp>
 #include <map>
 
 #include "common.h"
@@ -18,10 +19,8 @@ namespace bayeux = connector::bayeux;
 
 // `orvale serve` joined to the cluster through `node`, with the other nodes to fall back on.
 std::unique_ptr<ServeProcess> hub(const NatsCluster& nats, int node) {
-    std::string urls;
-    for (const auto& url : nats.urls(node))
-        urls += (urls.empty() ? "" : ",") + url;
-    return std::make_unique<ServeProcess>(std::vector<std::string>{"--cluster", urls});
+    return std::make_unique<ServeProcess>(
+        std::vector<std::string>{"--cluster", boost::algorithm::join(nats.urls(node), ",")});
 }
 
 // Publishes on what services call `channel`.
@@ -32,10 +31,9 @@ void publish(bayeux::BayeuxServer& server, const std::string& channel, const std
     server.acceptPublish(std::move(request));
 }
 
-// A message service in this process taking part as the Node peers' mesh scenario does.
-class ServicePeer {
-    Inbox inbox_;  // first, so that it outlives the subscriptions
-
+// A message service in this process taking part as the Node peers' mesh scenario does, keeping
+// what it receives in the Inbox it is (which so outlives its subscriptions).
+class ServicePeer : public Inbox {
   public:
     ServicePeer(std::string name, std::shared_ptr<ms::MessageService> service)
         : name_(std::move(name)), service_(std::move(service)) {
@@ -48,13 +46,12 @@ class ServicePeer {
             subscriptions.push_back(future.get());
         }
     }
-    std::vector<std::string> received() { return inbox_.snapshot(); }
     std::vector<std::shared_ptr<ms::Subscription>> subscriptions;
 
   private:
     void onMessage(const ms::JsonMessage& m) {
         const auto data = parseLine(m.getJson());
-        inbox_.add(m.getChannel() + " " + boost::json::serialize(data));
+        add(m.getChannel() + " " + boost::json::serialize(data));
         const auto* start = data.if_contains("start");
         if (!start)
             return;
@@ -114,9 +111,10 @@ TEST(ClusterTest, PeersOnEveryMemberExchangeMessagesOnceInOrder) {
     auto clientService = services->createMessageService("client", {{"endpoint", c->url}});
     ASSERT_TRUE(clientService.waitFor(10s));
     ServicePeer client("client", clientService.get()), host("host", hostService);
+    // Each peer's lines, with the channels as services name them.
     auto got = [&](const std::string& peer) {
         if (peer == "client" || peer == "host")
-            return (peer == "client" ? client : host).received();
+            return (peer == "client" ? client : host).snapshot();
         std::vector<std::string> lines = received(*peers.at(peer));
         for (auto& line : lines)
             line.erase(0, line.rfind("/orvale/", 0) == 0 ? 7 : 0);
@@ -137,13 +135,7 @@ TEST(ClusterTest, PeersOnEveryMemberExchangeMessagesOnceInOrder) {
             }
         return true;
     };
-    const auto output = [&](const std::string& peer) {
-        std::string all = peers[peer]->errors();
-        for (const auto& line : peers[peer]->lines())
-            all += line + "\n";
-        return all;
-    };
-    ASSERT_TRUE(waitUntil(pinged, 20s)) << output("faye") << output("cometd");
+    ASSERT_TRUE(waitUntil(pinged, 20s)) << peers["faye"]->errors() << peers["cometd"]->errors();
     publish(*members[0], "/mesh/go",
             "{\"start\":[\"faye\",\"cometd\",\"client\",\"host\"],\"count\":" +
                 std::to_string(kCount) + "}");
@@ -156,17 +148,10 @@ TEST(ClusterTest, PeersOnEveryMemberExchangeMessagesOnceInOrder) {
             if (from != peer)
                 expected["/mesh/to/" + peer].push_back("{\"from\":\"" + from + "\"}");
         }
-        auto count = [](const std::map<std::string, std::vector<std::string>>& messages) {
-            std::size_t n = 0;
-            for (const auto& [channel, data] : messages)
-                n += data.size();
-            return n;
-        };
-        waitUntil([&] { return count(byChannel(got(peer))) >= count(expected); }, 20s);
+        waitUntil([&] { return byChannel(got(peer)) == expected; }, 20s);
         EXPECT_EQ(byChannel(got(peer)), expected) << peer;
-    }
-    for (const auto& peer : names)
         EXPECT_TRUE(heard.has("+/mesh/to/" + peer)) << peer;
+    }
     client.subscriptions.front()->unsubscribe();
     EXPECT_TRUE(waitUntil([&] { return heard.has("-/mesh/to/client"); }));
     publish(*members[0], "/mesh/go", "{\"stop\":true}");

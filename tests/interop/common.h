@@ -1,6 +1,6 @@
 #pragma once
-// Shared pieces of the interop tests: `orvale` commands, `orvale serve` and the JSON lines of the
-// Node peers.
+// Shared pieces of the interop tests: the JSON lines of the Node peers and, in the tests of the
+// program, `orvale` commands and `orvale serve`.
 
 #include <gtest/gtest.h>
 
@@ -16,6 +16,7 @@ namespace orvale::test {
 
 using namespace std::chrono_literals;
 
+#ifdef ORVALE_EXE
 inline std::unique_ptr<ChildProcess> orvale(std::vector<std::string> args) {
     args.insert(args.begin(), ORVALE_EXE);
     return std::make_unique<ChildProcess>(std::move(args));
@@ -39,6 +40,7 @@ struct ServeProcess {
     std::unique_ptr<ChildProcess> process;
     std::string url;
 };
+#endif
 
 inline boost::json::object parseLine(const std::string& line) {
     boost::json::error_code ec;

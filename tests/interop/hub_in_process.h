@@ -35,9 +35,6 @@ class HubInProcess {
     }
     std::string httpUrl() const { return "http" + url.substr(2); }
     bool heard(const std::string& item) { return heard_.has(item); }
-    std::vector<std::string> talk(const char* peer, const char* listen) {
-        return {peer, httpUrl(), "talk", "/orvale/desk/out", listen, "1"};
-    }
 
     std::shared_ptr<bayeux::BayeuxServer> server = bayeux::makeBayeuxServer();
     std::unique_ptr<bayeux::BayeuxEndpoint> endpoint;

@@ -2,7 +2,6 @@
 // another process), demo, exit statuses and error lines.
 
 #include <sstream>
-#include <thread>
 
 #include "common.h"
 
@@ -16,21 +15,29 @@ void expectOneLine(const ChildProcess& child, const std::string& mentions) {
     EXPECT_NE(errors.find(mentions), std::string::npos) << errors;
 }
 
-TEST(OrvaleProgramTest, SubPrintsWhatPubPublishesOnExactAndWildcardChannels) {
+// Sub prints what pub publishes on exact and wildcard channels, outlives a restart of the hub on
+// the same port and ends after --count lines; serve ends cleanly on SIGINT and on SIGTERM; a
+// subscriber ends when the hub that comes back refuses it.
+TEST(OrvaleProgramTest, SubPrintsWhatPubPublishesAndOutlivesARestart) {
     ServeProcess serve;
-    auto sub = orvale({"sub", serve.url, "/chat/room", "/chat/x/*", "--count", "4"});
-    // Publish until the subscriber has printed four lines; the first may be published before
-    // its subscriptions are in place, so a prefix of the run may be missed, never a middle.
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    for (int n = 0; !sub->waitExit(0ms) && std::chrono::steady_clock::now() < deadline; ++n) {
-        auto pub = orvale({"pub", serve.url, n % 2 ? "/chat/x/y" : "/chat/room",
-                           "{\"n\":" + std::to_string(n) + "}"});
-        ASSERT_EQ(run(*pub), 0) << pub->errors();
-        EXPECT_EQ(pub->errors(), "");
-    }
-    ASSERT_EQ(run(*sub), 0) << sub->errors();
+    auto sub = orvale({"sub", serve.url, "/chat/room", "/chat/x/*", "--count", "6"});
+    int n = 0;
+    // Publishes on alternate channels until `done` holds.
+    auto publishUntil = [&](const std::function<bool()>& done) {
+        return waitUntil(
+            [&] {
+                auto pub = orvale({"pub", serve.url, n % 2 ? "/chat/x/y" : "/chat/room",
+                                   "{\"n\":" + std::to_string(n++) + "}"});
+                EXPECT_EQ(run(*pub), 0) << pub->errors();
+                EXPECT_EQ(pub->errors(), "");
+                return waitUntil(done, 100ms);
+            },
+            20s);
+    };
+    ASSERT_TRUE(publishUntil([&] { return sub->lines().size() >= 4; })) << sub->errors();
+    // The first messages may be published before the subscriptions are in place, so a prefix of
+    // the run may be missed, never a middle.
     const auto lines = sub->lines();
-    ASSERT_EQ(lines.size(), 4u);
     ASSERT_TRUE(parseLine(lines[0]).contains("data")) << lines[0];
     const auto start = parseLine(lines[0]).at("data").at("n").to_number<int>();
     for (int i = 0; i < 4; ++i) {
@@ -39,7 +46,21 @@ TEST(OrvaleProgramTest, SubPrintsWhatPubPublishesOnExactAndWildcardChannels) {
         EXPECT_EQ(boost::json::serialize(line.at("data")),
                   "{\"n\":" + std::to_string(start + i) + "}");
     }
+    serve.process->kill(SIGINT);
+    EXPECT_EQ(run(*serve.process), 0);
+    const std::string port = serve.port();
+    serve = ServeProcess({"--port", port});
+    auto refused = orvale({"sub", serve.url, "/chat/room"});
+    ASSERT_TRUE(publishUntil([&] { return sub->lines().size() >= 6 && !refused->lines().empty(); }))
+        << sub->errors() << refused->errors();
+    EXPECT_EQ(run(*sub), 0) << sub->errors();
+    EXPECT_EQ(sub->lines().size(), 6u);
     EXPECT_EQ(sub->errors(), "");
+    serve.process->kill(SIGTERM);
+    EXPECT_EQ(run(*serve.process), 0);
+    ServeProcess keyed({"--port", port, "--api-key", "k"});
+    EXPECT_EQ(run(*refused), 1);
+    expectOneLine(*refused, "was lost");
 }
 
 TEST(OrvaleProgramTest, FailuresExitNonZeroWithOneLine) {
@@ -79,14 +100,13 @@ TEST(OrvaleProgramTest, FailuresExitNonZeroWithOneLine) {
     }
     // The keyed hub logged its two refusals as one JSON object a line.
     std::vector<std::string> logged;
-    for (const auto until = std::chrono::steady_clock::now() + 5s;
-         logged.size() < 2 && std::chrono::steady_clock::now() < until;
-         std::this_thread::sleep_for(10ms)) {
+    waitUntil([&] {
         logged.clear();
         std::istringstream errors(keyed.process->errors());
         for (std::string line; std::getline(errors, line);)
             logged.push_back(line);
-    }
+        return logged.size() >= 2;
+    });
     ASSERT_EQ(logged.size(), 2u);
     for (const auto& line : logged) {
         const auto record = parseLine(line);
@@ -128,34 +148,6 @@ TEST(OrvaleProgramTest, DemoExchangesMessagesBothWays) {
         EXPECT_EQ(traced, verbose);
         EXPECT_EQ(demo->errors().empty(), !verbose);
     }
-}
-
-// Serve ends cleanly on SIGINT and on SIGTERM; the subscriber outlives a restart of the hub on
-// the same port, and ends when a hub refuses it.
-TEST(OrvaleProgramTest, ServeEndsCleanlyOnSignalsAndSubOutlivesARestart) {
-    ServeProcess serve;
-    auto sub = orvale({"sub", serve.url, "/a"});
-    // Publishes until the subscriber has printed `lines` lines.
-    auto printed = [&](std::size_t lines) {
-        return waitUntil(
-            [&] {
-                auto pub = orvale({"pub", serve.url, "/a", std::to_string(lines)});
-                return run(*pub) == 0 &&
-                       waitUntil([&] { return sub->lines().size() >= lines; }, 100ms);
-            },
-            20s);
-    };
-    ASSERT_TRUE(printed(1));
-    serve.process->kill(SIGINT);
-    EXPECT_EQ(run(*serve.process), 0);
-    const std::string port = serve.port();
-    serve = ServeProcess({"--port", port});
-    ASSERT_TRUE(printed(2)) << sub->errors();
-    serve.process->kill(SIGTERM);
-    EXPECT_EQ(run(*serve.process), 0);
-    ServeProcess keyed({"--port", port, "--api-key", "k"});
-    EXPECT_EQ(run(*sub), 1);
-    expectOneLine(*sub, "was lost");
 }
 
 }  // namespace

@@ -10,8 +10,9 @@
 
 namespace orvale::test {
 
-template <class T>
-std::string failureText(connector::Future<T>& future) {
+// Takes a future as an lvalue or as a temporary.
+template <class F>
+std::string failureText(F&& future) {
     if (!future.waitFor(std::chrono::seconds(5)))
         return "still pending";
     try {
@@ -20,11 +21,6 @@ std::string failureText(connector::Future<T>& future) {
         return e.what();
     }
     return "no exception";
-}
-
-template <class T>
-std::string failureText(connector::Future<T>&& future) {
-    return failureText(future);
 }
 
 }  // namespace orvale::test

@@ -47,22 +47,15 @@ class NatsCluster {
     };
 
     void start(int node) {
+        const auto at = [](int port) { return "nats://127.0.0.1:" + std::to_string(port); };
         std::string routes;
         for (int i = 0; i < static_cast<int>(ports_.size()); ++i)
             if (i != node)
-                routes += (routes.empty() ? "" : ",") + std::string("nats://127.0.0.1:") +
-                          std::to_string(ports_[i].route);
-        std::vector<std::string> argv{"nats-server",
-                                      "-a",
-                                      "127.0.0.1",
-                                      "-p",
-                                      std::to_string(ports_[node].client),
-                                      "--cluster_name",
-                                      "orvale-test",
-                                      "--cluster",
-                                      "nats://127.0.0.1:" + std::to_string(ports_[node].route)};
-        if (!routes.empty())
-            argv.insert(argv.end(), {"--routes", routes});
+                routes += (routes.empty() ? "" : ",") + at(ports_[i].route);
+        std::vector<std::string> argv{"nats-server", "-a", "127.0.0.1", "-p",
+                                      std::to_string(ports_[node].client)};
+        argv.insert(argv.end(), {"--cluster_name", "orvale-test", "--cluster",
+                                 at(ports_[node].route), "--routes", routes});
         servers_.resize(ports_.size());
         servers_[node] = std::make_unique<ChildProcess>(argv);
         if (!waitUntil([&] { return acceptsOnLoopback(ports_[node].client); },
