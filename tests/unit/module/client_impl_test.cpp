@@ -62,8 +62,7 @@ TEST_F(ClientTest, HandshakeNumbersRequestsAndStartsTheConnectLoop) {
 TEST_F(ClientTest, ConnectFailures) {
     auto client = make();
     auto connected = client->connect();
-    ASSERT_TRUE(transport->waitSent(1));
-    transport->reply(response<bx::HandshakeResponse>("0", false, "403::Unauthorized"));
+    handshakeAt(0, "abc", "403::Unauthorized");
     EXPECT_EQ(failureText(connected), "Bayeux message 0 failed, error: 403::Unauthorized");
     EXPECT_TRUE(
         capture.contains("Handshake error: Bayeux message 0 failed, error: 403::Unauthorized"));
@@ -115,23 +114,21 @@ TEST_F(ClientTest, RefusedCallsSendNothing) {
 TEST_F(ClientTest, SubscriptionsAreMirroredPerHolder) {
     auto client = connected();
     auto h1 = subscribed(client, "/a", "1");
-    auto h2 = subscribed(client, "/a/**", "2");
-    auto h3 = subscribed(client, "/a", "3");
+    auto h2 = subscribed(client, "/a", "2");
     EXPECT_EQ(
         wire(2),
         R"([{"channel":"/meta/subscribe","id":"2","clientId":"abc","subscription":"/orvale/a"}])");
-    EXPECT_EQ(transport->sent<bx::SubscribeRequest>(3)->getChannel(), "/orvale/a/**");
     const auto id1 = std::dynamic_pointer_cast<SubscriptionImpl2>(h1)->getId();
-    EXPECT_NE(id1, std::dynamic_pointer_cast<SubscriptionImpl2>(h3)->getId());
+    EXPECT_NE(id1, std::dynamic_pointer_cast<SubscriptionImpl2>(h2)->getId());
 
     auto cancelled = h1->unsubscribe();
-    ASSERT_TRUE(transport->waitSent(6));
-    EXPECT_EQ(transport->sent<bx::UnsubscribeRequest>(5)->getChannel(), "/orvale/a");
-    answer<bx::UnsubscribeResponse>(5);
+    ASSERT_TRUE(transport->waitSent(5));
+    EXPECT_EQ(transport->sent<bx::UnsubscribeRequest>(4)->getChannel(), "/orvale/a");
+    answer<bx::UnsubscribeResponse>(4);
     EXPECT_TRUE(cancelled.get().success);
     // The same id again finds nothing and sends nothing.
     EXPECT_TRUE(client->unsubscribeId(id1, nullptr).get().success);
-    EXPECT_EQ(transport->sentCount(), 6u);
+    EXPECT_EQ(transport->sentCount(), 5u);
 }
 
 TEST_F(ClientTest, FailedOrMistypedSubscribeAnswers) {
