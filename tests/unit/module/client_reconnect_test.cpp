@@ -51,8 +51,7 @@ TEST_F(ReconnectTest, BackoffDoublesToItsCeilingAndSubscriptionsResume) {
     EXPECT_EQ(client->getState(), ConnectionState::RECONNECTING);
     EXPECT_EQ(failureText(client->publish("/a", "1")),
               "MessageService is reconnecting: publish again once it is connected.");
-    auto refusing = std::make_shared<ScriptedTransport>();
-    refusing->install(*context, "refused");
+    std::make_shared<ScriptedTransport>()->install(*context, "refused");
     for (int i = 0; i < 4; ++i)
         ASSERT_TRUE(fire());
     EXPECT_EQ(waits, (std::vector<std::int64_t>{100, 200, 400, 400, 400}));

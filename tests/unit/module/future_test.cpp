@@ -103,8 +103,9 @@ TEST(Future, AbandonedOrCancelledFuturesFail) {
 }
 
 // A continuation runs at once on the calling thread when the value is there, else on the
-// thread that resolves; continuations chain.
-TEST(Future, ContinuationRunsWhereTheValueArrivesAndChains) {
+// thread that resolves, exactly once however the two race; continuations chain, and every
+// thread waiting on one future wakes.
+TEST(Future, ContinuationsAndWaitersAcrossThreads) {
     std::thread::id ranOn;
     auto next = makeReadyFuture<int>(20).then([&](Future<int>&& f) {
         ranOn = std::this_thread::get_id();
@@ -126,28 +127,25 @@ TEST(Future, ContinuationRunsWhereTheValueArrivesAndChains) {
     resolver.join();
     EXPECT_EQ(ranOn, resolverId);
     EXPECT_EQ(chained.get(), "5!");
-}
 
-// Resolution races attachment: every continuation runs exactly once with the value; and every
-// thread waiting on one future wakes.
-TEST(Future, ResolutionRacesAttachmentAndWakesEveryWaiter) {
+    // Resolution races attachment: every continuation runs exactly once with the value.
     constexpr int rounds = 2000;
     std::atomic<int> ran{0};
     std::atomic<long> sum{0};
     for (int i = 0; i < rounds; ++i) {
-        Promise<int> promise;
-        auto future = promise.getFuture();
-        std::thread resolver([&promise, i] { promise.setValue(i); });
+        Promise<int> racing;
+        auto raced = racing.getFuture();
+        std::thread setter([&racing, i] { racing.setValue(i); });
         if (i % 2 == 0) {
-            future.then([&](Future<int>&& f) {
+            raced.then([&](Future<int>&& f) {
                 sum += f.get();
                 ++ran;
             });
         } else {
-            sum += future.get();
+            sum += raced.get();
             ++ran;
         }
-        resolver.join();
+        setter.join();
     }
     EXPECT_EQ(ran.load(), rounds);
     EXPECT_EQ(sum.load(), static_cast<long>(rounds) * (rounds - 1) / 2);
