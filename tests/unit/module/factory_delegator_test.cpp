@@ -94,10 +94,6 @@ struct Any : std::any {
     bool Empty() const { return !has_value(); }
     const std::type_info& Type() const { return type(); }
 };
-template <class T>
-T any_cast(const Any& any) {
-    return std::any_cast<T>(static_cast<const std::any&>(any));
-}
 struct AnyMap : std::map<std::string, Any> {
     using std::map<std::string, Any>::map;
     Any AtCompoundKey(const std::string& key, Any otherwise) const {
@@ -107,7 +103,7 @@ struct AnyMap : std::map<std::string, Any> {
             return found == end() ? otherwise : found->second;
         if (found->second.Type() != typeid(AnyMap))
             return otherwise;
-        return any_cast<AnyMap>(found->second).AtCompoundKey(key.substr(dot + 1), otherwise);
+        return std::any_cast<AnyMap>(found->second).AtCompoundKey(key.substr(dot + 1), otherwise);
     }
 };
 struct ServiceReference {
