@@ -27,9 +27,11 @@ TEST(ServerServices, NothingLostUnderConcurrency) {
     };
     constexpr int publishers = 4;
     constexpr int perPublisher = 10000;
+    // The shared instance publishes too: the delegate keeps it, so it is still there to be
+    // disconnected, from a server it never joined, when the delegate goes.
     std::vector<std::shared_ptr<MessageService>> pubs;
     for (int p = 0; p < publishers; ++p)
-        pubs.push_back(create("pub" + std::to_string(p)));
+        pubs.push_back(create(p == 0 ? "shared" : "pub" + std::to_string(p)));
     auto steady = create("steady");
 
     // Counts deliveries of "p,i" and those out of order per publisher p.
