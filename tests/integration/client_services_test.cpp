@@ -15,29 +15,23 @@ using orvale::test::Inbox;
 using orvale::test::waitUntil;
 using namespace std::chrono_literals;
 
-class ClientServicesTest : public ::testing::Test {
-  protected:
-    void startHub(std::uint16_t port = 0) {
-        bayeux::EndpointOptions options;
-        options.port = port;
-        hub = bayeux::startBayeuxEndpoint(bayeux::makeBayeuxServer(), options);
-    }
-    bool reaches(const std::shared_ptr<MessageService>& service, ConnectionState state) {
-        return waitUntil([&] { return service->getState() == state; }, 10s);
-    }
-
+TEST(ClientServices, SubscriptionsResumeWhenTheHubComesBackOnItsPort) {
     // Before the delegator, so that deliveries still running at teardown find them.
     Inbox inbox, states;
     orvale::test::LogCapture capture;
     std::unique_ptr<bayeux::BayeuxEndpoint> hub;
-    std::shared_ptr<MessageServiceFactoryDelegatorImpl> delegator =
-        std::make_shared<MessageServiceFactoryDelegatorImpl>(
-            std::make_shared<MessageServiceFactoryServerDelegate>(bayeux::makeBayeuxServer()),
-            std::make_shared<MessageServiceFactoryClientDelegate>(makeContext()));
-};
-
-TEST_F(ClientServicesTest, SubscriptionsResumeWhenTheHubComesBackOnItsPort) {
-    startHub();
+    auto startHub = [&](std::uint16_t port) {
+        bayeux::EndpointOptions options;
+        options.port = port;
+        hub = bayeux::startBayeuxEndpoint(bayeux::makeBayeuxServer(), options);
+    };
+    auto delegator = std::make_shared<MessageServiceFactoryDelegatorImpl>(
+        std::make_shared<MessageServiceFactoryServerDelegate>(bayeux::makeBayeuxServer()),
+        std::make_shared<MessageServiceFactoryClientDelegate>(makeContext()));
+    auto reaches = [](const std::shared_ptr<MessageService>& service, ConnectionState state) {
+        return waitUntil([&] { return service->getState() == state; }, 10s);
+    };
+    startHub(0);
     const std::uint16_t port = hub->port();
     auto created = delegator->createMessageService(
         "c", {{"endpoint", "ws://127.0.0.1:" + std::to_string(port) + "/bayeux"},

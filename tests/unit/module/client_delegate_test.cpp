@@ -21,9 +21,7 @@ TEST_F(ClientDelegateTest, RegistersConnectedInstancesOnly) {
     ASSERT_TRUE(transport->waitSent(1));
     EXPECT_EQ(delegate->getMessageService("shared"), nullptr)
         << "not registered before it connects";
-    auto reply = response<bx::HandshakeResponse>("0");
-    reply->setClientId("abc");
-    transport->reply(std::move(reply));
+    handshakeAt(0);
     auto service = creating.get();
     EXPECT_EQ(delegate->getMessageService("shared"), service);
     EXPECT_EQ(delegate->createMessageService("shared", {{"endpoint", "ws://other"}}).get(),

@@ -45,14 +45,19 @@ class ClientTest : public ::testing::Test {
     void connect(const std::shared_ptr<MessageServiceClientImpl>& client) {
         const std::size_t before = transport->sentCount();
         auto connected = client->connect();
-        ASSERT_TRUE(transport->waitSent(before + 1));
-        const auto* handshake = transport->sent<bx::HandshakeRequest>(before);
-        ASSERT_NE(handshake, nullptr);
-        auto reply = response<bx::HandshakeResponse>(handshake->getId());
-        reply->setClientId("abc");
-        transport->reply(std::move(reply));
+        handshakeAt(before);
         ASSERT_TRUE(connected.waitFor(std::chrono::seconds(5)));
         ASSERT_EQ(connected.get(), ConnectionState::CONNECTED);
+    }
+    // Answers the handshake sent at `index` as the session `id`, or refuses it with `error`.
+    void handshakeAt(std::size_t index, const std::string& id = "abc",
+                     const std::string& error = {}) {
+        ASSERT_TRUE(transport->waitSent(index + 1));
+        const auto* handshake = transport->sent<bx::HandshakeRequest>(index);
+        ASSERT_NE(handshake, nullptr);
+        auto reply = response<bx::HandshakeResponse>(handshake->getId(), error.empty(), error);
+        reply->setClientId(id);
+        transport->reply(std::move(reply));
     }
 
     // Answers the index-th sent request successfully with a response of type T.

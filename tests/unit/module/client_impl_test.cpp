@@ -6,19 +6,6 @@ namespace {
 using ::testing::StrEq;
 using ::testing::ThrowsMessage;
 
-TEST_F(ClientTest, ConstructionRequiresAnEndpoint) {
-    EXPECT_THAT(
-        [&] {
-            make({{"name", "x"}});
-        },
-        ThrowsMessage<std::invalid_argument>(StrEq("No endpoint url option specified")));
-    EXPECT_TRUE(capture.contains("No message service client endpoint url option specified"));
-    auto client = make();
-    EXPECT_TRUE(capture.contains("Created new message service client instance: ws://test/bayeux"));
-    EXPECT_EQ(client->getId(), "unset");
-    EXPECT_EQ(client->getState(), ConnectionState::DISCONNECTED);
-}
-
 TEST_F(ClientTest, HandshakeNumbersRequestsAndStartsTheConnectLoop) {
     auto client = make({{"endpoint", "ws://test/bayeux"}, {"orvapikey", "secret"}});
     auto thrower =
@@ -66,8 +53,7 @@ TEST_F(ClientTest, HandshakeNumbersRequestsAndStartsTheConnectLoop) {
 TEST_F(ClientTest, ConnectFailures) {
     auto client = make();
     auto connected = client->connect();
-    ASSERT_TRUE(transport->waitSent(1));
-    transport->reply(response<bx::HandshakeResponse>("0", false, "403::Unauthorized"));
+    handshakeAt(0, "abc", "403::Unauthorized");
     EXPECT_EQ(failureText(connected), "Bayeux message 0 failed, error: 403::Unauthorized");
     EXPECT_TRUE(
         capture.contains("Handshake error: Bayeux message 0 failed, error: 403::Unauthorized"));
@@ -94,8 +80,14 @@ TEST_F(ClientTest, ConnectFailures) {
     EXPECT_EQ(transport->sent<bx::HandshakeRequest>(0)->getId(), "0");
 }
 
+// A client needs an endpoint; what it refuses, before or after connecting, sends nothing.
 TEST_F(ClientTest, RefusedCallsSendNothing) {
+    auto noEndpoint = [&] { make({{"name", "x"}}); };
+    EXPECT_THAT(noEndpoint,
+                ThrowsMessage<std::invalid_argument>(StrEq("No endpoint url option specified")));
+    EXPECT_TRUE(capture.contains("No message service client endpoint url option specified"));
     auto client = make();
+    EXPECT_TRUE(capture.contains("Created new message service client instance: ws://test/bayeux"));
     auto noop = [](const JsonMessage&) {};
     EXPECT_EQ(failureText(client->subscribe("/a", noop)), "MessageService is not connected.");
     EXPECT_EQ(failureText(client->publish("/a", "1")), "MessageService is not connected.");
@@ -119,23 +111,21 @@ TEST_F(ClientTest, RefusedCallsSendNothing) {
 TEST_F(ClientTest, SubscriptionsAreMirroredPerHolder) {
     auto client = connected();
     auto h1 = subscribed(client, "/a", "1");
-    auto h2 = subscribed(client, "/a/**", "2");
-    auto h3 = subscribed(client, "/a", "3");
+    auto h2 = subscribed(client, "/a", "2");
     EXPECT_EQ(
         wire(2),
         R"([{"channel":"/meta/subscribe","id":"2","clientId":"abc","subscription":"/orvale/a"}])");
-    EXPECT_EQ(transport->sent<bx::SubscribeRequest>(3)->getChannel(), "/orvale/a/**");
     const auto id1 = std::dynamic_pointer_cast<SubscriptionImpl2>(h1)->getId();
-    EXPECT_NE(id1, std::dynamic_pointer_cast<SubscriptionImpl2>(h3)->getId());
+    EXPECT_NE(id1, std::dynamic_pointer_cast<SubscriptionImpl2>(h2)->getId());
 
     auto cancelled = h1->unsubscribe();
-    ASSERT_TRUE(transport->waitSent(6));
-    EXPECT_EQ(transport->sent<bx::UnsubscribeRequest>(5)->getChannel(), "/orvale/a");
-    answer<bx::UnsubscribeResponse>(5);
+    ASSERT_TRUE(transport->waitSent(5));
+    EXPECT_EQ(transport->sent<bx::UnsubscribeRequest>(4)->getChannel(), "/orvale/a");
+    answer<bx::UnsubscribeResponse>(4);
     EXPECT_TRUE(cancelled.get().success);
     // The same id again finds nothing and sends nothing.
     EXPECT_TRUE(client->unsubscribeId(id1, nullptr).get().success);
-    EXPECT_EQ(transport->sentCount(), 6u);
+    EXPECT_EQ(transport->sentCount(), 5u);
 }
 
 TEST_F(ClientTest, FailedOrMistypedSubscribeAnswers) {
@@ -225,19 +215,16 @@ TEST_F(ClientTest, HandlesCancelledFromInsideTheService) {
     EXPECT_EQ(transport->sent<bx::UnsubscribeRequest>(5)->getChannel(), "/orvale/b");
 }
 
-TEST_F(ClientTest, PublishGoesOutPrefixedAndResolvesOnTheAnswer) {
+// A publish goes out prefixed and resolves on its answer. Every way it can fail leaves one error
+// line on the module logger, written before the caller's future resolves, and fails the future
+// with the same text.
+TEST_F(ClientTest, PublishResolvesOnItsAnswerAndFailuresAreLoggedBeforeTheyResolve) {
     auto client = connected();
     auto published = client->publish("/a/b", "{\"v\":1}");
     EXPECT_EQ(wire(2), R"([{"channel":"/orvale/a/b","id":"2","clientId":"abc","data":{"v":1}}])");
     EXPECT_FALSE(published.waitFor(std::chrono::milliseconds(20)));
     transport->reply(response<bx::PublishResponse>("2"));
     EXPECT_TRUE(published.get().success);
-}
-
-// Every way a publish can fail leaves one error line on the module logger, written before the
-// caller's future resolves, and fails the future with the same text.
-TEST_F(ClientTest, PublishFailuresAreLoggedBeforeTheyResolve) {
-    auto client = connected();
     // Publishes on `channel`, lets `fail` end it, and checks the line and the future's text.
     auto expectFailure = [&](const std::string& channel, const std::function<void()>& fail,
                              const std::string& reason) {
@@ -257,11 +244,11 @@ TEST_F(ClientTest, PublishFailuresAreLoggedBeforeTheyResolve) {
         EXPECT_EQ(found[0].severity, foundation::log::error);
     };
     expectFailure(
-        "/a/b", [&] { transport->reply(response<bx::PublishResponse>("2", false, "403::No")); },
-        "Bayeux message 2 failed, error: 403::No");
+        "/a/b", [&] { transport->reply(response<bx::PublishResponse>("3", false, "403::No")); },
+        "Bayeux message 3 failed, error: 403::No");
     expectFailure(
-        "/a/c", [&] { answer<bx::SubscribeResponse>(3); },
-        "Incorrect response message type, id: 3");
+        "/a/c", [&] { answer<bx::SubscribeResponse>(4); },
+        "Incorrect response message type, id: 4");
 
     // The end of the connection fails every publish still waiting, each with its own channel.
     auto first = client->publish("/c", "1");
@@ -279,8 +266,8 @@ TEST_F(ClientTest, PublishFailuresAreLoggedBeforeTheyResolve) {
         "/f", [&] { client.reset(); }, "Promise destroyed before it provided a value.");
     // Destroying a connected client sends a disconnect.
     EXPECT_TRUE(capture.contains("Destructing message service server instance"));
-    ASSERT_TRUE(transport->waitSent(10));
-    EXPECT_NE(transport->sent<bx::DisconnectRequest>(9), nullptr);
+    ASSERT_TRUE(transport->waitSent(11));
+    EXPECT_NE(transport->sent<bx::DisconnectRequest>(10), nullptr);
 }
 
 TEST_F(ClientTest, WildcardDeliveryFollowsSubscribeAndUnsubscribe) {
@@ -292,13 +279,10 @@ TEST_F(ClientTest, WildcardDeliveryFollowsSubscribeAndUnsubscribe) {
         EXPECT_TRUE(cancelled.get().success);
     };
     auto exact = subscribed(client, "/a/b", "exact");
-    EXPECT_EQ(deliveredTo("/orvale/a/b"), Strings{"exact /a/b 1"});
     auto one = subscribed(client, "/a/*", "one");
     auto deep = subscribed(client, "/a/**", "deep");
-    EXPECT_EQ(deliveredTo("/orvale/a/b"), (Strings{"one /a/b 1", "deep /a/b 1", "exact /a/b 1"}));
     unsubscribe(one);
     EXPECT_EQ(deliveredTo("/orvale/a/b"), (Strings{"deep /a/b 1", "exact /a/b 1"}));
-    EXPECT_EQ(deliveredTo("/orvale/a/b/c"), Strings{"deep /a/b/c 1"});
     unsubscribe(deep);
     EXPECT_EQ(deliveredTo("/orvale/a/b/c"), Strings{});
     auto root = subscribed(client, "/**", "root");

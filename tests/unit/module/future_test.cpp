@@ -21,30 +21,12 @@ std::string errorText(const std::function<void()>& action) {
     return "no exception";
 }
 
-// Values and failures reach get(), through continuations and flatten(); a throwing
-// continuation fails its own future with that exception.
-TEST(Future, ValuesAndFailuresPassThroughContinuationsAndFlatten) {
-    Promise<std::string> promise;
-    auto future = promise.getFuture();
-    EXPECT_FALSE(future.waitFor(std::chrono::milliseconds(10)));
-    promise.setValue("hello");
-    EXPECT_TRUE(future.waitFor(std::chrono::milliseconds(10)));
-    EXPECT_EQ(future.get(), "hello");
-    Promise<void> done;
-    auto voidFuture = done.getFuture();
-    done.setValue();
-    EXPECT_NO_THROW(voidFuture.get());
-    auto pointer = makeReadyFuture<std::unique_ptr<int>>(std::make_unique<int>(9));
-    EXPECT_EQ(pointer.then([](Future<std::unique_ptr<int>>&& f) { return *f.get() * 2; }).get(),
-              18);
-
+// Failures pass through continuations and flatten(); a throwing continuation fails its own
+// future with that exception.
+TEST(Future, FailuresPassThroughContinuationsAndFlatten) {
     struct Custom : std::runtime_error {
         using std::runtime_error::runtime_error;
     };
-    Promise<int> failing;
-    auto failed = failing.getFuture();
-    failing.setException(std::make_exception_ptr(std::invalid_argument("bad")));
-    EXPECT_THROW(failed.get(), std::invalid_argument);
     auto thrown = makeReadyFuture<int>(1).then([](Future<int>&&) -> int { throw Custom("boom"); });
     EXPECT_THROW(thrown.get(), Custom);
     EXPECT_EQ(failureText(makeFailedFuture<int>(std::invalid_argument("upstream"))
@@ -91,26 +73,21 @@ TEST(Future, MisuseTextsAreExact) {
     EXPECT_EQ(errorText([&] { withContinuation.get(); }), "Future state isn't valid!");
     Promise<int> movedPromise = std::move(chained);
     EXPECT_EQ(errorText([&] { chained.setValue(3); }), "Promise state isn't valid!");
-    EXPECT_EQ(errorText([&] { Future<int>().waitFor(std::chrono::milliseconds(1)); }),
-              "Future state isn't valid!");
 }
 
 // A future left without a value, by its promise's end or by cancellation, fails instead of
 // hanging, and so does a continuation waiting on it.
 TEST(Future, AbandonedOrCancelledFuturesFail) {
     const std::string abandoned = "Promise destroyed before it provided a value.";
-    Future<int> future, kept;
+    Future<int> future;
     std::string seen;
     {
-        Promise<int> promise, resolved, continued;
+        Promise<int> promise, continued;
         future = promise.getFuture();
-        kept = resolved.getFuture();
-        resolved.setValue(7);
         continued.getFuture().then([&](Future<int>&& f) { seen = errorText([&] { f.get(); }); });
     }
     EXPECT_EQ(failureText(future), abandoned);
     EXPECT_EQ(seen, abandoned);
-    EXPECT_EQ(kept.get(), 7) << "a resolved promise is destroyed silently";
 
     Promise<int> promise;
     auto cancelled = promise.getFuture();
@@ -126,8 +103,9 @@ TEST(Future, AbandonedOrCancelledFuturesFail) {
 }
 
 // A continuation runs at once on the calling thread when the value is there, else on the
-// thread that resolves; continuations chain.
-TEST(Future, ContinuationRunsWhereTheValueArrivesAndChains) {
+// thread that resolves, exactly once however the two race; continuations chain, and every
+// thread waiting on one future wakes.
+TEST(Future, ContinuationsAndWaitersAcrossThreads) {
     std::thread::id ranOn;
     auto next = makeReadyFuture<int>(20).then([&](Future<int>&& f) {
         ranOn = std::this_thread::get_id();
@@ -149,28 +127,25 @@ TEST(Future, ContinuationRunsWhereTheValueArrivesAndChains) {
     resolver.join();
     EXPECT_EQ(ranOn, resolverId);
     EXPECT_EQ(chained.get(), "5!");
-}
 
-// Resolution races attachment: every continuation runs exactly once with the value; and every
-// thread waiting on one future wakes.
-TEST(Future, ResolutionRacesAttachmentAndWakesEveryWaiter) {
+    // Resolution races attachment: every continuation runs exactly once with the value.
     constexpr int rounds = 2000;
     std::atomic<int> ran{0};
     std::atomic<long> sum{0};
     for (int i = 0; i < rounds; ++i) {
-        Promise<int> promise;
-        auto future = promise.getFuture();
-        std::thread resolver([&promise, i] { promise.setValue(i); });
+        Promise<int> racing;
+        auto raced = racing.getFuture();
+        std::thread setter([&racing, i] { racing.setValue(i); });
         if (i % 2 == 0) {
-            future.then([&](Future<int>&& f) {
+            raced.then([&](Future<int>&& f) {
                 sum += f.get();
                 ++ran;
             });
         } else {
-            sum += future.get();
+            sum += raced.get();
             ++ran;
         }
-        resolver.join();
+        setter.join();
     }
     EXPECT_EQ(ran.load(), rounds);
     EXPECT_EQ(sum.load(), static_cast<long>(rounds) * (rounds - 1) / 2);
@@ -185,6 +160,7 @@ TEST(Future, ResolutionRacesAttachmentAndWakesEveryWaiter) {
     for (auto& t : waiters)
         t.join();
     EXPECT_EQ(woken.load(), 4);
+    EXPECT_NO_THROW(future.get());
 }
 
 }  // namespace

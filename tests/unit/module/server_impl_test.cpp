@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include "connector/message_service/server_delegate.h"
 #include "failure_text.h"
 #include "inbox.h"
@@ -89,8 +87,12 @@ TEST_F(ServerImplTest, ConstructionStateAndLazyRegistration) {
     EXPECT_EQ(server->registrations, 2) << "registers again after a disconnect";
 }
 
-TEST_F(ServerImplTest, DisconnectNotifiesTwiceAndUnsubscribesEverySubscription) {
+// A throwing state listener is logged and the others still hear both states; a listener's id
+// cancels it through unsubscribeId without asking the server, and unknown ids succeed too.
+TEST_F(ServerImplTest, DisconnectNotifiesListenersAndUnsubscribesEverySubscription) {
     auto service = make();
+    auto throws = [](const StateChangeEvent&) { throw std::runtime_error("bad"); };
+    auto thrower = service->listenStateChange(throws).get();
     auto listener = watch(service);
     EXPECT_EQ(states.size(), 0u) << "registering does not call the listener";
     auto a1 = subscribed(service, "/a", "a1");
@@ -101,6 +103,8 @@ TEST_F(ServerImplTest, DisconnectNotifiesTwiceAndUnsubscribesEverySubscription) 
     EXPECT_TRUE(service->disconnect().get().success);
     EXPECT_EQ(states.snapshot(),
               (Strings{"CONNECTED->DISCONNECTING", "DISCONNECTING->DISCONNECTED"}));
+    EXPECT_TRUE(
+        capture.contains("Error executing state change listener: CONNECTED->DISCONNECTING, bad"));
     ASSERT_EQ(server->unsubscribes.size(), 3u);
     Strings channels;
     for (auto& r : server->unsubscribes) {
@@ -114,27 +118,14 @@ TEST_F(ServerImplTest, DisconnectNotifiesTwiceAndUnsubscribesEverySubscription) 
     service->deliver({"/orvale/a"}, published("/orvale/a", "1"));
     EXPECT_TRUE(seen.empty());
     EXPECT_EQ(failureText(service->publish("/a", "1")), "MessageService is not connected.");
-    // A second disconnect goes through both states again.
-    service->disconnect().get();
-    EXPECT_EQ(states.size(), 4u);
-}
 
-TEST_F(ServerImplTest, StateListenersThrowSafelyAndCancelById) {
-    auto service = make();
-    auto thrower =
-        service->listenStateChange([](const StateChangeEvent&) { throw std::runtime_error("bad"); })
-            .get();
-    auto counted = watch(service);
-    service->disconnect().get();
-    EXPECT_EQ(states.size(), 2u);
-    EXPECT_TRUE(
-        capture.contains("Error executing state change listener: CONNECTED->DISCONNECTING, bad"));
-    EXPECT_EQ(capture.count("Error executing state change listener: "), 2u);
-    // A listener's id cancels it through unsubscribeId; unknown ids succeed too.
-    EXPECT_TRUE(service->unsubscribeId(1, nullptr).get().success);
+    const auto id = std::dynamic_pointer_cast<SubscriptionImpl2>(listener)->getId();
+    EXPECT_TRUE(service->unsubscribeId(id, nullptr).get().success);
     EXPECT_TRUE(service->unsubscribeId(99, nullptr).get().success);
-    EXPECT_TRUE(server->unsubscribes.empty());
+    EXPECT_EQ(server->unsubscribes.size(), 3u);
+    // A second disconnect goes through both states again, to the listener still there.
     service->disconnect().get();
+    EXPECT_EQ(capture.count("Error executing state change listener: "), 4u);
     EXPECT_EQ(states.size(), 2u);
 }
 
@@ -167,7 +158,6 @@ TEST_F(ServerImplTest, ChannelChecksOfOrdinaryAndSharedServices) {
     auto shared = make("shared");
     auto noop = [](const JsonMessage&) {};
     EXPECT_EQ(failureText(ordinary->subscribe("/a b", noop)), "Channel pattern is invalid: /a b");
-    EXPECT_EQ(failureText(ordinary->subscribe("", noop)), "Channel pattern is invalid: ");
     EXPECT_NO_THROW(shared->subscribe("/a b", noop).get());
     EXPECT_EQ(failureText(shared->subscribe("/a/*/b", noop)), "Channel pattern is invalid: /a/*/b");
     EXPECT_EQ(failureText(shared->listenSubscribe("/a b", [](const SubscribeEvent&) {})),
@@ -175,7 +165,6 @@ TEST_F(ServerImplTest, ChannelChecksOfOrdinaryAndSharedServices) {
     EXPECT_EQ(failureText(ordinary->listenUnsubscribe("/a/*/b", [](const UnsubscribeEvent&) {})),
               "Channel pattern is invalid: /a/*/b");
 
-    EXPECT_EQ(failureText(ordinary->publish("/a/*", "1")), "Channel is invalid: /a/*");
     EXPECT_EQ(failureText(ordinary->publish("/a b", "1")), "Channel is invalid: /a b");
     EXPECT_TRUE(shared->publish("/a b", "1").get().success);
     EXPECT_EQ(failureText(shared->publish("/a/*", "1")), "Channel is invalid: /a/*");
@@ -193,7 +182,7 @@ TEST_F(ServerImplTest, PublishHandsThePrefixedRequestToTheServerAndLogsJson) {
     EXPECT_EQ(server->publishes[0]->getJson(), "{\"v\":1}");
     EXPECT_EQ(server->publishes[0]->getClientId(), service->getId());
     EXPECT_EQ(server->publishes[0]->getContextState(), context);
-    auto json = capture.find("Message Ignored.");
+    auto json = capture.find("Message Ignored. If you see this, JSON log formatting is broken.");
     ASSERT_EQ(json.size(), 1u);
     EXPECT_EQ(json[0].json,
               "{\"operation\":\"Publish\",\"channel\":\"/x/y\",\"content\":{\"v\":1}}");
@@ -214,14 +203,12 @@ TEST_F(ServerImplTest, CallbackMayCancelItselfAndThrowingCallbacksAreLogged) {
     auto service = make();
     std::shared_ptr<Subscription> self;
     int selfCalls = 0;
-    self = service
-               ->subscribe("/a",
-                           [&](const JsonMessage&) {
-                               ++selfCalls;
-                               self->unsubscribe();
-                               throw std::runtime_error("oops");
-                           })
-               .get();
+    auto cancelsItself = [&](const JsonMessage&) {
+        ++selfCalls;
+        self->unsubscribe();
+        throw std::runtime_error("oops");
+    };
+    self = service->subscribe("/a", cancelsItself).get();
     auto later = subscribed(service, "/a", "later");
     auto unknown = service->subscribe("/a", [](const JsonMessage&) { throw 42; }).get();
     service->deliver({"/orvale/a"}, published("/orvale/a", "1"));
@@ -230,25 +217,6 @@ TEST_F(ServerImplTest, CallbackMayCancelItselfAndThrowingCallbacksAreLogged) {
     EXPECT_EQ(seen, (Strings{"later /a 1", "later /a 2"}));
     EXPECT_TRUE(capture.contains("Caught exception from subscription callback: /a, oops"));
     EXPECT_EQ(capture.count("Caught unknown exception from subscription callback: /a"), 2u);
-}
-
-TEST_F(ServerImplTest, SlowCallbackWarnsTwiceFastOneDoesNot) {
-    auto service = make();
-    auto sleeping = [](int ms) {
-        return [ms](const JsonMessage&) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(ms));
-        };
-    };
-    auto slow = service->subscribe("/slow", sleeping(150)).get();
-    auto fast = service->subscribe("/fast", sleeping(50)).get();
-    service->deliver({"/orvale/fast"}, published("/orvale/fast", "1"));
-    EXPECT_EQ(capture.count("Callback took longer than expected"), 0u);
-    service->deliver({"/orvale/slow"}, published("/orvale/slow", "{\"s\":1}"));
-    auto warnings = capture.find(
-        "Callback took longer than expected, it may be deadlocked: /slow, json: {\"s\":1}, ");
-    ASSERT_EQ(warnings.size(), 2u);
-    EXPECT_EQ(warnings[0].severity, 256);
-    EXPECT_NE(warnings[0].channel, warnings[1].channel) << "module and instance logger";
 }
 
 TEST_F(ServerImplTest, ListenersSeeMatchingRequestsWithoutPrefix) {
@@ -260,10 +228,8 @@ TEST_F(ServerImplTest, ListenersSeeMatchingRequestsWithoutPrefix) {
     auto l1 = service->listenSubscribe("/a/*", note("one")).get();
     auto l2 = service->listenSubscribe("/a/**", note("any")).get();
     auto l3 = service->listenUnsubscribe("/a/b", note("unsubscribe")).get();
-    auto thrower =
-        service
-            ->listenSubscribe("/x", [](const SubscribeEvent&) { throw std::runtime_error("no"); })
-            .get();
+    auto throws = [](const SubscribeEvent&) { throw std::runtime_error("no"); };
+    auto thrower = service->listenSubscribe("/x", throws).get();
     for (const char* wire : {"/orvale/a/b/c", "/orvale/a/b", "/orvale", "/orvale/x"})
         service->deliver(std::make_shared<SubscribeRequest>(wire, "other"));
     service->deliver(std::make_shared<UnsubscribeRequest>("/orvale/a/b", "other"));
@@ -271,22 +237,19 @@ TEST_F(ServerImplTest, ListenersSeeMatchingRequestsWithoutPrefix) {
     EXPECT_TRUE(capture.contains("Error executing subscribe listener: /x, no"));
 }
 
-TEST(ServerDelegate, InstancesByNameAndTheSharedInstance) {
-    auto delegate =
-        std::make_shared<MessageServiceFactoryServerDelegate>(std::make_shared<RecordingServer>());
-    auto idOf = [](const std::shared_ptr<MessageService>& s) {
-        return std::dynamic_pointer_cast<MessageServiceServerImpl>(s)->getId();
-    };
+// The server delegate keeps named instances only while they are used, the shared one for good.
+TEST_F(ServerImplTest, DelegateInstancesByNameAndTheSharedInstance) {
+    auto delegate = std::make_shared<MessageServiceFactoryServerDelegate>(server);
     auto a = delegate->createMessageService("a", {}).get();
     EXPECT_EQ(delegate->createMessageService("a", {}).get(), a);
     EXPECT_EQ(delegate->getMessageService("a"), a);
-    const std::string firstId = idOf(a);
+    std::weak_ptr<MessageService> first = a;
     a.reset();
+    EXPECT_TRUE(first.expired());
     auto again = delegate->createMessageService("a", {}).get();
-    EXPECT_NE(idOf(again), firstId);
 
     std::weak_ptr<MessageService> shared = delegate->createMessageService("shared", {}).get();
-    EXPECT_FALSE(shared.expired()) << "the delegate keeps the shared instance";
+    EXPECT_FALSE(shared.expired());
     EXPECT_EQ(delegate->createMessageService("shared", {}).get(), shared.lock());
     EXPECT_EQ(delegate->getMessageService("shared"), nullptr);
     EXPECT_EQ(delegate->getMessageService("nobody"), nullptr);

@@ -7,7 +7,8 @@
 namespace connector::message_service {
 namespace {
 
-TEST(Types, StateNamesInLogLines) {
+// State names as log lines show them; every subscriber of one delivery reads the same payload.
+TEST(Types, StateNamesAndSharedPayloads) {
     const char* names[] = {"CONNECTED",    "CONNECTING",           "RECONNECTING", "DISCONNECTING",
                            "DISCONNECTED", "FATALLY_DISCONNECTED", "UNKNOWN!"};
     for (int state : {0, 1, 2, 3, 4, 5, 6, 1000}) {
@@ -15,9 +16,6 @@ TEST(Types, StateNamesInLogLines) {
         out << static_cast<ConnectionState>(state);
         EXPECT_EQ(out.str(), names[std::min(state, 6)]) << state;
     }
-}
-
-TEST(Types, JsonMessageSharesPayload) {
     auto request =
         std::make_shared<bayeux::PublishRequest>("/orvale/a", common::DataBuffer("{\"k\":1}"));
     JsonMessage first("/a", request), second("/a", request);
