@@ -16,7 +16,7 @@
 #include "bench_modes.h"
 #include "cli.h"
 #include "load.h"
-#include "loopback_ports.h"
+#include "nats_servers.h"
 #include "process.h"
 
 namespace orvale::app {
@@ -41,43 +41,25 @@ std::string fixed(double value, int decimals) {
 // Two hubs and the engine that joins them, all processes of their own: the publisher loads
 // the first hub, the subscribers the second.
 struct Pair {
-    std::vector<std::unique_ptr<ChildProcess>> engine;  // nats-server nodes or redis-server
+    std::unique_ptr<tools::NatsServers> nats;  // the engine: nats-server nodes,
+    std::unique_ptr<ChildProcess> redis;       // or redis-server
     std::unique_ptr<ChildProcess> first, second;
     std::unique_ptr<LoadRunner> load;
     std::unique_ptr<BareLoad> bare;
 
-    static double cpu(const std::vector<std::unique_ptr<ChildProcess>>& processes) {
-        double total = 0;
-        for (const auto& process : processes)
-            total += process->cpuSeconds();
-        return total;
-    }
     double hubCpu() const { return first->cpuSeconds() + second->cpuSeconds(); }
-    double engineCpu() const { return cpu(engine); }
+    double engineCpu() const { return nats ? nats->cpuSeconds() : redis->cpuSeconds(); }
 };
 
 // One nats-server both hubs use, or two routed nodes, a hub on each.
 std::unique_ptr<Pair> orvalePair(const ClusterBenchSettings& settings) {
     auto pair = std::make_unique<Pair>();
     const int nodes = settings.natsNodes;
-    const int clients[] = {tools::freeLoopbackPort(), tools::freeLoopbackPort()},
-              routes[] = {tools::freeLoopbackPort(), tools::freeLoopbackPort()};
-    for (int i = 0; i < nodes; ++i) {
-        std::vector<std::string> argv{
-            "nats-server", "-a",       "127.0.0.1", "-p", std::to_string(clients[i]),
-            "--log",       "/dev/null"};
-        if (nodes > 1)
-            argv.insert(argv.end(), {"--cluster_name", "bench", "--cluster",
-                                     "nats://127.0.0.1:" + std::to_string(routes[i]), "--routes",
-                                     "nats://127.0.0.1:" + std::to_string(routes[1 - i])});
-        pair->engine.push_back(std::make_unique<ChildProcess>(argv));
-        waitFor([&] { return tools::acceptsOnLoopback(clients[i]); }, "nats-server");
-    }
+    pair->nats = std::make_unique<tools::NatsServers>(nodes);
     auto hub = [&](int i) {
-        auto process = std::make_unique<ChildProcess>(std::vector<std::string>{
-            settings.hub, "serve", "--port", "0", "--max-sessions", "1000000", "--cluster",
-            "nats://127.0.0.1:" + std::to_string(clients[i % nodes])});
-        return process;
+        return std::make_unique<ChildProcess>(
+            std::vector<std::string>{settings.hub, "serve", "--port", "0", "--max-sessions",
+                                     "1000000", "--cluster", pair->nats->url(i % nodes)});
     };
     pair->first = hub(0);
     pair->second = hub(1);
@@ -92,9 +74,9 @@ std::unique_ptr<Pair> orvalePair(const ClusterBenchSettings& settings) {
 std::unique_ptr<Pair> fayePair(const ClusterBenchSettings& settings, const std::string& dir) {
     auto pair = std::make_unique<Pair>();
     const std::string socket = dir + "/redis.sock";
-    pair->engine.push_back(std::make_unique<ChildProcess>(
+    pair->redis = std::make_unique<ChildProcess>(
         std::vector<std::string>{"redis-server", "--port", "0", "--unixsocket", socket, "--save",
-                                 "", "--appendonly", "no", "--logfile", "/dev/null"}));
+                                 "", "--appendonly", "no", "--logfile", "/dev/null"});
     struct stat info;
     waitFor([&] { return ::stat(socket.c_str(), &info) == 0; }, "redis-server");
     auto faye = [&] {
@@ -191,13 +173,10 @@ int runClusterBench(const ClusterBenchSettings& settings) {
     // One hub alone, with and without a cluster link that carries nothing.
     std::vector<Run> alone[2];
     {
-        const int port = tools::freeLoopbackPort();
-        ChildProcess linked(
-            {"nats-server", "-a", "127.0.0.1", "-p", std::to_string(port), "--log", "/dev/null"});
-        waitFor([&] { return tools::acceptsOnLoopback(port); }, "nats-server");
+        const tools::NatsServers nats(1);
         ChildProcess plain({settings.hub, "serve", "--port", "0", "--max-sessions", "1000000"});
         ChildProcess joined({settings.hub, "serve", "--port", "0", "--max-sessions", "1000000",
-                             "--cluster", "nats://127.0.0.1:" + std::to_string(port)});
+                             "--cluster", nats.url(0)});
         LoadRunner loads[] = {{plain.firstLine(10s), settings.window},
                               {joined.firstLine(10s), settings.window}};
         for (auto& load : loads)

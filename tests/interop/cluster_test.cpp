@@ -9,16 +9,19 @@
 #include "connector/bayeux/server.h"
 #include "connector/message_service.h"
 #include "inbox.h"
-#include "nats_cluster.h"
+#include "log_capture.h"
+#include "nats_servers.h"
 
 namespace orvale::test {
 namespace {
+
+using tools::NatsServers;
 
 namespace ms = connector::message_service;
 namespace bayeux = connector::bayeux;
 
 // `orvale serve` joined to the cluster through `node`, with the other nodes to fall back on.
-std::unique_ptr<ServeProcess> hub(const NatsCluster& nats, int node) {
+std::unique_ptr<ServeProcess> hub(const NatsServers& nats, int node) {
     return std::make_unique<ServeProcess>(
         std::vector<std::string>{"--cluster", boost::algorithm::join(nats.urls(node), ",")});
 }
@@ -87,7 +90,7 @@ TEST(ClusterTest, PeersOnEveryMemberExchangeMessagesOnceInOrder) {
     ORVALE_REQUIRE_NODE();
     constexpr int kCount = 20;
     const std::vector<std::string> names{"client", "cometd", "faye", "host"};
-    NatsCluster nats(3);
+    NatsServers nats(3);
     Inbox heard;                                                 // outlives the listeners
     std::vector<std::shared_ptr<bayeux::BayeuxServer>> members;  // this process's, one per node
     for (int node = 0; node < 3; ++node)
@@ -175,7 +178,7 @@ int lastTick(const ChildProcess& peer) {
 // again on B and the ticks come on.
 TEST(ClusterTest, TrafficOutlivesADeadNatsNodeAndADeadHub) {
     ORVALE_REQUIRE_NODE();
-    NatsCluster nats(3);
+    NatsServers nats(3);
     auto a = hub(nats, 0), b = hub(nats, 1);
     auto member = bayeux::makeBayeuxServer({1, nats.urls(2)});
     auto faye = node("bayeux_client.js", {"faye", a->httpUrl() + "," + b->httpUrl(), "mesh", "faye",

@@ -9,7 +9,8 @@
 #include "connector/bayeux/server.h"
 #include "inbox.h"
 #include "log_capture.h"
-#include "nats_cluster.h"
+#include "loopback_ports.h"
+#include "nats_servers.h"
 
 namespace connector::bayeux::cluster {
 namespace {
@@ -78,7 +79,7 @@ bool settle(NatsLink& from, orvale::test::Inbox& to, const std::string& subject)
 // Between nodes, never echoed to the publisher, with interest counted; and when a link's node
 // dies, it resumes through another. Order and uniqueness are the clustered server's tests.
 TEST(NatsLink, CarriesMessagesAndResumesThroughAnotherNode) {
-    orvale::test::NatsCluster nats(3);
+    orvale::tools::NatsServers nats(3);
     orvale::test::Inbox atA, atB;
     NatsLink a(on(nats.urls(0)), into(atA));
     NatsLink b(on(nats.urls(1)), into(atB));
@@ -102,7 +103,7 @@ TEST(NatsLink, CarriesMessagesAndResumesThroughAnotherNode) {
 }
 
 TEST(NatsLink, NamesTheClusterItCannotReach) {
-    const std::string url = "nats://127.0.0.1:" + std::to_string(orvale::test::freeLoopbackPort());
+    const std::string url = "nats://127.0.0.1:" + std::to_string(orvale::tools::freeLoopbackPort());
     try {
         makeBayeuxServer({1, {url}});
         FAIL() << "connected to nothing";

@@ -11,7 +11,7 @@
 #include "connector/bayeux/server.h"
 #include "inbox.h"
 #include "log_capture.h"
-#include "nats_cluster.h"
+#include "nats_servers.h"
 
 namespace connector::bayeux {
 namespace {
@@ -61,7 +61,7 @@ void publish(BayeuxServer& server, const std::string& channel, const std::string
 }
 
 struct Member {
-    Member(const orvale::test::NatsCluster& nats, int node, const std::string& id)
+    Member(const orvale::tools::NatsServers& nats, int node, const std::string& id)
         : server(makeBayeuxServer({1, nats.urls(node)})), session(std::make_shared<Recorder>(id)) {
         server->registerSession(session);
     }
@@ -80,7 +80,7 @@ struct Member {
 // message once (no echo of its own), each thread's in order; /service channels stay home.
 TEST(ClusteredServer, MembersShareChannelsOnceInOrderUnderConcurrentPublishers) {
     constexpr int kMembers = 4, kThreads = 2, kMessages = 200;
-    orvale::test::NatsCluster nats(3);
+    orvale::tools::NatsServers nats(3);
     std::vector<std::unique_ptr<Member>> members;
     for (int m = 0; m < kMembers; ++m) {
         members.push_back(std::make_unique<Member>(nats, m % 3, "m" + std::to_string(m)));
@@ -138,7 +138,7 @@ TEST(ClusteredServer, MembersShareChannelsOnceInOrderUnderConcurrentPublishers) 
 // A member sends NATS only what another member's sessions want: nothing while it is alone, a
 // pattern's channels once another member subscribes to it, nothing once that one leaves.
 TEST(ClusteredServer, SendsOnlyWhatAnotherMemberWants) {
-    orvale::test::NatsCluster nats(1);
+    orvale::tools::NatsServers nats(1);
     auto join = [&] {
         return std::make_shared<cluster::ClusteredServer>(
             makeBayeuxServer(), nats.urls(0), cluster::MembershipTimings{100ms, 300ms, 1000ms});

@@ -3,8 +3,9 @@
 // (also with a cluster whose NATS server dies), and the routes staying off unless asked for.
 
 #include "endpoint_clients.h"
+#include "log_capture.h"
 #include "metrics_scrape.h"
-#include "nats_cluster.h"
+#include "nats_servers.h"
 
 namespace connector::bayeux::endpoint_test {
 namespace {
@@ -116,7 +117,7 @@ TEST_F(OperatorRoutesTest, RoutesAreOffUnlessAskedForAndReadinessFollowsRoom) {
 }
 
 TEST_F(OperatorRoutesTest, ReadinessAndLinkMetricsFollowTheCluster) {
-    orvale::test::NatsCluster nats(1);
+    orvale::tools::NatsServers nats(1);
     server = makeBayeuxServer(BayeuxServerOptions{1, {nats.url(0)}});
     startWithRoutes();
     EXPECT_EQ(status("/readyz"), 200u);
