@@ -68,6 +68,32 @@ std::optional<json::object> find(const Messages& messages, const Predicate& pred
     return it == messages.end() ? std::nullopt : std::optional<json::object>(*it);
 }
 
+inline bool successful(const std::optional<json::object>& message) {
+    const json::value* v = message ? message->if_contains("successful") : nullptr;
+    return v && v->is_bool() && v->get_bool();
+}
+
+// The error of a refused request; "(succeeded)" when it succeeded, "(no reply)" when none came.
+inline std::string error(const std::optional<json::object>& message) {
+    return !message ? "(no reply)" : successful(message) ? "(succeeded)" : str(*message, "error");
+}
+
+// The advice as JSON text, "" when there is none.
+inline std::string advice(const std::optional<json::object>& message) {
+    const json::value* v = message ? message->if_contains("advice") : nullptr;
+    return v ? json::serialize(*v) : "";
+}
+
+inline bool isDelivery(const json::object& m) {
+    return m.contains("data") && !m.contains("successful");
+}
+
+// A delivery as "channel data"; "(none)" when there is none.
+inline std::string delivery(const std::optional<json::object>& m) {
+    return m && isDelivery(*m) ? str(*m, "channel") + " " + json::serialize(m->at("data"))
+                               : "(none)";
+}
+
 // Runs `io` until `done` holds or `timeout` passes.
 inline bool runUntil(asio::io_context& io, const std::function<bool()>& done,
                      std::chrono::milliseconds timeout = kWait) {
@@ -141,6 +167,8 @@ class RawWebSocket {
         });
         return found;
     }
+    // The next delivery, as delivery() shows it.
+    std::string nextDelivery() { return delivery(await(isDelivery)); }
     // Sends `frame` and waits for the reply carrying message id `id`.
     std::optional<json::object> call(const std::string& frame, const std::string& id) {
         return send(frame) ? await(withId(id)) : std::nullopt;
@@ -214,6 +242,12 @@ class RawHttp {
         return HttpReply{response_.result_int(), response_.body(), http::fields(response_.base())};
     }
 
+    // The message of that reply that carries message id `id`.
+    std::optional<json::object> finish(const std::string& id) {
+        const auto reply = finish();
+        return reply ? find(reply->messages(), withId(id)) : std::nullopt;
+    }
+
     std::optional<HttpReply> post(const std::string& body, const std::string& target = "/bayeux",
                                   http::verb verb = http::verb::post, const Headers& headers = {}) {
         start(body, target, verb, headers);
@@ -221,8 +255,8 @@ class RawHttp {
     }
     // Posts `frame` and returns the reply carrying message id `id`.
     std::optional<json::object> call(const std::string& frame, const std::string& id) {
-        const auto reply = post(frame);
-        return reply ? find(reply->messages(), withId(id)) : std::nullopt;
+        start(frame);
+        return finish(id);
     }
 
     const std::string& cookie() const { return cookie_; }
@@ -300,26 +334,6 @@ inline std::string handshakes(int count, const std::string& prefix = "") {
 // `count` numbers in a frame: messages the hub cannot read, each earning an error reply.
 inline std::string unreadable(int count) {
     return batch(std::vector<std::string>(count, "[1]"));
-}
-
-inline bool successful(const std::optional<json::object>& message) {
-    const json::value* v = message ? message->if_contains("successful") : nullptr;
-    return v && v->is_bool() && v->get_bool();
-}
-
-// The error of a refused request; "(succeeded)" when it succeeded, "(no reply)" when none came.
-inline std::string error(const std::optional<json::object>& message) {
-    return !message ? "(no reply)" : successful(message) ? "(succeeded)" : str(*message, "error");
-}
-
-// The advice as JSON text, "" when there is none.
-inline std::string advice(const std::optional<json::object>& message) {
-    const json::value* v = message ? message->if_contains("advice") : nullptr;
-    return v ? json::serialize(*v) : "";
-}
-
-inline bool isDelivery(const json::object& m) {
-    return m.contains("data") && !m.contains("successful");
 }
 
 class EndpointTest : public ::testing::Test {
