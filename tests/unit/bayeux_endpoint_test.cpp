@@ -194,25 +194,18 @@ TEST_F(EndpointTest, TheApiKeyAndTheSessionCapGuardHandshakes) {
     EXPECT_TRUE(successful(ws.call(handshake("5", key), "5")));
 }
 
-TEST_F(EndpointTest, OversizedFramesAndBodiesAreRefused) {
+// An HTTP body over the message bound is refused and its connection closed; others are served.
+TEST_F(EndpointTest, OversizedBodiesAreRefused) {
     start([](EndpointOptions& o) { o.maxMessageBytes = 4096; });
     LogCapture log;
-    RawWebSocket big(port);
-    const std::string id = open(big);
-    big.send(publish(id, "2", "/big", quote(std::string(8000, 'x'))));
-    EXPECT_TRUE(big.awaitClosed());
-    EXPECT_TRUE(waitUntil(
-        [&] { return log.count("Closed a WebSocket that sent a frame over 4096") == 1; }));
-
     RawHttp http(port);
+    const std::string id = open(http);
     auto refused = http.post(publish(id, "3", "/big", quote(std::string(8000, 'x'))));
     ASSERT_TRUE(refused);
     EXPECT_EQ(refused->status, 413u);
-
-    // Everyone else is still served, the same session included (from its browser).
-    RawWebSocket small(port, cookiePair(big.setCookie()));
-    EXPECT_TRUE(
-        successful(small.call(publish(id, "4", "/big", quote(std::string(100, 'x'))), "4")));
+    EXPECT_EQ(log.count("Refused an HTTP body over 4096 bytes"), 1u);
+    EXPECT_TRUE(successful(RawHttp(port, http.cookie())
+                               .call(publish(id, "4", "/big", quote(std::string(100, 'x'))), "4")));
 }
 
 // The documented overflow policy: a queue full by count or by bytes drops its oldest messages
@@ -271,12 +264,15 @@ TEST_F(EndpointTest, AFullQueueDropsItsOldestMessagesAndSaysHowMany) {
     }
 }
 
-TEST_F(EndpointTest, ExpiredSessionsLoseTheirSubscriptions) {
+// Sessions that expire, and those still live when the endpoint stops, end with their
+// subscriptions.
+TEST_F(EndpointTest, ExpiredAndStoppedSessionsLoseTheirSubscriptions) {
     start([](EndpointOptions& o) { o.sessionTimeout = 300ms; });
     LogCapture log;
     auto watcher = service("watcher");
-    Heard heard;
+    Heard heard, published;
     auto listeners = listen(*watcher, "/exp/**", heard);
+    auto inbound = watcher->subscribe("/in", published.sink()).get();
 
     // A long-polling client that never connects.
     RawHttp poll(port);
@@ -299,28 +295,21 @@ TEST_F(EndpointTest, ExpiredSessionsLoseTheirSubscriptions) {
     EXPECT_EQ(log.count("Session " + quiet + " expired"), 1u);
     EXPECT_EQ(log.count("Session " + gone + " expired"), 1u);
     EXPECT_EQ(error(poll.call(connect(quiet, "4", 0, "long-polling"), "4")), "402::Unknown client");
-}
 
-TEST_F(EndpointTest, StoppingEndsEverySession) {
-    start();
-    auto watcher = service("watcher");
-    Heard heard;
-    auto listeners = listen(*watcher, "/**", heard);
-    auto inbound =
-        watcher->subscribe("/stop/in", [&](const JsonMessage& m) { heard.add(m); }).get();
-    RawWebSocket ws(port);
-    const std::string id = open(ws);
-    ASSERT_TRUE(successful(ws.call(subscribe(id, "2", "/orvale/stop"), "2")));
-    ASSERT_TRUE(ws.send(connect(id, "3")));
+    // A live WebSocket session, its connect held.
+    RawWebSocket live(port);
+    const std::string id = open(live);
+    ASSERT_TRUE(live.send(connect(id, "c")));
+    ASSERT_TRUE(successful(live.call(subscribe(id, "2", "/orvale/exp/d"), "2")));
     // What a remote client publishes below /orvale reaches server services without the prefix.
-    ASSERT_TRUE(successful(ws.call(publish(id, "4", "/orvale/stop/in", R"({"n":1})"), "4")));
-    ASSERT_TRUE(waitUntil([&] { return heard.has(R"(/stop/in {"n":1})"); }));
+    ASSERT_TRUE(successful(live.call(publish(id, "3", "/orvale/in", R"({"n":1})"), "3")));
+    ASSERT_TRUE(waitUntil([&] { return published.has(R"(/in {"n":1})"); }));
     const auto servedPort = endpoint->port();
     endpoint->stop();
     EXPECT_EQ(endpoint->sessionCount(), 0u);
     EXPECT_EQ(endpoint->port(), servedPort);
-    EXPECT_TRUE(waitUntil([&] { return heard.has("-/stop"); }));
-    EXPECT_TRUE(ws.awaitClosed());
+    EXPECT_TRUE(waitUntil([&] { return heard.has("-/exp/d"); }));
+    EXPECT_TRUE(live.awaitClosed());
     EXPECT_THROW(RawWebSocket again(servedPort), std::runtime_error);
 }
 

@@ -1,6 +1,6 @@
 // The hub's admission rules, against raw WebSocket and HTTP clients: a session serves only the
 // client that made it (its WebSocket, or its browser's cookie), and no one connection can crowd
-// out the others with handshakes, huge frames or sessions that never connect.
+// out the others with handshakes or huge frames.
 
 #include <gtest/gtest.h>
 
@@ -150,19 +150,6 @@ TEST_F(EndpointTest, AFrameOverTheMessageCapIsRefusedWhole) {
     ASSERT_TRUE(within.send(handshakes(10)));
     EXPECT_TRUE(within.awaitCount(10));
     EXPECT_EQ(endpoint->sessionCount(), 10u);
-}
-
-// A session never connected ends after the short grace, not the session timeout.
-TEST_F(EndpointTest, ASessionThatNeverConnectsExpiresAfterTheGrace) {
-    start([](EndpointOptions& o) { o.connectGrace = 300ms; });
-    LogCapture log;
-    RawWebSocket ws(port);
-    const std::string silent = open(ws);
-    const std::string active = open(ws);
-    ASSERT_TRUE(successful(ws.call(connect(active, "c", 0), "c")));
-    ASSERT_TRUE(waitUntil([&] { return endpoint->sessionCount() == 1; }));
-    EXPECT_EQ(log.count("Session " + silent + " expired without ever sending /meta/connect"), 1u);
-    EXPECT_TRUE(successful(ws.call(connect(active, "d", 0), "d")));
 }
 
 }  // namespace

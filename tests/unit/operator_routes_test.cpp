@@ -47,7 +47,8 @@ TEST_F(OperatorRoutesTest, MetricsAndFiguresCountAKnownTrafficPattern) {
     ASSERT_TRUE(ws.send(connect(id, "c")));
     ASSERT_TRUE(successful(ws.call(subscribe(id, "s", "/a"), "s")));
     // A long-polling subscriber that never connects: one of three messages overflows its queue,
-    // the other two are lost when it expires.
+    // the other two are lost when it expires after the grace, long before the session timeout.
+    LogCapture log;
     RawHttp lp(port);
     const std::string lpId = open(lp);
     ASSERT_TRUE(successful(lp.call(subscribe(lpId, "s", "/a"), "s")));
@@ -58,6 +59,7 @@ TEST_F(OperatorRoutesTest, MetricsAndFiguresCountAKnownTrafficPattern) {
     EXPECT_EQ(error(ws.call(subscribe(id, "m", "/meta/x"), "m")), "403:/meta/x:Forbidden channel");
     EXPECT_EQ(error(ws.call(publish("nobody", "u", "/a", "1"), "u")), "402::Unknown client");
     ASSERT_TRUE(waitUntil([&] { return endpoint->sessionCount() == 1; }, 3s));
+    EXPECT_EQ(log.count("Session " + lpId + " expired without ever sending /meta/connect"), 1u);
 
     EXPECT_EQ(scrape(R"({
         "orvale_sessions{transport=\"websocket\"}": 1,
