@@ -279,8 +279,12 @@ TEST_F(EndpointTest, ExpiredAndStoppedSessionsLoseTheirSubscriptions) {
     start([](EndpointOptions& o) { o.sessionTimeout = 300ms; });
     LogCapture log;
     auto watcher = service("watcher");
-    Heard heard, published;
-    auto listeners = listen(*watcher, "/exp/**", heard);
+    orvale::test::Inbox heard, published;  // subscriptions as "+/a" and "-/a", and publishes
+    auto noted = [&heard](std::string sign) {
+        return [&heard, sign](const auto& e) { heard.add(sign + e.getChannel()); };
+    };
+    auto subscribed = watcher->listenSubscribe("/exp/**", noted("+")).get();
+    auto unsubscribed = watcher->listenUnsubscribe("/exp/**", noted("-")).get();
     auto inbound = watcher->subscribe("/in", published.sink()).get();
 
     // A long-polling client that never connects.

@@ -35,7 +35,6 @@ namespace beast = boost::beast;
 namespace http = beast::http;
 using Clock = std::chrono::steady_clock;
 using Predicate = std::function<bool(const json::object&)>;
-using Heard = orvale::test::Inbox;  // what a server service hears, from any thread
 inline constexpr std::chrono::milliseconds kWait{5000};
 
 // The messages of a frame: an array of objects, or a single object; none in text that is not
@@ -365,17 +364,6 @@ class EndpointTest : public ::testing::Test {
 
     std::shared_ptr<MessageService> service(const std::string& name) {
         return services->createMessageService(name, {}).get();
-    }
-
-    // Notes in `heard` what `watcher` hears of subscriptions ("+/a") and unsubscriptions ("-/a").
-    std::vector<std::shared_ptr<message_service::Subscription>> listen(MessageService& watcher,
-                                                                       const std::string& pattern,
-                                                                       Heard& heard) {
-        auto noted = [&heard](const char* sign) {
-            return [&heard, sign](const auto& e) { heard.add(sign + e.getChannel()); };
-        };
-        return {watcher.listenSubscribe(pattern, noted("+")).get(),
-                watcher.listenUnsubscribe(pattern, noted("-")).get()};
     }
 
     // One delivery thread: what a session is handed follows publication order across sessions.
