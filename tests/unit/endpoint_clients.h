@@ -296,8 +296,8 @@ inline std::string connect(const std::string& clientId, const std::string& id, i
 }
 
 inline std::string subscribe(const std::string& clientId, const std::string& id,
-                             const std::string& channel, const char* meta_ = "/meta/subscribe") {
-    return meta(meta_, clientId, id, ",\"subscription\":" + quote(channel));
+                             const std::string& channel, const char* on = "/meta/subscribe") {
+    return meta(on, clientId, id, ",\"subscription\":" + quote(channel));
 }
 
 inline std::string unsubscribe(const std::string& clientId, const std::string& id,
@@ -337,16 +337,11 @@ inline std::string unreadable(int count) {
 
 class EndpointTest : public ::testing::Test {
   protected:
-    static EndpointOptions defaults() {
+    // Starts with the tests' defaults as `change` leaves them.
+    void start(const std::function<void(EndpointOptions&)>& change = nullptr) {
         EndpointOptions options;
         options.connectTimeout = 20s;
         options.sessionTimeout = 30s;
-        return options;
-    }
-
-    // Starts with the defaults as `change` leaves them.
-    void start(const std::function<void(EndpointOptions&)>& change = nullptr) {
-        auto options = defaults();
         if (change)
             change(options);
         endpoint = startBayeuxEndpoint(server, std::move(options));
