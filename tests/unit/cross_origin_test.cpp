@@ -9,8 +9,6 @@
 namespace connector::bayeux::endpoint_test {
 namespace {
 
-namespace http = boost::beast::http;
-
 // Every byte escaped, as a form encoder may.
 std::string formEncoded(const std::string& text) {
     std::string out;

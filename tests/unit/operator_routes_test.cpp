@@ -9,18 +9,10 @@
 namespace connector::bayeux::endpoint_test {
 namespace {
 
-using boost::beast::http::verb;
+using http::verb;
 
 class OperatorRoutesTest : public EndpointTest {
   protected:
-    void startWithRoutes(const std::function<void(EndpointOptions&)>& change = nullptr) {
-        start([&](EndpointOptions& o) {
-            o.operatorRoutes = true;
-            if (change)
-                change(o);
-        });
-    }
-
     std::optional<HttpReply> get(const std::string& path, verb method = verb::get) {
         return RawHttp(port).post("", path, method);
     }
@@ -37,7 +29,8 @@ class OperatorRoutesTest : public EndpointTest {
 };
 
 TEST_F(OperatorRoutesTest, MetricsAndFiguresCountAKnownTrafficPattern) {
-    startWithRoutes([](EndpointOptions& o) {
+    start([](EndpointOptions& o) {
+        o.operatorRoutes = true;
         o.maxQueuePerSession = 2;
         o.connectGrace = 300ms;
     });
@@ -97,7 +90,10 @@ TEST_F(OperatorRoutesTest, RoutesAreOffUnlessAskedForAndReadinessFollowsRoom) {
         EXPECT_EQ(status(path), 404u) << path;
     endpoint.reset();
 
-    startWithRoutes([](EndpointOptions& o) { o.maxSessions = 1; });
+    start([](EndpointOptions& o) {
+        o.operatorRoutes = true;
+        o.maxSessions = 1;
+    });
     EXPECT_EQ(status("/healthz"), 200u);
     EXPECT_EQ(status("/readyz"), 200u);
     EXPECT_EQ(status("/metrics", verb::post), 405u);
@@ -117,7 +113,7 @@ TEST_F(OperatorRoutesTest, RoutesAreOffUnlessAskedForAndReadinessFollowsRoom) {
 TEST_F(OperatorRoutesTest, ReadinessAndLinkMetricsFollowTheCluster) {
     orvale::test::NatsCluster nats(1);
     server = makeBayeuxServer(BayeuxServerOptions{1, {nats.url(0)}});
-    startWithRoutes();
+    start([](EndpointOptions& o) { o.operatorRoutes = true; });
     EXPECT_EQ(status("/readyz"), 200u);
     EXPECT_EQ(scrape(R"({"orvale_cluster_link_up": 1, "orvale_cluster_lost_messages_total": 0})"),
               "");

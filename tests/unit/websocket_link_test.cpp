@@ -14,8 +14,6 @@
 namespace connector::bayeux::endpoint_test {
 namespace {
 
-namespace asio = boost::asio;
-namespace beast = boost::beast;
 namespace websocket = beast::websocket;
 
 // The most memory this process has held since the last call, which resets the kernel's count.
