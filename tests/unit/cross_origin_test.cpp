@@ -9,8 +9,6 @@
 namespace connector::bayeux::endpoint_test {
 namespace {
 
-namespace http = boost::beast::http;
-
 // Every byte escaped, as a form encoder may.
 std::string formEncoded(const std::string& text) {
     std::string out;
@@ -20,14 +18,12 @@ std::string formEncoded(const std::string& text) {
 }
 
 TEST_F(EndpointTest, OnlyAllowedOriginsGetCrossOriginAnswers) {
-    auto options = defaults();
-    options.allowedOrigins = {"http://app.test"};
-    start(options);
+    start([](EndpointOptions& o) { o.allowedOrigins = {"http://app.test"}; });
     const std::string app = "http://app.test", evil = "http://evil.test";
     const std::string hs = handshake("hs"), form = "message=" + formEncoded(hs);
     const std::string jsonp = "/bayeux?jsonp=cb&message=" + formEncoded(hs);
     using F = http::field;
-    const auto post = http::verb::post, get = http::verb::get, options_ = http::verb::options;
+    const auto post = http::verb::post, get = http::verb::get, options = http::verb::options;
     const struct {
         const char* what;
         http::verb verb;
@@ -37,10 +33,10 @@ TEST_F(EndpointTest, OnlyAllowedOriginsGetCrossOriginAnswers) {
         std::string allowOrigin, bodyStart;
     } cases[] = {
         // clang-format off
-        {"preflight", options_, "/bayeux", "",
+        {"preflight", options, "/bayeux", "",
          {{F::origin, app}, {F::access_control_request_headers, "content-type,pragma"}}, 204, app, ""},
-        {"preflight from another origin", options_, "/bayeux", "", {{F::origin, evil}}, 403, "", ""},
-        {"preflight without an origin", options_, "/bayeux", "", {}, 403, "", ""},
+        {"preflight from another origin", options, "/bayeux", "", {{F::origin, evil}}, 403, "", ""},
+        {"preflight without an origin", options, "/bayeux", "", {}, 403, "", ""},
         {"post from another origin", post, "/bayeux", hs, {{F::origin, evil}}, 403, "", ""},
         {"form post", post, "/bayeux", form, {{F::origin, app}}, 200, app, "[{"},
         {"malformed form", post, "/bayeux", "message=%zz", {{F::origin, app}}, 400, app, ""},

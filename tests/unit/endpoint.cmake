@@ -1,7 +1,7 @@
-# The Bayeux endpoint (the hub), against raw Boost.Beast clients and server services; its
-# listener, its long-polling link, its WebSocket link's bounds and the hub's admission rules have
+# The Bayeux endpoint (the hub) and its listener, against raw Boost.Beast clients and server
+# services; its long-polling link, its WebSocket link's bounds and the hub's admission rules have
 # files of their own.
-foreach(unit bayeux_endpoint endpoint http_link websocket_link hub cross_origin)
+foreach(unit bayeux_endpoint http_link websocket_link hub cross_origin)
     orvale_test(${unit}_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/${unit}_test.cpp
         LIBS Boost::json OpenSSL::SSL OpenSSL::Crypto)
 endforeach()

@@ -8,14 +8,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
-#include <boost/json/parse.hpp>
-#include <boost/json/serialize.hpp>
-#include <boost/json/value.hpp>
+#include <boost/json.hpp>
 #include <deque>
 #include <optional>
 #include <string>
@@ -40,15 +35,13 @@ namespace beast = boost::beast;
 namespace http = beast::http;
 using Clock = std::chrono::steady_clock;
 using Predicate = std::function<bool(const json::object&)>;
-using Heard = orvale::test::Inbox;  // what a server service hears, from any thread
 inline constexpr std::chrono::milliseconds kWait{5000};
 
-// The messages of a frame: an array of objects, or a single object.
+// The messages of a frame: an array of objects, or a single object; none in text that is not
+// JSON.
 inline std::vector<json::object> parseMessages(const std::string& text) {
     json::error_code ec;
     json::value value = json::parse(text, ec);
-    if (ec)
-        throw std::runtime_error("not JSON: " + text);
     if (value.is_object())
         return {value.get_object()};
     std::vector<json::object> out;
@@ -68,6 +61,38 @@ inline Predicate withId(std::string id) {
     return [id](const json::object& m) { return str(m, "id") == id; };
 }
 
+template <class Messages>
+std::optional<json::object> find(const Messages& messages, const Predicate& predicate) {
+    auto it = std::find_if(messages.begin(), messages.end(), predicate);
+    return it == messages.end() ? std::nullopt : std::optional<json::object>(*it);
+}
+
+inline bool successful(const std::optional<json::object>& message) {
+    const json::value* v = message ? message->if_contains("successful") : nullptr;
+    return v && v->is_bool() && v->get_bool();
+}
+
+// The error of a refused request; "(succeeded)" when it succeeded, "(no reply)" when none came.
+inline std::string error(const std::optional<json::object>& message) {
+    return !message ? "(no reply)" : successful(message) ? "(succeeded)" : str(*message, "error");
+}
+
+// The advice as JSON text, "" when there is none.
+inline std::string advice(const std::optional<json::object>& message) {
+    const json::value* v = message ? message->if_contains("advice") : nullptr;
+    return v ? json::serialize(*v) : "";
+}
+
+inline bool isDelivery(const json::object& m) {
+    return m.contains("data") && !m.contains("successful");
+}
+
+// A delivery as "channel data"; "(none)" when there is none.
+inline std::string delivery(const std::optional<json::object>& m) {
+    return m && isDelivery(*m) ? str(*m, "channel") + " " + json::serialize(m->at("data"))
+                               : "(none)";
+}
+
 // Runs `io` until `done` holds or `timeout` passes.
 inline bool runUntil(asio::io_context& io, const std::function<bool()>& done,
                      std::chrono::milliseconds timeout = kWait) {
@@ -82,16 +107,13 @@ inline bool runUntil(asio::io_context& io, const std::function<bool()>& done,
 }
 
 // Starts an asynchronous operation, passing `start` a handler that notes its outcome, and runs
-// `io` until it completes: its error, or timed_out when it did not complete in time.
+// `io` until it completes: its error, or timed_out when it did not complete in time (the
+// handler owns what it notes, so that it may still run later).
 template <class Start>
 beast::error_code complete(asio::io_context& io, Start&& start) {
-    bool done = false;
-    beast::error_code error;
-    start([&](beast::error_code ec, auto&&...) {
-        error = ec;
-        done = true;
-    });
-    return runUntil(io, [&] { return done; }) ? error : beast::error_code(asio::error::timed_out);
+    auto outcome = std::make_shared<std::optional<beast::error_code>>();
+    start([outcome](beast::error_code ec, auto&&...) { *outcome = ec; });
+    return runUntil(io, [&] { return outcome->has_value(); }) ? **outcome : asio::error::timed_out;
 }
 
 // The name=value pair of a Set-Cookie value, without its attributes.
@@ -122,6 +144,7 @@ class RawWebSocket {
                     auto messages = parseMessages(std::string(frame));
                     frameSizes_.push_back(messages.size());
                     inbox_.insert(inbox_.end(), messages.begin(), messages.end());
+                    received_ += messages.size();
                 },
                 [this] { closed_ = true; });
     }
@@ -131,29 +154,28 @@ class RawWebSocket {
     bool ping() { return client_.ping(); }
 
     // Removes and returns the first received message matching `predicate`, waiting for it.
-    std::optional<json::object> await(const Predicate& predicate,
-                                      std::chrono::milliseconds timeout = kWait) {
+    std::optional<json::object> await(const Predicate& predicate) {
         std::optional<json::object> found;
-        runUntil(
-            io_,
-            [&] {
-                auto it = std::find_if(inbox_.begin(), inbox_.end(), predicate);
-                if (it != inbox_.end()) {
-                    found = std::move(*it);
-                    inbox_.erase(it);
-                }
-                return found || closed_;
-            },
-            timeout);
+        runUntil(io_, [&] {
+            auto it = std::find_if(inbox_.begin(), inbox_.end(), predicate);
+            if (it != inbox_.end()) {
+                found = std::move(*it);
+                inbox_.erase(it);
+            }
+            return found || closed_;
+        });
         return found;
     }
+    // The next delivery, as delivery() shows it.
+    std::string nextDelivery() { return delivery(await(isDelivery)); }
     // Sends `frame` and waits for the reply carrying message id `id`.
     std::optional<json::object> call(const std::string& frame, const std::string& id) {
         return send(frame) ? await(withId(id)) : std::nullopt;
     }
     // Waits until `count` messages have arrived in total.
     bool awaitCount(std::size_t count) {
-        return runUntil(io_, [&] { return received() >= count || closed_; }) && received() >= count;
+        runUntil(io_, [&] { return received_ >= count || closed_; });
+        return received_ >= count;
     }
     bool awaitClosed() {
         return runUntil(io_, [&] { return closed_; });
@@ -167,16 +189,11 @@ class RawWebSocket {
     std::string setCookie() const { return client_.setCookie(); }
 
   private:
-    std::size_t received() const {
-        std::size_t total = 0;
-        for (auto size : frameSizes_)
-            total += size;
-        return total;
-    }
     asio::io_context io_;
     orvale::tools::RawClient client_;
     std::deque<json::object> inbox_;
     std::vector<std::size_t> frameSizes_;
+    std::size_t received_ = 0;
     bool closed_ = false;
 };
 
@@ -210,35 +227,35 @@ class RawHttp {
             request_.set(http::field::cookie, cookie_);
         request_.body() = body;
         request_.prepare_payload();
-        done_ = written_ = false;
-        response_ = {};
-        http::async_write(stream_, request_, [this](beast::error_code ec, std::size_t) {
-            written_ = true;
-            error_ = ec;
-            done_ = bool(ec);
-            if (!ec)
-                http::async_read(stream_, buffer_, response_,
-                                 [this](beast::error_code ec, std::size_t) {
-                                     error_ = ec;
-                                     done_ = true;
-                                 });
-        });
-        runUntil(io_, [&] { return written_; });
+        failed_ = bool(complete(io_, [&](auto h) { http::async_write(stream_, request_, h); }));
     }
 
     // The reply of the started request, or nothing when it did not come in time.
     std::optional<HttpReply> finish() {
-        if (!runUntil(io_, [&] { return done_; }) || error_)
+        response_ = {};
+        if (failed_ ||
+            complete(io_, [&](auto h) { http::async_read(stream_, buffer_, response_, h); }))
             return std::nullopt;
         if (const auto setCookie = response_[http::field::set_cookie]; !setCookie.empty())
             cookie_ = cookiePair(setCookie);
         return HttpReply{response_.result_int(), response_.body(), http::fields(response_.base())};
     }
 
+    // The message of that reply that carries message id `id`.
+    std::optional<json::object> finish(const std::string& id) {
+        const auto reply = finish();
+        return reply ? find(reply->messages(), withId(id)) : std::nullopt;
+    }
+
     std::optional<HttpReply> post(const std::string& body, const std::string& target = "/bayeux",
                                   http::verb verb = http::verb::post, const Headers& headers = {}) {
         start(body, target, verb, headers);
         return finish();
+    }
+    // Posts `frame` and returns the reply carrying message id `id`.
+    std::optional<json::object> call(const std::string& frame, const std::string& id) {
+        start(frame);
+        return finish(id);
     }
 
     const std::string& cookie() const { return cookie_; }
@@ -249,14 +266,12 @@ class RawHttp {
     beast::flat_buffer buffer_;
     http::request<http::string_body> request_;
     http::response<http::string_body> response_;
-    beast::error_code error_;
     std::string cookie_;
-    bool written_ = false;
-    bool done_ = false;
+    bool failed_ = false;
 };
 
 inline std::string quote(const std::string& text) {
-    return json::serialize(json::value(json::string_view(text.data(), text.size())));
+    return json::serialize(json::string(text));
 }
 
 inline std::string handshake(const std::string& id, const std::string& ext = "") {
@@ -281,13 +296,13 @@ inline std::string connect(const std::string& clientId, const std::string& id, i
 }
 
 inline std::string subscribe(const std::string& clientId, const std::string& id,
-                             const std::string& channel) {
-    return meta("/meta/subscribe", clientId, id, ",\"subscription\":" + quote(channel));
+                             const std::string& channel, const char* on = "/meta/subscribe") {
+    return meta(on, clientId, id, ",\"subscription\":" + quote(channel));
 }
 
 inline std::string unsubscribe(const std::string& clientId, const std::string& id,
                                const std::string& channel) {
-    return meta("/meta/unsubscribe", clientId, id, ",\"subscription\":" + quote(channel));
+    return subscribe(clientId, id, channel, "/meta/unsubscribe");
 }
 
 inline std::string publish(const std::string& clientId, const std::string& id,
@@ -297,14 +312,6 @@ inline std::string publish(const std::string& clientId, const std::string& id,
 
 inline std::string disconnect(const std::string& clientId, const std::string& id) {
     return meta("/meta/disconnect", clientId, id);
-}
-
-// `count` numbers in a frame: messages the hub cannot read, each earning an error reply.
-inline std::string unreadable(int count) {
-    std::string frame = "[1";
-    for (int i = 1; i < count; ++i)
-        frame += ",1";
-    return frame + "]";
 }
 
 // One frame holding the messages of single-message frames, in order.
@@ -323,83 +330,35 @@ inline std::string handshakes(int count, const std::string& prefix = "") {
     return batch(frames);
 }
 
-inline bool successful(const std::optional<json::object>& message) {
-    const json::value* v = message ? message->if_contains("successful") : nullptr;
-    return v && v->is_bool() && v->get_bool();
-}
-
-inline std::string error(const std::optional<json::object>& message) {
-    return message ? str(*message, "error") : "(no reply)";
-}
-
-// An advice field as JSON text, "null" when the advice lacks it, "" when there is no advice.
-inline std::string advice(const std::optional<json::object>& message, const char* field) {
-    if (!message || !message->contains("advice"))
-        return "";
-    const json::value* v = message->at("advice").as_object().if_contains(field);
-    return json::serialize(v ? *v : json::value());
-}
-
-inline bool isDelivery(const json::object& m) {
-    return m.contains("data") && !m.contains("successful");
-}
-
-template <class Messages>
-std::optional<json::object> find(const Messages& messages, const Predicate& predicate) {
-    auto it = std::find_if(messages.begin(), messages.end(), predicate);
-    return it == messages.end() ? std::nullopt : std::optional<json::object>(*it);
+// `count` numbers in a frame: messages the hub cannot read, each earning an error reply.
+inline std::string unreadable(int count) {
+    return batch(std::vector<std::string>(count, "[1]"));
 }
 
 class EndpointTest : public ::testing::Test {
   protected:
-    static EndpointOptions defaults() {
+    // Starts with the tests' defaults as `change` leaves them.
+    void start(const std::function<void(EndpointOptions&)>& change = nullptr) {
         EndpointOptions options;
         options.connectTimeout = 20s;
         options.sessionTimeout = 30s;
-        return options;
-    }
-
-    void start(EndpointOptions options = defaults()) {
+        if (change)
+            change(options);
         endpoint = startBayeuxEndpoint(server, std::move(options));
         port = endpoint->port();
     }
-    // Starts with the defaults as `change` leaves them.
-    void start(const std::function<void(EndpointOptions&)>& change) {
-        auto options = defaults();
-        change(options);
-        start(std::move(options));
-    }
 
-    // Makes a session over `ws` or `http` and returns its client id; a refused handshake fails
-    // the test.
-    std::string open(RawWebSocket& ws) {
-        auto reply = ws.call(handshake("hs"), "hs");
+    // Makes a session over a RawWebSocket or a RawHttp and returns its client id; a refused
+    // handshake fails the test.
+    template <class Client>
+    std::string open(Client& client) {
+        auto reply = client.call(handshake("hs"), "hs");
         EXPECT_TRUE(successful(reply)) << "handshake refused: " << error(reply);
         return successful(reply) ? str(*reply, "clientId") : std::string();
     }
 
-    std::string open(RawHttp& http) {
-        auto reply = http.post(handshake("hs"));
-        auto messages =
-            reply && reply->status == 200 ? reply->messages() : std::vector<json::object>();
-        const bool made = messages.size() == 1 && successful(messages[0]);
-        EXPECT_TRUE(made) << "handshake refused: " << (reply ? reply->body : "(no reply)");
-        return made ? str(messages[0], "clientId") : std::string();
-    }
-
     std::shared_ptr<MessageService> service(const std::string& name) {
         return services->createMessageService(name, {}).get();
-    }
-
-    // Notes in `heard` what `watcher` hears of subscriptions ("+/a") and unsubscriptions ("-/a").
-    std::vector<std::shared_ptr<message_service::Subscription>> listen(MessageService& watcher,
-                                                                       const std::string& pattern,
-                                                                       Heard& heard) {
-        auto noted = [&heard](const char* sign) {
-            return [&heard, sign](const auto& e) { heard.add(sign + e.getChannel()); };
-        };
-        return {watcher.listenSubscribe(pattern, noted("+")).get(),
-                watcher.listenUnsubscribe(pattern, noted("-")).get()};
     }
 
     // One delivery thread: what a session is handed follows publication order across sessions.

@@ -2,12 +2,11 @@
 
 usage: scrape_metrics.py URL EXPECTED
 
-EXPECTED is a JSON object mapping a sample, written name or name{label="value",...} with the
-labels in alphabetical order, to the number it must have, or to [least, most]; a name without
-labels that has no sample of its own stands for the sum of its labelled samples. Also checks what
-every scrape must satisfy: the 0.0.4 content type, HELP and TYPE for every family, counters
-named ..._total, histograms with ascending le bounds, cumulative buckets ending in +Inf, and a
-_count equal to the +Inf bucket. Prints each problem found and exits 1, or exits 0.
+EXPECTED maps a sample, name or name{label="value",...} with the labels in alphabetical order, to
+its number or to [least, most]; a name without a sample of its own stands for the sum of its
+labelled samples. Every scrape must also have the 0.0.4 content type, HELP and TYPE for every
+family, counters named ..._total, and histograms whose cumulative buckets have ascending le bounds
+ending in +Inf, with a _count equal to the +Inf bucket. Prints each problem and exits 1, or exits 0.
 """
 import json
 import math
@@ -17,35 +16,30 @@ import urllib.request
 from prometheus_client.parser import text_string_to_metric_families
 
 
-def histogram_problems(family):
-    buckets = [(float(s.labels["le"]), s.value) for s in family.samples
-               if s.name == family.name + "_bucket"]
-    counts = [s.value for s in family.samples if s.name == family.name + "_count"]
-    bounds = [le for le, _ in buckets]
-    values = [value for _, value in buckets]
-    if not buckets or bounds != sorted(bounds) or not math.isinf(bounds[-1]):
-        yield f"{family.name}: le bounds {bounds}"
-    if values != sorted(values):
-        yield f"{family.name}: buckets not cumulative: {values}"
-    if len(counts) != 1 or (buckets and counts[0] != values[-1]):
-        yield f"{family.name}: _count {counts} against +Inf bucket {values[-1:]}"
-
-
-def main(url, expected):
+def problems(url, expected):
     with urllib.request.urlopen(url, timeout=5) as reply:
         content_type = reply.headers.get("Content-Type", "")
         text = reply.read().decode("utf-8")
-    problems = []
     if not content_type.startswith("text/plain") or "version=0.0.4" not in content_type:
-        problems.append(f"content type {content_type!r}")
+        yield f"content type {content_type!r}"
     samples, sums = {}, {}
     for family in text_string_to_metric_families(text):
+        name = family.name
         if not family.documentation or family.type == "untyped":
-            problems.append(f"{family.name}: no HELP or no TYPE")
+            yield f"{name}: no HELP or no TYPE"
         if family.type == "counter" and any(not s.name.endswith("_total") for s in family.samples):
-            problems.append(f"{family.name}: a counter not named _total")
+            yield f"{name}: a counter not named _total"
         if family.type == "histogram":
-            problems.extend(histogram_problems(family))
+            buckets = [(float(s.labels["le"]), s.value) for s in family.samples
+                       if s.name == name + "_bucket"]
+            counts = [s.value for s in family.samples if s.name == name + "_count"]
+            bounds, values = [le for le, _ in buckets], [value for _, value in buckets]
+            if not buckets or bounds != sorted(bounds) or not math.isinf(bounds[-1]):
+                yield f"{name}: le bounds {bounds}"
+            if values != sorted(values):
+                yield f"{name}: buckets not cumulative: {values}"
+            if len(counts) != 1 or (buckets and counts[0] != values[-1]):
+                yield f"{name}: _count {counts} against +Inf bucket {values[-1:]}"
         for s in family.samples:
             labels = ",".join(f'{k}="{v}"' for k, v in sorted(s.labels.items()))
             samples[s.name + ("{" + labels + "}" if labels else "")] = s.value
@@ -54,11 +48,10 @@ def main(url, expected):
         got = samples.get(key, sums.get(key))
         low, high = want if isinstance(want, list) else (want, want)
         if got is None or not low <= got <= high:
-            problems.append(f"{key} is {got}, expected {want}")
-    for problem in problems:
-        print(problem)
-    return 1 if problems else 0
+            yield f"{key} is {got}, expected {want}"
 
 
 if __name__ == "__main__":
-    sys.exit(main(sys.argv[1], json.loads(sys.argv[2])))
+    found = list(problems(sys.argv[1], json.loads(sys.argv[2])))
+    print("\n".join(found), end="\n" if found else "")
+    sys.exit(1 if found else 0)

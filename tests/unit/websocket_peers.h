@@ -3,13 +3,8 @@
 // (TestServer) that serves its sessions on a thread of its own, and a client connection of a
 // transport whose inbound stream a recording subscriber takes.
 
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/post.hpp>
-#include <boost/beast/core/buffers_to_string.hpp>
-#include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/core/tcp_stream.hpp>
-#include <boost/beast/websocket/stream.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/websocket.hpp>
 #include <deque>
 #include <future>
 #include <mutex>
