@@ -115,6 +115,23 @@ Run run(Pair& pair, const std::string& name, std::size_t subscribers, std::size_
     return {rate, (pair.hubCpu() - hub) * perDelivery, (pair.engineCpu() - engine) * perDelivery};
 }
 
+// Waits (at most ten seconds) until the servers of every pair have stopped using CPU, so that
+// what a run left behind (sessions to expire, queues to drain) does not fall on the next one.
+void settle(const std::vector<std::unique_ptr<Pair>>& pairs) {
+    auto cpu = [&] {
+        double total = 0;
+        for (const auto& pair : pairs)
+            total += pair->hubCpu() + pair->engineCpu();
+        return total;
+    };
+    for (int i = 0; i < 50; ++i) {
+        const double before = cpu();
+        std::this_thread::sleep_for(200ms);
+        if (cpu() - before < 0.01)  // 5% of a core
+            return;
+    }
+}
+
 Run median(std::vector<Run> runs) {
     std::sort(runs.begin(), runs.end(), [](const Run& a, const Run& b) { return a.rate < b.rate; });
     return runs[runs.size() / 2];
@@ -151,9 +168,11 @@ int runClusterBench(const ClusterBenchSettings& settings) {
     for (const bool bare : {false, true})
         for (const std::size_t subscribers : {1, 4})
             for (std::size_t r = 0; r < settings.repeat; ++r)
-                for (std::size_t i = 0; i < pairs.size(); ++i)
+                for (std::size_t i = 0; i < pairs.size(); ++i) {
+                    settle(pairs);
                     runs[bare][subscribers == 4][i].push_back(
                         run(*pairs[i], names[i], subscribers, settings.messages, bare));
+                }
     std::vector<Figures> figures(pairs.size());
     for (std::size_t i = 0; i < pairs.size(); ++i) {
         const Run middle = median(runs[0][0][i]);
@@ -164,6 +183,7 @@ int runClusterBench(const ClusterBenchSettings& settings) {
                       middle.hubCpu,
                       middle.engineCpu,
                       {}};
+        settle(pairs);
         std::cerr << "bench: " << names[i] << ": latency\n";
         figures[i].latency = pairs[i]->load->latency(settings.rate, settings.duration);
     }

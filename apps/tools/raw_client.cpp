@@ -226,6 +226,10 @@ void RawClient::sendConnect() {
          "\"}]");
 }
 
+void RawClient::sendDisconnect() {
+    send(R"([{"channel":"/meta/disconnect","clientId":")" + clientId_ + "\"}]");
+}
+
 std::string RawClient::publishMessage(const std::string& channel, std::string_view jsonData) const {
     std::string message =
         R"({"channel":")" + channel + R"(","clientId":")" + clientId_ + R"(","data":)";

@@ -83,6 +83,8 @@ class RawClient {
     // Subscribes to `channel` and sends the connect that the hub holds; false on refusal.
     bool subscribeAndConnect(const std::string& channel, Millis timeout);
     void sendConnect();
+    // Ends the session, so that the server forgets it at once rather than when it times out.
+    void sendDisconnect();
     std::string publishMessage(const std::string& channel, std::string_view jsonData) const;
     const std::string& clientId() const { return clientId_; }
     // The bytes this client's socket has received so far, as TCP counts them.
