@@ -25,14 +25,6 @@ using tools::RawClient;
 
 namespace {
 
-// A run gives up once nothing has arrived for this long.
-constexpr auto kStall = 10s;
-
-std::int64_t nowNanos() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch())
-        .count();
-}
-
 // A subscriber reading on a thread of its own. Messages of the run carry "seq"; the probes
 // that show the subscription has reached every server carry "probe" instead.
 class Subscriber {

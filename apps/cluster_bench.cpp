@@ -157,7 +157,7 @@ int runClusterBench(const ClusterBenchSettings& settings) {
         pairs.push_back(fayePair(settings, dir));
     }
     // The pairs take turns, so that a slow spell of the shared machine falls on both.
-    // [pair][bare][subscribers == 4]
+    // [bare][subscribers == 4][pair]
     std::vector<std::vector<Run>> runs[2][2];
     for (auto& byLoad : runs)
         for (auto& bySubscribers : byLoad)

@@ -20,17 +20,15 @@ namespace ms = connector::message_service;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-namespace {
-
-// A run gives up once nothing has arrived for this long.
-constexpr auto kStall = 10s;
-// Idle sessions opened at once.
-constexpr std::size_t kOpenAtOnce = 200;
-
 std::int64_t nowNanos() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch())
         .count();
 }
+
+namespace {
+
+// Idle sessions opened at once.
+constexpr std::size_t kOpenAtOnce = 200;
 
 // The "t" member of {"seq":N,"t":T}.
 std::int64_t sentAt(const std::string& json) {

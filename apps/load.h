@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace orvale::app {
@@ -17,6 +18,11 @@ struct Latency {
     std::size_t samples = 0;
 };
 
+// A load run gives up once nothing has arrived for this long.
+inline constexpr std::chrono::seconds kStall{10};
+
+// The steady clock in nanoseconds, as the payloads carry it.
+std::int64_t nowNanos();
 // {"seq":N,"t":T}, T the steady clock in nanoseconds, written in place: this runs for every
 // message of a run, on the cores the servers under test share.
 std::string timedPayload(std::size_t seq);
