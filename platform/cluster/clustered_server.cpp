@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <charconv>
 
-#include "bayeux/codec.h"
 #include "connector/bayeux/channel.h"
 #include "connector/common/random_string.h"
 #include "connector/log/diagnostic_logger.h"
+#include "publish_batch.h"
 #include "server/deferred_wakes.h"
 #include "subjects.h"
 
@@ -28,7 +28,7 @@ const std::string kSubscriptions = "orvale_cluster.subscriptions";
 struct Gathered {
     ClusteredServer* server = nullptr;  // the member they go out from; null: none gathered
     std::string subject;
-    std::string messages;  // encoded, separated by commas
+    std::string messages;  // a batch (publish_batch.h)
     std::size_t count = 0;
 };
 thread_local Gathered gathered;
@@ -158,13 +158,13 @@ void ClusteredServer::acceptPublish(std::shared_ptr<const PublishRequest> reques
     if (batch.server &&
         (batch.server != this || batch.subject != subject || batch.messages.size() > kMessageBytes))
         sendGathered();
-    if (batch.count++ > 0)
-        batch.messages += ',';
-    codec::encodeInto(*request, batch.messages);
     if (!batch.server) {
         batch.server = this;
         batch.subject.assign(subject);
+        startBatch(name, batch.messages);
     }
+    appendToBatch(*request, batch.messages);
+    ++batch.count;
     if (DeferredWakes::active())
         DeferredWakes::atEnd(&ClusteredServer::sendGathered);
     else
@@ -181,12 +181,10 @@ void ClusteredServer::sendGathered() {
     payload += '\n';
     char digits[24];
     payload.append(digits, std::to_chars(digits, digits + sizeof digits, ++self.sequence_).ptr);
-    payload += "\n[";
+    payload += '\n';
     payload += batch.messages;
-    payload += ']';
     self.link_->publish(batch.subject, payload, batch.count);
     batch.server = nullptr;
-    batch.messages.clear();
     batch.count = 0;
 }
 
@@ -347,18 +345,15 @@ void ClusteredServer::onMessage(std::string_view subject, std::string_view paylo
         if (!it->second.first(sequence))
             return;
     }
-    codec::Decoded decoded = codec::decodeFromClient(rest);
+    auto publishes = readBatch(rest);
+    if (!publishes) {
+        logger.log(log::error, "Dropped an unreadable message from the cluster on ", subject);
+        return;
+    }
     // The delivery threads are woken once for the batch, not once for each message in it.
     const DeferredWakes wakes;
-    for (auto& message : decoded.messages) {
-        if (message->kind() != Kind::PublishRequest)
-            continue;
-        std::shared_ptr<PublishRequest> publish(static_cast<PublishRequest*>(message.release()));
+    for (auto& publish : *publishes)
         inner_->acceptPublish(std::move(publish));
-    }
-    if (!decoded.errors.empty())
-        logger.log(log::error, "Dropped an unreadable message from the cluster: ",
-                   decoded.errors.front().text());
 }
 
 }  // namespace connector::bayeux::cluster

@@ -1,9 +1,10 @@
-// The cluster link: channel names as NATS subjects, and links between processes through a real
-// three-node NATS cluster started on loopback ports.
+// The cluster link: channel names as NATS subjects, batches of publishes as they travel, and links
+// between processes through a real three-node NATS cluster started on loopback ports.
 
 #include <gtest/gtest.h>
 
 #include "cluster/nats_link.h"
+#include "cluster/publish_batch.h"
 #include "cluster/subjects.h"
 #include "connector/bayeux/channel.h"
 #include "connector/bayeux/server.h"
@@ -49,6 +50,43 @@ TEST(ClusterSubjects, MapChannelsAndPatternsBothWays) {
     }
     for (const char* foreign : {"p.chat", "o", "o.a.*", "o.a%2", "o.a%ZZ", "o..a"})
         EXPECT_FALSE(channelOf("o", foreign)) << foreign;
+}
+
+TEST(ClusterBatch, CarriesEveryFieldAsItCameAndRefusesWhatItDidNotWrite) {
+    PublishRequest full("", common::DataBuffer(R"({"t":"3:x\n"})")),
+        bare("", common::DataBuffer("[]"));
+    full.setId("7");
+    full.setClientId("c:1");
+    full.setExt(R"({"n":1})");
+    std::string batch;
+    startBatch("/a:1/b", batch);
+    appendToBatch(full, batch);
+    appendToBatch(bare, batch);
+    const auto read = readBatch(batch);
+    ASSERT_TRUE(read);
+    ASSERT_EQ(read->size(), 2u);
+    const PublishRequest* sent[] = {&full, &bare};
+    for (std::size_t i = 0; i < 2; ++i) {
+        const PublishRequest& got = *(*read)[i];
+        EXPECT_EQ(got.getChannel(), "/a:1/b");
+        EXPECT_EQ(got.getId(), sent[i]->getId());
+        EXPECT_EQ(got.getClientId(), sent[i]->getClientId());
+        EXPECT_EQ(got.getExt(), sent[i]->getExt());
+        EXPECT_EQ(got.getJson(), sent[i]->getJson());
+    }
+    const std::string refused[] = {
+        "",
+        "4:/a/*0:0:0:1:1",
+        "7:/meta/x0:0:0:1:1",
+        "2:/a0:0:0:0:",
+        "2:/a0:0:0:2:1",
+        "2:/a0:0:0:x:1",
+        "2:/a0:0:0:99999999999999999999:1",
+        "2:/a0:0:0:1:1 ",
+        batch.substr(0, batch.size() - 1),
+    };
+    for (const auto& text : refused)
+        EXPECT_FALSE(readBatch(text)) << text;
 }
 
 NatsLinkOptions on(std::vector<std::string> urls) {
