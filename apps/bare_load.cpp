@@ -67,7 +67,7 @@ class Subscriber {
         // The clock is read once, by the frame that completes the run.
         if (n > 0 && delivered_.fetch_add(n) + n == expected_)
             last_.store(nowNanos());
-        if (frame.find("\"/meta/connect\"") != frame.npos)
+        if (occurrences(frame, "\"/meta/connect\"") > 0)
             client_.sendConnect();
     }
 
@@ -85,7 +85,7 @@ std::size_t answers(RawClient& publisher) {
     const auto frame = publisher.read(kStall);
     if (!frame)
         throw Failure("a publish was not answered");
-    if (frame->find("\"successful\":false") != frame->npos)
+    if (occurrences(*frame, "\"successful\":false") > 0)
         throw Failure("a publish was refused: " + std::string(frame->substr(0, 200)));
     return static_cast<std::size_t>(occurrences(*frame, "\"successful\":true"));
 }
@@ -116,7 +116,7 @@ double BareLoad::throughput(std::size_t subscribers, std::size_t messages) {
         std::this_thread::sleep_for(10ms);
     }
 
-    std::string frame;
+    std::string frame, payload;
     std::size_t sent = 0, answered = 0;
     const std::int64_t start = nowNanos();
     while (answered < messages) {
@@ -129,7 +129,9 @@ double BareLoad::throughput(std::size_t subscribers, std::size_t messages) {
         for (std::size_t k = 0, n = std::min(room, kBatch); k < n; ++k, ++sent) {
             if (k > 0)
                 frame.push_back(',');
-            frame += publisher.publishMessage(channel, timedPayload(sent));
+            payload.clear();
+            appendTimedPayload(payload, sent);
+            publisher.appendPublish(frame, channel, payload);
         }
         frame.push_back(']');
         if (!publisher.send(frame))

@@ -39,15 +39,19 @@ std::int64_t sentAt(const std::string& json) {
 }  // namespace
 
 std::string timedPayload(std::size_t seq) {
-    char digits[24];
     std::string text;
     text.reserve(48);
+    appendTimedPayload(text, seq);
+    return text;
+}
+
+void appendTimedPayload(std::string& text, std::size_t seq) {
+    char digits[24];
     text.append("{\"seq\":");
     text.append(digits, std::to_chars(digits, digits + sizeof digits, seq).ptr);
     text.append(",\"t\":");
     text.append(digits, std::to_chars(digits, digits + sizeof digits, nowNanos()).ptr);
     text.push_back('}');
-    return text;
 }
 
 namespace {

@@ -26,6 +26,8 @@ std::int64_t nowNanos();
 // {"seq":N,"t":T}, T the steady clock in nanoseconds, written in place: this runs for every
 // message of a run, on the cores the servers under test share.
 std::string timedPayload(std::size_t seq);
+// The same, appended to `out`.
+void appendTimedPayload(std::string& out, std::size_t seq);
 
 class LoadRunner {
   public:

@@ -1,11 +1,13 @@
 #include "raw_client.h"
 
+#include <algorithm>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http/field.hpp>
 #include <boost/beast/websocket/stream.hpp>
+#include <functional>
 #include <stdexcept>
 
 namespace orvale::tools {
@@ -39,8 +41,12 @@ HubAddress parseHubUrl(const std::string& url) {
 }
 
 long occurrences(std::string_view text, std::string_view what) {
+    // Skipping by the key's length leaves the cores to the servers: a plain search stops at every
+    // quote of the JSON.
+    const std::boyer_moore_horspool_searcher searcher(what.begin(), what.end());
     long n = 0;
-    for (auto at = text.find(what); at != std::string_view::npos; at = text.find(what, at + 1))
+    for (auto at = text.begin(); (at = std::search(at, text.end(), searcher)) != text.end();
+         at += static_cast<std::ptrdiff_t>(what.size()))
         ++n;
     return n;
 }
@@ -231,10 +237,20 @@ void RawClient::sendDisconnect() {
 }
 
 std::string RawClient::publishMessage(const std::string& channel, std::string_view jsonData) const {
-    std::string message =
-        R"({"channel":")" + channel + R"(","clientId":")" + clientId_ + R"(","data":)";
-    message.append(jsonData);
-    return message + "}";
+    std::string message;
+    appendPublish(message, channel, jsonData);
+    return message;
+}
+
+void RawClient::appendPublish(std::string& frame, const std::string& channel,
+                              std::string_view jsonData) const {
+    frame += R"({"channel":")";
+    frame += channel;
+    frame += R"(","clientId":")";
+    frame += clientId_;
+    frame += R"(","data":)";
+    frame += jsonData;
+    frame += '}';
 }
 
 std::string RawClient::server() const {

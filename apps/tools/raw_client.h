@@ -86,6 +86,9 @@ class RawClient {
     // Ends the session, so that the server forgets it at once rather than when it times out.
     void sendDisconnect();
     std::string publishMessage(const std::string& channel, std::string_view jsonData) const;
+    // The same, appended to `frame`.
+    void appendPublish(std::string& frame, const std::string& channel,
+                       std::string_view jsonData) const;
     const std::string& clientId() const { return clientId_; }
     // The bytes this client's socket has received so far, as TCP counts them.
     std::uint64_t bytesReceived() const;
