@@ -1,32 +1,27 @@
 'use strict';
 // Faye's or CometD's client, the Node one or the browser build, in a scripted exchange with a
-// Bayeux server.
+// Bayeux server at URL (http://host:port/path):
 //
-//   node bayeux_client.js faye|cometd URL exchange [--only long-polling] [--api-key K]
-//   node bayeux_client.js faye|cometd URL talk LISTEN PUBLISH COUNT [--only long-polling]
-//        [--api-key K] [--browser PAGE_PORT [--screenshot FILE]]
-//   node bayeux_client.js faye|cometd URL[,URL...] mesh NAME CHANNEL...
+//   node bayeux_client.js faye|cometd URL exchange|talk LISTEN PUBLISH COUNT|mesh NAME CHANNEL...
+//        [--only long-polling] [--api-key K] [--browser PAGE_PORT [--screenshot FILE]]
 //
-// URL is http://host:port/path. Faye handshakes over long-polling and then moves to a WebSocket,
-// CometD starts on one; --only long-polling keeps both off WebSockets (and off callback-polling,
-// so that a browser's requests go by CORS).
-// exchange: subscribes to an exact and a wildcard channel, publishes on both and receives,
-//   unsubscribes from the exact one, publishes on both again and receives only on the wildcard.
+// exchange: subscribes to an exact and a wildcard channel, publishes on both and receives, then
+//   unsubscribes from the exact one and receives again only on the wildcard.
 // talk: subscribes to LISTEN, prints {"event":"ready"}, publishes {"from":"PEER[ long-polling]"}
 //   on PUBLISH and prints each of COUNT messages received on LISTEN.
-// mesh: subscribes to each CHANNEL, prints {"event":"ready"} and every message it receives. A
-//   message whose data has `start` (the names of all peers) makes it publish {"from":NAME,"n":n}
-//   for n < data.count on /orvale/mesh/all/NAME, then {"from":NAME} on /orvale/mesh/to/PEER for
-//   every other peer; one whose data has `stop` ends the run. Several URLs reach the hubs through
-//   a local balancer that sends each new connection to the first hub that accepts it, as a load
-//   balancer does once a hub has died.
-// --browser runs the scenario in headless Chromium (CHROMIUM, default /usr/bin/chromium) on a page
-//   served at http://127.0.0.1:PAGE_PORT; with --screenshot, a second tab then saves the server's
-//   /status page to FILE once it shows figures, prints {"event":"status",...} with its counts and
-//   keeps the session until SIGUSR2.
-// All then disconnect. Every stdout line is a JSON object; the last is {"result":"ok",...} or
-// {"result":"error","message":...} (exit status 1). A run is bounded by 15 seconds (mesh and
-// --browser: 40).
+// mesh: subscribes to each CHANNEL, prints {"event":"ready"} and every message. Data with `start`
+//   (all peers' names) makes it publish {"from":NAME,"n":n} for n < data.count on
+//   /orvale/mesh/all/NAME, then {"from":NAME} on /orvale/mesh/to/PEER for each other peer; data
+//   with `stop` ends the run. Several comma-separated URLs go through a local balancer that
+//   gives each new connection to the first hub that accepts it, as after a hub's death.
+// --only long-polling keeps both clients off WebSockets (and off callback-polling, so that a
+// browser's requests go by CORS); otherwise Faye moves to a WebSocket after its handshake and
+// CometD starts on one. --browser runs the scenario in headless Chromium (CHROMIUM, default
+// /usr/bin/chromium) on a page served at http://127.0.0.1:PAGE_PORT; --screenshot then saves the
+// server's /status page to FILE once it shows figures, prints {"event":"status",...} with them and
+// holds the session until SIGUSR2.
+// Every stdout line is a JSON object; the last is {"result":"ok",...} or {"result":"error",
+// "message":...} (exit status 1). Runs are bounded: 15 s, or 40 s for mesh and --browser.
 // Required as a module (by bench/faye_client_load.js) it gives Faye and the output helpers only.
 
 const faye = require('faye');
@@ -126,8 +121,7 @@ function inbox() {
 
 const scenarios = {
   async exchange(client) {
-    const exact = inbox();
-    const wild = inbox();
+    const exact = inbox(), wild = inbox();
     const exactHandle = await client.subscribe('/orvale/interop/exact', exact.push);
     await client.subscribe('/orvale/interop/wild/*', wild.push);
     await client.publish('/orvale/interop/exact', {n: 1});

@@ -84,7 +84,9 @@ TEST_F(CachedValuePublisherTest, CompleteWaitsForTheCacheToDrain) {
     EXPECT_EQ(late->completed, 1);
 }
 
-TEST_F(CachedValuePublisherTest, CancelEndsWithoutCompletion) {
+// A cancel ends the stream without completion; a publisher takes one subscriber, whose end its
+// destructor signals; onDone runs once either way.
+TEST_F(CachedValuePublisherTest, CancelOrDestructionEndsItOnce) {
     auto publisher = make();
     auto doneFuture = publisher->done();
     publisher->next(1);
@@ -94,8 +96,17 @@ TEST_F(CachedValuePublisherTest, CancelEndsWithoutCompletion) {
     subscriber->subscription->request(1);
     EXPECT_TRUE(subscriber->values.empty());
     EXPECT_EQ(subscriber->completed, 0);
-    publisher.reset();  // destruction does not run onDone a second time
+    publisher.reset();
     EXPECT_EQ(doneCalls, 1);
+
+    publisher = std::make_shared<Publisher>([this] { ++doneCalls; }, -1);
+    auto callback = std::make_shared<CallbackSubscriber<int>>([](int) {});
+    auto finished = callback->done();
+    publisher->subscribe(callback);
+    EXPECT_THROW(publisher->subscribe(subscriber), std::invalid_argument);
+    publisher.reset();
+    EXPECT_EQ(doneCalls, 2);
+    EXPECT_TRUE(finished.get());
 }
 
 // Demand adds up and stops at the maximum: a sum past it must not wrap round to a small number
@@ -114,34 +125,6 @@ TEST_F(CachedValuePublisherTest, DemandSaturatesAtTheMaximum) {
         EXPECT_EQ(manual->values.size(), 100u) << first << " + " << second;
         EXPECT_EQ(publisher->cachedCount(), 0u);
     }
-}
-
-TEST_F(CachedValuePublisherTest, OneSubscriberWhoseEndTheDestructorSignals) {
-    auto publisher = std::make_shared<Publisher>([this] { ++doneCalls; }, -1);
-    auto callback = std::make_shared<CallbackSubscriber<int>>([](int) {});
-    auto finished = callback->done();
-    publisher->subscribe(callback);
-    EXPECT_THROW(publisher->subscribe(subscriber), std::invalid_argument);
-    publisher.reset();
-    EXPECT_EQ(doneCalls, 1);
-    EXPECT_TRUE(finished.get());
-}
-
-// A throwing callback leaves the publisher usable, and a callback may publish into it.
-TEST_F(CachedValuePublisherTest, CallbacksMayThrowOrPublishAgain) {
-    auto publisher = std::make_shared<Publisher>([] {}, -1);
-    Ints received;
-    publisher->subscribe(std::make_shared<CallbackSubscriber<int>>([&](int v) {
-        received.push_back(v);
-        if (v == 1)
-            throw std::runtime_error("callback failed");
-        if (v >= 10 && v < 13)
-            publisher->next(v + 1);
-    }));
-    EXPECT_THROW(publisher->next(1), std::runtime_error);
-    publisher->next(2);
-    publisher->next(10);
-    EXPECT_EQ(received, (Ints{1, 2, 10, 11, 12, 13}));
 }
 
 TEST_F(CachedValuePublisherTest, ConcurrentProducersLoseNothingAndKeepPerProducerOrder) {
@@ -169,7 +152,23 @@ TEST_F(CachedValuePublisherTest, ConcurrentProducersLoseNothingAndKeepPerProduce
     }
 }
 
-TEST(CallbackSubscriber, EndsOnceAndDropsLaterValues) {
+// A throwing callback leaves the publisher usable, and a callback may publish into it; a
+// subscriber ends once and drops what comes after its end.
+TEST(CallbackSubscriber, ThrowsOrPublishesAgainAndEndsOnce) {
+    auto publisher = std::make_shared<Publisher>([] {}, -1);
+    Ints received;
+    publisher->subscribe(std::make_shared<CallbackSubscriber<int>>([&](int v) {
+        received.push_back(v);
+        if (v == 1)
+            throw std::runtime_error("callback failed");
+        if (v >= 10 && v < 13)
+            publisher->next(v + 1);
+    }));
+    EXPECT_THROW(publisher->next(1), std::runtime_error);
+    publisher->next(2);
+    publisher->next(10);
+    EXPECT_EQ(received, (Ints{1, 2, 10, 11, 12, 13}));
+
     int calls = 0;
     auto subscriber = std::make_shared<CallbackSubscriber<int>>([&](int) { ++calls; });
     auto done = subscriber->done();
@@ -181,7 +180,7 @@ TEST(CallbackSubscriber, EndsOnceAndDropsLaterValues) {
 
     auto cancelled = std::make_shared<CallbackSubscriber<int>>([&](int) { ++calls; });
     auto cancelledDone = cancelled->done();
-    auto publisher = std::make_shared<Publisher>([] {}, -1);
+    publisher = std::make_shared<Publisher>([] {}, -1);
     publisher->subscribe(cancelled);
     cancelled->cancel();
     EXPECT_FALSE(cancelledDone.get());

@@ -108,26 +108,6 @@ TEST_F(ClientTest, RefusedCallsSendNothing) {
     EXPECT_EQ(transport->sentCount(), sent);
 }
 
-TEST_F(ClientTest, SubscriptionsAreMirroredPerHolder) {
-    auto client = connected();
-    auto h1 = subscribed(client, "/a", "1");
-    auto h2 = subscribed(client, "/a", "2");
-    EXPECT_EQ(
-        wire(2),
-        R"([{"channel":"/meta/subscribe","id":"2","clientId":"abc","subscription":"/orvale/a"}])");
-    const auto id1 = std::dynamic_pointer_cast<SubscriptionImpl2>(h1)->getId();
-    EXPECT_NE(id1, std::dynamic_pointer_cast<SubscriptionImpl2>(h2)->getId());
-
-    auto cancelled = h1->unsubscribe();
-    ASSERT_TRUE(transport->waitSent(5));
-    EXPECT_EQ(transport->sent<bx::UnsubscribeRequest>(4)->getChannel(), "/orvale/a");
-    answer<bx::UnsubscribeResponse>(4);
-    EXPECT_TRUE(cancelled.get().success);
-    // The same id again finds nothing and sends nothing.
-    EXPECT_TRUE(client->unsubscribeId(id1, nullptr).get().success);
-    EXPECT_EQ(transport->sentCount(), 5u);
-}
-
 TEST_F(ClientTest, FailedOrMistypedSubscribeAnswers) {
     auto client = connected();
     auto refused = client->subscribe("/a", [](const JsonMessage&) {});
@@ -189,32 +169,6 @@ TEST_F(ClientTest, InboundBatchIsHandledInItsOrder) {
     EXPECT_FALSE(after.waitFor(std::chrono::milliseconds(20)));
 }
 
-// A callback may cancel its own subscription; and a listener may own the only reference to a
-// channel handle, so that cancelling the listener cancels the channel through the same service.
-TEST_F(ClientTest, HandlesCancelledFromInsideTheService) {
-    auto client = connected();
-    int calls = 0;
-    std::shared_ptr<Subscription> handle;
-    auto pending = client->subscribe("/a", [&](const JsonMessage&) {
-        ++calls;
-        handle->unsubscribe();
-    });
-    answer<bx::SubscribeResponse>(2);
-    handle = pending.get();
-    transport->reply(delivery("/orvale/a", "1"));
-    transport->reply(delivery("/orvale/a", "2"));
-    EXPECT_EQ(calls, 1);
-    ASSERT_TRUE(transport->waitSent(4));
-    EXPECT_EQ(transport->sent<bx::UnsubscribeRequest>(3)->getChannel(), "/orvale/a");
-
-    std::shared_ptr<Subscription> channel = subscribed(client, "/b", "b");
-    auto listener = client->listenStateChange([channel](const StateChangeEvent&) {}).get();
-    channel.reset();
-    listener->unsubscribe();
-    ASSERT_TRUE(transport->waitSent(6));
-    EXPECT_EQ(transport->sent<bx::UnsubscribeRequest>(5)->getChannel(), "/orvale/b");
-}
-
 // A publish goes out prefixed and resolves on its answer. Every way it can fail leaves one error
 // line on the module logger, written before the caller's future resolves, and fails the future
 // with the same text.
@@ -270,23 +224,58 @@ TEST_F(ClientTest, PublishResolvesOnItsAnswerAndFailuresAreLoggedBeforeTheyResol
     EXPECT_NE(transport->sent<bx::DisconnectRequest>(10), nullptr);
 }
 
-TEST_F(ClientTest, WildcardDeliveryFollowsSubscribeAndUnsubscribe) {
+// Each handle is its own subscription on the server, and wildcards follow what is subscribed. A
+// callback may cancel its own subscription, and a listener may own the only handle of a channel,
+// so that cancelling the listener cancels the channel through the same service.
+TEST_F(ClientTest, SubscriptionsFollowTheirHandles) {
     auto client = connected();
-    auto unsubscribe = [&](const std::shared_ptr<Subscription>& handle) {
+    // Cancels `handle`, which must send an unsubscribe from `channel`.
+    auto cancel = [&](const std::shared_ptr<Subscription>& handle, const std::string& channel) {
         const std::size_t index = transport->sentCount();
         auto cancelled = handle->unsubscribe();
+        ASSERT_TRUE(transport->waitSent(index + 1));
+        EXPECT_EQ(transport->sent<bx::UnsubscribeRequest>(index)->getChannel(), channel);
         answer<bx::UnsubscribeResponse>(index);
         EXPECT_TRUE(cancelled.get().success);
     };
     auto exact = subscribed(client, "/a/b", "exact");
+    EXPECT_EQ(
+        wire(2),
+        R"([{"channel":"/meta/subscribe","id":"2","clientId":"abc","subscription":"/orvale/a/b"}])");
+    auto twin = subscribed(client, "/a/b", "twin");
     auto one = subscribed(client, "/a/*", "one");
     auto deep = subscribed(client, "/a/**", "deep");
-    unsubscribe(one);
+    cancel(twin, "/orvale/a/b");
+    // The same id again finds nothing and sends nothing.
+    const std::size_t sent = transport->sentCount();
+    const auto twinId = std::dynamic_pointer_cast<SubscriptionImpl2>(twin)->getId();
+    EXPECT_TRUE(client->unsubscribeId(twinId, nullptr).get().success);
+    EXPECT_EQ(transport->sentCount(), sent);
+    cancel(one, "/orvale/a/*");
     EXPECT_EQ(deliveredTo("/orvale/a/b"), (Strings{"deep /a/b 1", "exact /a/b 1"}));
-    unsubscribe(deep);
+    cancel(deep, "/orvale/a/**");
     EXPECT_EQ(deliveredTo("/orvale/a/b/c"), Strings{});
     auto root = subscribed(client, "/**", "root");
     EXPECT_EQ(deliveredTo("/orvale/a/b"), (Strings{"root /a/b 1", "exact /a/b 1"}));
+
+    int calls = 0;
+    std::shared_ptr<Subscription> self;
+    const std::size_t before = transport->sentCount() + 1;
+    auto pending = client->subscribe("/s", [&](const JsonMessage&) {
+        ++calls;
+        self->unsubscribe();
+    });
+    answer<bx::SubscribeResponse>(before - 1);
+    self = pending.get();
+    transport->reply(delivery("/orvale/s", "1"));
+    transport->reply(delivery("/orvale/s", "2"));
+    EXPECT_EQ(calls, 1);
+    ASSERT_TRUE(transport->waitSent(before + 1));
+    EXPECT_EQ(transport->sent<bx::UnsubscribeRequest>(before)->getChannel(), "/orvale/s");
+    std::shared_ptr<Subscription> owned = subscribed(client, "/o", "o");
+    auto listener = client->listenStateChange([owned](const StateChangeEvent&) {}).get();
+    owned.reset();
+    cancel(listener, "/orvale/o");
 
     // A disconnect drops every subscription; wildcards made afterwards are matched again.
     auto done = client->disconnect();

@@ -67,8 +67,10 @@ class ServerImplTest : public ::testing::Test {
     orvale::test::LogCapture capture;
 };
 
-// Two services of one name are two sessions of the server: their ids differ.
-TEST_F(ServerImplTest, ConstructionStateAndLazyRegistration) {
+// Two services of one name are two sessions of the server: their ids differ. A service registers
+// with the server on its first subscription or listener, and each subscription sends its own
+// requests.
+TEST_F(ServerImplTest, ConstructionLazyRegistrationAndRequestsPerSubscription) {
     auto service = make("same");
     EXPECT_EQ(service->getState(), ConnectionState::CONNECTED);
     EXPECT_NE(service->getId(), make("same")->getId());
@@ -77,10 +79,29 @@ TEST_F(ServerImplTest, ConstructionStateAndLazyRegistration) {
 
     service->publish("/a", "1").get();
     EXPECT_EQ(server->registrations, 0) << "publishing does not register";
-    auto s1 = subscribed(service, "/a", "a");
-    auto s2 = service->listenSubscribe("/a", [](const SubscribeEvent&) {}).get();
-    auto s3 = service->listenUnsubscribe("/a", [](const UnsubscribeEvent&) {}).get();
+    auto s1 = subscribed(service, "/a", "1");
+    auto s2 = subscribed(service, "/a", "2");
+    auto l1 = service->listenSubscribe("/a", [](const SubscribeEvent&) {}).get();
+    auto l2 = service->listenUnsubscribe("/a", [](const UnsubscribeEvent&) {}).get();
     EXPECT_EQ(server->registrations, 1);
+    ASSERT_EQ(server->subscribes.size(), 2u);
+    EXPECT_EQ(server->subscribes[0]->getChannel(), "/orvale/a");
+    EXPECT_EQ(server->subscribes[1]->getClientId(), service->getId());
+    s1->unsubscribe().get();
+    ASSERT_EQ(server->unsubscribes.size(), 1u);
+    EXPECT_EQ(server->unsubscribes[0]->getChannel(), "/orvale/a");
+    service->deliver({"/orvale/a"}, published("/orvale/a", "1"));
+    EXPECT_EQ(seen, Strings{"2 /a 1"});
+    s2.reset();  // dropping the handle cancels too
+    EXPECT_EQ(server->unsubscribes.size(), 2u);
+    // A listener holding the only handle of another subscription: cancelling it cancels that.
+    auto channel = subscribed(service, "/c", "c");
+    auto listener = service->listenSubscribe("/b", [channel](const SubscribeEvent&) {}).get();
+    channel.reset();
+    listener->unsubscribe().get();
+    ASSERT_EQ(server->unsubscribes.size(), 3u);
+    EXPECT_EQ(server->unsubscribes[2]->getChannel(), "/orvale/c");
+
     service->disconnect().get();
     EXPECT_EQ(server->unregistrations, 1);
     auto s4 = subscribed(service, "/b", "b");
@@ -129,30 +150,6 @@ TEST_F(ServerImplTest, DisconnectNotifiesListenersAndUnsubscribesEverySubscripti
     EXPECT_EQ(states.size(), 2u);
 }
 
-TEST_F(ServerImplTest, EachSubscriptionSendsItsOwnRequests) {
-    auto service = make();
-    auto s1 = subscribed(service, "/a", "1");
-    auto s2 = subscribed(service, "/a", "2");
-    ASSERT_EQ(server->subscribes.size(), 2u);
-    EXPECT_EQ(server->subscribes[0]->getChannel(), "/orvale/a");
-    EXPECT_EQ(server->subscribes[1]->getClientId(), service->getId());
-    s1->unsubscribe().get();
-    ASSERT_EQ(server->unsubscribes.size(), 1u);
-    EXPECT_EQ(server->unsubscribes[0]->getChannel(), "/orvale/a");
-    service->deliver({"/orvale/a"}, published("/orvale/a", "1"));
-    EXPECT_EQ(seen, Strings{"2 /a 1"});
-    s2.reset();  // dropping the handle cancels too
-    EXPECT_EQ(server->unsubscribes.size(), 2u);
-
-    // A listener holding the only handle of another subscription: cancelling it cancels that.
-    auto channel = subscribed(service, "/c", "c");
-    auto listener = service->listenSubscribe("/b", [channel](const SubscribeEvent&) {}).get();
-    channel.reset();
-    listener->unsubscribe().get();
-    ASSERT_EQ(server->unsubscribes.size(), 3u);
-    EXPECT_EQ(server->unsubscribes[2]->getChannel(), "/orvale/c");
-}
-
 TEST_F(ServerImplTest, ChannelChecksOfOrdinaryAndSharedServices) {
     auto ordinary = make();
     auto shared = make("shared");
@@ -189,7 +186,9 @@ TEST_F(ServerImplTest, PublishHandsThePrefixedRequestToTheServerAndLogsJson) {
     EXPECT_EQ(json[0].channel, "connector::message_service::svc");
 }
 
-TEST_F(ServerImplTest, DeliveryOncePerListedChannelInOrder) {
+// A delivery reaches the subscriptions of each listed channel, once per listing and in its order;
+// a callback may cancel itself, and callbacks that throw are logged.
+TEST_F(ServerImplTest, DeliveryFollowsTheListedChannelsToCallbacksThatMayCancelOrThrow) {
     auto service = make();
     auto exact = subscribed(service, "/a/b", "exact");
     auto wild = subscribed(service, "/a/*", "wild");
@@ -197,10 +196,7 @@ TEST_F(ServerImplTest, DeliveryOncePerListedChannelInOrder) {
                      published("/orvale/a/b", "[1]"));
     EXPECT_EQ(seen, (Strings{"wild /a/b [1]", "exact /a/b [1]", "exact /a/b [1]"}));
     EXPECT_THROW(service->deliver({}, published("/short", "1")), std::out_of_range);
-}
-
-TEST_F(ServerImplTest, CallbackMayCancelItselfAndThrowingCallbacksAreLogged) {
-    auto service = make();
+    seen.clear();
     std::shared_ptr<Subscription> self;
     int selfCalls = 0;
     auto cancelsItself = [&](const JsonMessage&) {
