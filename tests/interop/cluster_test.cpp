@@ -99,12 +99,12 @@ TEST(ClusterTest, PeersOnEveryMemberExchangeMessagesOnceInOrder) {
         std::make_shared<ms::MessageServiceFactoryServerDelegate>(members[0]),
         std::make_shared<ms::MessageServiceFactoryClientDelegate>(connector::makeContext()));
     auto hostService = services->createMessageService("host", {}).get();
-    auto listened = hostService->listenSubscribe(
-        "/mesh/to/*", [&](const ms::SubscribeEvent& e) { heard.add("+" + e.getChannel()); });
-    auto unlistened = hostService->listenUnsubscribe(
-        "/mesh/to/*", [&](const ms::UnsubscribeEvent& e) { heard.add("-" + e.getChannel()); });
-    const std::vector<std::shared_ptr<ms::Subscription>> listeners{listened.get(),
-                                                                   unlistened.get()};
+    auto note = [&](const char* sign) {
+        return [&heard, sign](const auto& e) { heard.add(sign + e.getChannel()); };
+    };
+    const std::vector<std::shared_ptr<ms::Subscription>> listeners{
+        hostService->listenSubscribe("/mesh/to/*", note("+")).get(),
+        hostService->listenUnsubscribe("/mesh/to/*", note("-")).get()};
     auto a = hub(nats, 0), b = hub(nats, 1), c = hub(nats, 2);
     std::map<std::string, std::unique_ptr<ChildProcess>> peers;
     for (const auto& [peer, url] :
