@@ -4,13 +4,12 @@
 //   node faye_server.js [--port N] [--timeout SECONDS] [--mount /bayeux]
 //                       [--cert FILE --key FILE] [--redis-socket PATH] [--show-requests 1]
 //
-// Listens on 127.0.0.1 (a free port unless --port is given) and prints the port as its first
-// stdout line, so the parent knows when it can connect. With --cert/--key it serves https and wss;
-// with --redis-socket it joins a cluster through the faye-redis engine. With --show-requests it
-// prints a JSON line per HTTP request and upgrade (method, path, Authorization and Cookie
-// headers) and sets three cookies on every HTTP answer: `sticky` for the whole site, `other`
-// for another path and `tls` only over TLS, so tests see which a client sends back. It exits
-// when stdin closes or on SIGTERM/SIGINT, so a parent that dies never leaves it behind.
+// Listens on 127.0.0.1 (a free port unless --port is given), printing the port as its first
+// stdout line; serves https and wss with --cert/--key, and joins a cluster through the
+// faye-redis engine with --redis-socket. --show-requests prints a JSON line per HTTP request and
+// upgrade (method, path, Authorization and Cookie) and sets three cookies on every HTTP answer:
+// `sticky` for the whole site, `other` for another path and `tls` only over TLS. It exits when
+// stdin closes or on SIGTERM/SIGINT, so that a parent that dies never leaves it behind.
 
 const fs = require('fs');
 const faye = require('faye');

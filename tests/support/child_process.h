@@ -27,7 +27,8 @@ inline std::string sourceDir() {
 // Why the Node peers cannot run here (their npm packages are not installed), or nothing.
 inline std::optional<std::string> nodeUnavailable() {
     const std::string modules = sourceDir() + "/tests/interop/node_modules";
-    for (const char* package : {"faye", "faye-redis", "cometd", "cometd-nodejs-client", "puppeteer-core"}) {
+    for (const char* package :
+         {"faye", "faye-redis", "cometd", "cometd-nodejs-client", "puppeteer-core"}) {
         struct stat info;
         if (::stat((modules + "/" + package + "/package.json").c_str(), &info) != 0)
             return "the npm package " + std::string(package) + " is not installed in " + modules;
@@ -35,16 +36,18 @@ inline std::optional<std::string> nodeUnavailable() {
     return std::nullopt;
 }
 
-// Skips the test when the npm packages are missing; fails it in CI (CI set), where they must be.
-#define ORVALE_REQUIRE_NODE()                                                            \
-    do {                                                                                 \
-        if (auto orvaleWhyNot = ::orvale::test::nodeUnavailable()) {                     \
-            const char* orvaleCi = std::getenv("CI");                                    \
-            if (orvaleCi && *orvaleCi)                                                   \
-                FAIL() << *orvaleWhyNot;                                                 \
-            GTEST_SKIP() << *orvaleWhyNot << " (run scripts/bootstrap to install them)"; \
-        }                                                                                \
+// Skips the test when `whyNot` (an optional reason) holds; fails it in CI (CI set), where what
+// the test needs must be installed.
+#define ORVALE_REQUIRE(whyNot)                                                         \
+    do {                                                                               \
+        if (const std::optional<std::string> orvaleWhyNot = (whyNot)) {                \
+            const char* orvaleCi = std::getenv("CI");                                  \
+            if (orvaleCi && *orvaleCi)                                                 \
+                FAIL() << *orvaleWhyNot;                                               \
+            GTEST_SKIP() << *orvaleWhyNot << " (run scripts/bootstrap to install it)"; \
+        }                                                                              \
     } while (0)
+#define ORVALE_REQUIRE_NODE() ORVALE_REQUIRE(::orvale::test::nodeUnavailable())
 
 // `node <script> args...`, where a script without a folder is one of tests/interop.
 inline std::unique_ptr<ChildProcess> node(const std::string& script,

