@@ -17,7 +17,8 @@ using orvale::test::waitUntil;
 
 // Several publishers and subscribers at once, with subscriptions coming and going: a
 // subscription held for the whole run gets every message exactly once, in order per publisher;
-// one cancelled midway gets an in-order prefix and nothing twice.
+// one cancelled midway gets an in-order prefix and nothing twice. A callback that publishes,
+// subscribes and cancels on its own service does not deadlock.
 TEST(ServerServices, NothingLostUnderConcurrency) {
     auto delegator = std::make_shared<MessageServiceFactoryDelegatorImpl>(
         std::make_shared<MessageServiceFactoryServerDelegate>(bayeux::makeBayeuxServer()),
@@ -25,8 +26,7 @@ TEST(ServerServices, NothingLostUnderConcurrency) {
     auto create = [&](const std::string& name) {
         return delegator->createMessageService(name, {}).get();
     };
-    constexpr int publishers = 4;
-    constexpr int perPublisher = 10000;
+    constexpr int publishers = 4, perPublisher = 10000;
     // The shared instance publishes too: the delegate keeps it, so it is still there to be
     // disconnected, from a server it never joined, when the delegate goes.
     std::vector<std::shared_ptr<MessageService>> pubs;
@@ -34,14 +34,14 @@ TEST(ServerServices, NothingLostUnderConcurrency) {
         pubs.push_back(create(p == 0 ? "shared" : "pub" + std::to_string(p)));
     auto steady = create("steady");
 
-    // Counts deliveries of "p,i" and those out of order per publisher p.
+    // Counts deliveries of "p,i" and those out of order per publisher p; a sink keeps its tally,
+    // which a delivery still running after the test's end finds.
     struct Tally {
         std::mutex mutex;
         std::vector<int> last = std::vector<int>(publishers, -1);
         std::atomic<long> count{0};
         std::atomic<int> violations{0};
     };
-    // The sink keeps its tally: a delivery still running after the test's end finds it.
     auto sink = [](std::shared_ptr<Tally> tally) {
         return [tally](const JsonMessage& m) {
             const int p = m.getJson()[0] - '0';
@@ -56,7 +56,6 @@ TEST(ServerServices, NothingLostUnderConcurrency) {
     auto s1 = steady->subscribe("/load/x", sink(held)).get();
     auto s2 = steady->subscribe("/load/*", sink(wild)).get();
 
-    // Churn: another service subscribes and cancels while messages flow.
     std::atomic<bool> stop{false};
     std::thread churn([&, service = create("churn")] {
         while (!stop) {
@@ -65,7 +64,6 @@ TEST(ServerServices, NothingLostUnderConcurrency) {
             sub->unsubscribe().get();
         }
     });
-    // A callback that publishes, subscribes and cancels on its own service must not deadlock.
     auto echo = create("echo");
     std::atomic<int> echoes{0};
     auto s3 =
