@@ -1,6 +1,7 @@
 #pragma once
-// The client service over a scripted transport: the fixture its unit tests share, which makes
-// services, connects them, answers their requests and records what they deliver.
+// The fixtures of the service tests: what every service test records (deliveries, state changes,
+// log lines), and the client service over a scripted transport, which the client's tests make,
+// connect and answer.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -25,7 +26,25 @@ inline std::unique_ptr<bx::PublishRequest> delivery(const std::string& wire,
     return std::make_unique<bx::PublishRequest>(wire, common::DataBuffer(json));
 }
 
-class ClientTest : public ::testing::Test {
+class ServiceTest : public ::testing::Test {
+  protected:
+    // A callback noting each delivery in `seen` as "<tag> <channel> <json>".
+    std::function<void(const JsonMessage&)> record(const std::string& tag) {
+        return [this, tag](const JsonMessage& m) {
+            seen.push_back(tag + " " + m.getChannel() + " " + m.getJson());
+        };
+    }
+    template <class Service>
+    std::shared_ptr<Subscription> watch(const std::shared_ptr<Service>& s) {
+        return s->listenStateChange(states.stateSink()).get();
+    }
+
+    Strings seen;
+    orvale::test::Inbox states;  // "FROM->TO" for each state change watched
+    orvale::test::LogCapture capture;
+};
+
+class ClientTest : public ServiceTest {
   protected:
     void SetUp() override { transport->install(*context); }
 
@@ -69,19 +88,13 @@ class ClientTest : public ::testing::Test {
         transport->reply(response<T>(request->getId()));
     }
 
-    // Subscribes, answers the request, and returns the handle; deliveries are noted in `seen`
-    // as "<tag> <channel> <json>".
+    // Subscribes, answers the request, and returns the handle; deliveries are recorded.
     std::shared_ptr<Subscription> subscribed(const std::shared_ptr<MessageServiceClientImpl>& c,
                                              const std::string& pattern, const std::string& tag) {
         const std::size_t index = transport->sentCount();
         auto pending = c->subscribe(pattern, record(tag));
         answer<bx::SubscribeResponse>(index);
         return pending.get();
-    }
-    std::function<void(const JsonMessage&)> record(const std::string& tag) {
-        return [this, tag](const JsonMessage& m) {
-            seen.push_back(tag + " " + m.getChannel() + " " + m.getJson());
-        };
     }
     Strings deliveredTo(const std::string& wire, const std::string& json = "1") {
         seen.clear();
@@ -96,15 +109,8 @@ class ClientTest : public ::testing::Test {
         return message ? bx::codec::encode(*message) : "(nothing)";
     }
 
-    std::shared_ptr<Subscription> watch(const std::shared_ptr<MessageServiceClientImpl>& c) {
-        return c->listenStateChange(states.stateSink()).get();
-    }
-
     std::shared_ptr<Context> context = std::make_shared<Context>();
     std::shared_ptr<ScriptedTransport> transport = std::make_shared<ScriptedTransport>();
-    Strings seen;
-    orvale::test::Inbox states;  // "FROM->TO" for each state change watched
-    orvale::test::LogCapture capture;
 };
 
 }  // namespace connector::message_service

@@ -1,11 +1,7 @@
 #include "connector/message_service/server_impl.h"
 
-#include <gtest/gtest.h>
-
+#include "client_fixture.h"
 #include "connector/message_service/server_delegate.h"
-#include "failure_text.h"
-#include "inbox.h"
-#include "log_capture.h"
 
 namespace connector::message_service {
 namespace {
@@ -13,8 +9,6 @@ namespace {
 using bayeux::PublishRequest;
 using bayeux::SubscribeRequest;
 using bayeux::UnsubscribeRequest;
-using orvale::test::failureText;
-using Strings = std::vector<std::string>;
 
 // Records what a session hands to its server; delivery is driven by the tests themselves.
 class RecordingServer : public bayeux::BayeuxServer {
@@ -42,29 +36,17 @@ std::shared_ptr<const PublishRequest> published(const std::string& wire, const s
     return std::make_shared<PublishRequest>(wire, common::DataBuffer(json));
 }
 
-class ServerImplTest : public ::testing::Test {
+class ServerImplTest : public ServiceTest {
   protected:
     std::shared_ptr<MessageServiceServerImpl> make(const std::string& name = "svc") {
         return std::make_shared<MessageServiceServerImpl>(name, server);
     }
-    // Subscribes `s`; deliveries are noted in `seen` as "<tag> <channel> <json>".
     std::shared_ptr<Subscription> subscribed(const std::shared_ptr<MessageServiceServerImpl>& s,
                                              const std::string& pattern, const std::string& tag) {
-        return s
-            ->subscribe(pattern,
-                        [this, tag](const JsonMessage& m) {
-                            seen.push_back(tag + " " + m.getChannel() + " " + m.getJson());
-                        })
-            .get();
-    }
-    std::shared_ptr<Subscription> watch(const std::shared_ptr<MessageServiceServerImpl>& s) {
-        return s->listenStateChange(states.stateSink()).get();
+        return s->subscribe(pattern, record(tag)).get();
     }
 
     std::shared_ptr<RecordingServer> server = std::make_shared<RecordingServer>();
-    Strings seen;
-    orvale::test::Inbox states;  // "FROM->TO" for each state change watched
-    orvale::test::LogCapture capture;
 };
 
 // Two services of one name are two sessions of the server: their ids differ. A service registers
