@@ -2,65 +2,20 @@
 // session through the raw transport, and wss:// with a CA made for the test. A server that dies
 // is client_service_test.cpp's.
 
-#include "connector/bayeux/websocket_transport.h"
-
 #include <gtest/gtest.h>
 
-#include <deque>
-
+#include "../unit/websocket_peers.h"
 #include "bayeux/codec.h"
 #include "child_process.h"
-#include "failure_text.h"
-#include "log_capture.h"
 #include "test_certificates.h"
 
-namespace connector::bayeux {
+namespace connector::bayeux::transport_test {
 namespace {
 
-using orvale::test::waitUntil;
-using namespace std::chrono_literals;
-
-Future<MessagePtr> connectTo(const std::string& url, WebSocketTransportOptions options,
-                             std::shared_ptr<Context>& context) {
-    context = std::make_shared<Context>();
-    context->registerService(webSocketTransportAddress(), makeWebSocketTransport(options));
-    return context->deliver(webSocketTransportAddress(), std::make_unique<ConnectTransport>(url));
-}
-
-// One connection of the raw transport, as a client service would hold it. It keeps every inbound
-// message, containers flattened, for the test to take in any order, and is the outbound stream's
-// subscription, which lets everything through.
-class Peer : public reactive_streams::Subscriber<MessagePtr>,
-             public reactive_streams::Subscription {
-  public:
-    static std::shared_ptr<Peer> open(const std::string& url,
-                                      WebSocketTransportOptions options = {}) {
-        auto peer = std::make_shared<Peer>();
-        auto future = connectTo(url, options, peer->context);
-        if (!future.waitFor(10s))
-            throw std::runtime_error("connecting to " + url + " did not finish");
-        auto response = future.get();
-        auto& open = dynamic_cast<ConnectTransportResponse&>(*response);
-        open.getInbound()->subscribe(peer);
-        peer->outbound = open.getOutbound();
-        peer->outbound->onSubscribe(peer);
-        return peer;
-    }
-
-    void onSubscribe(std::shared_ptr<Subscription> s) override { s->request(UINT64_MAX); }
-    void onNext(MessagePtr&& element) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (auto* container = dynamic_cast<BayeuxContainer*>(element.get()))
-            for (auto& message : container->messages())
-                messages_.push_back(std::move(message));
-        else
-            messages_.push_back(std::move(element));
-    }
-    void onComplete() override { completed = true; }
-    void onError(std::exception_ptr) override { completed = true; }
-    Future<bool> done() override { return makeReadyFuture<bool>(true); }
-    void request(std::uint64_t) override {}
-    void cancel() override {}
+// A raw client of the transport, as a client service would hold one, taking what comes in any
+// order: each answer by its type and id.
+struct Peer : Client {
+    using Client::Client;
 
     // Removes and returns the first T answering `id` (any when empty), waiting a bounded time;
     // throws when none comes.
@@ -68,12 +23,18 @@ class Peer : public reactive_streams::Subscriber<MessagePtr>,
     std::unique_ptr<T> take(const std::string& id = {}) {
         std::unique_ptr<T> out;
         waitUntil([&] {
-            std::lock_guard<std::mutex> lock(mutex_);
-            for (auto it = messages_.begin(); it != messages_.end(); ++it)
+            // The recorder keeps each frame as its text; read again, containers flattened.
+            for (const auto frames = collector->received(); read < frames.size(); ++read) {
+                const bool container = frames[read].rfind("container", 0) == 0;
+                auto decoded = codec::decodeFromServer(frames[read].substr(container ? 9 : 0));
+                for (auto& message : decoded.messages)
+                    messages.push_back(std::move(message));
+            }
+            for (auto it = messages.begin(); it != messages.end(); ++it)
                 if (auto* typed = dynamic_cast<T*>(it->get());
                     typed && (id.empty() || typed->getId() == id)) {
                     out.reset(static_cast<T*>(it->release()));
-                    messages_.erase(it);
+                    messages.erase(it);
                     return true;
                 }
             return false;
@@ -88,7 +49,7 @@ class Peer : public reactive_streams::Subscriber<MessagePtr>,
         message->setId(id);
         if (!clientId.empty() && message->kind() != Kind::HandshakeRequest)
             message->setClientId(clientId);
-        outbound->onNext(std::move(message));
+        Client::send(std::move(message));
         return id;
     }
     // Sends `message` and returns the answer of type R.
@@ -108,15 +69,10 @@ class Peer : public reactive_streams::Subscriber<MessagePtr>,
         clientId = response->getClientId();
     }
 
-    std::shared_ptr<Context> context;
-    std::shared_ptr<reactive_streams::Subscriber<MessagePtr>> outbound;
     std::string clientId;
     int nextId = 1;
-    std::atomic<bool> completed{false};
-
-  private:
-    std::mutex mutex_;  // guards messages_
-    std::deque<MessagePtr> messages_;
+    std::size_t read = 0;  // frames decoded into `messages`
+    std::deque<std::unique_ptr<BayeuxMessage>> messages;
 };
 
 std::string fayeUrl(orvale::test::ChildProcess& faye, const char* scheme = "ws",
@@ -128,61 +84,61 @@ TEST(WebSocketTransportWithFaye, RunsAWholeBayeuxSession) {
     ORVALE_REQUIRE_NODE();
     auto faye = orvale::test::startNode("faye_server.js", {"--timeout", "1"});
     const std::string url = fayeUrl(*faye);
-    auto a = Peer::open(url), b = Peer::open(url);
-    a->handshake();
-    b->handshake();
-    EXPECT_NE(a->clientId, b->clientId);
+    Peer a(url), b(url);
+    a.handshake();
+    b.handshake();
+    EXPECT_NE(a.clientId, b.clientId);
 
     // Faye holds each connect until its timeout (1 s here) when it has nothing to deliver.
     for (int turn = 0; turn < 2; ++turn) {
         const auto sent = std::chrono::steady_clock::now();
-        auto connected = a->take<ConnectStreamResponse>(a->connect());
+        auto connected = a.take<ConnectStreamResponse>(a.connect());
         EXPECT_TRUE(connected->isSuccessful());
         EXPECT_GE(std::chrono::steady_clock::now() - sent, 500ms);
         ASSERT_TRUE(connected->getAdvice());
         EXPECT_EQ(connected->getAdvice()->timeout, 1000);
     }
     for (const char* channel : {"/orvale/news", "/orvale/other"}) {
-        auto subscribed = a->subscribe(channel);
+        auto subscribed = a.subscribe(channel);
         EXPECT_TRUE(subscribed->isSuccessful());
         EXPECT_EQ(subscribed->getChannel(), channel);
     }
     // Deliveries come over the socket while a connect is pending.
-    a->connect();
+    a.connect();
     const std::string json = R"({"text":"héllo","n":[1,2.5]})";
-    const auto published = b->send(std::make_unique<PublishRequest>("/orvale/news", json));
-    EXPECT_TRUE(b->take<PublishResponse>()->isSuccessful());
-    auto delivered = a->take<PublishRequest>();
+    const auto published = b.send(std::make_unique<PublishRequest>("/orvale/news", json));
+    EXPECT_TRUE(b.take<PublishResponse>()->isSuccessful());
+    auto delivered = a.take<PublishRequest>();
     EXPECT_EQ(delivered->getChannel(), "/orvale/news");
     EXPECT_EQ(delivered->getJson(), json);
     EXPECT_EQ(delivered->getId(), published);  // Faye passes the publisher's id along
 
     auto unsubscribed =
-        a->ask<UnsubscribeResponse>(std::make_unique<UnsubscribeRequest>("/orvale/news", ""));
+        a.ask<UnsubscribeResponse>(std::make_unique<UnsubscribeRequest>("/orvale/news", ""));
     EXPECT_TRUE(unsubscribed->isSuccessful());
     EXPECT_EQ(unsubscribed->getChannel(), "/orvale/news");
     // After unsubscribing only the other channel arrives: published second, delivered alone.
-    a->connect();
-    b->send(std::make_unique<PublishRequest>("/orvale/news", std::string("1")));
-    b->send(std::make_unique<PublishRequest>("/orvale/other", std::string("2")));
-    EXPECT_EQ(a->take<PublishRequest>()->getChannel(), "/orvale/other");
+    a.connect();
+    b.send(std::make_unique<PublishRequest>("/orvale/news", std::string("1")));
+    b.send(std::make_unique<PublishRequest>("/orvale/other", std::string("2")));
+    EXPECT_EQ(a.take<PublishRequest>()->getChannel(), "/orvale/other");
 
     // Faye's errors come back verbatim.
-    auto refused = a->subscribe("/orvale/a b");
+    auto refused = a.subscribe("/orvale/a b");
     EXPECT_FALSE(refused->isSuccessful());
     EXPECT_EQ(refused->getError(), "405:/orvale/a b:Invalid channel");
 
     // A connect and a disconnect handed over together: Faye answers a frame only when all of it
     // is answered and drops the session on disconnect, so the two must not share a frame.
-    a->connect();
-    EXPECT_TRUE(a->ask<DisconnectResponse>(std::make_unique<DisconnectRequest>())->isSuccessful());
+    a.connect();
+    EXPECT_TRUE(a.ask<DisconnectResponse>(std::make_unique<DisconnectRequest>())->isSuccessful());
     // Faye closes the socket after a disconnect: the inbound stream completes.
-    EXPECT_TRUE(waitUntil([&] { return a->completed.load(); }));
+    EXPECT_TRUE(waitUntil([&] { return a.completed(); }));
 
     // An unknown client id is refused with Faye's own error text.
-    auto c = Peer::open(url);
-    c->clientId = "bogus123";
-    auto rejected = c->take<ConnectStreamResponse>(c->connect());
+    Peer c(url);
+    c.clientId = "bogus123";
+    auto rejected = c.take<ConnectStreamResponse>(c.connect());
     EXPECT_FALSE(rejected->isSuccessful());
     EXPECT_EQ(rejected->getError(), "401:bogus123:Unknown client");
     EXPECT_EQ(rejected->getAdvice()->reconnect, "handshake");
@@ -213,17 +169,17 @@ TEST(WebSocketTransportWithFaye, SecureWebSocketVerifiesTheServer) {
                           Case{url, missing, "cannot load the CA file /nonexistent/ca.pem: "}}) {
         SCOPED_TRACE(c.url + " " + c.reason);
         if (c.reason.empty()) {
-            auto peer = Peer::open(c.url, c.options);
-            peer->handshake();
-            EXPECT_TRUE(peer->subscribe("/orvale/s")->isSuccessful());
+            Peer peer(c.url, c.options);
+            peer.handshake();
+            EXPECT_TRUE(peer.subscribe("/orvale/s")->isSuccessful());
             continue;
         }
-        std::shared_ptr<Context> context;
-        const std::string error = orvale::test::failureText(connectTo(c.url, c.options, context));
+        const std::string error =
+            orvale::test::failureText(connectTo(contextWith(c.options), c.url));
         EXPECT_EQ(error.rfind("Cannot connect to " + c.url + ": ", 0), 0u) << error;
         EXPECT_NE(error.find(c.reason), std::string::npos) << error;
     }
 }
 
 }  // namespace
-}  // namespace connector::bayeux
+}  // namespace connector::bayeux::transport_test
