@@ -129,8 +129,23 @@ TEST_F(ServerImplTest, DisconnectNotifiesListenersAndUnsubscribesEverySubscripti
     EXPECT_EQ(states.size(), 2u);
 }
 
-TEST_F(ServerImplTest, ChannelChecksOfOrdinaryAndSharedServices) {
+// A publish goes to the server prefixed, logged as JSON; ordinary and shared services check
+// channels by their own rules.
+TEST_F(ServerImplTest, PublishGoesPrefixedToTheServerAfterTheChannelChecks) {
     auto ordinary = make();
+    auto context = std::make_shared<common::ContextState>();
+    EXPECT_TRUE(ordinary->publishWithContext("/x/y", "{\"v\":1}", context).get().success);
+    ASSERT_EQ(server->publishes.size(), 1u);
+    EXPECT_EQ(server->publishes[0]->getChannel(), "/orvale/x/y");
+    EXPECT_EQ(server->publishes[0]->getJson(), "{\"v\":1}");
+    EXPECT_EQ(server->publishes[0]->getClientId(), ordinary->getId());
+    EXPECT_EQ(server->publishes[0]->getContextState(), context);
+    auto json = capture.find("Message Ignored. If you see this, JSON log formatting is broken.");
+    ASSERT_EQ(json.size(), 1u);
+    EXPECT_EQ(json[0].json,
+              "{\"operation\":\"Publish\",\"channel\":\"/x/y\",\"content\":{\"v\":1}}");
+    EXPECT_EQ(json[0].channel, "connector::message_service::svc");
+
     auto shared = make("shared");
     auto noop = [](const JsonMessage&) {};
     EXPECT_EQ(failureText(ordinary->subscribe("/a b", noop)), "Channel pattern is invalid: /a b");
@@ -147,22 +162,6 @@ TEST_F(ServerImplTest, ChannelChecksOfOrdinaryAndSharedServices) {
     // Invalid channels win over the state test.
     ordinary->disconnect().get();
     EXPECT_EQ(failureText(ordinary->publish("/a/*", "1")), "Channel is invalid: /a/*");
-}
-
-TEST_F(ServerImplTest, PublishHandsThePrefixedRequestToTheServerAndLogsJson) {
-    auto service = make();
-    auto context = std::make_shared<common::ContextState>();
-    EXPECT_TRUE(service->publishWithContext("/x/y", "{\"v\":1}", context).get().success);
-    ASSERT_EQ(server->publishes.size(), 1u);
-    EXPECT_EQ(server->publishes[0]->getChannel(), "/orvale/x/y");
-    EXPECT_EQ(server->publishes[0]->getJson(), "{\"v\":1}");
-    EXPECT_EQ(server->publishes[0]->getClientId(), service->getId());
-    EXPECT_EQ(server->publishes[0]->getContextState(), context);
-    auto json = capture.find("Message Ignored. If you see this, JSON log formatting is broken.");
-    ASSERT_EQ(json.size(), 1u);
-    EXPECT_EQ(json[0].json,
-              "{\"operation\":\"Publish\",\"channel\":\"/x/y\",\"content\":{\"v\":1}}");
-    EXPECT_EQ(json[0].channel, "connector::message_service::svc");
 }
 
 // A delivery reaches the subscriptions of each listed channel, once per listing and in its order;
