@@ -16,7 +16,9 @@ namespace orvale::test {
 class Inbox {
   public:
     std::function<void(const connector::message_service::JsonMessage&)> sink() {
-        return [this](const connector::message_service::JsonMessage& m) { add(m); };
+        return [this](const connector::message_service::JsonMessage& m) {
+            add(m.getChannel() + " " + m.getJson());
+        };
     }
     std::function<void(const connector::message_service::StateChangeEvent&)> stateSink() {
         return [this](const connector::message_service::StateChangeEvent& e) {
@@ -24,9 +26,6 @@ class Inbox {
             line << e.previousState << "->" << e.newState;
             add(line.str());
         };
-    }
-    void add(const connector::message_service::JsonMessage& m) {
-        add(m.getChannel() + " " + m.getJson());
     }
     void add(std::string item) {
         std::lock_guard<std::mutex> lock(mutex_);
