@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <functional>
 #include <string>
-#include <tuple>
 #include <typeinfo>
 
 #include "bayeux/json_text.h"
@@ -264,35 +263,6 @@ TEST(BayeuxCodec, MistypedOrMissingFieldsAreReportedPerElement) {
         ASSERT_EQ(decoded.errors.size(), 1u) << c.element;
         EXPECT_NE(decoded.errors[0].text().find(c.problem), std::string::npos)
             << decoded.errors[0].text();
-    }
-}
-
-TEST(BayeuxCodec, AnElementErrorNamesTheElementsChannelAndIdWhereReadable) {
-    auto decoded = decodeFromClient(
-        R"([{"channel":"/meta/bogus","id":"7"},{"channel":"/a","id":42},{"channel":5,"id":[]}])");
-    ASSERT_EQ(decoded.errors.size(), 3u);
-    const std::tuple<std::size_t, const char*, const char*> expected[] = {
-        {0, "/meta/bogus", "7"}, {1, "/a", "42"}, {2, "", ""}};
-    for (std::size_t i = 0; i < 3; ++i) {
-        const auto& [index, channel, id] = expected[i];
-        EXPECT_EQ(decoded.errors[i].index, index);
-        EXPECT_EQ(decoded.errors[i].channel, channel);
-        EXPECT_EQ(decoded.errors[i].id, id);
-    }
-    EXPECT_FALSE(decodeFromClient("[1,").errors.at(0).index);
-}
-
-// A frame of more elements than the caller allows is refused whole, whatever its elements are.
-TEST(BayeuxCodec, AFrameOverTheMessageCapDecodesToNothing) {
-    const std::string three = R"([{"channel":"/a","data":1},7,{"channel":"/b","data":2}])";
-    EXPECT_EQ(decodeFromClient(three, 3).messages.size(), 2u);
-    EXPECT_FALSE(decodeFromClient(three, 3).tooManyMessages);
-    for (const std::string& frame : {three, three.substr(0, three.size() - 1) + ",x"}) {
-        auto decoded = decodeFromClient(frame, 2);
-        EXPECT_TRUE(decoded.tooManyMessages) << frame;
-        EXPECT_TRUE(decoded.messages.empty()) << frame;
-        ASSERT_EQ(decoded.errors.size(), 1u) << frame;
-        EXPECT_EQ(decoded.errors[0].text(), "frame of more than 2 messages");
     }
 }
 

@@ -1,8 +1,5 @@
-// The Bayeux endpoint against raw WebSocket and HTTP clients written over Boost.Beast, with
-// server services on the same in-process server: the protocol as remote clients see it, its
-// errors, its limits, TLS, the sessions as the server sees them, and its listener against
-// clients beyond its means. Long-polling has its own file, http_link_test.cpp, and so have the
-// hub's admission rules, hub_test.cpp.
+// The Bayeux endpoint against raw clients, with server services on the same server: the protocol,
+// its errors and limits, TLS, sessions as the server sees them, and the listener's bounds.
 
 #include "connector/bayeux/endpoint.h"
 
@@ -52,9 +49,7 @@ TEST_F(EndpointTest, WebSocketSessionFromHandshakeToDisconnect) {
     EXPECT_EQ(advice(first), retry);
     ASSERT_TRUE(ws.send(connect(id, "3")));
 
-    // Each answer names its request's channel, and its subscription for a subscription; a
-    // delivery comes as "channel data". Deliveries keep publication order, so /chat/b's shows
-    // that the unsubscription kept "2" from /chat/a's subscriber.
+    // Deliveries keep publication order, so /chat/b's shows the unsubscription kept "2" away.
     const struct {
         std::string frame, subscription, delivery;
     } steps[] = {
@@ -81,7 +76,6 @@ TEST_F(EndpointTest, WebSocketSessionFromHandshakeToDisconnect) {
         EXPECT_FALSE(delivered && (delivered->contains("clientId") || delivered->contains("id")));
     }
 
-    // Disconnecting answered the held connect and forgot the client.
     auto held = ws.await(withId("3"));
     ASSERT_TRUE(successful(held)) << error(held);
     EXPECT_EQ(advice(held), R"({"reconnect":"none","interval":0})");
@@ -102,8 +96,7 @@ TEST_F(EndpointTest, ServiceChannelsAreAnsweredButNeverBroadcast) {
     auto answered = sender.call(publish(b, "1", "/service/x", "1"), "1");
     ASSERT_TRUE(successful(answered)) << error(answered);
     ASSERT_TRUE(successful(sender.call(publish(b, "2", "/chat/x", "2"), "2")));
-    // Deliveries keep publication order: the first one to arrive shows the service message
-    // reached nobody.
+    // In publication order: the first delivery shows the service message reached no one.
     EXPECT_EQ(listener.nextDelivery(), "/chat/x 2");
 }
 
@@ -112,7 +105,6 @@ TEST_F(EndpointTest, ErrorRepliesNameTheProblem) {
     RawWebSocket ws(port);
     const std::string id = open(ws);
 
-    // Unknown clients are told to handshake again, whatever they send.
     for (const auto& frame : {connect("nobody", "u1", 0), subscribe("nobody", "u1", "/a"),
                               publish("nobody", "u1", "/a", "1"), publish("", "u1", "/a", "1")}) {
         auto reply = ws.call(frame, "u1");
@@ -138,8 +130,7 @@ TEST_F(EndpointTest, ErrorRepliesNameTheProblem) {
         EXPECT_EQ(reply ? str(*reply, "channel") : "", str(parseMessages(frame).at(0), "channel"));
     }
 
-    // A message the hub cannot read gets an error echoing its id; the rest of its frame is
-    // handled as usual. So does text that is not JSON, and the connection goes on serving.
+    // An unreadable message gets an error echoing its id; the rest of its frame is served.
     ASSERT_TRUE(ws.send(R"([{"channel":"/x","clientId":")" + id + R"(","id":"m1"},7,)" +
                         connect(id, "m2", 0).substr(1)));
     auto missingData = ws.await(withId("m1"));
@@ -159,7 +150,6 @@ TEST_F(EndpointTest, ErrorRepliesNameTheProblem) {
     EXPECT_EQ(bad->headers[http::field::server], "orvale");
     EXPECT_TRUE(anonymous400(bad->messages().at(0))) << bad->body;
 
-    // What follows a disconnect in its frame is from an unknown client.
     ASSERT_TRUE(ws.send(
         batch({publish(id, "p1", "/a", "1"), disconnect(id, "d"), publish(id, "p2", "/a", "2")})));
     EXPECT_TRUE(successful(ws.await(withId("p1"))));
@@ -243,7 +233,6 @@ TEST_F(EndpointTest, AFullQueueDropsItsOldestMessagesAndSaysHowMany) {
             feeder->publish("/q/data",
                             quote(std::to_string(i) + ":" + std::string(c.padding, 'x')));
         feeder->publish("/q/sync", "0");
-        // With one delivery thread, the watcher hears the marker after the client got the rest.
         ASSERT_TRUE(waitUntil([&] { return synced.load(); }));
 
         auto answer = poll.post(connect(id, "3", -1, "long-polling"));
@@ -259,7 +248,6 @@ TEST_F(EndpointTest, AFullQueueDropsItsOldestMessagesAndSaysHowMany) {
         EXPECT_EQ(json::serialize(reply->at("ext")), R"({"dropped":)" + lost + "}");
         EXPECT_EQ(std::to_string(endpoint->stats().droppedMessages), lost);
         EXPECT_EQ(log.count("Session " + id + " holds "), 1u);
-        // Reported once: the next answer has nothing to add.
         auto next = poll.call(connect(id, "4", 0, "long-polling"), "4");
         ASSERT_TRUE(next);
         EXPECT_FALSE(next->contains("ext"));
@@ -280,13 +268,11 @@ TEST_F(EndpointTest, ExpiredAndStoppedSessionsLoseTheirSubscriptions) {
     auto unsubscribed = watcher->listenUnsubscribe("/exp/**", noted("-")).get();
     auto inbound = watcher->subscribe("/in", published.sink()).get();
 
-    // A long-polling client that never connects.
-    RawHttp poll(port);
+    RawHttp poll(port);  // never connects
     const std::string quiet = open(poll);
     ASSERT_TRUE(poll.post(subscribe(quiet, "2", "/orvale/exp/a")));
     ASSERT_TRUE(poll.post(subscribe(quiet, "3", "/orvale/exp/b")));
 
-    // A WebSocket client whose connection dies with its connect held.
     auto ws = std::make_unique<RawWebSocket>(port);
     const std::string gone = open(*ws);
     ASSERT_TRUE(successful(ws->call(subscribe(gone, "2", "/orvale/exp/c"), "2")));
@@ -302,7 +288,6 @@ TEST_F(EndpointTest, ExpiredAndStoppedSessionsLoseTheirSubscriptions) {
     EXPECT_EQ(log.count("Session " + gone + " expired"), 1u);
     EXPECT_EQ(error(poll.call(connect(quiet, "4", 0, "long-polling"), "4")), "402::Unknown client");
 
-    // A live WebSocket session, its connect held.
     RawWebSocket live(port);
     const std::string id = open(live);
     ASSERT_TRUE(live.send(connect(id, "c")));
@@ -340,8 +325,7 @@ TEST_F(EndpointTest, BurstsAreBatchedIntoFramesAndLeaveOtherClientsServed) {
     EXPECT_LT(frames.size(), static_cast<std::size_t>(count));
     EXPECT_GT(*std::max_element(frames.begin(), frames.end()), 1u);
 
-    // As many publishes in one frame as a frame may hold are all acknowledged, in one frame or a
-    // few.
+    // A frame's worth of publishes is acknowledged in one frame or a few.
     RawWebSocket noisy(port);
     const std::string noisyId = open(noisy);
     std::vector<std::string> publishes;
@@ -384,10 +368,8 @@ TEST_F(EndpointTest, HandshakeOverSecureWebSocket) {
     const std::string reply = beast::buffers_to_string(buffer.data());
     const auto messages = parseMessages(reply);
     EXPECT_TRUE(messages.size() == 1 && successful(messages[0])) << reply;
-    // The browser cookie is kept off plain connections.
     EXPECT_NE(std::string(upgrade[http::field::set_cookie]).find("; Secure"), std::string::npos);
 
-    // Plain text on the TLS port gets nowhere, and the hub goes on.
     RawHttp plain(port);
     EXPECT_FALSE(plain.post(handshake("2")));
     EXPECT_EQ(endpoint->sessionCount(), 1u);
@@ -415,8 +397,7 @@ TEST_F(EndpointTest, ConnectionsBeyondTheCapAreClosedOnArrival) {
 TEST_F(EndpointTest, AcceptingOutOfDescriptorsBacksOffAndRecovers) {
     start();
     LogCapture log;
-    // The client's socket first; then no descriptor at all may be opened, so that the hub's
-    // accept of it fails however the other threads' descriptors come and go.
+    // No descriptor may be opened after the client's socket: the hub's accept of it must fail.
     const int client = ::socket(AF_INET, SOCK_STREAM, 0);
     ASSERT_GE(client, 0);
     const int lowest = ::open("/dev/null", O_RDONLY);

@@ -43,27 +43,6 @@ TEST_F(EndpointTest, LongPollingSessionAndHeldConnects) {
     }
 }
 
-// Long-polling requests come over any connection: the browser cookie set by the handshake is
-// what ties them to the session, and only a cookie the hub issued counts.
-TEST_F(EndpointTest, TheBrowserCookieBindsLongPollingRequests) {
-    start();
-    RawHttp poll(port);
-    const std::string id = open(poll);
-    ASSERT_EQ(poll.cookie().size(), std::string("BAYEUX_BROWSER=").size() + 64) << poll.cookie();
-    // A request carrying the cookie keeps it; an unknown or altered value is replaced.
-    EXPECT_EQ(poll.post(handshake("again"))->headers[http::field::set_cookie], "");
-    std::string forged = poll.cookie();
-    forged.back() = forged.back() == '0' ? '1' : '0';
-    for (const std::string& cookie : {forged, std::string("BAYEUX_BROWSER=chosen")}) {
-        RawHttp other(port, cookie);
-        open(other);
-        EXPECT_NE(other.cookie(), cookie);
-        EXPECT_NE(other.cookie(), poll.cookie());
-        EXPECT_EQ(error(other.call(connect(id, "x", 0, "long-polling"), "x")),
-                  "402::Unknown client");
-    }
-}
-
 // The client moves between a WebSocket with its browser's cookie and long-polling, as some
 // clients do; each newer connect answers the one held over the other transport.
 TEST_F(EndpointTest, ANewerConnectAnswersTheOlderAcrossTransports) {

@@ -63,38 +63,6 @@ TEST(WebSocketConnection, BatchesWhatIsQueuedDuringAWriteInBoundedFrames) {
     EXPECT_EQ(channels(frames.back()), std::vector<std::string>{"/big2"});
 }
 
-// Through the whole connection, a paced stream loses nothing and keeps its order, with a frame
-// larger than the read buffer in the middle and a lone frame after it stops.
-TEST(WebSocketConnection, PacedReadsLoseNothingAndNeverStrandALoneFrame) {
-    WebSocketTransportOptions options;
-    options.readPacingUs = 2000;
-    TestServer server;
-    Client client(server, options);
-    auto session = client.session;
-    // One frame every 100 us: fast enough to be paced, slow enough that the client empties the
-    // socket on every read before pacing starts.
-    constexpr int kStream = 2000;
-    const auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < kStream; ++i) {
-        std::this_thread::sleep_until(start + i * 100us);
-        session->send(R"([{"channel":"/s","data":)" + std::to_string(i) + "}]");
-        if (i == kStream / 2)
-            session->send(R"([{"channel":"/big","data":")" + std::string(200000, 'x') + "\"}]");
-    }
-    ASSERT_TRUE(waitUntil([&] { return client.collector->count() == kStream + 1; }));
-    int n = 0;
-    for (const auto& frame : client.collector->received()) {
-        if (frame.find("/big") == std::string::npos) {
-            EXPECT_EQ(frame, R"([{"channel":"/s","data":)" + std::to_string(n++) + "}]");
-        }
-    }
-    EXPECT_EQ(n, kStream);
-
-    std::this_thread::sleep_for(20ms);  // a paced read finds nothing, then a lone frame comes
-    session->send(R"([{"channel":"/late","data":1}])");
-    ASSERT_TRUE(waitUntil([&] { return client.collector->count() == kStream + 2; }));
-}
-
 // A fast stream goes out in frames of many messages; the frame held last still leaves once the
 // stream stops, and so does a lone message after it. Nothing is lost or reordered, with write
 // pacing or without.

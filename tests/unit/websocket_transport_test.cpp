@@ -35,12 +35,15 @@ TEST(WebSocketTransport, ExchangesMessagesAndKeepsFramesAsTheyCame) {
     session->send(R"([{"channel":"/meta/connect","successful":true,"id":"1"}])");
     session->send(R"([{"channel":"/x","data":1},{"channel":"/y","data":2}])");
     session->send(R"({"channel":"/z","data":3})");
-    ASSERT_TRUE(waitUntil([&] { return client.collector->count() == 3; }));
+    // Larger than the read buffer the connection keeps between frames.
+    const std::string big = R"([{"channel":"/big","data":")" + std::string(200000, 'x') + "\"}]";
+    session->send(big);
+    ASSERT_TRUE(waitUntil([&] { return client.collector->count() == 4; }));
     EXPECT_EQ(client.collector->received(),
               (std::vector<std::string>{
                   R"([{"channel":"/meta/connect","id":"1","successful":true}])",
                   R"(container[{"channel":"/x","data":1},{"channel":"/y","data":2}])",
-                  R"([{"channel":"/z","data":3}])"}));
+                  R"([{"channel":"/z","data":3}])", big}));
 }
 
 TEST(WebSocketTransport, HandshakeCarriesTheApiKeyOfTheContextState) {
