@@ -49,7 +49,8 @@ TEST_F(EndpointTest, WebSocketSessionFromHandshakeToDisconnect) {
     EXPECT_EQ(advice(first), retry);
     ASSERT_TRUE(ws.send(connect(id, "3")));
 
-    // Deliveries keep publication order, so /chat/b's shows the unsubscription kept "2" away.
+    // Deliveries keep publication order, so /chat/b's shows that neither "2", unsubscribed from,
+    // nor "3" reached the subscriber: service channels are answered, never broadcast.
     const struct {
         std::string frame, subscription, delivery;
     } steps[] = {
@@ -57,9 +58,11 @@ TEST_F(EndpointTest, WebSocketSessionFromHandshakeToDisconnect) {
         {publish(id, "5", "/chat/a", R"({"n":1})"), "", R"(/chat/a {"n":1})"},
         {unsubscribe(id, "6", "/chat/a"), "/chat/a", ""},
         {publish(id, "7", "/chat/a", "2"), "", ""},
-        {subscribe(id, "8", "/chat/b"), "/chat/b", ""},
-        {publish(id, "9", "/chat/b", "3"), "", "/chat/b 3"},
-        {disconnect(id, "10"), "", ""},
+        {subscribe(id, "8", "/service/**"), "/service/**", ""},
+        {publish(id, "9", "/service/x", "3"), "", ""},
+        {subscribe(id, "10", "/chat/b"), "/chat/b", ""},
+        {publish(id, "11", "/chat/b", "4"), "", "/chat/b 4"},
+        {disconnect(id, "12"), "", ""},
     };
     for (const auto& step : steps) {
         SCOPED_TRACE(step.frame);
@@ -80,24 +83,7 @@ TEST_F(EndpointTest, WebSocketSessionFromHandshakeToDisconnect) {
     ASSERT_TRUE(successful(held)) << error(held);
     EXPECT_EQ(advice(held), R"({"reconnect":"none","interval":0})");
     EXPECT_EQ(endpoint->sessionCount(), 0u);
-    EXPECT_EQ(error(ws.call(connect(id, "11", 0), "11")), "402::Unknown client");
-}
-
-TEST_F(EndpointTest, ServiceChannelsAreAnsweredButNeverBroadcast) {
-    start();
-    RawWebSocket listener(port);
-    RawWebSocket sender(port);
-    const std::string a = open(listener);
-    const std::string b = open(sender);
-    ASSERT_TRUE(listener.send(connect(a, "c")));
-    for (const char* pattern : {"/**", "/service/**", "/service/x"})
-        ASSERT_TRUE(successful(listener.call(subscribe(a, pattern, pattern), pattern)));
-
-    auto answered = sender.call(publish(b, "1", "/service/x", "1"), "1");
-    ASSERT_TRUE(successful(answered)) << error(answered);
-    ASSERT_TRUE(successful(sender.call(publish(b, "2", "/chat/x", "2"), "2")));
-    // In publication order: the first delivery shows the service message reached no one.
-    EXPECT_EQ(listener.nextDelivery(), "/chat/x 2");
+    EXPECT_EQ(error(ws.call(connect(id, "13", 0), "13")), "402::Unknown client");
 }
 
 TEST_F(EndpointTest, ErrorRepliesNameTheProblem) {
@@ -189,20 +175,6 @@ TEST_F(EndpointTest, TheApiKeyAndTheSessionCapGuardHandshakes) {
     EXPECT_TRUE(successful(ws.call(handshake("5", key), "5")));
 }
 
-// An HTTP body over the message bound is refused and its connection closed; others are served.
-TEST_F(EndpointTest, OversizedBodiesAreRefused) {
-    start([](EndpointOptions& o) { o.maxMessageBytes = 4096; });
-    LogCapture log;
-    RawHttp http(port);
-    const std::string id = open(http);
-    auto refused = http.post(publish(id, "3", "/big", quote(std::string(8000, 'x'))));
-    ASSERT_TRUE(refused);
-    EXPECT_EQ(refused->status, 413u);
-    EXPECT_EQ(log.count("Refused an HTTP body over 4096 bytes"), 1u);
-    EXPECT_TRUE(successful(RawHttp(port, http.cookie())
-                               .call(publish(id, "4", "/big", quote(std::string(100, 'x'))), "4")));
-}
-
 // The documented overflow policy: a queue full by count or by bytes drops its oldest messages
 // for each new one, and the client's next connect answer says how many it lost.
 TEST_F(EndpointTest, AFullQueueDropsItsOldestMessagesAndSaysHowMany) {
@@ -254,8 +226,7 @@ TEST_F(EndpointTest, AFullQueueDropsItsOldestMessagesAndSaysHowMany) {
     }
 }
 
-// Sessions that expire, and those still live when the endpoint stops, end with their
-// subscriptions.
+// Sessions that expire, and those live when the endpoint stops, end with their subscriptions.
 TEST_F(EndpointTest, ExpiredAndStoppedSessionsLoseTheirSubscriptions) {
     start([](EndpointOptions& o) { o.sessionTimeout = 300ms; });
     LogCapture log;
@@ -304,8 +275,7 @@ TEST_F(EndpointTest, ExpiredAndStoppedSessionsLoseTheirSubscriptions) {
     EXPECT_THROW(RawWebSocket again(servedPort), std::runtime_error);
 }
 
-// Deliveries and replies go out batched into frames, in order; a burst of publishes and garbage
-// leaves other clients served.
+// Deliveries and replies go out batched, in order; a burst of garbage leaves others served.
 TEST_F(EndpointTest, BurstsAreBatchedIntoFramesAndLeaveOtherClientsServed) {
     start();
     RawWebSocket ws(port);
@@ -375,21 +345,33 @@ TEST_F(EndpointTest, HandshakeOverSecureWebSocket) {
     EXPECT_EQ(endpoint->sessionCount(), 1u);
 }
 
-TEST_F(EndpointTest, ConnectionsBeyondTheCapAreClosedOnArrival) {
-    start([](EndpointOptions& o) { o.maxConnections = 2; });
+// Connections beyond the cap are closed on arrival; an HTTP body over the message bound is
+// refused and its connection closed.
+TEST_F(EndpointTest, ConnectionsBeyondTheCapAndOversizedBodiesAreRefused) {
+    start([](EndpointOptions& o) {
+        o.maxConnections = 2;
+        o.maxMessageBytes = 4096;
+    });
     LogCapture log;
     auto ws = std::make_unique<RawWebSocket>(port);
     RawHttp http(port);
-    open(http);
+    const std::string id = open(http);
     EXPECT_EQ(endpoint->stats().connections, 2u);
     EXPECT_THROW(RawWebSocket refused(port), std::runtime_error);
-    RawHttp refused(port);
-    EXPECT_FALSE(refused.post(handshake("1")));
+    EXPECT_FALSE(RawHttp(port).post(handshake("1")));
     EXPECT_EQ(log.count("Refusing connections: 2 are open already"), 1u);
     ws.reset();
     ASSERT_TRUE(waitUntil([&] { return endpoint->stats().connections == 1; }));
     RawWebSocket again(port);
     open(again);
+
+    auto refused = http.post(publish(id, "3", "/big", quote(std::string(8000, 'x'))));
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->status, 413u);
+    EXPECT_EQ(log.count("Refused an HTTP body over 4096 bytes"), 1u);
+    ASSERT_TRUE(waitUntil([&] { return endpoint->stats().connections == 1; }));
+    EXPECT_TRUE(successful(RawHttp(port, http.cookie())
+                               .call(publish(id, "4", "/big", quote(std::string(100, 'x'))), "4")));
 }
 
 // Out of descriptors, the listener logs once and retries after growing pauses, then serves the

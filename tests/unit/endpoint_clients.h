@@ -198,8 +198,7 @@ struct HttpReply {
 
 using Headers = std::vector<std::pair<http::field, std::string>>;
 
-// One keep-alive HTTP connection; a request may be started and its reply awaited later. Like a
-// browser, it keeps the cookie it is given or set, and sends it.
+// One keep-alive HTTP connection, keeping and sending the cookie it is given or set.
 class RawHttp {
   public:
     explicit RawHttp(std::uint16_t port, std::string cookie = "")

@@ -1,5 +1,5 @@
-// A WebSocket connection of the transport and its frames, against a Boost.Beast server in the
-// test: batching what is queued, splitting bursts, pacing, the frame limit, undecodable frames.
+// A WebSocket connection's frames against a Boost.Beast server: batching, splitting bursts,
+// pacing, the frame limit, undecodable frames.
 
 #include <gtest/gtest.h>
 
@@ -18,10 +18,9 @@ std::vector<std::string> channels(const std::string& frame) {
     return out;
 }
 
-// What is queued while a write is in flight goes out once the socket is free, in frames a
-// server's frame limit accepts, every message once and in order; a meta connect goes alone (a
-// server answers a frame only once a held connect returns) and so does a message too large to
-// share a frame.
+// What is queued during a write goes out in frames a server's limit accepts, once and in order; a
+// connect goes alone (a server answers a frame only once a held connect returns), and so does a
+// message too large to share a frame.
 TEST(WebSocketConnection, BatchesWhatIsQueuedDuringAWriteInBoundedFrames) {
     TestServer server(/*readAtOnce=*/false);
     Client client(server);
@@ -63,9 +62,8 @@ TEST(WebSocketConnection, BatchesWhatIsQueuedDuringAWriteInBoundedFrames) {
     EXPECT_EQ(channels(frames.back()), std::vector<std::string>{"/big2"});
 }
 
-// A fast stream goes out in frames of many messages; the frame held last still leaves once the
-// stream stops, and so does a lone message after it. Nothing is lost or reordered, with write
-// pacing or without.
+// A fast stream goes out in frames of many messages, losing nothing, with write pacing or not; the
+// frame held last still leaves once the stream stops, and so does a lone message after it.
 TEST(WebSocketConnection, AFastStreamLosesNothingAndItsLastFrameLeaves) {
     for (const std::size_t pacing : {200, 0}) {
         WebSocketTransportOptions options;
@@ -93,9 +91,8 @@ TEST(WebSocketConnection, AFastStreamLosesNothingAndItsLastFrameLeaves) {
     }
 }
 
-// What cannot be decoded is logged and dropped, a frame at a time or an element at a time, and
-// so are outbound messages that are not Bayeux messages; a frame past the limit closes the
-// connection.
+// What cannot be decoded is logged and dropped, by frame or by element, and so are outbound
+// messages that are not Bayeux messages; a frame past the limit closes the connection.
 TEST(WebSocketConnection, UndecodableFramesAreDroppedAndOneTooLargeClosesTheConnection) {
     orvale::test::LogCapture logs;
     TestServer server;

@@ -1,6 +1,5 @@
-// The endpoint's WebSocket link against raw clients that misbehave: one that never reads what it
-// is sent, one that only pings, and one that keeps sending but leaves the hub's writes unfinished.
-// The link must let go of each, and of the memory it holds for it, within its bounds.
+// The WebSocket link lets go of misbehaving clients, and of the memory it holds for them, within
+// its bounds: one that never reads, one that only pings, one that leaves the hub's writes unread.
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,5 @@
-// The WebSocket transport service against a Boost.Beast server in the test: connecting and its
-// failures, the exchange of messages, the API key, and how the streams, the socket and the
-// context end one another. What the connection does with frames is websocket_connection_test.cpp.
+// The WebSocket transport against a Boost.Beast server: connecting and its failures, the exchange
+// of messages, the API key, and how the streams, the socket and the context end one another.
 
 #include "connector/bayeux/websocket_transport.h"
 
@@ -13,7 +12,7 @@
 namespace connector::bayeux::transport_test {
 namespace {
 
-TEST(WebSocketTransport, ExchangesMessagesAndKeepsFramesAsTheyCame) {
+TEST(WebSocketTransport, ExchangesMessagesAsTheyCameAndHandshakesCarryTheApiKey) {
     TestServer server;
     Client client(server);
     auto session = client.session;
@@ -44,12 +43,8 @@ TEST(WebSocketTransport, ExchangesMessagesAndKeepsFramesAsTheyCame) {
                   R"([{"channel":"/meta/connect","id":"1","successful":true}])",
                   R"(container[{"channel":"/x","data":1},{"channel":"/y","data":2}])",
                   R"([{"channel":"/z","data":3}])", big}));
-}
 
-TEST(WebSocketTransport, HandshakeCarriesTheApiKeyOfTheContextState) {
-    TestServer server;
-    Client client(server);
-    auto session = client.session;
+    // Handshakes carry the API key of the context state.
     auto handshake = [] {
         return std::make_unique<HandshakeRequest>("1.0", "1.0",
                                                   std::vector<std::string>{"websocket"});
@@ -60,7 +55,7 @@ TEST(WebSocketTransport, HandshakeCarriesTheApiKeyOfTheContextState) {
         return codec::decodeFromClient(session->frames().at(index)).messages.at(0)->getExt();
     };
     client.send(handshake());
-    EXPECT_EQ(extIn(0), "");
+    EXPECT_EQ(extIn(2), "");
 
     // Stored after connecting: read when the handshake is sent, merged into an existing ext.
     client.context->getState()->set("orvapikey", std::string("k\"1"), ContextScope::Global);
@@ -68,12 +63,12 @@ TEST(WebSocketTransport, HandshakeCarriesTheApiKeyOfTheContextState) {
     withExt->setExt(R"({"other":true})");
     client.send(std::move(withExt));
     client.send(std::make_unique<ConnectRequest>("websocket"));  // a connect goes alone
-    EXPECT_EQ(extIn(1), R"({"other":true,"orvapikey":"k\"1"})");
-    EXPECT_EQ(extIn(2), "") << "only handshakes carry the key";
+    EXPECT_EQ(extIn(3), R"({"other":true,"orvapikey":"k\"1"})");
+    EXPECT_EQ(extIn(4), "") << "only handshakes carry the key";
 
     client.context->getState()->set("orvapikey", 42, ContextScope::Global);  // not a key
     client.send(handshake());
-    EXPECT_EQ(extIn(3), "");
+    EXPECT_EQ(extIn(5), "");
 }
 
 // Either side may end the connection. The client: completing the outbound stream closes after
