@@ -136,6 +136,7 @@ TEST_F(EndpointTest, ErrorRepliesNameTheProblem) {
     EXPECT_EQ(bad->headers[http::field::server], "orvale");
     EXPECT_TRUE(anonymous400(bad->messages().at(0))) << bad->body;
 
+    // What follows a disconnect in its frame is from an unknown client.
     ASSERT_TRUE(ws.send(
         batch({publish(id, "p1", "/a", "1"), disconnect(id, "d"), publish(id, "p2", "/a", "2")})));
     EXPECT_TRUE(successful(ws.await(withId("p1"))));

@@ -206,7 +206,6 @@ inline Future<MessagePtr> connectTo(const std::shared_ptr<Context>& context,
 
 // A connected client whose inbound stream is recorded with unbounded demand.
 struct Client {
-    Client() = default;
     explicit Client(const std::string& url, WebSocketTransportOptions options = {})
         : Client(url, contextWith(options), webSocketTransportAddress()) {}
     // With the server's side of the connection in `session`.

@@ -74,9 +74,11 @@ TEST(WebSocketTransport, ExchangesMessagesAsTheyCameAndHandshakesCarryTheApiKey)
 // Either side may end the connection. The client: completing the outbound stream closes after
 // what is queued; cancelling the inbound stream closes at once and signals nothing more. The
 // server: closing or dying completes the inbound stream, after a reply sent before the close.
+// Releasing the streams or the context closes the connection too.
 TEST(WebSocketTransport, EitherSideEndingTheConnectionEndsBothStreams) {
     TestServer server;
     Client ending(server), cancelling(server), graceful(server), abrupt(server);
+    Client released(server), unowned(server);
     auto outboundDone = ending.outbound->done();
     auto endingDone = ending.inbound->done();
     auto gracefulDone = graceful.inbound->done();
@@ -93,14 +95,21 @@ TEST(WebSocketTransport, EitherSideEndingTheConnectionEndsBothStreams) {
     graceful.session->send(R"([{"channel":"/meta/disconnect","successful":true}])");
     graceful.session->close();
     abrupt.session->abort();
-    ASSERT_TRUE(
-        waitUntil([&] { return ending.session->closed() && cancelling.session->closed(); }));
+    released.inbound.reset();
+    released.outbound.reset();
+    unowned.context.reset();  // its transport service closes what it opened
+    ASSERT_TRUE(waitUntil([&] {
+        return ending.session->closed() && cancelling.session->closed() &&
+               released.session->closed() && unowned.session->closed();
+    }));
     EXPECT_EQ(ending.session->closeCode(), static_cast<int>(websocket::close_code::normal));
     EXPECT_EQ(cancelling.session->closeCode(), ending.session->closeCode());
     EXPECT_EQ(ending.session->frames(),
               std::vector<std::string>{R"([{"channel":"/meta/disconnect","clientId":"c1"}])"});
-    ASSERT_TRUE(waitUntil(
-        [&] { return ending.completed() && graceful.completed() && abrupt.completed(); }));
+    ASSERT_TRUE(waitUntil([&] {
+        return ending.completed() && graceful.completed() && abrupt.completed() &&
+               unowned.completed();
+    }));
     EXPECT_EQ(graceful.collector->count(), 1u);  // the reply sent before closing still arrives
     ASSERT_TRUE(waitUntil([&] { return graceful.upstream->cancelled.load(); }));
     EXPECT_EQ(seenAtCancel.load(), 1u);
@@ -111,27 +120,9 @@ TEST(WebSocketTransport, EitherSideEndingTheConnectionEndsBothStreams) {
     EXPECT_TRUE(waitUntil([&] { return cancelling.upstream->cancelled.load(); }));
     EXPECT_FALSE(cancelling.completed());  // no signal after cancel
     abrupt.send(publish("/nowhere"));  // sending on a closed connection drops the message quietly
-}
-
-TEST(WebSocketTransport, ReleasingTheStreamsOrTheContextClosesTheConnection) {
-    TestServer server;
-    for (const bool contextFirst : {false, true}) {
-        Client client(server);
-        auto session = client.session;
-        if (contextFirst) {  // its transport service closes what it opened
-            client.context.reset();
-        } else {
-            client.inbound.reset();
-            client.outbound.reset();
-        }
-        ASSERT_TRUE(waitUntil([&] { return session->closed(); }));
-        EXPECT_TRUE(!contextFirst || waitUntil([&] { return client.completed(); }));
-    }
-    // Everything at once, with the connection open: must return promptly.
+    // Released all at once, with the connection open: returns promptly.
     const auto started = std::chrono::steady_clock::now();
-    Client client(server.url());
-    client.send(publish("/x"));
-    client = Client{};
+    Client(server.url()).send(publish("/x"));
     EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
 }
 
