@@ -1,8 +1,5 @@
-// The Bayeux endpoint against raw WebSocket and HTTP clients written over Boost.Beast, with
-// server services on the same in-process server: the protocol as remote clients see it, its
-// errors, its limits, TLS, the sessions as the server sees them, and its listener against
-// clients beyond its means. Long-polling has its own file, http_link_test.cpp, and so have the
-// hub's admission rules, hub_test.cpp.
+// The Bayeux endpoint against raw clients, with server services on the same server: the protocol,
+// its errors and limits, TLS, sessions as the server sees them, and the listener's bounds.
 
 #include "connector/bayeux/endpoint.h"
 
@@ -52,9 +49,8 @@ TEST_F(EndpointTest, WebSocketSessionFromHandshakeToDisconnect) {
     EXPECT_EQ(advice(first), retry);
     ASSERT_TRUE(ws.send(connect(id, "3")));
 
-    // Each answer names its request's channel, and its subscription for a subscription; a
-    // delivery comes as "channel data". Deliveries keep publication order, so /chat/b's shows
-    // that the unsubscription kept "2" from /chat/a's subscriber.
+    // Deliveries keep publication order, so /chat/b's shows that neither "2", unsubscribed from,
+    // nor "3" reached the subscriber: service channels are answered, never broadcast.
     const struct {
         std::string frame, subscription, delivery;
     } steps[] = {
@@ -62,9 +58,11 @@ TEST_F(EndpointTest, WebSocketSessionFromHandshakeToDisconnect) {
         {publish(id, "5", "/chat/a", R"({"n":1})"), "", R"(/chat/a {"n":1})"},
         {unsubscribe(id, "6", "/chat/a"), "/chat/a", ""},
         {publish(id, "7", "/chat/a", "2"), "", ""},
-        {subscribe(id, "8", "/chat/b"), "/chat/b", ""},
-        {publish(id, "9", "/chat/b", "3"), "", "/chat/b 3"},
-        {disconnect(id, "10"), "", ""},
+        {subscribe(id, "8", "/service/**"), "/service/**", ""},
+        {publish(id, "9", "/service/x", "3"), "", ""},
+        {subscribe(id, "10", "/chat/b"), "/chat/b", ""},
+        {publish(id, "11", "/chat/b", "4"), "", "/chat/b 4"},
+        {disconnect(id, "12"), "", ""},
     };
     for (const auto& step : steps) {
         SCOPED_TRACE(step.frame);
@@ -81,30 +79,11 @@ TEST_F(EndpointTest, WebSocketSessionFromHandshakeToDisconnect) {
         EXPECT_FALSE(delivered && (delivered->contains("clientId") || delivered->contains("id")));
     }
 
-    // Disconnecting answered the held connect and forgot the client.
     auto held = ws.await(withId("3"));
     ASSERT_TRUE(successful(held)) << error(held);
     EXPECT_EQ(advice(held), R"({"reconnect":"none","interval":0})");
     EXPECT_EQ(endpoint->sessionCount(), 0u);
-    EXPECT_EQ(error(ws.call(connect(id, "11", 0), "11")), "402::Unknown client");
-}
-
-TEST_F(EndpointTest, ServiceChannelsAreAnsweredButNeverBroadcast) {
-    start();
-    RawWebSocket listener(port);
-    RawWebSocket sender(port);
-    const std::string a = open(listener);
-    const std::string b = open(sender);
-    ASSERT_TRUE(listener.send(connect(a, "c")));
-    for (const char* pattern : {"/**", "/service/**", "/service/x"})
-        ASSERT_TRUE(successful(listener.call(subscribe(a, pattern, pattern), pattern)));
-
-    auto answered = sender.call(publish(b, "1", "/service/x", "1"), "1");
-    ASSERT_TRUE(successful(answered)) << error(answered);
-    ASSERT_TRUE(successful(sender.call(publish(b, "2", "/chat/x", "2"), "2")));
-    // Deliveries keep publication order: the first one to arrive shows the service message
-    // reached nobody.
-    EXPECT_EQ(listener.nextDelivery(), "/chat/x 2");
+    EXPECT_EQ(error(ws.call(connect(id, "13", 0), "13")), "402::Unknown client");
 }
 
 TEST_F(EndpointTest, ErrorRepliesNameTheProblem) {
@@ -112,7 +91,6 @@ TEST_F(EndpointTest, ErrorRepliesNameTheProblem) {
     RawWebSocket ws(port);
     const std::string id = open(ws);
 
-    // Unknown clients are told to handshake again, whatever they send.
     for (const auto& frame : {connect("nobody", "u1", 0), subscribe("nobody", "u1", "/a"),
                               publish("nobody", "u1", "/a", "1"), publish("", "u1", "/a", "1")}) {
         auto reply = ws.call(frame, "u1");
@@ -138,8 +116,7 @@ TEST_F(EndpointTest, ErrorRepliesNameTheProblem) {
         EXPECT_EQ(reply ? str(*reply, "channel") : "", str(parseMessages(frame).at(0), "channel"));
     }
 
-    // A message the hub cannot read gets an error echoing its id; the rest of its frame is
-    // handled as usual. So does text that is not JSON, and the connection goes on serving.
+    // An unreadable message gets an error echoing its id; the rest of its frame is served.
     ASSERT_TRUE(ws.send(R"([{"channel":"/x","clientId":")" + id + R"(","id":"m1"},7,)" +
                         connect(id, "m2", 0).substr(1)));
     auto missingData = ws.await(withId("m1"));
@@ -199,20 +176,6 @@ TEST_F(EndpointTest, TheApiKeyAndTheSessionCapGuardHandshakes) {
     EXPECT_TRUE(successful(ws.call(handshake("5", key), "5")));
 }
 
-// An HTTP body over the message bound is refused and its connection closed; others are served.
-TEST_F(EndpointTest, OversizedBodiesAreRefused) {
-    start([](EndpointOptions& o) { o.maxMessageBytes = 4096; });
-    LogCapture log;
-    RawHttp http(port);
-    const std::string id = open(http);
-    auto refused = http.post(publish(id, "3", "/big", quote(std::string(8000, 'x'))));
-    ASSERT_TRUE(refused);
-    EXPECT_EQ(refused->status, 413u);
-    EXPECT_EQ(log.count("Refused an HTTP body over 4096 bytes"), 1u);
-    EXPECT_TRUE(successful(RawHttp(port, http.cookie())
-                               .call(publish(id, "4", "/big", quote(std::string(100, 'x'))), "4")));
-}
-
 // The documented overflow policy: a queue full by count or by bytes drops its oldest messages
 // for each new one, and the client's next connect answer says how many it lost.
 TEST_F(EndpointTest, AFullQueueDropsItsOldestMessagesAndSaysHowMany) {
@@ -243,7 +206,6 @@ TEST_F(EndpointTest, AFullQueueDropsItsOldestMessagesAndSaysHowMany) {
             feeder->publish("/q/data",
                             quote(std::to_string(i) + ":" + std::string(c.padding, 'x')));
         feeder->publish("/q/sync", "0");
-        // With one delivery thread, the watcher hears the marker after the client got the rest.
         ASSERT_TRUE(waitUntil([&] { return synced.load(); }));
 
         auto answer = poll.post(connect(id, "3", -1, "long-polling"));
@@ -259,15 +221,13 @@ TEST_F(EndpointTest, AFullQueueDropsItsOldestMessagesAndSaysHowMany) {
         EXPECT_EQ(json::serialize(reply->at("ext")), R"({"dropped":)" + lost + "}");
         EXPECT_EQ(std::to_string(endpoint->stats().droppedMessages), lost);
         EXPECT_EQ(log.count("Session " + id + " holds "), 1u);
-        // Reported once: the next answer has nothing to add.
         auto next = poll.call(connect(id, "4", 0, "long-polling"), "4");
         ASSERT_TRUE(next);
         EXPECT_FALSE(next->contains("ext"));
     }
 }
 
-// Sessions that expire, and those still live when the endpoint stops, end with their
-// subscriptions.
+// Sessions that expire, and those live when the endpoint stops, end with their subscriptions.
 TEST_F(EndpointTest, ExpiredAndStoppedSessionsLoseTheirSubscriptions) {
     start([](EndpointOptions& o) { o.sessionTimeout = 300ms; });
     LogCapture log;
@@ -280,13 +240,11 @@ TEST_F(EndpointTest, ExpiredAndStoppedSessionsLoseTheirSubscriptions) {
     auto unsubscribed = watcher->listenUnsubscribe("/exp/**", noted("-")).get();
     auto inbound = watcher->subscribe("/in", published.sink()).get();
 
-    // A long-polling client that never connects.
-    RawHttp poll(port);
+    RawHttp poll(port);  // never connects
     const std::string quiet = open(poll);
     ASSERT_TRUE(poll.post(subscribe(quiet, "2", "/orvale/exp/a")));
     ASSERT_TRUE(poll.post(subscribe(quiet, "3", "/orvale/exp/b")));
 
-    // A WebSocket client whose connection dies with its connect held.
     auto ws = std::make_unique<RawWebSocket>(port);
     const std::string gone = open(*ws);
     ASSERT_TRUE(successful(ws->call(subscribe(gone, "2", "/orvale/exp/c"), "2")));
@@ -302,7 +260,6 @@ TEST_F(EndpointTest, ExpiredAndStoppedSessionsLoseTheirSubscriptions) {
     EXPECT_EQ(log.count("Session " + gone + " expired"), 1u);
     EXPECT_EQ(error(poll.call(connect(quiet, "4", 0, "long-polling"), "4")), "402::Unknown client");
 
-    // A live WebSocket session, its connect held.
     RawWebSocket live(port);
     const std::string id = open(live);
     ASSERT_TRUE(live.send(connect(id, "c")));
@@ -319,8 +276,7 @@ TEST_F(EndpointTest, ExpiredAndStoppedSessionsLoseTheirSubscriptions) {
     EXPECT_THROW(RawWebSocket again(servedPort), std::runtime_error);
 }
 
-// Deliveries and replies go out batched into frames, in order; a burst of publishes and garbage
-// leaves other clients served.
+// Deliveries and replies go out batched, in order; a burst of garbage leaves others served.
 TEST_F(EndpointTest, BurstsAreBatchedIntoFramesAndLeaveOtherClientsServed) {
     start();
     RawWebSocket ws(port);
@@ -340,8 +296,7 @@ TEST_F(EndpointTest, BurstsAreBatchedIntoFramesAndLeaveOtherClientsServed) {
     EXPECT_LT(frames.size(), static_cast<std::size_t>(count));
     EXPECT_GT(*std::max_element(frames.begin(), frames.end()), 1u);
 
-    // As many publishes in one frame as a frame may hold are all acknowledged, in one frame or a
-    // few.
+    // A frame's worth of publishes is acknowledged in one frame or a few.
     RawWebSocket noisy(port);
     const std::string noisyId = open(noisy);
     std::vector<std::string> publishes;
@@ -384,30 +339,40 @@ TEST_F(EndpointTest, HandshakeOverSecureWebSocket) {
     const std::string reply = beast::buffers_to_string(buffer.data());
     const auto messages = parseMessages(reply);
     EXPECT_TRUE(messages.size() == 1 && successful(messages[0])) << reply;
-    // The browser cookie is kept off plain connections.
     EXPECT_NE(std::string(upgrade[http::field::set_cookie]).find("; Secure"), std::string::npos);
 
-    // Plain text on the TLS port gets nowhere, and the hub goes on.
     RawHttp plain(port);
     EXPECT_FALSE(plain.post(handshake("2")));
     EXPECT_EQ(endpoint->sessionCount(), 1u);
 }
 
-TEST_F(EndpointTest, ConnectionsBeyondTheCapAreClosedOnArrival) {
-    start([](EndpointOptions& o) { o.maxConnections = 2; });
+// Connections beyond the cap are closed on arrival; an HTTP body over the message bound is
+// refused and its connection closed.
+TEST_F(EndpointTest, ConnectionsBeyondTheCapAndOversizedBodiesAreRefused) {
+    start([](EndpointOptions& o) {
+        o.maxConnections = 2;
+        o.maxMessageBytes = 4096;
+    });
     LogCapture log;
     auto ws = std::make_unique<RawWebSocket>(port);
     RawHttp http(port);
-    open(http);
+    const std::string id = open(http);
     EXPECT_EQ(endpoint->stats().connections, 2u);
     EXPECT_THROW(RawWebSocket refused(port), std::runtime_error);
-    RawHttp refused(port);
-    EXPECT_FALSE(refused.post(handshake("1")));
+    EXPECT_FALSE(RawHttp(port).post(handshake("1")));
     EXPECT_EQ(log.count("Refusing connections: 2 are open already"), 1u);
     ws.reset();
     ASSERT_TRUE(waitUntil([&] { return endpoint->stats().connections == 1; }));
     RawWebSocket again(port);
     open(again);
+
+    auto refused = http.post(publish(id, "3", "/big", quote(std::string(8000, 'x'))));
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->status, 413u);
+    EXPECT_EQ(log.count("Refused an HTTP body over 4096 bytes"), 1u);
+    ASSERT_TRUE(waitUntil([&] { return endpoint->stats().connections == 1; }));
+    EXPECT_TRUE(successful(RawHttp(port, http.cookie())
+                               .call(publish(id, "4", "/big", quote(std::string(100, 'x'))), "4")));
 }
 
 // Out of descriptors, the listener logs once and retries after growing pauses, then serves the
@@ -415,8 +380,7 @@ TEST_F(EndpointTest, ConnectionsBeyondTheCapAreClosedOnArrival) {
 TEST_F(EndpointTest, AcceptingOutOfDescriptorsBacksOffAndRecovers) {
     start();
     LogCapture log;
-    // The client's socket first; then no descriptor at all may be opened, so that the hub's
-    // accept of it fails however the other threads' descriptors come and go.
+    // No descriptor may be opened after the client's socket: the hub's accept of it must fail.
     const int client = ::socket(AF_INET, SOCK_STREAM, 0);
     ASSERT_GE(client, 0);
     const int lowest = ::open("/dev/null", O_RDONLY);

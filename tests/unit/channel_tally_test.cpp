@@ -1,5 +1,4 @@
-// Publishes counted by channel: exact under concurrent counting, and bounded under a flood of
-// distinct names.
+// Publishes counted by channel: exact under concurrency, bounded under a flood of names.
 
 #include "endpoint/channel_tally.h"
 

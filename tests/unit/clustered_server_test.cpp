@@ -1,5 +1,4 @@
-// Bayeux servers of three processes' worth, each joined to a different node of a real NATS
-// cluster, sharing their channels as one server would.
+// Bayeux servers joined to the nodes of a real NATS cluster, sharing channels as one server would.
 
 #include <gtest/gtest.h>
 

@@ -68,8 +68,7 @@ TEST(ContextTest, DeliversToTheLatestServiceAndFailsTheFutureOtherwise) {
     EXPECT_THROW(context.deliver(kEcho, nullptr).get(), std::logic_error);
 }
 
-// A handler may register and deliver from inside deliver (no registry lock held while it runs),
-// and registration may race with delivery.
+// A handler may register and deliver from inside deliver, and registration may race delivery.
 TEST(ContextTest, HandlersRunWithoutTheRegistryLockAndRegistrationRacesDelivery) {
     auto context = std::make_shared<Context>();
     const Address inner("test/inner", "test/local");

@@ -1,9 +1,7 @@
 #pragma once
-// Raw clients of the hub on loopback, so that tests see exactly what goes over the wire: a
-// WebSocket over the bare client of the load runs (RawWebSocket) and a keep-alive HTTP
-// connection (RawHttp); the frames they send, what the replies say, and the hub's fixture: an
-// endpoint on an in-process server with server services beside it. A raw client owns an
-// io_context that runs only while the test waits on it (bounded), so it needs no thread.
+// Raw clients of the hub on loopback (RawWebSocket, RawHttp), the frames they send, what the
+// replies say, and the hub's fixture. A raw client's io_context runs only while the test waits on
+// it (bounded), so it needs no thread.
 
 #include <gtest/gtest.h>
 
@@ -37,8 +35,7 @@ using Clock = std::chrono::steady_clock;
 using Predicate = std::function<bool(const json::object&)>;
 inline constexpr std::chrono::milliseconds kWait{5000};
 
-// The messages of a frame: an array of objects, or a single object; none in text that is not
-// JSON.
+// The messages of a frame: an array of objects, or a single object; none in text that is not JSON.
 inline std::vector<json::object> parseMessages(const std::string& text) {
     json::error_code ec;
     json::value value = json::parse(text, ec);
@@ -106,9 +103,8 @@ inline bool runUntil(asio::io_context& io, const std::function<bool()>& done,
     return true;
 }
 
-// Starts an asynchronous operation, passing `start` a handler that notes its outcome, and runs
-// `io` until it completes: its error, or timed_out when it did not complete in time (the
-// handler owns what it notes, so that it may still run later).
+// Runs the operation `start` begins until it completes: its error, or timed_out (the handler owns
+// what it notes, so that it may still run later).
 template <class Start>
 beast::error_code complete(asio::io_context& io, Start&& start) {
     auto outcome = std::make_shared<std::optional<beast::error_code>>();
@@ -127,9 +123,8 @@ inline void connectSocket(asio::io_context& io, beast::tcp_stream& stream, std::
         throw std::runtime_error("cannot connect: " + ec.message());
 }
 
-// Reading::Off makes a client that never reads what it is sent, with a small receive buffer so
-// that the hub's writes to it soon stall. A `cookie` (name=value) is sent with the upgrade, as a
-// browser sends its cookies.
+// Reading::Off: a client that never reads, with a small receive buffer so that the hub's writes
+// soon stall. A `cookie` (name=value) is sent with the upgrade, as a browser sends its cookies.
 enum class Reading { On, Off };
 
 class RawWebSocket {
@@ -149,7 +144,6 @@ class RawWebSocket {
                 [this] { closed_ = true; });
     }
 
-    // Writes one text frame; false when it could not be written in time.
     bool send(const std::string& frame) { return client_.send(frame); }
     bool ping() { return client_.ping(); }
 
@@ -166,13 +160,11 @@ class RawWebSocket {
         });
         return found;
     }
-    // The next delivery, as delivery() shows it.
     std::string nextDelivery() { return delivery(await(isDelivery)); }
     // Sends `frame` and waits for the reply carrying message id `id`.
     std::optional<json::object> call(const std::string& frame, const std::string& id) {
         return send(frame) ? await(withId(id)) : std::nullopt;
     }
-    // Waits until `count` messages have arrived in total.
     bool awaitCount(std::size_t count) {
         runUntil(io_, [&] { return received_ >= count || closed_; });
         return received_ >= count;
@@ -184,7 +176,7 @@ class RawWebSocket {
     const std::deque<json::object>& inbox() const { return inbox_; }
     // How many messages each frame received so far carried.
     const std::vector<std::size_t>& frameSizes() const { return frameSizes_; }
-    // The Server and Set-Cookie headers of the upgrade answer.
+    // Headers of the upgrade answer.
     std::string server() const { return client_.server(); }
     std::string setCookie() const { return client_.setCookie(); }
 
@@ -206,8 +198,7 @@ struct HttpReply {
 
 using Headers = std::vector<std::pair<http::field, std::string>>;
 
-// One keep-alive HTTP connection; a request may be started and its reply awaited later. Like a
-// browser, it keeps the cookie it is given or set, and sends it.
+// One keep-alive HTTP connection, keeping and sending the cookie it is given or set.
 class RawHttp {
   public:
     explicit RawHttp(std::uint16_t port, std::string cookie = "")
@@ -215,7 +206,6 @@ class RawHttp {
         connectSocket(io_, stream_, port);
     }
 
-    // Writes a request whose reply finish() awaits.
     void start(const std::string& body, const std::string& target = "/bayeux",
                http::verb verb = http::verb::post, const Headers& headers = {}) {
         request_ = {verb, target, 11};
@@ -241,7 +231,6 @@ class RawHttp {
         return HttpReply{response_.result_int(), response_.body(), http::fields(response_.base())};
     }
 
-    // The message of that reply that carries message id `id`.
     std::optional<json::object> finish(const std::string& id) {
         const auto reply = finish();
         return reply ? find(reply->messages(), withId(id)) : std::nullopt;
@@ -252,7 +241,6 @@ class RawHttp {
         start(body, target, verb, headers);
         return finish();
     }
-    // Posts `frame` and returns the reply carrying message id `id`.
     std::optional<json::object> call(const std::string& frame, const std::string& id) {
         start(frame);
         return finish(id);
@@ -337,7 +325,6 @@ inline std::string unreadable(int count) {
 
 class EndpointTest : public ::testing::Test {
   protected:
-    // Starts with the tests' defaults as `change` leaves them.
     void start(const std::function<void(EndpointOptions&)>& change = nullptr) {
         EndpointOptions options;
         options.connectTimeout = 20s;

@@ -19,8 +19,7 @@ namespace {
 using orvale::test::waitUntil;
 using Strings = std::vector<std::string>;
 
-// One thread running posted tasks in order, like the transport's I/O thread, and a publisher
-// that delivers on it.
+// A thread running posted tasks, like the transport's I/O thread, and a publisher delivering on it.
 struct Worker {
     explicit Worker(std::function<void()> onCancel = nullptr, bool inline_ = false)
         : publisher(std::make_shared<InboundPublisher>(

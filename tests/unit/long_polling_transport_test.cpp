@@ -1,6 +1,5 @@
-// The long-polling transport service against a scripted HTTP server in the test: which
-// connection each request takes, keep-alive connections the server closed, and the answers that
-// end the connection.
+// The long-polling transport against a scripted HTTP server: which connection each request
+// takes, keep-alive connections the server closed, and the answers that end the connection.
 
 #include "connector/bayeux/long_polling_transport.h"
 

@@ -1,6 +1,5 @@
-// The hub's operator routes: /metrics after a known traffic pattern, read by the Prometheus
-// client library's parser (tests/unit/scrape_metrics.py), the status figures, health, readiness
-// (also with a cluster whose NATS server dies), and the routes staying off unless asked for.
+// The hub's operator routes: /metrics read by the Prometheus client library's parser, the status
+// figures, health and readiness (also in a cluster), and the routes staying off unless asked for.
 
 #include "endpoint_clients.h"
 #include "log_capture.h"

@@ -21,9 +21,8 @@ Frames cycle(OutboundFrames& frames, const std::vector<std::string>& messages,
     return out;
 }
 
-// Messages share a frame in order; one that is alone closes the frame before it and opens none;
-// no frame passes the limits (bytes, messages) unless a single message does, and that one goes
-// alone.
+// Messages share a frame in order; one that is alone closes the frame before it; no frame passes
+// the limits (bytes, messages) unless a single message does, and that one goes alone.
 TEST(OutboundFrames, BatchesInOrderWithinTheLimitAndSetsLoneMessagesApart) {
     OutboundFrames frames(1024);
     EXPECT_EQ(cycle(frames, {"{\"a\":1}", "{\"b\":2}", "!{\"c\":3}", "{\"d\":4}", "!5", "!6"}, 6),

@@ -17,8 +17,7 @@ using tcp = asio::ip::tcp;
 using orvale::test::waitUntil;
 using namespace std::chrono_literals;
 
-// A loopback writer and a reader that keeps one read outstanding on a paced socket and counts
-// what it took.
+// A loopback writer, and a reader that keeps one read outstanding on a paced socket.
 struct Pair {
     explicit Pair(std::chrono::microseconds interval) : socket(io, interval) {
         tcp::acceptor acceptor(io, tcp::endpoint(asio::ip::make_address("127.0.0.1"), 0));

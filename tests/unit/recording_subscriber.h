@@ -1,6 +1,6 @@
 #pragma once
-// A subscriber of a client connection's inbound stream that records every signal. Any thread may
-// deliver and read; when given a thread, it notes any signal that comes on another one.
+// Records every signal of a connection's inbound stream, from any thread; when given a thread, it
+// notes any signal that comes on another one.
 
 #include <atomic>
 #include <mutex>

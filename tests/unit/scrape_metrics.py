@@ -1,12 +1,8 @@
-"""Scrapes a hub's /metrics and reads it with the Prometheus client library's own parser.
+"""usage: scrape_metrics.py URL EXPECTED
 
-usage: scrape_metrics.py URL EXPECTED
-
-EXPECTED maps a sample, name or name{label="value",...} with the labels in alphabetical order, to
-its number or to [least, most]; a name without a sample of its own stands for the sum of its
-labelled samples. Every scrape must also have the 0.0.4 content type, HELP and TYPE for every
-family, counters named ..._total, and histograms whose cumulative buckets have ascending le bounds
-ending in +Inf, with a _count equal to the +Inf bucket. Prints each problem and exits 1, or exits 0.
+Reads a hub's /metrics with the Prometheus client library's parser and checks the format rules
+below. EXPECTED maps a sample (name{label="value",...}, labels sorted) to its number or to [least,
+most]; a bare name stands for the sum of its labelled samples. Prints each problem and exits 1.
 """
 import json
 import math

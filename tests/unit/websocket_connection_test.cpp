@@ -1,5 +1,5 @@
-// A WebSocket connection of the transport and its frames, against a Boost.Beast server in the
-// test: batching what is queued, splitting bursts, pacing, the frame limit, undecodable frames.
+// A WebSocket connection's frames against a Boost.Beast server: batching, splitting bursts,
+// pacing, the frame limit, undecodable frames.
 
 #include <gtest/gtest.h>
 
@@ -18,10 +18,9 @@ std::vector<std::string> channels(const std::string& frame) {
     return out;
 }
 
-// What is queued while a write is in flight goes out once the socket is free, in frames a
-// server's frame limit accepts, every message once and in order; a meta connect goes alone (a
-// server answers a frame only once a held connect returns) and so does a message too large to
-// share a frame.
+// What is queued during a write goes out in frames a server's limit accepts, once and in order; a
+// connect goes alone (a server answers a frame only once a held connect returns), and so does a
+// message too large to share a frame.
 TEST(WebSocketConnection, BatchesWhatIsQueuedDuringAWriteInBoundedFrames) {
     TestServer server(/*readAtOnce=*/false);
     Client client(server);
@@ -63,41 +62,8 @@ TEST(WebSocketConnection, BatchesWhatIsQueuedDuringAWriteInBoundedFrames) {
     EXPECT_EQ(channels(frames.back()), std::vector<std::string>{"/big2"});
 }
 
-// Through the whole connection, a paced stream loses nothing and keeps its order, with a frame
-// larger than the read buffer in the middle and a lone frame after it stops.
-TEST(WebSocketConnection, PacedReadsLoseNothingAndNeverStrandALoneFrame) {
-    WebSocketTransportOptions options;
-    options.readPacingUs = 2000;
-    TestServer server;
-    Client client(server, options);
-    auto session = client.session;
-    // One frame every 100 us: fast enough to be paced, slow enough that the client empties the
-    // socket on every read before pacing starts.
-    constexpr int kStream = 2000;
-    const auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < kStream; ++i) {
-        std::this_thread::sleep_until(start + i * 100us);
-        session->send(R"([{"channel":"/s","data":)" + std::to_string(i) + "}]");
-        if (i == kStream / 2)
-            session->send(R"([{"channel":"/big","data":")" + std::string(200000, 'x') + "\"}]");
-    }
-    ASSERT_TRUE(waitUntil([&] { return client.collector->count() == kStream + 1; }));
-    int n = 0;
-    for (const auto& frame : client.collector->received()) {
-        if (frame.find("/big") == std::string::npos) {
-            EXPECT_EQ(frame, R"([{"channel":"/s","data":)" + std::to_string(n++) + "}]");
-        }
-    }
-    EXPECT_EQ(n, kStream);
-
-    std::this_thread::sleep_for(20ms);  // a paced read finds nothing, then a lone frame comes
-    session->send(R"([{"channel":"/late","data":1}])");
-    ASSERT_TRUE(waitUntil([&] { return client.collector->count() == kStream + 2; }));
-}
-
-// A fast stream goes out in frames of many messages; the frame held last still leaves once the
-// stream stops, and so does a lone message after it. Nothing is lost or reordered, with write
-// pacing or without.
+// A fast stream goes out in frames of many messages, losing nothing, with write pacing or not; the
+// frame held last still leaves once the stream stops, and so does a lone message after it.
 TEST(WebSocketConnection, AFastStreamLosesNothingAndItsLastFrameLeaves) {
     for (const std::size_t pacing : {200, 0}) {
         WebSocketTransportOptions options;
@@ -125,9 +91,8 @@ TEST(WebSocketConnection, AFastStreamLosesNothingAndItsLastFrameLeaves) {
     }
 }
 
-// What cannot be decoded is logged and dropped, a frame at a time or an element at a time, and
-// so are outbound messages that are not Bayeux messages; a frame past the limit closes the
-// connection.
+// What cannot be decoded is logged and dropped, by frame or by element, and so are outbound
+// messages that are not Bayeux messages; a frame past the limit closes the connection.
 TEST(WebSocketConnection, UndecodableFramesAreDroppedAndOneTooLargeClosesTheConnection) {
     orvale::test::LogCapture logs;
     TestServer server;

@@ -1,7 +1,6 @@
 #pragma once
-// The other side of the client transports: a Boost.Beast WebSocket server on loopback
-// (TestServer) that serves its sessions on a thread of its own, and a client connection of a
-// transport whose inbound stream a recording subscriber takes.
+// The other side of the client transports: a Boost.Beast WebSocket server on loopback serving its
+// sessions on a thread of its own (TestServer), and a transport's client connection (Client).
 
 #include <boost/beast/core.hpp>
 #include <boost/beast/websocket.hpp>
@@ -24,8 +23,7 @@ using tcp = asio::ip::tcp;
 using orvale::test::waitUntil;
 using namespace std::chrono_literals;
 
-// One WebSocket session of the server. The accessors may be called from any thread; the actions
-// run on the server thread.
+// One session of the server: accessors for any thread, actions run on the server thread.
 class ServerSession : public std::enable_shared_from_this<ServerSession> {
   public:
     ServerSession(tcp::socket socket, bool reading) : ws_(std::move(socket)), reading_(reading) {
@@ -64,10 +62,7 @@ class ServerSession : public std::enable_shared_from_this<ServerSession> {
         });
     }
     void startReading() {
-        onServer([](ServerSession& s) {
-            if (!std::exchange(s.reading_, true))
-                s.readNext();
-        });
+        onServer([](ServerSession& s) { s.readNext(); });
     }
     // Bytes that arrived and were not read yet.
     std::size_t unread() {
@@ -127,8 +122,7 @@ class ServerSession : public std::enable_shared_from_this<ServerSession> {
     int closeCode_ = -1;
 };
 
-// Accepts WebSocket sessions on loopback on its own thread; with `readAtOnce` false they read
-// nothing until told to.
+// With `readAtOnce` false, sessions read nothing until told to.
 class TestServer {
   public:
     explicit TestServer(bool readAtOnce = true) : readAtOnce_(readAtOnce) {
@@ -186,7 +180,7 @@ class TestServer {
     std::thread thread_;
 };
 
-// The subscription a client gives the outbound stream: records demand and cancel.
+// The subscription a client gives the outbound stream.
 struct Upstream : reactive_streams::Subscription {
     void request(std::uint64_t n) override { requested = n; }
     void cancel() override {
@@ -212,10 +206,9 @@ inline Future<MessagePtr> connectTo(const std::shared_ptr<Context>& context,
 
 // A connected client whose inbound stream is recorded with unbounded demand.
 struct Client {
-    Client() = default;
     explicit Client(const std::string& url, WebSocketTransportOptions options = {})
         : Client(url, contextWith(options), webSocketTransportAddress()) {}
-    // Connected to `server`, with the server's side of the connection in `session`.
+    // With the server's side of the connection in `session`.
     explicit Client(TestServer& server, WebSocketTransportOptions options = {})
         : Client(server.url(), options) {
         if (!(session = server.nextSession()))
