@@ -63,10 +63,13 @@ class Subscriber {
     void onFrame(std::string_view frame) {
         if (!probed_.load(std::memory_order_relaxed) && frame.find("\"probe\"") != frame.npos)
             probed_.store(true);
-        const auto n = static_cast<std::size_t>(occurrences(frame, "\"seq\":"));
-        // The clock is read once, by the frame that completes the run.
-        if (n > 0 && delivered_.fetch_add(n) + n == expected_)
+        // The clock is read once, by the frame that completes the run, and stored before the
+        // count that shows the run complete (this thread alone counts).
+        const std::size_t count =
+            delivered_.load() + static_cast<std::size_t>(occurrences(frame, "\"seq\":"));
+        if (count == expected_ && count != delivered_.load())
             last_.store(nowNanos());
+        delivered_.store(count);
         if (occurrences(frame, "\"/meta/connect\"") > 0)
             client_.sendConnect();
     }
@@ -157,6 +160,11 @@ double BareLoad::throughput(std::size_t subscribers, std::size_t messages) {
                           " deliveries arrived from " + url_);
         }
     }
+    // Each subscriber's clock stops when its count reaches the run's exactly; one past it means a
+    // message came twice.
+    if (total() != expected)
+        throw Failure(std::to_string(total()) + " deliveries arrived from " + url_ + " for " +
+                      std::to_string(expected) + " published: some came twice");
     std::int64_t last = 0;
     for (const auto& reader : readers)
         last = std::max(last, reader->last());
