@@ -119,6 +119,23 @@ double BareLoad::throughput(std::size_t subscribers, std::size_t messages) {
         std::this_thread::sleep_for(10ms);
     }
 
+    std::size_t slowest = 0;
+    auto moved = Clock::now();
+    // True while the slowest subscriber is kMostAhead behind; a failure once it stops for long.
+    auto behind = [&](std::size_t published) {
+        std::size_t least = messages;
+        for (const auto& reader : readers)
+            least = std::min(least, reader->delivered());
+        if (least != slowest) {
+            slowest = least;
+            moved = Clock::now();
+        } else if (Clock::now() - moved > kStall) {
+            throw Failure("a subscriber of " + url_ + " stopped at " + std::to_string(least) +
+                          " of " + std::to_string(messages) + " deliveries");
+        }
+        return published - least >= kMostAhead;
+    };
+
     std::string frame, payload;
     std::size_t sent = 0, answered = 0;
     const std::int64_t start = nowNanos();
@@ -126,6 +143,13 @@ double BareLoad::throughput(std::size_t subscribers, std::size_t messages) {
         const std::size_t room = std::min(window_ - (sent - answered), messages - sent);
         if (room == 0) {
             answered += answers(publisher);
+            continue;
+        }
+        if (behind(sent)) {
+            if (sent > answered)
+                answered += answers(publisher);
+            else
+                std::this_thread::sleep_for(100us);
             continue;
         }
         frame = "[";
