@@ -87,8 +87,10 @@ through faye-redis,
 under the same load (default 50000 messages a run): deliveries per second 1 -> 1 and 1 -> 4, the
 CPU time per delivery of the hubs and of nats-server or redis-server, and latency at --rate.
 The throughput runs are made twice: by client message services, and by bare clients that write
-and count frames by hand, so that the load's own decoding leaves the cores to the servers.
-Each run starts once the servers have stopped working off the last one (about 20 minutes in all).
+and count frames by hand, so that the load's own decoding leaves the cores to the servers; their
+publisher keeps at most 5000 messages ahead of its slowest subscriber, since a server drops the
+oldest messages of a session that falls far behind. Each run starts once the servers have stopped
+working off the last one (about 10 minutes in all).
 Then one hub alone, without and with --cluster (its link carrying nothing), 1 -> 1.
 
 --compare PATH measures what separates two builds of the hub, which is smaller than the machine's
