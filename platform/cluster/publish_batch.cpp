@@ -52,7 +52,7 @@ std::optional<std::vector<std::shared_ptr<PublishRequest>>> readBatch(std::strin
     std::string_view id, clientId, ext, data;
     while (!text.empty()) {
         if (!takeField(text, id) || !takeField(text, clientId) || !takeField(text, ext) ||
-            !takeField(text, data) || data.empty())
+            !takeField(text, data))
             return std::nullopt;
         auto publish = std::make_shared<PublishRequest>();
         publish->setChannel(std::string(channel));

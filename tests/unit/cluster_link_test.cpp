@@ -54,7 +54,7 @@ TEST(ClusterSubjects, MapChannelsAndPatternsBothWays) {
 
 TEST(ClusterBatch, CarriesEveryFieldAsItCameAndRefusesWhatItDidNotWrite) {
     PublishRequest full("", common::DataBuffer(R"({"t":"3:x\n"})")),
-        bare("", common::DataBuffer("[]"));
+        bare("", common::DataBuffer(""));
     full.setId("7");
     full.setClientId("c:1");
     full.setExt(R"({"n":1})");
@@ -78,7 +78,7 @@ TEST(ClusterBatch, CarriesEveryFieldAsItCameAndRefusesWhatItDidNotWrite) {
         "",
         "4:/a/*0:0:0:1:1",
         "7:/meta/x0:0:0:1:1",
-        "2:/a0:0:0:0:",
+        "2:/a0:0:0:",
         "2:/a0:0:0:2:1",
         "2:/a0:0:0:x:1",
         "2:/a0:0:0:99999999999999999999:1",
