@@ -45,6 +45,15 @@ std::string timedPayload(std::size_t seq) {
     return text;
 }
 
+void expectDeliveries(std::size_t got, std::size_t expected, const std::string& from) {
+    if (got < expected)
+        throw Failure("only " + std::to_string(got) + " of " + std::to_string(expected) +
+                      " deliveries arrived from " + from);
+    if (got > expected)
+        throw Failure(std::to_string(got) + " deliveries arrived from " + from + " for " +
+                      std::to_string(expected) + " published: some came twice");
+}
+
 void appendTimedPayload(std::string& text, std::size_t seq) {
     char digits[24];
     text.append("{\"seq\":");
@@ -144,12 +153,7 @@ double LoadRunner::throughput(std::size_t subscribers, std::size_t messages) {
     subscriptions.clear();
     services.push_back(publisher);
     disconnectAll(services);
-    if (got < expected)
-        throw Failure("only " + std::to_string(got) + " of " + std::to_string(expected) +
-                      " deliveries arrived from " + url_);
-    if (got > expected)
-        throw Failure(std::to_string(got) + " deliveries arrived from " + url_ + " for " +
-                      std::to_string(expected) + " published: some came twice");
+    expectDeliveries(got, expected, url_);
     return seconds > 0 ? static_cast<double>(got) / seconds : 0;
 }
 

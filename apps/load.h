@@ -28,6 +28,9 @@ std::int64_t nowNanos();
 std::string timedPayload(std::size_t seq);
 // The same, appended to `out`.
 void appendTimedPayload(std::string& out, std::size_t seq);
+// A Failure unless `got` deliveries from `from` are the `expected` ones: fewer were lost, more
+// came twice.
+void expectDeliveries(std::size_t got, std::size_t expected, const std::string& from);
 
 class LoadRunner {
   public:
