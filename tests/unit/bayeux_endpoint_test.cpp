@@ -85,10 +85,41 @@ TEST_F(EndpointTest, WebSocketSessionFromHandshakeToDisconnect) {
     EXPECT_EQ(error(ws.call(connect(id, "13", 0), "13")), "402::Unknown client");
 }
 
-TEST_F(EndpointTest, ErrorRepliesNameTheProblem) {
+// Deliveries and replies go out batched, in order; a burst of garbage leaves others served; error
+// replies name the problem.
+TEST_F(EndpointTest, BurstsAreBatchedAndErrorRepliesNameTheProblem) {
     start();
     RawWebSocket ws(port);
     const std::string id = open(ws);
+    ASSERT_TRUE(successful(ws.call(subscribe(id, "2", "/orvale/burst"), "2")));
+    ASSERT_TRUE(successful(ws.call(connect(id, "3", 0), "3")));
+    auto publisher = service("publisher");
+    constexpr int count = 2000;
+    for (int i = 0; i < count; ++i)
+        publisher->publish("/burst", std::to_string(i));
+    ASSERT_TRUE(ws.awaitCount(3 + count));
+    int expected = 0;
+    for (const auto& m : ws.inbox())
+        expected += isDelivery(m) && json::serialize(m.at("data")) == std::to_string(expected);
+    EXPECT_EQ(expected, count);
+    const auto& frames = ws.frameSizes();
+    EXPECT_LT(frames.size(), static_cast<std::size_t>(count));
+    EXPECT_GT(*std::max_element(frames.begin(), frames.end()), 1u);
+
+    // A frame's worth of publishes is acknowledged in one frame or a few.
+    RawWebSocket noisy(port);
+    const std::string noisyId = open(noisy);
+    std::vector<std::string> publishes;
+    for (int i = 0; i < 1000; ++i)
+        publishes.push_back(publish(noisyId, "n" + std::to_string(i), "/noise", std::to_string(i)));
+    ASSERT_TRUE(noisy.send(batch(publishes)));
+    for (int i = 0; i < 200; ++i)
+        ASSERT_TRUE(noisy.send("\x01\x02 garbage"));
+    RawWebSocket quiet(port);
+    open(quiet);
+    ASSERT_TRUE(noisy.awaitCount(1 + 1000 + 200));
+    EXPECT_LT(noisy.frameSizes().size(), 1u + 200u + 1000);
+    EXPECT_TRUE(successful(noisy.call(handshake("after"), "after")));
 
     for (const auto& frame : {connect("nobody", "u1", 0), subscribe("nobody", "u1", "/a"),
                               publish("nobody", "u1", "/a", "1"), publish("", "u1", "/a", "1")}) {
@@ -275,44 +306,8 @@ TEST_F(EndpointTest, ExpiredAndStoppedSessionsLoseTheirSubscriptions) {
     EXPECT_THROW(RawWebSocket again(servedPort), std::runtime_error);
 }
 
-// Deliveries and replies go out batched, in order; a burst of garbage leaves others served.
-TEST_F(EndpointTest, BurstsAreBatchedIntoFramesAndLeaveOtherClientsServed) {
-    start();
-    RawWebSocket ws(port);
-    const std::string id = open(ws);
-    ASSERT_TRUE(successful(ws.call(subscribe(id, "2", "/orvale/burst"), "2")));
-    ASSERT_TRUE(successful(ws.call(connect(id, "3", 0), "3")));
-    auto publisher = service("publisher");
-    constexpr int count = 2000;
-    for (int i = 0; i < count; ++i)
-        publisher->publish("/burst", std::to_string(i));
-    ASSERT_TRUE(ws.awaitCount(3 + count));
-    int expected = 0;
-    for (const auto& m : ws.inbox())
-        expected += isDelivery(m) && json::serialize(m.at("data")) == std::to_string(expected);
-    EXPECT_EQ(expected, count);
-    const auto& frames = ws.frameSizes();
-    EXPECT_LT(frames.size(), static_cast<std::size_t>(count));
-    EXPECT_GT(*std::max_element(frames.begin(), frames.end()), 1u);
-
-    // A frame's worth of publishes is acknowledged in one frame or a few.
-    RawWebSocket noisy(port);
-    const std::string noisyId = open(noisy);
-    std::vector<std::string> publishes;
-    for (int i = 0; i < 1000; ++i)
-        publishes.push_back(publish(noisyId, "n" + std::to_string(i), "/noise", std::to_string(i)));
-    ASSERT_TRUE(noisy.send(batch(publishes)));
-    for (int i = 0; i < 200; ++i)
-        ASSERT_TRUE(noisy.send("\x01\x02 garbage"));
-    RawWebSocket quiet(port);
-    open(quiet);
-    ASSERT_TRUE(noisy.awaitCount(1 + 1000 + 200));
-    EXPECT_LT(noisy.frameSizes().size(), 1u + 200u + 1000);
-    EXPECT_TRUE(successful(noisy.call(handshake("after"), "after")));
-}
-
 // TLS: the same protocol over wss://, with a certificate made for the test.
-TEST_F(EndpointTest, HandshakeOverSecureWebSocket) {
+TEST_F(EndpointTest, HandshakeOverSecureWebSocketAndImpossibleSettingsThrow) {
     const orvale::test::TestCertificates certificates;
     start([&](EndpointOptions& o) {
         o.certFile = certificates.dir + "/server.pem";
@@ -343,6 +338,17 @@ TEST_F(EndpointTest, HandshakeOverSecureWebSocket) {
     RawHttp plain(port);
     EXPECT_FALSE(plain.post(handshake("2")));
     EXPECT_EQ(endpoint->sessionCount(), 1u);
+
+    // Half a TLS setting, a port taken or no server: the endpoint does not start.
+    EndpointOptions taken;
+    taken.port = port;
+    EXPECT_THROW(startBayeuxEndpoint(server, taken), std::runtime_error);
+    EndpointOptions halfTls;
+    halfTls.certFile = "/nonexistent/cert.pem";
+    EXPECT_THROW(startBayeuxEndpoint(server, halfTls), std::runtime_error);
+    halfTls.keyFile = "/nonexistent/key.pem";
+    EXPECT_THROW(startBayeuxEndpoint(server, halfTls), std::runtime_error);
+    EXPECT_THROW(startBayeuxEndpoint(nullptr, EndpointOptions{}), std::invalid_argument);
 }
 
 // Connections beyond the cap are closed on arrival; an HTTP body over the message bound is
@@ -412,20 +418,6 @@ TEST_F(EndpointTest, AcceptingOutOfDescriptorsBacksOffAndRecovers) {
     EXPECT_EQ(std::string(head, sizeof head), "HTTP/1.1 200");
     EXPECT_EQ(log.count("Accepting connections again after "), 1u);
     ::close(client);
-}
-
-TEST(EndpointStartTest, ImpossibleSettingsThrow) {
-    auto server = makeBayeuxServer();
-    EndpointOptions taken;
-    auto first = startBayeuxEndpoint(server, taken);
-    taken.port = first->port();
-    EXPECT_THROW(startBayeuxEndpoint(server, taken), std::runtime_error);
-    EndpointOptions halfTls;
-    halfTls.certFile = "/nonexistent/cert.pem";
-    EXPECT_THROW(startBayeuxEndpoint(server, halfTls), std::runtime_error);
-    halfTls.keyFile = "/nonexistent/key.pem";
-    EXPECT_THROW(startBayeuxEndpoint(server, halfTls), std::runtime_error);
-    EXPECT_THROW(startBayeuxEndpoint(nullptr, EndpointOptions{}), std::invalid_argument);
 }
 
 }  // namespace
