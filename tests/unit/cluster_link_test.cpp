@@ -62,12 +62,11 @@ TEST(ClusterBatch, CarriesEveryFieldAsItCameAndRefusesWhatItDidNotWrite) {
     startBatch("/a:1/b", batch);
     appendToBatch(full, batch);
     appendToBatch(bare, batch);
-    const auto read = readBatch(batch);
-    ASSERT_TRUE(read);
-    ASSERT_EQ(read->size(), 2u);
+    const auto read = readBatch(batch).value();
+    ASSERT_EQ(read.size(), 2u);
     const PublishRequest* sent[] = {&full, &bare};
     for (std::size_t i = 0; i < 2; ++i) {
-        const PublishRequest& got = *(*read)[i];
+        const PublishRequest& got = *read[i];
         EXPECT_EQ(got.getChannel(), "/a:1/b");
         EXPECT_EQ(got.getId(), sent[i]->getId());
         EXPECT_EQ(got.getClientId(), sent[i]->getClientId());

@@ -55,7 +55,9 @@ TEST(DelayTest, TimersFireOnceInDeadlineOrderWithTheirScheduledTime) {
     EXPECT_TRUE(logs.contains("Timer callback threw: boom"));
 }
 
-TEST(DelayTest, CancelledOrDestroyedCancellersNeverFire) {
+// Cancelled or destroyed cancellers never fire; cancel() waits for a callback that already runs,
+// except from inside that callback.
+TEST(DelayTest, CancelStopsATimerAndWaitsForARunningCallbackButNotFromInsideIt) {
     std::atomic<int> fired{0};
     auto cancelled = delay([&](std::int64_t) { ++fired; }, 20);
     EXPECT_TRUE(cancelled.cancel());
@@ -69,10 +71,7 @@ TEST(DelayTest, CancelledOrDestroyedCancellersNeverFire) {
     EXPECT_FALSE(TickManager::Canceller().cancel());
     waitForSentinel(80);
     EXPECT_EQ(fired.load(), 1100);
-}
 
-// cancel() waits for a callback that already runs, except from inside that callback.
-TEST(DelayTest, CancelWaitsForARunningCallbackButNotFromInsideIt) {
     std::atomic<bool> entered{false}, cancelling{false}, done{false};
     auto running = delay(
         [&](std::int64_t) {

@@ -22,10 +22,9 @@ TEST_F(EndpointTest, LongPollingSessionAndHeldConnects) {
     // A connect that finds nothing waiting is held until a delivery releases it.
     poll.start(connect(id, "3", -1, "long-polling"));
     EXPECT_TRUE(successful(other.call(publish(id, "4", "/lp", "\"hello\""), "4")));
-    auto released = poll.finish();
-    ASSERT_TRUE(released);
-    auto messages = released->messages();
-    ASSERT_EQ(messages.size(), 2u) << released->body;
+    const auto released = poll.finish().value();
+    const auto messages = released.messages();
+    ASSERT_EQ(messages.size(), 2u) << released.body;
     EXPECT_EQ(delivery(messages[0]), "/lp \"hello\"");
     EXPECT_EQ(str(messages[1], "channel"), "/meta/connect");
     EXPECT_EQ(str(messages[1], "id"), "3");
@@ -45,13 +44,10 @@ TEST_F(EndpointTest, LongPollingSessionAndHeldConnects) {
     EXPECT_EQ(ws.nextDelivery(), "/moved 1");
 
     // Only POST on the endpoint's path, or below it as some clients send, is Bayeux.
-    auto below = other.post(handshake("1"), "/bayeux/handshake?x=1");
-    ASSERT_TRUE(below);
-    EXPECT_EQ(below->status, 200u);
-    EXPECT_TRUE(successful(below->messages().at(0)));
-    auto get = other.post("", "/bayeux", http::verb::get);
-    ASSERT_TRUE(get);
-    EXPECT_EQ(get->status, 405u);
+    const auto below = other.post(handshake("1"), "/bayeux/handshake?x=1").value();
+    EXPECT_EQ(below.status, 200u);
+    EXPECT_TRUE(successful(below.messages().at(0)));
+    EXPECT_EQ(other.post("", "/bayeux", http::verb::get).value().status, 405u);
     for (const char* target : {"/elsewhere", "/bayeuxx", "/"}) {
         auto elsewhere = other.post(handshake("1"), target);
         ASSERT_TRUE(elsewhere) << target;

@@ -73,7 +73,7 @@ TEST(JsonReader, AcceptsWhatAStrictParserAccepts) {
     }
 }
 
-TEST(JsonReader, MembersAndElementsComeInSourceOrderWithTheirText) {
+TEST(JsonReader, MembersAndElementsComeInSourceOrderWithTheirTextAndNumbersWithTheirKind) {
     std::vector<Member> found;
     Reader(R"( { "a" : [1, {"x":null}] , "\u0062":"s", "a":-1.5e2 } )", 64).object(0, found);
     ASSERT_EQ(found.size(), 3u);
@@ -89,9 +89,8 @@ TEST(JsonReader, MembersAndElementsComeInSourceOrderWithTheirText) {
     ASSERT_EQ(inner.size(), 2u);
     EXPECT_EQ(inner[0].text, "1");
     EXPECT_EQ(members(inner[1].text).at(0).value.type, Type::Null);
-}
 
-TEST(JsonReader, NumbersKeepTheKindAParserGivesThem) {
+    // Numbers keep the kind a parser gives them.
     for (const std::string text :
          {"0", "-0", "42", "-42", "9223372036854775807", "9223372036854775808",
           "18446744073709551615", "18446744073709551616", "-9223372036854775808",
