@@ -173,11 +173,15 @@ TEST_F(EndpointTest, BurstsAreBatchedAndErrorRepliesNameTheProblem) {
     EXPECT_EQ(error(ws.await(withId("p2"))), "402::Unknown client");
 }
 
-// An API key, then the session cap, refuse handshakes; the refused get no client id.
-TEST_F(EndpointTest, TheApiKeyAndTheSessionCapGuardHandshakes) {
+// An API key, then the session cap, refuse handshakes, and the refused get no client id;
+// connections beyond the cap are closed on arrival; an HTTP body over the message bound is refused
+// and its connection closed.
+TEST_F(EndpointTest, HandshakesConnectionsAndBodiesAreBounded) {
     start([](EndpointOptions& o) {
         o.apiKey = "s3cret";
         o.maxSessions = 2;
+        o.maxConnections = 2;
+        o.maxMessageBytes = 4096;
     });
     LogCapture log;
     RawWebSocket ws(port);
@@ -201,8 +205,23 @@ TEST_F(EndpointTest, TheApiKeyAndTheSessionCapGuardHandshakes) {
                       R"(503::Too many sessions{"reconnect":"handshake","interval":1000})");
     ASSERT_EQ(made.size(), 2u);
     EXPECT_EQ(endpoint->sessionCount(), 2u);
+
+    RawHttp http(port);
+    ASSERT_TRUE(waitUntil([&] { return endpoint->stats().connections == 2; }));
+    EXPECT_THROW(RawWebSocket refused(port), std::runtime_error);
+    EXPECT_FALSE(RawHttp(port).post(handshake("5", key)));
+    EXPECT_EQ(log.count("Refusing connections: 2 are open already"), 1u);
+    EXPECT_EQ(
+        http.post(publish(made[1], "6", "/big", quote(std::string(8000, 'x')))).value().status,
+        413u);
+    EXPECT_EQ(log.count("Refused an HTTP body over 4096 bytes"), 1u);
+    ASSERT_TRUE(waitUntil([&] { return endpoint->stats().connections == 1; }));
+    // The session's browser publishes over a new connection, as the cap has room again.
+    EXPECT_TRUE(
+        successful(RawHttp(port, cookiePair(ws.setCookie()))
+                       .call(publish(made[1], "7", "/big", quote(std::string(100, 'x'))), "7")));
     ASSERT_TRUE(successful(ws.call(disconnect(made[0], "d"), "d")));
-    EXPECT_TRUE(successful(ws.call(handshake("5", key), "5")));
+    EXPECT_TRUE(successful(ws.call(handshake("8", key), "8")));
 }
 
 // The documented overflow policy: a queue full by count or by bytes drops its oldest messages
@@ -345,34 +364,6 @@ TEST_F(EndpointTest, HandshakeOverSecureWebSocketAndImpossibleSettingsThrow) {
     halfTls.keyFile = "/nonexistent/key.pem";
     EXPECT_THROW(startBayeuxEndpoint(server, halfTls), std::runtime_error);
     EXPECT_THROW(startBayeuxEndpoint(nullptr, EndpointOptions{}), std::invalid_argument);
-}
-
-// Connections beyond the cap are closed on arrival; an HTTP body over the message bound is
-// refused and its connection closed.
-TEST_F(EndpointTest, ConnectionsBeyondTheCapAndOversizedBodiesAreRefused) {
-    start([](EndpointOptions& o) {
-        o.maxConnections = 2;
-        o.maxMessageBytes = 4096;
-    });
-    LogCapture log;
-    auto ws = std::make_unique<RawWebSocket>(port);
-    RawHttp http(port);
-    const std::string id = open(http);
-    EXPECT_EQ(endpoint->stats().connections, 2u);
-    EXPECT_THROW(RawWebSocket refused(port), std::runtime_error);
-    EXPECT_FALSE(RawHttp(port).post(handshake("1")));
-    EXPECT_EQ(log.count("Refusing connections: 2 are open already"), 1u);
-    ws.reset();
-    ASSERT_TRUE(waitUntil([&] { return endpoint->stats().connections == 1; }));
-    RawWebSocket again(port);
-    open(again);
-
-    EXPECT_EQ(http.post(publish(id, "3", "/big", quote(std::string(8000, 'x')))).value().status,
-              413u);
-    EXPECT_EQ(log.count("Refused an HTTP body over 4096 bytes"), 1u);
-    ASSERT_TRUE(waitUntil([&] { return endpoint->stats().connections == 1; }));
-    EXPECT_TRUE(successful(RawHttp(port, http.cookie())
-                               .call(publish(id, "4", "/big", quote(std::string(100, 'x'))), "4")));
 }
 
 // Out of descriptors, the listener logs once and retries after growing pauses, then serves the

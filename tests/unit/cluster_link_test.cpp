@@ -115,7 +115,7 @@ bool settle(NatsLink& from, orvale::test::Inbox& to, const std::string& subject)
 
 // Between nodes, never echoed to the publisher, with interest counted; and when a link's node
 // dies, it resumes through another. Order and uniqueness are the clustered server's tests.
-TEST(NatsLink, CarriesMessagesAndResumesThroughAnotherNode) {
+TEST(NatsLink, CarriesMessagesResumesThroughAnotherNodeAndNamesTheClusterItCannotReach) {
     orvale::tools::NatsServers nats(3);
     orvale::test::Inbox atA, atB;
     NatsLink a(on(nats.urls(0)), into(atA));
@@ -137,9 +137,8 @@ TEST(NatsLink, CarriesMessagesAndResumesThroughAnotherNode) {
     nats.kill(1);
     ASSERT_TRUE(waitUntil([&] { return b.stats().reconnects == 1; }, 10s));
     EXPECT_TRUE(settle(a, atB, "o.after"));
-}
 
-TEST(NatsLink, NamesTheClusterItCannotReach) {
+    // A server that cannot reach its cluster names it.
     const std::string url = "nats://127.0.0.1:" + std::to_string(orvale::tools::freeLoopbackPort());
     try {
         makeBayeuxServer({1, {url}});
