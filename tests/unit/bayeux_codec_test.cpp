@@ -36,7 +36,7 @@ std::unique_ptr<BayeuxMessage> single(codec::Decoded decoded) {
 
 // Every message class with every common field set decodes to its class and encodes to the same
 // frame: requests through the client decoder, responses and deliveries through the server one.
-TEST(BayeuxCodec, EveryMessageRoundTrips) {
+TEST(BayeuxCodec, EveryMessageAndEveryEscapedStringRoundTrips) {
     std::vector<std::unique_ptr<BayeuxMessage>> requests, replies;
     requests.push_back(std::make_unique<HandshakeRequest>(
         "1.0", "1.0", std::vector<std::string>{"websocket", "long-polling"}));
@@ -76,6 +76,31 @@ TEST(BayeuxCodec, EveryMessageRoundTrips) {
             EXPECT_EQ(encode(*decoded), frame);  // every field came back
         }
     }
+
+    // Quoting scans eight bytes at a time: a byte that needs an escape is caught at any offset, and
+    // every string field comes back unchanged.
+    for (const std::string special :
+         {"\x01", "\x1f", "\"", "\\", "\n", "\t", "\r", "/", "\x7f", "\xc3\xa9", "\xe2\x82\xac"}) {
+        for (std::size_t at = 0; at < 20; ++at) {
+            std::string text(20, 'a');
+            text.insert(at, special);
+            PublishRequest publish("/orvale/" + text, std::string("1"));
+            publish.setId(text);
+            publish.setClientId(text);
+            const std::string frame = encode(publish);
+            // Checked apart from the decoder, which shares the scan: no raw control byte.
+            EXPECT_TRUE(std::none_of(frame.begin(), frame.end(), [](char c) {
+                return static_cast<unsigned char>(c) < 0x20;
+            })) << frame;
+            auto p = single(decodeFromClient(frame));
+            EXPECT_EQ(as<PublishRequest>(p).getChannel(), "/orvale/" + text) << frame;
+            EXPECT_EQ(p->getId(), text) << frame;
+            EXPECT_EQ(p->getClientId(), text) << frame;
+        }
+    }
+    std::string quoted;
+    codec::appendQuoted(quoted, "q\"b\\s/n\nt\tr\rc\x01\x1f");
+    EXPECT_EQ(quoted, R"("q\"b\\s/n\nt\tr\rc\u0001\u001f")");
 }
 
 TEST(BayeuxCodec, EncodingOmitsEmptyFieldsAndInsertsJsonTextAsItIs) {
@@ -109,35 +134,8 @@ TEST(BayeuxCodec, EncodingOmitsEmptyFieldsAndInsertsJsonTextAsItIs) {
               R"({"z":-0.0,"n":[1.5,-3,null],"k":1})");
 }
 
-// Quoting scans eight bytes at a time: a byte that needs an escape is caught at any offset, and
-// every string field comes back unchanged.
-TEST(BayeuxCodec, StringsAreEscapedAtEveryOffsetAndComeBackUnchanged) {
-    for (const std::string special :
-         {"\x01", "\x1f", "\"", "\\", "\n", "\t", "\r", "/", "\x7f", "\xc3\xa9", "\xe2\x82\xac"}) {
-        for (std::size_t at = 0; at < 20; ++at) {
-            std::string text(20, 'a');
-            text.insert(at, special);
-            PublishRequest publish("/orvale/" + text, std::string("1"));
-            publish.setId(text);
-            publish.setClientId(text);
-            const std::string frame = encode(publish);
-            // Checked apart from the decoder, which shares the scan: no raw control byte.
-            EXPECT_TRUE(std::none_of(frame.begin(), frame.end(), [](char c) {
-                return static_cast<unsigned char>(c) < 0x20;
-            })) << frame;
-            auto p = single(decodeFromClient(frame));
-            EXPECT_EQ(as<PublishRequest>(p).getChannel(), "/orvale/" + text) << frame;
-            EXPECT_EQ(p->getId(), text) << frame;
-            EXPECT_EQ(p->getClientId(), text) << frame;
-        }
-    }
-    std::string quoted;
-    codec::appendQuoted(quoted, "q\"b\\s/n\nt\tr\rc\x01\x1f");
-    EXPECT_EQ(quoted, R"("q\"b\\s/n\nt\tr\rc\u0001\u001f")");
-}
-
 // data and ext travel as the peer wrote them: no canonical form, no number drifting by an ulp.
-TEST(BayeuxCodec, DataAndExtKeepTheirSourceText) {
+TEST(BayeuxCodec, DecodesWhatPeersWroteAsTheyWroteIt) {
     const std::string data =
         R"({ "s" : "\u00e9\/\u0007" , "big":-96e27, "long":123456789.123456789, "z":-0, "inf":1e400,)"
         "\n"
@@ -163,10 +161,8 @@ TEST(BayeuxCodec, DataAndExtKeepTheirSourceText) {
     auto s =
         single(decodeFromClient(R"([{"channel":"/meta/subscribe","subscription":["/a","/b"]}])"));
     EXPECT_EQ(as<SubscribeRequest>(s).getChannel(), "/a");
-}
 
-// Replies as Faye 1.4.3 sends them over WebSocket.
-TEST(BayeuxCodec, DecodesFayeReplies) {
+    // Replies as Faye 1.4.3 sends them over WebSocket.
     const std::string batch =
         R"([{"id":"3","clientId":"c","channel":"/meta/subscribe","successful":true,"subscription":"/orvale/a"},)"
         R"({"id":"3b","clientId":"c","channel":"/meta/subscribe","successful":true,"subscription":["/orvale/b","/orvale/c"]},)"
@@ -194,25 +190,8 @@ TEST(BayeuxCodec, DecodesFayeReplies) {
     EXPECT_EQ(m[8]->kind(), Kind::DisconnectResponse);
 }
 
-TEST(BayeuxCodec, UndecodableFramesGiveErrorsNotMessages) {
-    std::string deep =
-        R"([{"channel":"/a","data":)" + std::string(200, '[') + std::string(200, ']') + "}]";
-    std::string huge = R"([{"channel":"/a","data":")" + std::string(65 << 20, 'x') + "\"}]";
-    for (const std::string& frame :
-         {std::string(), std::string("["), std::string("{\"channel\":"), std::string("42"),
-          std::string("\"text\""), std::string("null"), std::string("[1,2]x"),
-          std::string("[{\"channel\":\"/a\",\"data\":1},]"), std::string("\xff\xfe"),
-          std::string("[\"\xc3\"]"), deep, huge}) {
-        for (const bool fromServer : {true, false}) {
-            auto decoded = fromServer ? decodeFromServer(frame) : decodeFromClient(frame);
-            EXPECT_TRUE(decoded.messages.empty()) << frame.substr(0, 40);
-            EXPECT_EQ(decoded.errors.size(), 1u) << frame.substr(0, 40);
-        }
-    }
-}
-
 // A bad element costs only itself, and its one error names what was wrong.
-TEST(BayeuxCodec, MistypedOrMissingFieldsAreReportedPerElement) {
+TEST(BayeuxCodec, UndecodableFramesAndElementsGiveErrorsNotMessages) {
     struct Case {
         bool fromServer;
         const char* element;
@@ -258,6 +237,22 @@ TEST(BayeuxCodec, MistypedOrMissingFieldsAreReportedPerElement) {
         ASSERT_EQ(decoded.errors.size(), 1u) << c.element;
         EXPECT_NE(decoded.errors[0].text().find(c.problem), std::string::npos)
             << decoded.errors[0].text();
+    }
+
+    // A frame that cannot be read at all gives one error and no message.
+    std::string deep =
+        R"([{"channel":"/a","data":)" + std::string(200, '[') + std::string(200, ']') + "}]";
+    std::string huge = R"([{"channel":"/a","data":")" + std::string(65 << 20, 'x') + "\"}]";
+    for (const std::string& frame :
+         {std::string(), std::string("["), std::string("{\"channel\":"), std::string("42"),
+          std::string("\"text\""), std::string("null"), std::string("[1,2]x"),
+          std::string("[{\"channel\":\"/a\",\"data\":1},]"), std::string("\xff\xfe"),
+          std::string("[\"\xc3\"]"), deep, huge}) {
+        for (const bool fromServer : {true, false}) {
+            auto decoded = fromServer ? decodeFromServer(frame) : decodeFromClient(frame);
+            EXPECT_TRUE(decoded.messages.empty()) << frame.substr(0, 40);
+            EXPECT_EQ(decoded.errors.size(), 1u) << frame.substr(0, 40);
+        }
     }
 }
 

@@ -19,7 +19,7 @@ namespace {
 using namespace std::chrono_literals;
 using orvale::test::waitUntil;
 
-TEST(ClusterSubjects, MapChannelsAndPatternsBothWays) {
+TEST(ClusterWire, SubjectsMapChannelsBothWaysAndBatchesCarryEveryField) {
     struct Case {
         const char* channel;
         const char* subject;  // nullptr: not a channel the cluster carries
@@ -50,9 +50,8 @@ TEST(ClusterSubjects, MapChannelsAndPatternsBothWays) {
     }
     for (const char* foreign : {"p.chat", "o", "o.a.*", "o.a%2", "o.a%ZZ", "o..a"})
         EXPECT_FALSE(channelOf("o", foreign)) << foreign;
-}
 
-TEST(ClusterBatch, CarriesEveryFieldAsItCameAndRefusesWhatItDidNotWrite) {
+    // A batch carries every field as it came and refuses what it did not write.
     PublishRequest full("", common::DataBuffer(R"({"t":"3:x\n"})")),
         bare("", common::DataBuffer(""));
     full.setId("7");

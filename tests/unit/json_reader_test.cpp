@@ -31,7 +31,7 @@ bool readerAccepts(const std::string& text) {
     }
 }
 
-TEST(JsonReader, AcceptsWhatAStrictParserAccepts) {
+TEST(JsonReader, AcceptsWhatAStrictParserAcceptsAndKeepsTheSourceTextAndKinds) {
     std::vector<std::string> texts = {
         "", " ", "{}", "[]", " [ ] ", "[1,]", "[,1]", "{\"a\":1,}", "{\"a\" 1}", "{a:1}",
         "{\"a\":1}x", "[1 2]", "[\"a\"\"b\"]", "true", "tru", "nulll", "falsey",
@@ -71,9 +71,8 @@ TEST(JsonReader, AcceptsWhatAStrictParserAccepts) {
                       std::string(expected.data(), expected.size()));
         }
     }
-}
 
-TEST(JsonReader, MembersAndElementsComeInSourceOrderWithTheirTextAndNumbersWithTheirKind) {
+    // Members and elements come in source order with their text.
     std::vector<Member> found;
     Reader(R"( { "a" : [1, {"x":null}] , "\u0062":"s", "a":-1.5e2 } )", 64).object(0, found);
     ASSERT_EQ(found.size(), 3u);
