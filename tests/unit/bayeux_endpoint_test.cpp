@@ -3,14 +3,10 @@
 
 #include "connector/bayeux/endpoint.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
+#include <boost/asio/read.hpp>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/beast/ssl/ssl_stream.hpp>
 #include <boost/beast/websocket/ssl.hpp>
@@ -373,37 +369,31 @@ TEST_F(EndpointTest, AcceptingOutOfDescriptorsBacksOffAndRecovers) {
     LogCapture log;
     // At a limit of 0 no descriptor can be opened, whichever ones other threads free meanwhile:
     // the hub's accept of the client's connection must fail.
-    const int client = ::socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_GE(client, 0);
+    asio::io_context io;
+    asio::ip::tcp::socket client(io);
+    client.open(asio::ip::tcp::v4());
     rlimit saved{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
     rlimit tight = saved;
     tight.rlim_cur = 0;
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
-    sockaddr_in hub{};
-    hub.sin_family = AF_INET;
-    hub.sin_port = htons(port);
-    hub.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const bool connected = ::connect(client, reinterpret_cast<sockaddr*>(&hub), sizeof hub) == 0;
+    beast::error_code connected;
+    client.connect({asio::ip::make_address("127.0.0.1"), port}, connected);
     const bool failed = waitUntil([&] { return log.count("Accepting a connection failed: ") > 0; });
     std::this_thread::sleep_for(300ms);  // a window in which a fixed 10 ms retry logs 30 times
     const std::size_t failures = log.count("Accepting a connection failed: ");
     ::setrlimit(RLIMIT_NOFILE, &saved);
-    ASSERT_TRUE(connected);
+    ASSERT_FALSE(connected) << connected.message();
     EXPECT_TRUE(failed);
     EXPECT_EQ(failures, 1u);
 
     const std::string request = "POST /bayeux HTTP/1.1\r\nHost: h\r\nContent-Length: " +
                                 std::to_string(handshake("1").size()) + "\r\n\r\n" + handshake("1");
-    ASSERT_EQ(::send(client, request.data(), request.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(request.size()));
-    pollfd readable{client, POLLIN, 0};
+    asio::write(client, asio::buffer(request));
     char head[12] = {};
-    ASSERT_EQ(::poll(&readable, 1, static_cast<int>(kWait.count())), 1);
-    ASSERT_EQ(::recv(client, head, sizeof head, 0), static_cast<ssize_t>(sizeof head));
+    EXPECT_FALSE(complete(io, [&](auto h) { asio::async_read(client, asio::buffer(head), h); }));
     EXPECT_EQ(std::string(head, sizeof head), "HTTP/1.1 200");
     EXPECT_EQ(log.count("Accepting connections again after "), 1u);
-    ::close(client);
 }
 
 }  // namespace
