@@ -166,8 +166,7 @@ class RawWebSocket {
         return send(frame) ? await(withId(id)) : std::nullopt;
     }
     bool awaitCount(std::size_t count) {
-        runUntil(io_, [&] { return received_ >= count || closed_; });
-        return received_ >= count;
+        return runUntil(io_, [&] { return received_ >= count || closed_; }) && received_ >= count;
     }
     bool awaitClosed() {
         return runUntil(io_, [&] { return closed_; });
