@@ -17,6 +17,7 @@ namespace {
 using codec::decodeFromClient;
 using codec::decodeFromServer;
 using codec::encode;
+using namespace std::string_literals;
 
 template <class T>
 const T& as(const std::unique_ptr<BayeuxMessage>& message) {
@@ -244,10 +245,8 @@ TEST(BayeuxCodec, UndecodableFramesAndElementsGiveErrorsNotMessages) {
         R"([{"channel":"/a","data":)" + std::string(200, '[') + std::string(200, ']') + "}]";
     std::string huge = R"([{"channel":"/a","data":")" + std::string(65 << 20, 'x') + "\"}]";
     for (const std::string& frame :
-         {std::string(), std::string("["), std::string("{\"channel\":"), std::string("42"),
-          std::string("\"text\""), std::string("null"), std::string("[1,2]x"),
-          std::string("[{\"channel\":\"/a\",\"data\":1},]"), std::string("\xff\xfe"),
-          std::string("[\"\xc3\"]"), deep, huge}) {
+         {""s, "["s, R"({"channel":)"s, "42"s, R"("text")"s, "null"s, "[1,2]x"s,
+          R"([{"channel":"/a","data":1},])"s, "\xff\xfe"s, "[\"\xc3\"]"s, deep, huge}) {
         for (const bool fromServer : {true, false}) {
             auto decoded = fromServer ? decodeFromServer(frame) : decodeFromClient(frame);
             EXPECT_TRUE(decoded.messages.empty()) << frame.substr(0, 40);

@@ -181,9 +181,8 @@ TEST_F(EndpointTest, HandshakesConnectionsAndBodiesAreBounded) {
     });
     LogCapture log;
     RawWebSocket ws(port);
-    for (const std::string& ext :
-         {std::string(), std::string(R"({"orvapikey":"wrong"})"),
-          std::string(R"({"orvapikey":"s3cre"})"), std::string(R"({"orvapikey":7})")}) {
+    for (const char* ext :
+         {"", R"({"orvapikey":"wrong"})", R"({"orvapikey":"s3cre"})", R"({"orvapikey":7})"}) {
         auto refused = ws.call(handshake("1", ext), "1");
         EXPECT_EQ(error(refused), "403::Unauthorized") << ext;
         EXPECT_FALSE(refused->contains("clientId"));
