@@ -17,6 +17,7 @@ namespace {
 using codec::decodeFromClient;
 using codec::decodeFromServer;
 using codec::encode;
+using namespace std::string_literals;
 
 template <class T>
 const T& as(const std::unique_ptr<BayeuxMessage>& message) {
@@ -36,7 +37,7 @@ std::unique_ptr<BayeuxMessage> single(codec::Decoded decoded) {
 
 // Every message class with every common field set decodes to its class and encodes to the same
 // frame: requests through the client decoder, responses and deliveries through the server one.
-TEST(BayeuxCodec, EveryMessageRoundTrips) {
+TEST(BayeuxCodec, EveryMessageAndEveryEscapedStringRoundTrips) {
     std::vector<std::unique_ptr<BayeuxMessage>> requests, replies;
     requests.push_back(std::make_unique<HandshakeRequest>(
         "1.0", "1.0", std::vector<std::string>{"websocket", "long-polling"}));
@@ -76,33 +77,9 @@ TEST(BayeuxCodec, EveryMessageRoundTrips) {
             EXPECT_EQ(encode(*decoded), frame);  // every field came back
         }
     }
-}
 
-TEST(BayeuxCodec, EncodingOmitsEmptyFieldsAndInsertsJsonTextAsItIs) {
-    ConnectRequest connect("websocket");
-    connect.setClientId("c1");
-    EXPECT_EQ(encode(connect),
-              R"([{"channel":"/meta/connect","clientId":"c1","connectionType":"websocket"}])");
-    PublishRequest publish("/a", std::string(R"({"x" : [ 1 ]})"));
-    publish.setExt(R"({"k":1})");
-    EXPECT_EQ(encode(publish), R"([{"channel":"/a","data":{"x" : [ 1 ]},"ext":{"k":1}}])");
-    EXPECT_EQ(encode(PublishRequest("/a", std::string())), R"([{"channel":"/a","data":null}])");
-    DisconnectResponse failed;
-    failed.setSuccessful(false);
-    failed.setAdvice(Advice{"none", -1, -1});
-    EXPECT_EQ(
-        encode(failed),
-        R"([{"channel":"/meta/disconnect","successful":false,"advice":{"reconnect":"none"}}])");
-    SubscribeRequest a("/a", "c"), b("/b", "c");
-    EXPECT_EQ(encode({&a, nullptr, &b}),
-              R"([{"channel":"/meta/subscribe","clientId":"c","subscription":"/a"},)"
-              R"({"channel":"/meta/subscribe","clientId":"c","subscription":"/b"}])");
-    EXPECT_EQ(encode(std::vector<const BayeuxMessage*>{}), "[]");
-}
-
-// Quoting scans eight bytes at a time: a byte that needs an escape is caught at any offset, and
-// every string field comes back unchanged.
-TEST(BayeuxCodec, StringsAreEscapedAtEveryOffsetAndComeBackUnchanged) {
+    // Quoting scans eight bytes at a time: a byte that needs an escape is caught at any offset, and
+    // every string field comes back unchanged.
     for (const std::string special :
          {"\x01", "\x1f", "\"", "\\", "\n", "\t", "\r", "/", "\x7f", "\xc3\xa9", "\xe2\x82\xac"}) {
         for (std::size_t at = 0; at < 20; ++at) {
@@ -127,8 +104,39 @@ TEST(BayeuxCodec, StringsAreEscapedAtEveryOffsetAndComeBackUnchanged) {
     EXPECT_EQ(quoted, R"("q\"b\\s/n\nt\tr\rc\u0001\u001f")");
 }
 
+TEST(BayeuxCodec, EncodingOmitsEmptyFieldsAndInsertsJsonTextAsItIs) {
+    ConnectRequest connect("websocket");
+    connect.setClientId("c1");
+    EXPECT_EQ(encode(connect),
+              R"([{"channel":"/meta/connect","clientId":"c1","connectionType":"websocket"}])");
+    PublishRequest publish("/a", std::string(R"({"x" : [ 1 ]})"));
+    publish.setExt(R"({"k":1})");
+    EXPECT_EQ(encode(publish), R"([{"channel":"/a","data":{"x" : [ 1 ]},"ext":{"k":1}}])");
+    EXPECT_EQ(encode(PublishRequest("/a", std::string())), R"([{"channel":"/a","data":null}])");
+    DisconnectResponse failed;
+    failed.setSuccessful(false);
+    failed.setAdvice(Advice{"none", -1, -1});
+    EXPECT_EQ(
+        encode(failed),
+        R"([{"channel":"/meta/disconnect","successful":false,"advice":{"reconnect":"none"}}])");
+    SubscribeRequest a("/a", "c"), b("/b", "c");
+    EXPECT_EQ(encode({&a, nullptr, &b}),
+              R"([{"channel":"/meta/subscribe","clientId":"c","subscription":"/a"},)"
+              R"({"channel":"/meta/subscribe","clientId":"c","subscription":"/b"}])");
+    EXPECT_EQ(encode(std::vector<const BayeuxMessage*>{}), "[]");
+    // An ext member is set without losing the others.
+    EXPECT_EQ(codec::withExtMember("", "orvapikey", "\"k\""), R"({"orvapikey":"k"})");
+    EXPECT_EQ(codec::withExtMember(R"({"a":1,"orvapikey":"old"})", "orvapikey", "\"new\""),
+              R"({"a":1,"orvapikey":"new"})");
+    EXPECT_EQ(codec::withExtMember("[1]", "k", "true"), R"({"k":true})");
+    EXPECT_EQ(codec::withExtMember("{}", "k", "not json"), R"({"k":"not json"})");
+    // Rewritten members keep their values: found by the fuzzer, "-0" read back as integer 0.
+    EXPECT_EQ(codec::withExtMember(R"({"z":-0.0,"n":[1.5,-3,1e400]})", "k", "1"),
+              R"({"z":-0.0,"n":[1.5,-3,null],"k":1})");
+}
+
 // data and ext travel as the peer wrote them: no canonical form, no number drifting by an ulp.
-TEST(BayeuxCodec, DataAndExtKeepTheirSourceText) {
+TEST(BayeuxCodec, DecodesWhatPeersWroteAsTheyWroteIt) {
     const std::string data =
         R"({ "s" : "\u00e9\/\u0007" , "big":-96e27, "long":123456789.123456789, "z":-0, "inf":1e400,)"
         "\n"
@@ -154,10 +162,8 @@ TEST(BayeuxCodec, DataAndExtKeepTheirSourceText) {
     auto s =
         single(decodeFromClient(R"([{"channel":"/meta/subscribe","subscription":["/a","/b"]}])"));
     EXPECT_EQ(as<SubscribeRequest>(s).getChannel(), "/a");
-}
 
-// Replies as Faye 1.4.3 sends them over WebSocket.
-TEST(BayeuxCodec, DecodesFayeReplies) {
+    // Replies as Faye 1.4.3 sends them over WebSocket.
     const std::string batch =
         R"([{"id":"3","clientId":"c","channel":"/meta/subscribe","successful":true,"subscription":"/orvale/a"},)"
         R"({"id":"3b","clientId":"c","channel":"/meta/subscribe","successful":true,"subscription":["/orvale/b","/orvale/c"]},)"
@@ -185,25 +191,8 @@ TEST(BayeuxCodec, DecodesFayeReplies) {
     EXPECT_EQ(m[8]->kind(), Kind::DisconnectResponse);
 }
 
-TEST(BayeuxCodec, UndecodableFramesGiveErrorsNotMessages) {
-    std::string deep =
-        R"([{"channel":"/a","data":)" + std::string(200, '[') + std::string(200, ']') + "}]";
-    std::string huge = R"([{"channel":"/a","data":")" + std::string(65 << 20, 'x') + "\"}]";
-    for (const std::string& frame :
-         {std::string(), std::string("["), std::string("{\"channel\":"), std::string("42"),
-          std::string("\"text\""), std::string("null"), std::string("[1,2]x"),
-          std::string("[{\"channel\":\"/a\",\"data\":1},]"), std::string("\xff\xfe"),
-          std::string("[\"\xc3\"]"), deep, huge}) {
-        for (const bool fromServer : {true, false}) {
-            auto decoded = fromServer ? decodeFromServer(frame) : decodeFromClient(frame);
-            EXPECT_TRUE(decoded.messages.empty()) << frame.substr(0, 40);
-            EXPECT_EQ(decoded.errors.size(), 1u) << frame.substr(0, 40);
-        }
-    }
-}
-
 // A bad element costs only itself, and its one error names what was wrong.
-TEST(BayeuxCodec, MistypedOrMissingFieldsAreReportedPerElement) {
+TEST(BayeuxCodec, UndecodableFramesAndElementsGiveErrorsNotMessages) {
     struct Case {
         bool fromServer;
         const char* element;
@@ -250,17 +239,20 @@ TEST(BayeuxCodec, MistypedOrMissingFieldsAreReportedPerElement) {
         EXPECT_NE(decoded.errors[0].text().find(c.problem), std::string::npos)
             << decoded.errors[0].text();
     }
-}
 
-TEST(BayeuxCodec, ExtMembersAreSetWithoutLosingTheOthers) {
-    EXPECT_EQ(codec::withExtMember("", "orvapikey", "\"k\""), R"({"orvapikey":"k"})");
-    EXPECT_EQ(codec::withExtMember(R"({"a":1,"orvapikey":"old"})", "orvapikey", "\"new\""),
-              R"({"a":1,"orvapikey":"new"})");
-    EXPECT_EQ(codec::withExtMember("[1]", "k", "true"), R"({"k":true})");
-    EXPECT_EQ(codec::withExtMember("{}", "k", "not json"), R"({"k":"not json"})");
-    // Rewritten members keep their values: found by the fuzzer, "-0" read back as integer 0.
-    EXPECT_EQ(codec::withExtMember(R"({"z":-0.0,"n":[1.5,-3,1e400]})", "k", "1"),
-              R"({"z":-0.0,"n":[1.5,-3,null],"k":1})");
+    // A frame that cannot be read at all gives one error and no message.
+    std::string deep =
+        R"([{"channel":"/a","data":)" + std::string(200, '[') + std::string(200, ']') + "}]";
+    std::string huge = R"([{"channel":"/a","data":")" + std::string(65 << 20, 'x') + "\"}]";
+    for (const std::string& frame :
+         {""s, "["s, R"({"channel":)"s, "42"s, R"("text")"s, "null"s, "[1,2]x"s,
+          R"([{"channel":"/a","data":1},])"s, "\xff\xfe"s, "[\"\xc3\"]"s, deep, huge}) {
+        for (const bool fromServer : {true, false}) {
+            auto decoded = fromServer ? decodeFromServer(frame) : decodeFromClient(frame);
+            EXPECT_TRUE(decoded.messages.empty()) << frame.substr(0, 40);
+            EXPECT_EQ(decoded.errors.size(), 1u) << frame.substr(0, 40);
+        }
+    }
 }
 
 }  // namespace

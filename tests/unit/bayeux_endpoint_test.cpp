@@ -3,14 +3,10 @@
 
 #include "connector/bayeux/endpoint.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
+#include <boost/asio/read.hpp>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/beast/ssl/ssl_stream.hpp>
 #include <boost/beast/websocket/ssl.hpp>
@@ -85,10 +81,41 @@ TEST_F(EndpointTest, WebSocketSessionFromHandshakeToDisconnect) {
     EXPECT_EQ(error(ws.call(connect(id, "13", 0), "13")), "402::Unknown client");
 }
 
-TEST_F(EndpointTest, ErrorRepliesNameTheProblem) {
+// Deliveries and replies go out batched, in order; a burst of garbage leaves others served; error
+// replies name the problem.
+TEST_F(EndpointTest, BurstsAreBatchedAndErrorRepliesNameTheProblem) {
     start();
     RawWebSocket ws(port);
     const std::string id = open(ws);
+    ASSERT_TRUE(successful(ws.call(subscribe(id, "2", "/orvale/burst"), "2")));
+    ASSERT_TRUE(successful(ws.call(connect(id, "3", 0), "3")));
+    auto publisher = service("publisher");
+    constexpr int count = 2000;
+    for (int i = 0; i < count; ++i)
+        publisher->publish("/burst", std::to_string(i));
+    ASSERT_TRUE(ws.awaitCount(3 + count));
+    int expected = 0;
+    for (const auto& m : ws.inbox())
+        expected += isDelivery(m) && json::serialize(m.at("data")) == std::to_string(expected);
+    EXPECT_EQ(expected, count);
+    const auto& frames = ws.frameSizes();
+    EXPECT_LT(frames.size(), static_cast<std::size_t>(count));
+    EXPECT_GT(*std::max_element(frames.begin(), frames.end()), 1u);
+
+    // A frame's worth of publishes is acknowledged in one frame or a few.
+    RawWebSocket noisy(port);
+    const std::string noisyId = open(noisy);
+    std::vector<std::string> publishes;
+    for (int i = 0; i < 1000; ++i)
+        publishes.push_back(publish(noisyId, "n" + std::to_string(i), "/noise", std::to_string(i)));
+    ASSERT_TRUE(noisy.send(batch(publishes)));
+    for (int i = 0; i < 200; ++i)
+        ASSERT_TRUE(noisy.send("\x01\x02 garbage"));
+    RawWebSocket quiet(port);
+    open(quiet);
+    ASSERT_TRUE(noisy.awaitCount(1 + 1000 + 200));
+    EXPECT_LT(noisy.frameSizes().size(), 1u + 200u + 1000);
+    EXPECT_TRUE(successful(noisy.call(handshake("after"), "after")));
 
     for (const auto& frame : {connect("nobody", "u1", 0), subscribe("nobody", "u1", "/a"),
                               publish("nobody", "u1", "/a", "1"), publish("", "u1", "/a", "1")}) {
@@ -129,11 +156,10 @@ TEST_F(EndpointTest, ErrorRepliesNameTheProblem) {
     ASSERT_TRUE(ws.send("{not json"));
     EXPECT_TRUE(ws.await(anonymous400));
     RawHttp http(port);
-    auto bad = http.post("{not json");
-    ASSERT_TRUE(bad);
-    EXPECT_EQ(bad->status, 400u);
-    EXPECT_EQ(bad->headers[http::field::server], "orvale");
-    EXPECT_TRUE(anonymous400(bad->messages().at(0))) << bad->body;
+    auto bad = http.post("{not json").value();
+    EXPECT_EQ(bad.status, 400u);
+    EXPECT_EQ(bad.headers[http::field::server], "orvale");
+    EXPECT_TRUE(anonymous400(bad.messages().at(0))) << bad.body;
 
     // What follows a disconnect in its frame is from an unknown client.
     ASSERT_TRUE(ws.send(
@@ -143,17 +169,20 @@ TEST_F(EndpointTest, ErrorRepliesNameTheProblem) {
     EXPECT_EQ(error(ws.await(withId("p2"))), "402::Unknown client");
 }
 
-// An API key, then the session cap, refuse handshakes; the refused get no client id.
-TEST_F(EndpointTest, TheApiKeyAndTheSessionCapGuardHandshakes) {
+// An API key, then the session cap, refuse handshakes, and the refused get no client id;
+// connections beyond the cap are closed on arrival; an HTTP body over the message bound is refused
+// and its connection closed.
+TEST_F(EndpointTest, HandshakesConnectionsAndBodiesAreBounded) {
     start([](EndpointOptions& o) {
         o.apiKey = "s3cret";
         o.maxSessions = 2;
+        o.maxConnections = 2;
+        o.maxMessageBytes = 4096;
     });
     LogCapture log;
     RawWebSocket ws(port);
-    for (const std::string& ext :
-         {std::string(), std::string(R"({"orvapikey":"wrong"})"),
-          std::string(R"({"orvapikey":"s3cre"})"), std::string(R"({"orvapikey":7})")}) {
+    for (const char* ext :
+         {"", R"({"orvapikey":"wrong"})", R"({"orvapikey":"s3cre"})", R"({"orvapikey":7})"}) {
         auto refused = ws.call(handshake("1", ext), "1");
         EXPECT_EQ(error(refused), "403::Unauthorized") << ext;
         EXPECT_FALSE(refused->contains("clientId"));
@@ -171,8 +200,23 @@ TEST_F(EndpointTest, TheApiKeyAndTheSessionCapGuardHandshakes) {
                       R"(503::Too many sessions{"reconnect":"handshake","interval":1000})");
     ASSERT_EQ(made.size(), 2u);
     EXPECT_EQ(endpoint->sessionCount(), 2u);
+
+    RawHttp http(port);
+    ASSERT_TRUE(waitUntil([&] { return endpoint->stats().connections == 2; }));
+    EXPECT_THROW(RawWebSocket refused(port), std::runtime_error);
+    EXPECT_FALSE(RawHttp(port).post(handshake("5", key)));
+    EXPECT_EQ(log.count("Refusing connections: 2 are open already"), 1u);
+    EXPECT_EQ(
+        http.post(publish(made[1], "6", "/big", quote(std::string(8000, 'x')))).value().status,
+        413u);
+    EXPECT_EQ(log.count("Refused an HTTP body over 4096 bytes"), 1u);
+    ASSERT_TRUE(waitUntil([&] { return endpoint->stats().connections == 1; }));
+    // The session's browser publishes over a new connection, as the cap has room again.
+    EXPECT_TRUE(
+        successful(RawHttp(port, cookiePair(ws.setCookie()))
+                       .call(publish(made[1], "7", "/big", quote(std::string(100, 'x'))), "7")));
     ASSERT_TRUE(successful(ws.call(disconnect(made[0], "d"), "d")));
-    EXPECT_TRUE(successful(ws.call(handshake("5", key), "5")));
+    EXPECT_TRUE(successful(ws.call(handshake("8", key), "8")));
 }
 
 // The documented overflow policy: a queue full by count or by bytes drops its oldest messages
@@ -207,22 +251,19 @@ TEST_F(EndpointTest, AFullQueueDropsItsOldestMessagesAndSaysHowMany) {
         feeder->publish("/q/sync", "0");
         ASSERT_TRUE(waitUntil([&] { return synced.load(); }));
 
-        auto answer = poll.post(connect(id, "3", -1, "long-polling"));
-        ASSERT_TRUE(answer);
+        const auto answer = poll.post(connect(id, "3", -1, "long-polling")).value();
         std::vector<std::string> data;
-        for (const auto& m : answer->messages())
+        for (const auto& m : answer.messages())
             if (isDelivery(m))
                 data.push_back(str(m, "data").substr(0, str(m, "data").find(':')));
         EXPECT_EQ(data, c.kept);
         const std::string lost = std::to_string(20 - c.kept.size());
-        auto reply = find(answer->messages(), withId("3"));
-        ASSERT_TRUE(reply && reply->contains("ext")) << answer->body;
+        auto reply = find(answer.messages(), withId("3"));
+        ASSERT_TRUE(reply && reply->contains("ext")) << answer.body;
         EXPECT_EQ(json::serialize(reply->at("ext")), R"({"dropped":)" + lost + "}");
         EXPECT_EQ(std::to_string(endpoint->stats().droppedMessages), lost);
         EXPECT_EQ(log.count("Session " + id + " holds "), 1u);
-        auto next = poll.call(connect(id, "4", 0, "long-polling"), "4");
-        ASSERT_TRUE(next);
-        EXPECT_FALSE(next->contains("ext"));
+        EXPECT_FALSE(poll.call(connect(id, "4", 0, "long-polling"), "4").value().contains("ext"));
     }
 }
 
@@ -275,44 +316,8 @@ TEST_F(EndpointTest, ExpiredAndStoppedSessionsLoseTheirSubscriptions) {
     EXPECT_THROW(RawWebSocket again(servedPort), std::runtime_error);
 }
 
-// Deliveries and replies go out batched, in order; a burst of garbage leaves others served.
-TEST_F(EndpointTest, BurstsAreBatchedIntoFramesAndLeaveOtherClientsServed) {
-    start();
-    RawWebSocket ws(port);
-    const std::string id = open(ws);
-    ASSERT_TRUE(successful(ws.call(subscribe(id, "2", "/orvale/burst"), "2")));
-    ASSERT_TRUE(successful(ws.call(connect(id, "3", 0), "3")));
-    auto publisher = service("publisher");
-    constexpr int count = 2000;
-    for (int i = 0; i < count; ++i)
-        publisher->publish("/burst", std::to_string(i));
-    ASSERT_TRUE(ws.awaitCount(3 + count));
-    int expected = 0;
-    for (const auto& m : ws.inbox())
-        expected += isDelivery(m) && json::serialize(m.at("data")) == std::to_string(expected);
-    EXPECT_EQ(expected, count);
-    const auto& frames = ws.frameSizes();
-    EXPECT_LT(frames.size(), static_cast<std::size_t>(count));
-    EXPECT_GT(*std::max_element(frames.begin(), frames.end()), 1u);
-
-    // A frame's worth of publishes is acknowledged in one frame or a few.
-    RawWebSocket noisy(port);
-    const std::string noisyId = open(noisy);
-    std::vector<std::string> publishes;
-    for (int i = 0; i < 1000; ++i)
-        publishes.push_back(publish(noisyId, "n" + std::to_string(i), "/noise", std::to_string(i)));
-    ASSERT_TRUE(noisy.send(batch(publishes)));
-    for (int i = 0; i < 200; ++i)
-        ASSERT_TRUE(noisy.send("\x01\x02 garbage"));
-    RawWebSocket quiet(port);
-    open(quiet);
-    ASSERT_TRUE(noisy.awaitCount(1 + 1000 + 200));
-    EXPECT_LT(noisy.frameSizes().size(), 1u + 200u + 1000);
-    EXPECT_TRUE(successful(noisy.call(handshake("after"), "after")));
-}
-
 // TLS: the same protocol over wss://, with a certificate made for the test.
-TEST_F(EndpointTest, HandshakeOverSecureWebSocket) {
+TEST_F(EndpointTest, HandshakeOverSecureWebSocketAndImpossibleSettingsThrow) {
     const orvale::test::TestCertificates certificates;
     start([&](EndpointOptions& o) {
         o.certFile = certificates.dir + "/server.pem";
@@ -343,35 +348,17 @@ TEST_F(EndpointTest, HandshakeOverSecureWebSocket) {
     RawHttp plain(port);
     EXPECT_FALSE(plain.post(handshake("2")));
     EXPECT_EQ(endpoint->sessionCount(), 1u);
-}
 
-// Connections beyond the cap are closed on arrival; an HTTP body over the message bound is
-// refused and its connection closed.
-TEST_F(EndpointTest, ConnectionsBeyondTheCapAndOversizedBodiesAreRefused) {
-    start([](EndpointOptions& o) {
-        o.maxConnections = 2;
-        o.maxMessageBytes = 4096;
-    });
-    LogCapture log;
-    auto ws = std::make_unique<RawWebSocket>(port);
-    RawHttp http(port);
-    const std::string id = open(http);
-    EXPECT_EQ(endpoint->stats().connections, 2u);
-    EXPECT_THROW(RawWebSocket refused(port), std::runtime_error);
-    EXPECT_FALSE(RawHttp(port).post(handshake("1")));
-    EXPECT_EQ(log.count("Refusing connections: 2 are open already"), 1u);
-    ws.reset();
-    ASSERT_TRUE(waitUntil([&] { return endpoint->stats().connections == 1; }));
-    RawWebSocket again(port);
-    open(again);
-
-    auto refused = http.post(publish(id, "3", "/big", quote(std::string(8000, 'x'))));
-    ASSERT_TRUE(refused);
-    EXPECT_EQ(refused->status, 413u);
-    EXPECT_EQ(log.count("Refused an HTTP body over 4096 bytes"), 1u);
-    ASSERT_TRUE(waitUntil([&] { return endpoint->stats().connections == 1; }));
-    EXPECT_TRUE(successful(RawHttp(port, http.cookie())
-                               .call(publish(id, "4", "/big", quote(std::string(100, 'x'))), "4")));
+    // Half a TLS setting, a port taken or no server: the endpoint does not start.
+    EndpointOptions taken;
+    taken.port = port;
+    EXPECT_THROW(startBayeuxEndpoint(server, taken), std::runtime_error);
+    EndpointOptions halfTls;
+    halfTls.certFile = "/nonexistent/cert.pem";
+    EXPECT_THROW(startBayeuxEndpoint(server, halfTls), std::runtime_error);
+    halfTls.keyFile = "/nonexistent/key.pem";
+    EXPECT_THROW(startBayeuxEndpoint(server, halfTls), std::runtime_error);
+    EXPECT_THROW(startBayeuxEndpoint(nullptr, EndpointOptions{}), std::invalid_argument);
 }
 
 // Out of descriptors, the listener logs once and retries after growing pauses, then serves the
@@ -381,51 +368,31 @@ TEST_F(EndpointTest, AcceptingOutOfDescriptorsBacksOffAndRecovers) {
     LogCapture log;
     // At a limit of 0 no descriptor can be opened, whichever ones other threads free meanwhile:
     // the hub's accept of the client's connection must fail.
-    const int client = ::socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_GE(client, 0);
+    asio::io_context io;
+    asio::ip::tcp::socket client(io);
+    client.open(asio::ip::tcp::v4());
     rlimit saved{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
     rlimit tight = saved;
     tight.rlim_cur = 0;
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
-    sockaddr_in hub{};
-    hub.sin_family = AF_INET;
-    hub.sin_port = htons(port);
-    hub.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const bool connected = ::connect(client, reinterpret_cast<sockaddr*>(&hub), sizeof hub) == 0;
+    beast::error_code connected;
+    client.connect({asio::ip::make_address("127.0.0.1"), port}, connected);
     const bool failed = waitUntil([&] { return log.count("Accepting a connection failed: ") > 0; });
     std::this_thread::sleep_for(300ms);  // a window in which a fixed 10 ms retry logs 30 times
     const std::size_t failures = log.count("Accepting a connection failed: ");
     ::setrlimit(RLIMIT_NOFILE, &saved);
-    ASSERT_TRUE(connected);
+    ASSERT_FALSE(connected) << connected.message();
     EXPECT_TRUE(failed);
     EXPECT_EQ(failures, 1u);
 
     const std::string request = "POST /bayeux HTTP/1.1\r\nHost: h\r\nContent-Length: " +
                                 std::to_string(handshake("1").size()) + "\r\n\r\n" + handshake("1");
-    ASSERT_EQ(::send(client, request.data(), request.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(request.size()));
-    pollfd readable{client, POLLIN, 0};
+    asio::write(client, asio::buffer(request));
     char head[12] = {};
-    ASSERT_EQ(::poll(&readable, 1, static_cast<int>(kWait.count())), 1);
-    ASSERT_EQ(::recv(client, head, sizeof head, 0), static_cast<ssize_t>(sizeof head));
+    EXPECT_FALSE(complete(io, [&](auto h) { asio::async_read(client, asio::buffer(head), h); }));
     EXPECT_EQ(std::string(head, sizeof head), "HTTP/1.1 200");
     EXPECT_EQ(log.count("Accepting connections again after "), 1u);
-    ::close(client);
-}
-
-TEST(EndpointStartTest, ImpossibleSettingsThrow) {
-    auto server = makeBayeuxServer();
-    EndpointOptions taken;
-    auto first = startBayeuxEndpoint(server, taken);
-    taken.port = first->port();
-    EXPECT_THROW(startBayeuxEndpoint(server, taken), std::runtime_error);
-    EndpointOptions halfTls;
-    halfTls.certFile = "/nonexistent/cert.pem";
-    EXPECT_THROW(startBayeuxEndpoint(server, halfTls), std::runtime_error);
-    halfTls.keyFile = "/nonexistent/key.pem";
-    EXPECT_THROW(startBayeuxEndpoint(server, halfTls), std::runtime_error);
-    EXPECT_THROW(startBayeuxEndpoint(nullptr, EndpointOptions{}), std::invalid_argument);
 }
 
 }  // namespace

@@ -11,7 +11,7 @@
 namespace connector::bayeux::endpoint {
 namespace {
 
-TEST(BrowserIds, OnlyIdsThisHubIssuedCount) {
+TEST(BrowserIds, OnlyIdsThisHubIssuedCountAndTheCookieHeaderNamesTheFirst) {
     const BrowserIds ids;
     const std::string id = ids.issue();
     EXPECT_EQ(id.size(), BrowserIds::kLength);
@@ -29,11 +29,8 @@ TEST(BrowserIds, OnlyIdsThisHubIssuedCount) {
     for (const std::string& other :
          {std::string(), id.substr(1), id + "0", std::string(64, '0'), upper})
         EXPECT_FALSE(ids.issued(other)) << other;
-}
 
-TEST(BrowserIds, TheCookieHeaderNamesTheFirstIssuedId) {
-    const BrowserIds ids;
-    const std::string id = ids.issue();
+    // The Cookie header names the first issued id under the browser cookie's exact name.
     const std::string forged(64, 'a');
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"BAYEUX_BROWSER=" + id, id},

@@ -22,7 +22,7 @@ std::vector<std::string> segmentsOf(ChannelName::Segments segments) {
 
 }  // namespace
 
-TEST(ChannelName, ParsesWhatEveryUserAsks) {
+TEST(ChannelName, ParsesWhatEveryUserAsksAndPatternsCoverTheirLevels) {
     struct Case {
         const char* text;
         bool valid;
@@ -65,15 +65,13 @@ TEST(ChannelName, ParsesWhatEveryUserAsks) {
     }
     EXPECT_EQ(segmentsOf(ChannelName("/a/b/**").baseSegments()),
               (std::vector<std::string>{"a", "b"}));
-}
 
-TEST(ChannelName, APatternCoversOneLevelOrAnyDepthBelowItsBase) {
-    struct Case {
+    // A pattern covers one level or any depth below its base.
+    const struct {
         const char* pattern;
         const char* channel;
         bool matches;
-    };
-    const Case cases[] = {
+    } patterns[] = {
         {"/a/b", "/a/c", false},
         {"/a/*", "/a/b", true},
         {"/a/*", "/a/b/c", false},
@@ -95,7 +93,7 @@ TEST(ChannelName, APatternCoversOneLevelOrAnyDepthBelowItsBase) {
         {"**", "/x", true},
         {"/a", "", false},
     };
-    for (const auto& c : cases)
+    for (const auto& c : patterns)
         EXPECT_EQ(ChannelName(c.pattern).matches(c.channel), c.matches)
             << c.pattern << " over " << c.channel;
 }

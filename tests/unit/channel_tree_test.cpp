@@ -38,7 +38,7 @@ class ChannelTreeTest : public ::testing::Test {
     std::map<std::string, std::unique_ptr<SessionRecord>> records_;
 };
 
-TEST_F(ChannelTreeTest, HoldsAreCountedAndNodesPrunedWhenUnused) {
+TEST_F(ChannelTreeTest, HoldsAreCountedAndNodesPrunedWhenUnusedOrRemovedAll) {
     auto& s = record("s");
     Retired retired;
     ASSERT_TRUE(tree_.subscribe(s, "/a/b/c"));
@@ -60,20 +60,19 @@ TEST_F(ChannelTreeTest, HoldsAreCountedAndNodesPrunedWhenUnused) {
     EXPECT_FALSE(tree_.unsubscribe(s, "/never", retired));
     EXPECT_FALSE(tree_.unsubscribe(record("other"), "/a/x", retired));
     EXPECT_FALSE(tree_.subscribe(s, "no/slash"));
-}
+    EXPECT_TRUE(tree_.unsubscribe(s, "/a/x", retired));
 
-TEST_F(ChannelTreeTest, RemoveAllReleasesEveryHoldAndKeepsOtherSessionsIntact) {
+    // removeAll releases every hold of a session and keeps the other sessions intact.
     std::vector<SessionRecord*> many;
     for (int i = 0; i < 6; ++i) {
         many.push_back(&record("m" + std::to_string(i)));
         tree_.subscribe(*many.back(), "/shared/**");
     }
-    auto& s = record("s");
     tree_.subscribe(s, "/shared/**");
     tree_.subscribe(s, "/own/deep/channel");
     tree_.subscribe(s, "/own/*");
     tree_.subscribe(s, "/**");
-    Retired retired;
+    retired.clear();
     tree_.removeAll(s, retired);
     EXPECT_TRUE(s.held.empty());
     EXPECT_EQ(tree_.nodeCount(), 2u);  // root and "shared"

@@ -19,7 +19,7 @@ namespace {
 using namespace std::chrono_literals;
 using orvale::test::waitUntil;
 
-TEST(ClusterSubjects, MapChannelsAndPatternsBothWays) {
+TEST(ClusterWire, SubjectsMapChannelsBothWaysAndBatchesCarryEveryField) {
     struct Case {
         const char* channel;
         const char* subject;  // nullptr: not a channel the cluster carries
@@ -50,9 +50,8 @@ TEST(ClusterSubjects, MapChannelsAndPatternsBothWays) {
     }
     for (const char* foreign : {"p.chat", "o", "o.a.*", "o.a%2", "o.a%ZZ", "o..a"})
         EXPECT_FALSE(channelOf("o", foreign)) << foreign;
-}
 
-TEST(ClusterBatch, CarriesEveryFieldAsItCameAndRefusesWhatItDidNotWrite) {
+    // A batch carries every field as it came and refuses what it did not write.
     PublishRequest full("", common::DataBuffer(R"({"t":"3:x\n"})")),
         bare("", common::DataBuffer(""));
     full.setId("7");
@@ -62,12 +61,11 @@ TEST(ClusterBatch, CarriesEveryFieldAsItCameAndRefusesWhatItDidNotWrite) {
     startBatch("/a:1/b", batch);
     appendToBatch(full, batch);
     appendToBatch(bare, batch);
-    const auto read = readBatch(batch);
-    ASSERT_TRUE(read);
-    ASSERT_EQ(read->size(), 2u);
+    const auto read = readBatch(batch).value();
+    ASSERT_EQ(read.size(), 2u);
     const PublishRequest* sent[] = {&full, &bare};
     for (std::size_t i = 0; i < 2; ++i) {
-        const PublishRequest& got = *(*read)[i];
+        const PublishRequest& got = *read[i];
         EXPECT_EQ(got.getChannel(), "/a:1/b");
         EXPECT_EQ(got.getId(), sent[i]->getId());
         EXPECT_EQ(got.getClientId(), sent[i]->getClientId());
@@ -116,7 +114,7 @@ bool settle(NatsLink& from, orvale::test::Inbox& to, const std::string& subject)
 
 // Between nodes, never echoed to the publisher, with interest counted; and when a link's node
 // dies, it resumes through another. Order and uniqueness are the clustered server's tests.
-TEST(NatsLink, CarriesMessagesAndResumesThroughAnotherNode) {
+TEST(NatsLink, CarriesMessagesResumesThroughAnotherNodeAndNamesTheClusterItCannotReach) {
     orvale::tools::NatsServers nats(3);
     orvale::test::Inbox atA, atB;
     NatsLink a(on(nats.urls(0)), into(atA));
@@ -138,9 +136,8 @@ TEST(NatsLink, CarriesMessagesAndResumesThroughAnotherNode) {
     nats.kill(1);
     ASSERT_TRUE(waitUntil([&] { return b.stats().reconnects == 1; }, 10s));
     EXPECT_TRUE(settle(a, atB, "o.after"));
-}
 
-TEST(NatsLink, NamesTheClusterItCannotReach) {
+    // A server that cannot reach its cluster names it.
     const std::string url = "nats://127.0.0.1:" + std::to_string(orvale::tools::freeLoopbackPort());
     try {
         makeBayeuxServer({1, {url}});

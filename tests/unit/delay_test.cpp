@@ -26,7 +26,7 @@ void waitForSentinel(std::int64_t delayMs) {
 }
 
 // Each timer fires once, in deadline order, with its scheduled time; a throwing one is logged.
-TEST(DelayTest, TimersFireOnceInDeadlineOrderWithTheirScheduledTime) {
+TEST(DelayTest, TimersFireOnceInDeadlineOrderAlsoWhenManyThreadsScheduleAndCancel) {
     orvale::test::LogCapture logs;
     auto failing = delay([](std::int64_t) { throw std::runtime_error("boom"); }, 0);
     std::mt19937 random(7);
@@ -53,9 +53,35 @@ TEST(DelayTest, TimersFireOnceInDeadlineOrderWithTheirScheduledTime) {
     EXPECT_LE(order.back() - order.front(), 160);
     EXPECT_FALSE(cancellers[0].cancel()) << "a fired timer cannot be cancelled";
     EXPECT_TRUE(logs.contains("Timer callback threw: boom"));
+
+    // Threads scheduling and cancelling at once: kept timers fire once, cancelled ones never.
+    constexpr int kThreads = 4, kPerThread = 2000;
+    std::atomic<int> firedKept{0}, firedCancelled{0}, cancelledOk{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            std::vector<TickManager::Canceller> kept;
+            for (int i = 0; i < kPerThread; ++i) {
+                if (i % 2 == 0)
+                    kept.push_back(delay([&](std::int64_t) { ++firedKept; }, (i + t) % 20));
+                else
+                    cancelledOk +=
+                        delay([&](std::int64_t) { ++firedCancelled; }, 50 + i % 50).cancel();
+            }
+            waitUntil([&] { return firedKept.load() >= kThreads * kPerThread / 2; });
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    waitForSentinel(110);
+    EXPECT_EQ(firedKept.load(), kThreads * kPerThread / 2);
+    EXPECT_EQ(cancelledOk.load(), kThreads * kPerThread / 2);
+    EXPECT_EQ(firedCancelled.load(), 0);
 }
 
-TEST(DelayTest, CancelledOrDestroyedCancellersNeverFire) {
+// Cancelled or destroyed cancellers never fire; cancel() waits for a callback that already runs,
+// except from inside that callback.
+TEST(DelayTest, CancelStopsATimerAndWaitsForARunningCallbackButNotFromInsideIt) {
     std::atomic<int> fired{0};
     auto cancelled = delay([&](std::int64_t) { ++fired; }, 20);
     EXPECT_TRUE(cancelled.cancel());
@@ -69,10 +95,7 @@ TEST(DelayTest, CancelledOrDestroyedCancellersNeverFire) {
     EXPECT_FALSE(TickManager::Canceller().cancel());
     waitForSentinel(80);
     EXPECT_EQ(fired.load(), 1100);
-}
 
-// cancel() waits for a callback that already runs, except from inside that callback.
-TEST(DelayTest, CancelWaitsForARunningCallbackButNotFromInsideIt) {
     std::atomic<bool> entered{false}, cancelling{false}, done{false};
     auto running = delay(
         [&](std::int64_t) {
@@ -103,31 +126,6 @@ TEST(DelayTest, CancelWaitsForARunningCallbackButNotFromInsideIt) {
     ASSERT_TRUE(waitUntil([&] { return result.load() >= 0; }));
     EXPECT_EQ(result.load(), 0);
     waitForSentinel(1);  // the timer thread still works afterwards
-}
-
-TEST(DelayTest, ConcurrentSchedulingAndCancelling) {
-    constexpr int kThreads = 4, kPerThread = 2000;
-    std::atomic<int> firedKept{0}, firedCancelled{0}, cancelledOk{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            std::vector<TickManager::Canceller> kept;
-            for (int i = 0; i < kPerThread; ++i) {
-                if (i % 2 == 0)
-                    kept.push_back(delay([&](std::int64_t) { ++firedKept; }, (i + t) % 20));
-                else
-                    cancelledOk +=
-                        delay([&](std::int64_t) { ++firedCancelled; }, 50 + i % 50).cancel();
-            }
-            waitUntil([&] { return firedKept.load() >= kThreads * kPerThread / 2; });
-        });
-    }
-    for (auto& thread : threads)
-        thread.join();
-    waitForSentinel(110);
-    EXPECT_EQ(firedKept.load(), kThreads * kPerThread / 2);
-    EXPECT_EQ(cancelledOk.load(), kThreads * kPerThread / 2);
-    EXPECT_EQ(firedCancelled.load(), 0);
 }
 
 }  // namespace

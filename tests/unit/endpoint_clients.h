@@ -166,8 +166,7 @@ class RawWebSocket {
         return send(frame) ? await(withId(id)) : std::nullopt;
     }
     bool awaitCount(std::size_t count) {
-        runUntil(io_, [&] { return received_ >= count || closed_; });
-        return received_ >= count;
+        return runUntil(io_, [&] { return received_ >= count || closed_; }) && received_ >= count;
     }
     bool awaitClosed() {
         return runUntil(io_, [&] { return closed_; });
@@ -231,19 +230,14 @@ class RawHttp {
         return HttpReply{response_.result_int(), response_.body(), http::fields(response_.base())};
     }
 
-    std::optional<json::object> finish(const std::string& id) {
-        const auto reply = finish();
-        return reply ? find(reply->messages(), withId(id)) : std::nullopt;
-    }
-
     std::optional<HttpReply> post(const std::string& body, const std::string& target = "/bayeux",
                                   http::verb verb = http::verb::post, const Headers& headers = {}) {
         start(body, target, verb, headers);
         return finish();
     }
     std::optional<json::object> call(const std::string& frame, const std::string& id) {
-        start(frame);
-        return finish(id);
+        const auto reply = post(frame);
+        return reply ? find(reply->messages(), withId(id)) : std::nullopt;
     }
 
     const std::string& cookie() const { return cookie_; }

@@ -31,7 +31,7 @@ bool readerAccepts(const std::string& text) {
     }
 }
 
-TEST(JsonReader, AcceptsWhatAStrictParserAccepts) {
+TEST(JsonReader, AcceptsWhatAStrictParserAcceptsAndKeepsTheSourceTextAndKinds) {
     std::vector<std::string> texts = {
         "", " ", "{}", "[]", " [ ] ", "[1,]", "[,1]", "{\"a\":1,}", "{\"a\" 1}", "{a:1}",
         "{\"a\":1}x", "[1 2]", "[\"a\"\"b\"]", "true", "tru", "nulll", "falsey",
@@ -71,9 +71,8 @@ TEST(JsonReader, AcceptsWhatAStrictParserAccepts) {
                       std::string(expected.data(), expected.size()));
         }
     }
-}
 
-TEST(JsonReader, MembersAndElementsComeInSourceOrderWithTheirText) {
+    // Members and elements come in source order with their text.
     std::vector<Member> found;
     Reader(R"( { "a" : [1, {"x":null}] , "\u0062":"s", "a":-1.5e2 } )", 64).object(0, found);
     ASSERT_EQ(found.size(), 3u);
@@ -89,9 +88,8 @@ TEST(JsonReader, MembersAndElementsComeInSourceOrderWithTheirText) {
     ASSERT_EQ(inner.size(), 2u);
     EXPECT_EQ(inner[0].text, "1");
     EXPECT_EQ(members(inner[1].text).at(0).value.type, Type::Null);
-}
 
-TEST(JsonReader, NumbersKeepTheKindAParserGivesThem) {
+    // Numbers keep the kind a parser gives them.
     for (const std::string text :
          {"0", "-0", "42", "-42", "9223372036854775807", "9223372036854775808",
           "18446744073709551615", "18446744073709551616", "-9223372036854775808",

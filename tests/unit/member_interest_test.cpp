@@ -10,7 +10,8 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = MemberInterest::Clock;
 
-TEST(MemberInterest, AChannelIsWantedWhenAPatternOfAnotherMemberMatchesIt) {
+// A channel is wanted when another member's pattern matches it, or while in doubt.
+TEST(MemberInterest, MatchingSetsReplaceChangesAndDoubt) {
     const struct {
         const char* pattern;
         const char* channel;
@@ -23,15 +24,11 @@ TEST(MemberInterest, AChannelIsWantedWhenAPatternOfAnotherMemberMatchesIt) {
     };
     const auto now = Clock::now();
     for (const auto& c : cases) {
-        MemberInterest interest;
-        interest.add("m", c.pattern, now);
-        EXPECT_EQ(interest.wanted(c.channel), c.wanted) << c.pattern << " " << c.channel;
+        MemberInterest matching;
+        matching.add("m", c.pattern, now);
+        EXPECT_EQ(matching.wanted(c.channel), c.wanted) << c.pattern << " " << c.channel;
     }
-}
-
-TEST(MemberInterest, SetsReplaceChangesAndDoubt) {
     MemberInterest interest;
-    const auto now = Clock::now();
     EXPECT_FALSE(interest.wanted("/a"));
     interest.doubtUntil(now + 1s);
     EXPECT_TRUE(interest.wanted("/a"));

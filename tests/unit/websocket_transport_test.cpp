@@ -71,12 +71,42 @@ TEST(WebSocketTransport, ExchangesMessagesAsTheyCameAndHandshakesCarryTheApiKey)
     EXPECT_EQ(extIn(5), "");
 }
 
+std::size_t threadCount() {
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return std::distance(begin(tasks), end(tasks));
+}
+
 // Either side may end the connection. The client: completing the outbound stream closes after
 // what is queued; cancelling the inbound stream closes at once and signals nothing more. The
 // server: closing or dying completes the inbound stream, after a reply sent before the close.
 // Releasing the streams or the context closes the connection too.
 TEST(WebSocketTransport, EitherSideEndingTheConnectionEndsBothStreams) {
     TestServer server;
+    // The service joins its I/O thread when its context goes; what the connection received
+    // before is still handed to a subscriber that comes later, on that subscriber's own thread.
+    const std::size_t before = threadCount();
+    auto context = makeContext();  // every host's context already holds the transport
+    auto future = connectTo(context, server.url());
+    ASSERT_TRUE(future.waitFor(5s));
+    auto response = future.get();
+    auto& open = dynamic_cast<ConnectTransportResponse&>(*response);
+    auto session = server.nextSession();
+    ASSERT_TRUE(session);
+    EXPECT_GT(threadCount(), before);
+
+    auto closed = open.getOutbound()->done();
+    session->send(R"([{"channel":"/kept","data":1}])");
+    session->close();
+    ASSERT_TRUE(closed.waitFor(5s));  // the frame was read before the close
+    context.reset();
+    EXPECT_EQ(threadCount(), before);
+
+    auto late = std::make_shared<RecordingSubscriber>(10, std::this_thread::get_id());
+    open.getInbound()->subscribe(late);
+    EXPECT_EQ(late->count(), 1u);
+    EXPECT_EQ(late->completions.load(), 1);
+    EXPECT_FALSE(late->wrongThread.load());
+
     Client ending(server), cancelling(server), graceful(server), abrupt(server);
     Client released(server), unowned(server);
     auto outboundDone = ending.outbound->done();
@@ -124,39 +154,6 @@ TEST(WebSocketTransport, EitherSideEndingTheConnectionEndsBothStreams) {
     const auto started = std::chrono::steady_clock::now();
     Client(server.url()).send(publish("/x"));
     EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
-}
-
-std::size_t threadCount() {
-    const std::filesystem::directory_iterator tasks("/proc/self/task");
-    return std::distance(begin(tasks), end(tasks));
-}
-
-// The service joins its I/O thread when its context goes; what the connection received before
-// is still handed to a subscriber that comes later, on that subscriber's own thread.
-TEST(WebSocketTransport, ContextDestructionJoinsTheThreadAndKeepsWhatArrived) {
-    TestServer server;
-    const std::size_t before = threadCount();
-    auto context = makeContext();  // every host's context already holds the transport
-    auto future = connectTo(context, server.url());
-    ASSERT_TRUE(future.waitFor(5s));
-    auto response = future.get();
-    auto& open = dynamic_cast<ConnectTransportResponse&>(*response);
-    auto session = server.nextSession();
-    ASSERT_TRUE(session);
-    EXPECT_GT(threadCount(), before);
-
-    auto closed = open.getOutbound()->done();
-    session->send(R"([{"channel":"/kept","data":1}])");
-    session->close();
-    ASSERT_TRUE(closed.waitFor(5s));  // the frame was read before the close
-    context.reset();
-    EXPECT_EQ(threadCount(), before);
-
-    auto late = std::make_shared<RecordingSubscriber>(10, std::this_thread::get_id());
-    open.getInbound()->subscribe(late);
-    EXPECT_EQ(late->count(), 1u);
-    EXPECT_EQ(late->completions.load(), 1);
-    EXPECT_FALSE(late->wrongThread.load());
 }
 
 // Each failure to connect names the URL and the cause; only ConnectTransport is understood.

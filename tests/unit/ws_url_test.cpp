@@ -54,9 +54,8 @@ TEST(WebSocketUrl, SplitsWhatCanBeConnectedToAndNamesTheProblemOtherwise) {
     }
     // The HTTP schemes share the rules, with their own default ports.
     std::string problem;
-    const auto https = parseHttpUrl("HTTPS://h:443/c", problem);
-    ASSERT_TRUE(https);
-    EXPECT_EQ(std::tie(https->secure, https->port, https->hostHeader),
+    const auto https = parseHttpUrl("HTTPS://h:443/c", problem).value();
+    EXPECT_EQ(std::tie(https.secure, https.port, https.hostHeader),
               std::make_tuple(true, std::string("443"), std::string("h")));
     EXPECT_FALSE(parseHttpUrl("ws://h/", problem));
     EXPECT_EQ(problem, "the URL does not start with http:// or https://");
