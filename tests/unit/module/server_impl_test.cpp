@@ -46,13 +46,27 @@ class ServerImplTest : public ServiceTest {
         return s->subscribe(pattern, record(tag)).get();
     }
 
+    // The channels of `requests`, each of which must come from `service`.
+    template <class R>
+    static Strings channelsOf(const std::vector<std::shared_ptr<const R>>& requests,
+                              const std::shared_ptr<MessageServiceServerImpl>& service) {
+        Strings out;
+        for (const auto& r : requests) {
+            EXPECT_EQ(r->getClientId(), service->getId()) << r->getChannel();
+            out.push_back(r->getChannel());
+        }
+        return out;
+    }
+
     std::shared_ptr<RecordingServer> server = std::make_shared<RecordingServer>();
 };
 
 // Two services of one name are two sessions of the server: their ids differ. A service registers
-// with the server on its first subscription or listener, and each subscription sends its own
-// requests.
-TEST_F(ServerImplTest, ConstructionLazyRegistrationAndRequestsPerSubscription) {
+// with the server on its first subscription or listener, each subscription sends its own
+// requests, and listeners see the matching requests of others without the prefix. A disconnect
+// tells the state listeners, a throwing one logged, and cancels every subscription on the server;
+// a listener's id cancels it without asking the server, and unknown ids succeed too.
+TEST_F(ServerImplTest, RegistrationRequestsListenersAndDisconnect) {
     auto service = make("same");
     EXPECT_EQ(service->getState(), ConnectionState::CONNECTED);
     EXPECT_NE(service->getId(), make("same")->getId());
@@ -63,60 +77,59 @@ TEST_F(ServerImplTest, ConstructionLazyRegistrationAndRequestsPerSubscription) {
     EXPECT_EQ(server->registrations, 0) << "publishing does not register";
     auto s1 = subscribed(service, "/a", "1");
     auto s2 = subscribed(service, "/a", "2");
-    auto l1 = service->listenSubscribe("/a", [](const SubscribeEvent&) {}).get();
-    auto l2 = service->listenUnsubscribe("/a", [](const UnsubscribeEvent&) {}).get();
+    // Notes each event in `seen` as "<tag> <channel>".
+    auto note = [this](const std::string& tag) {
+        return [this, tag](const auto& e) { seen.push_back(tag + " " + e.getChannel()); };
+    };
+    auto l1 = service->listenSubscribe("/a/*", note("one")).get();
+    auto l2 = service->listenSubscribe("/a/**", note("any")).get();
+    auto l3 = service->listenUnsubscribe("/a/b", note("unsubscribe")).get();
+    auto l4 =
+        service
+            ->listenSubscribe("/x", [](const SubscribeEvent&) { throw std::runtime_error("no"); })
+            .get();
     EXPECT_EQ(server->registrations, 1);
-    ASSERT_EQ(server->subscribes.size(), 2u);
-    EXPECT_EQ(server->subscribes[0]->getChannel(), "/orvale/a");
-    EXPECT_EQ(server->subscribes[1]->getClientId(), service->getId());
+    EXPECT_EQ(channelsOf(server->subscribes, service), (Strings{"/orvale/a", "/orvale/a"}));
+    for (const char* wire : {"/orvale/a/b/c", "/orvale/a/b", "/orvale", "/orvale/x"})
+        service->deliver(std::make_shared<SubscribeRequest>(wire, "other"));
+    service->deliver(std::make_shared<UnsubscribeRequest>("/orvale/a/b", "other"));
+    EXPECT_EQ(seen, (Strings{"any /a/b/c", "one /a/b", "any /a/b", "unsubscribe /a/b"}));
+    EXPECT_TRUE(capture.contains("Error executing subscribe listener: /x, no"));
+    seen.clear();
     s1->unsubscribe().get();
-    ASSERT_EQ(server->unsubscribes.size(), 1u);
-    EXPECT_EQ(server->unsubscribes[0]->getChannel(), "/orvale/a");
+    EXPECT_EQ(channelsOf(server->unsubscribes, service), Strings{"/orvale/a"});
     service->deliver({"/orvale/a"}, published("/orvale/a", "1"));
     EXPECT_EQ(seen, Strings{"2 /a 1"});
     s2.reset();  // dropping the handle cancels too
-    EXPECT_EQ(server->unsubscribes.size(), 2u);
     // A listener holding the only handle of another subscription: cancelling it cancels that.
     auto channel = subscribed(service, "/c", "c");
-    auto listener = service->listenSubscribe("/b", [channel](const SubscribeEvent&) {}).get();
+    auto holder = service->listenSubscribe("/b", [channel](const SubscribeEvent&) {}).get();
     channel.reset();
-    listener->unsubscribe().get();
-    ASSERT_EQ(server->unsubscribes.size(), 3u);
-    EXPECT_EQ(server->unsubscribes[2]->getChannel(), "/orvale/c");
+    holder->unsubscribe().get();
+    EXPECT_EQ(channelsOf(server->unsubscribes, service),
+              (Strings{"/orvale/a", "/orvale/a", "/orvale/c"}));
 
-    service->disconnect().get();
-    EXPECT_EQ(server->unregistrations, 1);
-    auto s4 = subscribed(service, "/b", "b");
-    EXPECT_EQ(server->registrations, 2) << "registers again after a disconnect";
-}
-
-// A throwing state listener is logged and the others still hear both states; a listener's id
-// cancels it through unsubscribeId without asking the server, and unknown ids succeed too.
-TEST_F(ServerImplTest, DisconnectNotifiesListenersAndUnsubscribesEverySubscription) {
-    auto service = make();
-    auto throws = [](const StateChangeEvent&) { throw std::runtime_error("bad"); };
-    auto thrower = service->listenStateChange(throws).get();
+    auto thrower =
+        service->listenStateChange([](const StateChangeEvent&) { throw std::runtime_error("bad"); })
+            .get();
     auto listener = watch(service);
     EXPECT_EQ(states.size(), 0u) << "registering does not call the listener";
     auto a1 = subscribed(service, "/a", "a1");
     auto a2 = subscribed(service, "/a", "a2");
     auto b = subscribed(service, "/b/*", "b");
+    server->unsubscribes.clear();
     EXPECT_TRUE(service->disconnect().get().success);
+    EXPECT_EQ(server->unregistrations, 1);
     EXPECT_EQ(states.snapshot(),
               (Strings{"CONNECTED->DISCONNECTING", "DISCONNECTING->DISCONNECTED"}));
     EXPECT_TRUE(
         capture.contains("Error executing state change listener: CONNECTED->DISCONNECTING, bad"));
-    ASSERT_EQ(server->unsubscribes.size(), 3u);
-    Strings channels;
-    for (auto& r : server->unsubscribes) {
-        channels.push_back(r->getChannel());
-        EXPECT_EQ(r->getClientId(), service->getId());
-    }
+    Strings channels = channelsOf(server->unsubscribes, service);
     std::sort(channels.begin(), channels.end());
     EXPECT_EQ(channels, (Strings{"/orvale/a", "/orvale/a", "/orvale/b/*"}));
     // Nothing is delivered any more, and publishing is refused.
     service->deliver({"/orvale/a"}, published("/orvale/a", "1"));
-    EXPECT_TRUE(seen.empty());
+    EXPECT_EQ(seen, Strings{"2 /a 1"});
     EXPECT_EQ(failureText(service->publish("/a", "1")), "MessageService is not connected.");
 
     const auto id = std::dynamic_pointer_cast<SubscriptionImpl2>(listener)->getId();
@@ -127,6 +140,8 @@ TEST_F(ServerImplTest, DisconnectNotifiesListenersAndUnsubscribesEverySubscripti
     service->disconnect().get();
     EXPECT_EQ(capture.count("Error executing state change listener: "), 4u);
     EXPECT_EQ(states.size(), 2u);
+    auto s4 = subscribed(service, "/b", "b");
+    EXPECT_EQ(server->registrations, 2) << "registers again after a disconnect";
 }
 
 // A publish goes to the server prefixed, logged as JSON; ordinary and shared services check
@@ -191,24 +206,6 @@ TEST_F(ServerImplTest, DeliveryFollowsTheListedChannelsToCallbacksThatMayCancelO
     EXPECT_EQ(seen, (Strings{"later /a 1", "later /a 2"}));
     EXPECT_TRUE(capture.contains("Caught exception from subscription callback: /a, oops"));
     EXPECT_EQ(capture.count("Caught unknown exception from subscription callback: /a"), 2u);
-}
-
-TEST_F(ServerImplTest, ListenersSeeMatchingRequestsWithoutPrefix) {
-    auto service = make();
-    // Notes each event in `seen` as "<tag> <channel>".
-    auto note = [this](const std::string& tag) {
-        return [this, tag](const auto& e) { seen.push_back(tag + " " + e.getChannel()); };
-    };
-    auto l1 = service->listenSubscribe("/a/*", note("one")).get();
-    auto l2 = service->listenSubscribe("/a/**", note("any")).get();
-    auto l3 = service->listenUnsubscribe("/a/b", note("unsubscribe")).get();
-    auto throws = [](const SubscribeEvent&) { throw std::runtime_error("no"); };
-    auto thrower = service->listenSubscribe("/x", throws).get();
-    for (const char* wire : {"/orvale/a/b/c", "/orvale/a/b", "/orvale", "/orvale/x"})
-        service->deliver(std::make_shared<SubscribeRequest>(wire, "other"));
-    service->deliver(std::make_shared<UnsubscribeRequest>("/orvale/a/b", "other"));
-    EXPECT_EQ(seen, (Strings{"any /a/b/c", "one /a/b", "any /a/b", "unsubscribe /a/b"}));
-    EXPECT_TRUE(capture.contains("Error executing subscribe listener: /x, no"));
 }
 
 // The server delegate keeps named instances only while they are used, the shared one for good.
