@@ -5,31 +5,6 @@
 namespace orvale::test {
 
 using connector::Future;
-using connector::Message;
-
-// The transport's outbound side: takes everything the client sends.
-class ScriptedTransport::Recorder : public connector::reactive_streams::Subscriber<MessagePtr> {
-  public:
-    explicit Recorder(std::shared_ptr<ScriptedTransport> owner) : owner_(std::move(owner)) {}
-    void onSubscribe(std::shared_ptr<connector::reactive_streams::Subscription> s) override {
-        s->request(UINT64_MAX);
-        subscription_ = s;
-    }
-    void onComplete() override {}
-    Future<bool> done() override { return connector::makeReadyFuture<bool>(true); }
-    void onNext(MessagePtr&& message) override {
-        {
-            std::lock_guard<std::mutex> lock(owner_->mutex_);
-            owner_->sent_.push_back(std::move(message));
-        }
-        owner_->changed_.notify_all();
-    }
-    void onError(std::exception_ptr) override {}
-
-  private:
-    std::shared_ptr<ScriptedTransport> owner_;
-    std::shared_ptr<connector::reactive_streams::Subscription> subscription_;
-};
 
 void ScriptedTransport::install(connector::Context& context, std::string fail) {
     std::weak_ptr<ScriptedTransport> weak = shared_from_this();
@@ -39,16 +14,24 @@ void ScriptedTransport::install(connector::Context& context, std::string fail) {
             auto self = weak.lock();
             if (!self || !fail.empty())
                 return connector::makeFailedFuture<MessagePtr>(std::runtime_error(fail));
-            auto inbound =
-                std::make_shared<connector::reactive_streams::CachedValuePublisher<MessagePtr>>(
-                    [] {}, -1);
+            auto inbound = std::make_shared<Inbound>([] {}, -1);
             {
                 std::lock_guard<std::mutex> lock(self->mutex_);
                 self->inbound_ = inbound;
                 ++self->connects_;
             }
+            // The outbound side takes everything the client sends.
+            auto outbound =
+                std::make_shared<connector::reactive_streams::CallbackSubscriber<MessagePtr>>(
+                    [self](MessagePtr m) {
+                        {
+                            std::lock_guard<std::mutex> lock(self->mutex_);
+                            self->sent_.push_back(std::move(m));
+                        }
+                        self->changed_.notify_all();
+                    });
             MessagePtr response = std::make_unique<connector::bayeux::ConnectTransportResponse>(
-                inbound, std::make_shared<Recorder>(self));
+                inbound, std::move(outbound));
             return connector::makeReadyFuture<MessagePtr>(std::move(response));
         });
 }
@@ -64,23 +47,18 @@ std::size_t ScriptedTransport::sentCount() {
 }
 
 void ScriptedTransport::reply(MessagePtr message) {
-    std::shared_ptr<connector::reactive_streams::CachedValuePublisher<MessagePtr>> inbound;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        inbound = inbound_;
-    }
-    if (inbound)
-        inbound->next(std::move(message));
+    if (auto stream = inbound(false))
+        stream->next(std::move(message));
 }
 
 void ScriptedTransport::close() {
-    std::shared_ptr<connector::reactive_streams::CachedValuePublisher<MessagePtr>> inbound;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        inbound = std::move(inbound_);
-    }
-    if (inbound)
-        inbound->complete();
+    if (auto stream = inbound(true))
+        stream->complete();
+}
+
+std::shared_ptr<ScriptedTransport::Inbound> ScriptedTransport::inbound(bool release) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return release ? std::move(inbound_) : inbound_;
 }
 
 }  // namespace orvale::test

@@ -36,11 +36,14 @@ class ScriptedTransport : public std::enable_shared_from_this<ScriptedTransport>
     int connects() const { return connects_; }
 
   private:
-    class Recorder;
+    using Inbound = connector::reactive_streams::CachedValuePublisher<MessagePtr>;
+    // The inbound stream, left to the caller when `release` holds.
+    std::shared_ptr<Inbound> inbound(bool release);
+
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<MessagePtr> sent_;
-    std::shared_ptr<connector::reactive_streams::CachedValuePublisher<MessagePtr>> inbound_;
+    std::shared_ptr<Inbound> inbound_;
     int connects_ = 0;
 };
 
