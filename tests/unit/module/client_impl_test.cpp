@@ -181,8 +181,8 @@ TEST_F(ClientTest, PublishResolvesOnItsAnswerAndFailuresAreLoggedBeforeTheyResol
     transport->reply(response<bx::PublishResponse>("2"));
     EXPECT_TRUE(published.get().success);
     // Publishes on `channel`, lets `fail` end it, and checks the line and the future's text.
-    auto expectFailure = [&](const std::string& channel, const std::function<void()>& fail,
-                             const std::string& reason) {
+    auto expectFailure = [&](const std::string& channel, const std::string& reason,
+                             const std::function<void()>& fail) {
         const std::string line = "Error publishing on " + channel + ", " + reason;
         const std::size_t index = transport->sentCount();
         auto loggedFirst = client->publish(channel, "1").then([&, line](Future<PublishResult>&& f) {
@@ -198,17 +198,14 @@ TEST_F(ClientTest, PublishResolvesOnItsAnswerAndFailuresAreLoggedBeforeTheyResol
         EXPECT_EQ(found[0].channel, "connector::message_service");
         EXPECT_EQ(found[0].severity, foundation::log::error);
     };
-    expectFailure(
-        "/a/b", [&] { transport->reply(response<bx::PublishResponse>("3", false, "403::No")); },
-        "Bayeux message 3 failed, error: 403::No");
-    expectFailure(
-        "/a/c", [&] { answer<bx::SubscribeResponse>(4); },
-        "Incorrect response message type, id: 4");
+    expectFailure("/a/b", "Bayeux message 3 failed, error: 403::No",
+                  [&] { transport->reply(response<bx::PublishResponse>("3", false, "403::No")); });
+    expectFailure("/a/c", "Incorrect response message type, id: 4",
+                  [&] { answer<bx::SubscribeResponse>(4); });
 
     // The end of the connection fails every publish still waiting, each with its own channel.
     auto first = client->publish("/c", "1");
-    expectFailure(
-        "/d/e", [&] { transport->close(); }, "Connection to ws://test/bayeux closed");
+    expectFailure("/d/e", "Connection to ws://test/bayeux closed", [&] { transport->close(); });
     EXPECT_EQ(failureText(first), "Connection to ws://test/bayeux closed");
     EXPECT_EQ(capture.count("Error publishing on /c, Connection to ws://test/bayeux closed"), 1u);
     EXPECT_EQ(client->getState(), ConnectionState::DISCONNECTED);
@@ -217,8 +214,7 @@ TEST_F(ClientTest, PublishResolvesOnItsAnswerAndFailuresAreLoggedBeforeTheyResol
     // A service destroyed with a publish unanswered.
     connect(client);
     EXPECT_EQ(transport->connects(), 2);
-    expectFailure(
-        "/f", [&] { client.reset(); }, "Promise destroyed before it provided a value.");
+    expectFailure("/f", "Promise destroyed before it provided a value.", [&] { client.reset(); });
     // Destroying a connected client sends a disconnect.
     EXPECT_TRUE(capture.contains("Destructing message service server instance"));
     ASSERT_TRUE(transport->waitSent(11));
