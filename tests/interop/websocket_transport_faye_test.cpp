@@ -52,18 +52,13 @@ struct Peer : Client {
         Client::send(std::move(message));
         return id;
     }
-    // Sends `message` and returns the answer of type R.
-    template <class R, class T>
-    std::unique_ptr<R> ask(std::unique_ptr<T> message) {
-        return take<R>(send(std::move(message)));
-    }
     std::unique_ptr<SubscribeResponse> subscribe(const std::string& channel) {
-        return ask<SubscribeResponse>(std::make_unique<SubscribeRequest>(channel, ""));
+        return take<SubscribeResponse>(send(std::make_unique<SubscribeRequest>(channel, "")));
     }
     std::string connect() { return send(std::make_unique<ConnectRequest>("websocket")); }
     void handshake() {
-        auto response = ask<HandshakeResponse>(std::make_unique<HandshakeRequest>(
-            "1.0", "1.0", std::vector<std::string>{"websocket"}));
+        auto response = take<HandshakeResponse>(send(std::make_unique<HandshakeRequest>(
+            "1.0", "1.0", std::vector<std::string>{"websocket"})));
         if (!response->isSuccessful())
             throw std::runtime_error("handshake failed");
         clientId = response->getClientId();
@@ -113,8 +108,8 @@ TEST(WebSocketTransportWithFaye, RunsAWholeBayeuxSession) {
     EXPECT_EQ(delivered->getJson(), json);
     EXPECT_EQ(delivered->getId(), published);  // Faye passes the publisher's id along
 
-    auto unsubscribed =
-        a.ask<UnsubscribeResponse>(std::make_unique<UnsubscribeRequest>("/orvale/news", ""));
+    auto unsubscribed = a.take<UnsubscribeResponse>(
+        a.send(std::make_unique<UnsubscribeRequest>("/orvale/news", "")));
     EXPECT_TRUE(unsubscribed->isSuccessful());
     EXPECT_EQ(unsubscribed->getChannel(), "/orvale/news");
     // After unsubscribing only the other channel arrives: published second, delivered alone.
@@ -131,7 +126,8 @@ TEST(WebSocketTransportWithFaye, RunsAWholeBayeuxSession) {
     // A connect and a disconnect handed over together: Faye answers a frame only when all of it
     // is answered and drops the session on disconnect, so the two must not share a frame.
     a.connect();
-    EXPECT_TRUE(a.ask<DisconnectResponse>(std::make_unique<DisconnectRequest>())->isSuccessful());
+    EXPECT_TRUE(
+        a.take<DisconnectResponse>(a.send(std::make_unique<DisconnectRequest>()))->isSuccessful());
     // Faye closes the socket after a disconnect: the inbound stream completes.
     EXPECT_TRUE(waitUntil([&] { return a.completed(); }));
 
