@@ -47,10 +47,8 @@ class FactoryDelegatorTest : public ::testing::Test {
 TEST_F(FactoryDelegatorTest, RoutesByEndpointOptionAndFindsExistingServices) {
     auto local = delegator->createMessageService("local", {}).get();
     delegator->createMessageService("remote", {{"endpoint", ""}}).get();
-    ASSERT_EQ(server->created.size(), 1u);
-    ASSERT_EQ(client->created.size(), 1u);
-    EXPECT_EQ(server->created[0].at("name"), "local");
-    EXPECT_EQ(client->created[0].at("endpoint"), "");
+    EXPECT_EQ(server->created, (std::vector<Options>{{{"name", "local"}}}));
+    EXPECT_EQ(client->created, (std::vector<Options>{{{"name", "remote"}, {"endpoint", ""}}}));
     EXPECT_TRUE(capture.contains("Using server factory to create message service: local"));
 
     EXPECT_EQ(delegator->createMessageService("local", {{"endpoint", "ws://x"}}).get(), local);
@@ -78,12 +76,9 @@ TEST_F(FactoryDelegatorTest, FirstMatchingMappingAddsOptionsWithoutOverwriting) 
         {"name", "remote", {{"extra", "second"}}},
     });
     delegator->createMessageService("remote", {{"colour", "blue"}, {"name", "ignored"}}).get();
-    ASSERT_EQ(client->created.size(), 1u);
-    const auto& options = client->created[0];
-    EXPECT_EQ(options.at("endpoint"), "ws://first");
-    EXPECT_EQ(options.at("colour"), "blue");
-    EXPECT_EQ(options.at("name"), "remote");
-    EXPECT_EQ(options.count("extra"), 0u);
+    EXPECT_EQ(client->created,
+              (std::vector<Options>{
+                  {{"endpoint", "ws://first"}, {"colour", "blue"}, {"name", "remote"}}}));
     EXPECT_TRUE(capture.contains("Found options mapping: name = remote"));
 }
 
