@@ -19,22 +19,17 @@ TEST(ClientServices, SubscriptionsResumeWhenTheHubComesBackOnItsPort) {
     // Before the delegator, so that deliveries still running at teardown find them.
     Inbox inbox, states;
     orvale::test::LogCapture capture;
-    std::unique_ptr<bayeux::BayeuxEndpoint> hub;
-    auto startHub = [&](std::uint16_t port) {
-        bayeux::EndpointOptions options;
-        options.port = port;
-        hub = bayeux::startBayeuxEndpoint(bayeux::makeBayeuxServer(), options);
-    };
+    bayeux::EndpointOptions options;
+    auto hub = bayeux::startBayeuxEndpoint(bayeux::makeBayeuxServer(), options);
+    options.port = hub->port();
     auto delegator = std::make_shared<MessageServiceFactoryDelegatorImpl>(
         std::make_shared<MessageServiceFactoryServerDelegate>(bayeux::makeBayeuxServer()),
         std::make_shared<MessageServiceFactoryClientDelegate>(makeContext()));
     auto reaches = [](const std::shared_ptr<MessageService>& service, ConnectionState state) {
         return waitUntil([&] { return service->getState() == state; }, 10s);
     };
-    startHub(0);
-    const std::uint16_t port = hub->port();
     auto created = delegator->createMessageService(
-        "c", {{"endpoint", "ws://127.0.0.1:" + std::to_string(port) + "/bayeux"},
+        "c", {{"endpoint", "ws://127.0.0.1:" + std::to_string(options.port) + "/bayeux"},
               {"reconnect", "on"},
               {"reconnect.initialDelayMs", "20"},
               {"reconnect.maxDelayMs", "100"}});
@@ -48,7 +43,7 @@ TEST(ClientServices, SubscriptionsResumeWhenTheHubComesBackOnItsPort) {
     ASSERT_TRUE(reaches(client, ConnectionState::RECONNECTING));
     // Attempts against the closed port fail and are retried.
     ASSERT_TRUE(waitUntil([&] { return capture.count("Reconnect attempt failed: ") >= 2; }));
-    startHub(port);
+    hub = bayeux::startBayeuxEndpoint(bayeux::makeBayeuxServer(), options);
     ASSERT_TRUE(reaches(client, ConnectionState::CONNECTED));
     ASSERT_TRUE(client->publish("/r/a", "1").get().success);
     ASSERT_TRUE(waitUntil([&] { return inbox.size() == 2; }));

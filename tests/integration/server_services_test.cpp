@@ -66,16 +66,13 @@ TEST(ServerServices, NothingLostUnderConcurrency) {
     });
     auto echo = create("echo");
     std::atomic<int> echoes{0};
-    auto s3 =
-        echo->subscribe(
-                "/load/x",
-                [&, echo](const JsonMessage&) {
-                    if (++echoes % 1000 == 0) {
-                        echo->publish("/echo", "1");
-                        echo->subscribe("/echo", [](const JsonMessage&) {}).get()->unsubscribe();
-                    }
-                })
-            .get();
+    auto reenter = [&, echo](const JsonMessage&) {
+        if (++echoes % 1000 == 0) {
+            echo->publish("/echo", "1");
+            echo->subscribe("/echo", [](const JsonMessage&) {}).get()->unsubscribe();
+        }
+    };
+    auto s3 = echo->subscribe("/load/x", reenter).get();
 
     std::vector<std::thread> threads;
     for (int p = 0; p < publishers; ++p)
