@@ -103,10 +103,7 @@ struct AnyMap : std::map<std::string, Any> {
 };
 struct ServiceReference {
     AnyMap properties;
-    Any GetProperty(const std::string& key) const {
-        auto found = properties.find(key);
-        return found == properties.end() ? Any() : found->second;
-    }
+    Any GetProperty(const std::string& key) const { return properties.AtCompoundKey(key, Any()); }
 };
 }  // namespace props
 
