@@ -148,7 +148,7 @@ TEST_P(ClientServiceOverEachTransport, SubscribesPublishesReceivesUnsubscribesAn
     }
     LogCapture capture;
     auto service = create("alice", url, {{"header.Authorization", "Bt"}});
-    Inbox exact, wild, states;
+    Inbox exact, wild;
     auto s1 = service->subscribe("/room/a", exact.sink()).get();
     auto s2 = service->subscribe("/room/*", wild.sink()).get();
     EXPECT_TRUE(service->publish("/room/a", "{\"n\":1}").get().success);
@@ -166,12 +166,9 @@ TEST_P(ClientServiceOverEachTransport, SubscribesPublishesReceivesUnsubscribesAn
     EXPECT_EQ(capture.count("Meta connect error: "), 0u);
     EXPECT_LE(capture.count("Sending meta connect"), 5u);
 
-    auto listener = service->listenStateChange(states.stateSink()).get();
     auto done = service->disconnect();
     ASSERT_TRUE(done.waitFor(5s));
     EXPECT_TRUE(done.get().success);
-    EXPECT_EQ(states.snapshot(),
-              (Strings{"CONNECTED->DISCONNECTING", "DISCONNECTING->DISCONNECTED"}));
     if (server == "hub")
         return;
     std::vector<std::string> cookies;  // of the upgrade or of each POST

@@ -63,7 +63,7 @@ class PeersTest : public ::testing::TestWithParam<const char*> {
 // (https:// and wss://) trusting the test CA only. Faye handshakes over long-polling and moves to
 // a WebSocket; CometD starts there. A handshake without the key, or with a wrong one, is refused:
 // CometD reports that at once, Faye only retries.
-TEST_P(PeersTest, ScriptedExchangeWithServe) {
+TEST_P(PeersTest, ScriptedExchangeWithServeThenTalkWithAServerServiceAndDie) {
     TestCertificates certificates;
     ServeProcess plain, keyed({"--api-key", "peer-key"}),
         secure({"--cert", certificates.dir + "/server.pem", "--key",
@@ -107,11 +107,9 @@ TEST_P(PeersTest, ScriptedExchangeWithServe) {
         EXPECT_EQ(text(result, "transport"), c.transport);
     }
     ::unsetenv("NODE_EXTRA_CA_CERTS");
-}
 
-// A client talks with a server service in the hub's process, then is killed with its connect
-// held: its session expires and its subscriptions go.
-TEST_P(PeersTest, TalksWithAServerServiceThenDiesAndItsSessionExpires) {
+    // A client talks with a server service in the hub's process, then is killed with its connect
+    // held: its session expires and its subscriptions go.
     bayeux::EndpointOptions options;
     options.connectTimeout = 500ms;
     options.sessionTimeout = 1000ms;

@@ -32,10 +32,6 @@ class RecordingServer : public bayeux::BayeuxServer {
     std::vector<std::shared_ptr<const PublishRequest>> publishes;
 };
 
-std::shared_ptr<const PublishRequest> published(const std::string& wire, const std::string& json) {
-    return std::make_shared<PublishRequest>(wire, common::DataBuffer(json));
-}
-
 class ServerImplTest : public ServiceTest {
   protected:
     std::shared_ptr<MessageServiceServerImpl> make(const std::string& name = "svc") {
@@ -98,7 +94,7 @@ TEST_F(ServerImplTest, RegistrationRequestsListenersAndDisconnect) {
     seen.clear();
     s1->unsubscribe().get();
     EXPECT_EQ(channelsOf(server->unsubscribes, service), Strings{"/orvale/a"});
-    service->deliver({"/orvale/a"}, published("/orvale/a", "1"));
+    service->deliver({"/orvale/a"}, delivery("/orvale/a", "1"));
     EXPECT_EQ(seen, Strings{"2 /a 1"});
     s2.reset();  // dropping the handle cancels too
     // A listener holding the only handle of another subscription: cancelling it cancels that.
@@ -128,7 +124,7 @@ TEST_F(ServerImplTest, RegistrationRequestsListenersAndDisconnect) {
     std::sort(channels.begin(), channels.end());
     EXPECT_EQ(channels, (Strings{"/orvale/a", "/orvale/a", "/orvale/b/*"}));
     // Nothing is delivered any more, and publishing is refused.
-    service->deliver({"/orvale/a"}, published("/orvale/a", "1"));
+    service->deliver({"/orvale/a"}, delivery("/orvale/a", "1"));
     EXPECT_EQ(seen, Strings{"2 /a 1"});
     EXPECT_EQ(failureText(service->publish("/a", "1")), "MessageService is not connected.");
 
@@ -183,10 +179,9 @@ TEST_F(ServerImplTest, DeliveryFollowsTheListedChannelsToCallbacksThatMayCancelO
     auto service = make();
     auto exact = subscribed(service, "/a/b", "exact");
     auto wild = subscribed(service, "/a/*", "wild");
-    service->deliver({"/orvale/a/*", "/orvale/a/b", "/orvale/a/b"},
-                     published("/orvale/a/b", "[1]"));
+    service->deliver({"/orvale/a/*", "/orvale/a/b", "/orvale/a/b"}, delivery("/orvale/a/b", "[1]"));
     EXPECT_EQ(seen, (Strings{"wild /a/b [1]", "exact /a/b [1]", "exact /a/b [1]"}));
-    EXPECT_THROW(service->deliver({}, published("/short", "1")), std::out_of_range);
+    EXPECT_THROW(service->deliver({}, delivery("/short", "1")), std::out_of_range);
     seen.clear();
     std::shared_ptr<Subscription> self;
     int selfCalls = 0;
@@ -198,8 +193,8 @@ TEST_F(ServerImplTest, DeliveryFollowsTheListedChannelsToCallbacksThatMayCancelO
     self = service->subscribe("/a", cancelsItself).get();
     auto later = subscribed(service, "/a", "later");
     auto unknown = service->subscribe("/a", [](const JsonMessage&) { throw 42; }).get();
-    service->deliver({"/orvale/a"}, published("/orvale/a", "1"));
-    service->deliver({"/orvale/a"}, published("/orvale/a", "2"));
+    service->deliver({"/orvale/a"}, delivery("/orvale/a", "1"));
+    service->deliver({"/orvale/a"}, delivery("/orvale/a", "2"));
     EXPECT_EQ(selfCalls, 1);
     EXPECT_EQ(seen, (Strings{"later /a 1", "later /a 2"}));
     EXPECT_TRUE(capture.contains("Caught exception from subscription callback: /a, oops"));
