@@ -88,21 +88,19 @@ TEST(Future, AbandonedOrCancelledFuturesFail) {
 // thread waiting on one future wakes.
 TEST(Future, ContinuationsAndWaitersAcrossThreads) {
     std::thread::id ranOn;
-    auto next = makeReadyFuture<int>(20).then([&](Future<int>&& f) {
+    auto noteThread = [&](Future<int>&& f) {
         ranOn = std::this_thread::get_id();
-        return f.get() + 1;
-    });
+        return std::to_string(f.get());
+    };
+    auto next = makeReadyFuture<int>(20).then(noteThread);
     EXPECT_EQ(ranOn, std::this_thread::get_id());
     ASSERT_TRUE(next.waitFor(std::chrono::milliseconds(0)));
-    EXPECT_EQ(next.get(), 21);
+    EXPECT_EQ(next.get(), "20");
 
     Promise<int> promise;
-    auto chained = promise.getFuture()
-                       .then([&](Future<int>&& f) {
-                           ranOn = std::this_thread::get_id();
-                           return std::to_string(f.get());
-                       })
-                       .then([](Future<std::string>&& f) { return f.get() + "!"; });
+    auto chained = promise.getFuture().then(noteThread).then([](Future<std::string>&& f) {
+        return f.get() + "!";
+    });
     std::thread resolver([&] { promise.setValue(5); });
     const auto resolverId = resolver.get_id();
     resolver.join();
