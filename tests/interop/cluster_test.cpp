@@ -36,8 +36,7 @@ void publish(bayeux::BayeuxServer& server, const std::string& channel, const std
 
 // A message service in this process taking part as the Node peers' mesh scenario does, keeping
 // what it receives in the Inbox it is (which so outlives its subscriptions).
-class ServicePeer : public Inbox {
-  public:
+struct ServicePeer : Inbox {
     ServicePeer(std::string name, std::shared_ptr<ms::MessageService> service)
         : name_(std::move(name)), service_(std::move(service)) {
         for (const std::string& channel :
@@ -49,9 +48,6 @@ class ServicePeer : public Inbox {
             subscriptions.push_back(future.get());
         }
     }
-    std::vector<std::shared_ptr<ms::Subscription>> subscriptions;
-
-  private:
     void onMessage(const ms::JsonMessage& m) {
         const auto data = parseLine(m.getJson());
         add(m.getChannel() + " " + boost::json::serialize(data));
@@ -67,6 +63,7 @@ class ServicePeer : public Inbox {
     }
     const std::string name_;
     const std::shared_ptr<ms::MessageService> service_;
+    std::vector<std::shared_ptr<ms::Subscription>> subscriptions;
 };
 
 // The data a peer received on the mesh's data channels, by channel as services name them; the

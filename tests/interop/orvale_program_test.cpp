@@ -115,7 +115,9 @@ TEST(OrvaleProgramTest, FailuresExitNonZeroWithOneLine) {
     EXPECT_EQ(n, 2);
 }
 
-TEST(OrvaleProgramTest, EveryCommandExplainsItself) {
+// Every command explains itself; the demo exchanges messages both ways, and -v sends the
+// library's log lines to stderr.
+TEST(OrvaleProgramTest, EveryCommandExplainsItselfAndTheDemoExchangesMessagesBothWays) {
     for (const std::string command : {"serve", "sub", "pub", "demo", "bench"}) {
         auto help = orvale({command, "--help"});
         EXPECT_EQ(run(*help), 0) << command;
@@ -125,10 +127,6 @@ TEST(OrvaleProgramTest, EveryCommandExplainsItself) {
     auto top = orvale({"--help"});
     EXPECT_EQ(run(*top), 0);
     EXPECT_FALSE(top->lines().empty());
-}
-
-// The demo exchanges messages both ways; -v sends the library's log lines to stderr.
-TEST(OrvaleProgramTest, DemoExchangesMessagesBothWays) {
     for (const bool verbose : {false, true}) {
         auto demo = verbose ? orvale({"-v", "demo"}) : orvale({"demo"});
         ASSERT_EQ(run(*demo, 30s), 0) << demo->errors();
