@@ -31,7 +31,6 @@ class ClientServiceWithFaye : public ::testing::Test {
   protected:
     void SetUp() override { ORVALE_REQUIRE_NODE(); }
 
-    // Starts a Faye server and returns its endpoint.
     std::string startFaye(std::vector<std::string> args = {"--timeout", "1"}) {
         fayes.push_back(startNode("faye_server.js", std::move(args)));
         return "ws://127.0.0.1:" + *fayes.back()->firstLine(0s) + "/bayeux";

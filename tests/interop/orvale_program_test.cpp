@@ -22,7 +22,6 @@ TEST(OrvaleProgramTest, SubPrintsWhatPubPublishesAndOutlivesARestart) {
     ServeProcess serve;
     auto sub = orvale({"sub", serve.url, "/chat/room", "/chat/x/*", "--count", "6"});
     int n = 0;
-    // Publishes on alternate channels until `done` holds.
     auto publishUntil = [&](const std::function<bool()>& done) {
         return waitUntil(
             [&] {

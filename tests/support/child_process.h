@@ -52,10 +52,9 @@ inline std::optional<std::string> nodeUnavailable() {
 // `node <script> args...`, where a script without a folder is one of tests/interop.
 inline std::unique_ptr<ChildProcess> node(const std::string& script,
                                           std::vector<std::string> args) {
-    args.insert(args.begin(), script.find('/') == std::string::npos
-                                  ? sourceDir() + "/tests/interop/" + script
-                                  : script);
-    args.insert(args.begin(), "node");
+    args.insert(args.begin(), {"node", script.find('/') == std::string::npos
+                                           ? sourceDir() + "/tests/interop/" + script
+                                           : script});
     return std::make_unique<ChildProcess>(std::move(args));
 }
 

@@ -226,7 +226,6 @@ TEST_F(ClientTest, PublishResolvesOnItsAnswerAndFailuresAreLoggedBeforeTheyResol
 // so that cancelling the listener cancels the channel through the same service.
 TEST_F(ClientTest, SubscriptionsFollowTheirHandles) {
     auto client = connected();
-    // Cancels `handle`, which must send an unsubscribe from `channel`.
     auto cancel = [&](const std::shared_ptr<Subscription>& handle, const std::string& channel) {
         const std::size_t index = transport->sentCount();
         auto cancelled = handle->unsubscribe();
