@@ -27,8 +27,7 @@ std::string withScheme(const std::string& url, const std::string& scheme) {
     return scheme + url.substr(url.find("://"));
 }
 
-class ClientServiceWithFaye : public ::testing::Test {
-  protected:
+struct ClientServiceWithFaye : ::testing::Test {
     void SetUp() override { ORVALE_REQUIRE_NODE(); }
 
     std::string startFaye(std::vector<std::string> args = {"--timeout", "1"}) {

@@ -52,8 +52,7 @@ struct HubInProcess {
     std::vector<std::shared_ptr<ms::Subscription>> subscriptions;
 };
 
-class PeersTest : public ::testing::TestWithParam<const char*> {
-  protected:
+struct PeersTest : ::testing::TestWithParam<const char*> {
     void SetUp() override { ORVALE_REQUIRE_NODE(); }
     const char* peer = GetParam();
 };

@@ -13,8 +13,7 @@ using Publisher = CachedValuePublisher<int>;
 using Ints = std::vector<int>;
 
 // A subscriber that records what it receives and requests only what the test asks for.
-class ManualSubscriber : public Subscriber<int> {
-  public:
+struct ManualSubscriber : Subscriber<int> {
     void onSubscribe(std::shared_ptr<Subscription> s) override { subscription = s; }
     void onComplete() override { ++completed; }
     Future<bool> done() override { return makeReadyFuture<bool>(true); }
@@ -26,8 +25,7 @@ class ManualSubscriber : public Subscriber<int> {
     int completed = 0;
 };
 
-class CachedValuePublisherTest : public ::testing::Test {
-  protected:
+struct CachedValuePublisherTest : ::testing::Test {
     // A publisher of `cache` places counting its onDone calls, with a subscriber.
     std::shared_ptr<Publisher> make(int cache = -1) {
         auto publisher = std::make_shared<Publisher>([this] { ++doneCalls; }, cache);

@@ -18,8 +18,7 @@ using orvale::test::waitUntil;
 
 const std::string kReport = "Callback took longer than expected, it may be deadlocked: ";
 
-class CallbackRunnerTest : public ::testing::Test {
-  protected:
+struct CallbackRunnerTest : ::testing::Test {
     void run(const std::string& channel, std::function<void(const JsonMessage&)> callback) {
         const SubscriptionHolder holder(1, std::move(callback));
         runSubscriptionCallback(holder, JsonMessage(channel, std::string("{\"s\":1}")),

@@ -9,8 +9,7 @@ namespace {
 
 // Reconnection, its waits drawn and scheduled by the test: each wait is noted, and fire() runs
 // the one scheduled last.
-class ReconnectTest : public ClientTest {
-  protected:
+struct ReconnectTest : ClientTest {
     std::shared_ptr<MessageServiceClientImpl> make() {
         auto client = ClientTest::make({{"endpoint", "ws://test/bayeux"},
                                         {"reconnect", "on"},

@@ -16,8 +16,7 @@ namespace {
 using orvale::test::failureText;
 
 // Makes server services, remembers them strongly and records the options it was given.
-class RecordingDelegate : public MessageServiceFactoryDelegate {
-  public:
+struct RecordingDelegate : MessageServiceFactoryDelegate {
     Future<std::shared_ptr<MessageService>> createMessageService(const std::string& name,
                                                                  const Options& options) override {
         created.push_back(options);
@@ -33,8 +32,7 @@ class RecordingDelegate : public MessageServiceFactoryDelegate {
     std::map<std::string, std::shared_ptr<MessageService>> services;
 };
 
-class FactoryDelegatorTest : public ::testing::Test {
-  protected:
+struct FactoryDelegatorTest : ::testing::Test {
     std::shared_ptr<RecordingDelegate> server = std::make_shared<RecordingDelegate>();
     std::shared_ptr<RecordingDelegate> client = std::make_shared<RecordingDelegate>();
     std::shared_ptr<MessageServiceFactoryDelegatorImpl> delegator =

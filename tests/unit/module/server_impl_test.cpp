@@ -11,8 +11,7 @@ using bayeux::SubscribeRequest;
 using bayeux::UnsubscribeRequest;
 
 // Records what a session hands to its server; delivery is driven by the tests themselves.
-class RecordingServer : public bayeux::BayeuxServer {
-  public:
+struct RecordingServer : bayeux::BayeuxServer {
     void registerSession(std::weak_ptr<bayeux::BayeuxSession>) override { ++registrations; }
     void unregisterSession(const std::shared_ptr<bayeux::BayeuxSession>&) override {
         ++unregistrations;
@@ -32,8 +31,7 @@ class RecordingServer : public bayeux::BayeuxServer {
     std::vector<std::shared_ptr<const PublishRequest>> publishes;
 };
 
-class ServerImplTest : public ServiceTest {
-  protected:
+struct ServerImplTest : ServiceTest {
     std::shared_ptr<MessageServiceServerImpl> make(const std::string& name = "svc") {
         return std::make_shared<MessageServiceServerImpl>(name, server);
     }
