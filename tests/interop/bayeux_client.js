@@ -263,8 +263,7 @@ async function inBrowser(pagePort, screenshot, peer, client, run) {
 // `peer`'s Node client.
 async function nodeClient(peer, ...args) {
   if (peer === 'faye') return fayeClient(faye, ...args);
-  const {adapt} = await import('cometd-nodejs-client');
-  adapt();
+  (await import('cometd-nodejs-client')).adapt();
   return cometdClient((await import('cometd')).CometD, ...args);
 }
 

@@ -140,7 +140,7 @@ TEST_F(ServerImplTest, RegistrationRequestsListenersAndDisconnect) {
 
 // A publish goes to the server prefixed, logged as JSON; ordinary and shared services check
 // channels by their own rules.
-TEST_F(ServerImplTest, PublishGoesPrefixedToTheServerAfterTheChannelChecks) {
+TEST_F(ServerImplTest, PublishAndDeliveryFollowTheChannelRules) {
     auto ordinary = make();
     auto context = std::make_shared<common::ContextState>();
     EXPECT_TRUE(ordinary->publishWithContext("/x/y", "{\"v\":1}", context).get().success);
@@ -169,11 +169,9 @@ TEST_F(ServerImplTest, PublishGoesPrefixedToTheServerAfterTheChannelChecks) {
     // Invalid channels win over the state test.
     ordinary->disconnect().get();
     EXPECT_EQ(failureText(ordinary->publish("/a/*", "1")), "Channel is invalid: /a/*");
-}
 
-// A delivery reaches the subscriptions of each listed channel, once per listing and in its order;
-// a callback may cancel itself, and callbacks that throw are logged.
-TEST_F(ServerImplTest, DeliveryFollowsTheListedChannelsToCallbacksThatMayCancelOrThrow) {
+    // A delivery reaches the subscriptions of each listed channel, once per listing and in its
+    // order; a callback may cancel itself, and callbacks that throw are logged.
     auto service = make();
     auto exact = subscribed(service, "/a/b", "exact");
     auto wild = subscribed(service, "/a/*", "wild");
