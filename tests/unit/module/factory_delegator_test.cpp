@@ -55,11 +55,9 @@ TEST_F(FactoryDelegatorTest, RoutesByEndpointOptionAndFindsExistingServices) {
     EXPECT_EQ(delegator->getMessageService("remote")->getName(), "remote");
     EXPECT_EQ(delegator->getMessageService("nobody"), nullptr);
 
-    EXPECT_EQ(failureText(delegator->createMessageService("", {})),
-              "Invalid message service name, must not be an empty string.");
     EXPECT_EQ(failureText(delegator->createMessageService("a b", {})),
               "Message service name must be alpha numeric ([_:-] also allowed): a b");
-    EXPECT_EQ(server->created.size() + client->created.size(), 2u);
+    EXPECT_EQ(server->created.size() + client->created.size(), 2u) << "a refused name asks none";
 }
 
 TEST_F(FactoryDelegatorTest, FirstMatchingMappingAddsOptionsWithoutOverwriting) {
