@@ -43,8 +43,7 @@ struct Peer : Client {
             throw std::runtime_error(std::string("no ") + typeid(T).name() + " came");
         return out;
     }
-    template <class T>
-    std::string send(std::unique_ptr<T> message) {
+    std::string send(std::unique_ptr<BayeuxMessage> message) {
         const std::string id = std::to_string(nextId++);
         message->setId(id);
         if (!clientId.empty() && message->kind() != Kind::HandshakeRequest)

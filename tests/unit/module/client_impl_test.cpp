@@ -8,9 +8,8 @@ using ::testing::ThrowsMessage;
 
 TEST_F(ClientTest, HandshakeNumbersRequestsAndStartsTheConnectLoop) {
     auto client = make({{"endpoint", "ws://test/bayeux"}, {"orvapikey", "secret"}});
-    auto thrower =
-        client->listenStateChange([](const StateChangeEvent&) { throw std::runtime_error("x"); })
-            .get();
+    auto throws = [](const StateChangeEvent&) { throw std::runtime_error("x"); };
+    auto thrower = client->listenStateChange(throws).get();
     auto listener = watch(client);
     connect(client);
     EXPECT_TRUE(

@@ -78,10 +78,8 @@ TEST_F(ServerImplTest, RegistrationRequestsListenersAndDisconnect) {
     auto l1 = service->listenSubscribe("/a/*", note("one")).get();
     auto l2 = service->listenSubscribe("/a/**", note("any")).get();
     auto l3 = service->listenUnsubscribe("/a/b", note("unsubscribe")).get();
-    auto l4 =
-        service
-            ->listenSubscribe("/x", [](const SubscribeEvent&) { throw std::runtime_error("no"); })
-            .get();
+    auto refuses = [](const SubscribeEvent&) { throw std::runtime_error("no"); };
+    auto l4 = service->listenSubscribe("/x", refuses).get();
     EXPECT_EQ(server->registrations, 1);
     EXPECT_EQ(channelsOf(server->subscribes, service), (Strings{"/orvale/a", "/orvale/a"}));
     for (const char* wire : {"/orvale/a/b/c", "/orvale/a/b", "/orvale", "/orvale/x"})
@@ -103,9 +101,8 @@ TEST_F(ServerImplTest, RegistrationRequestsListenersAndDisconnect) {
     EXPECT_EQ(channelsOf(server->unsubscribes, service),
               (Strings{"/orvale/a", "/orvale/a", "/orvale/c"}));
 
-    auto thrower =
-        service->listenStateChange([](const StateChangeEvent&) { throw std::runtime_error("bad"); })
-            .get();
+    auto throws = [](const StateChangeEvent&) { throw std::runtime_error("bad"); };
+    auto thrower = service->listenStateChange(throws).get();
     auto listener = watch(service);
     EXPECT_EQ(states.size(), 0u) << "registering does not call the listener";
     auto a1 = subscribed(service, "/a", "a1");
