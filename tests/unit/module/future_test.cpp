@@ -21,7 +21,8 @@ std::string errorText(const std::function<void()>& action) {
     return "no exception";
 }
 
-TEST(Future, MisuseTextsAreExact) {
+// Misuse fails with exact texts, and a future left without a value fails too.
+TEST(Future, MisuseAbandonmentAndCancellationFailWithExactTexts) {
     const std::string resolved = "Promise already resolved.";
     const std::string gotten =
         "Future already returned it's value or has an associated continuation.";
@@ -47,26 +48,24 @@ TEST(Future, MisuseTextsAreExact) {
     EXPECT_EQ(errorText([&] { withContinuation.get(); }), "Future state isn't valid!");
     Promise<int> movedPromise = std::move(chained);
     EXPECT_EQ(errorText([&] { chained.setValue(3); }), "Promise state isn't valid!");
-}
 
-// A future left without a value, by its promise's end or by cancellation, fails instead of
-// hanging, and so does a continuation waiting on it; a continuation that throws fails too.
-TEST(Future, AbandonedOrCancelledFuturesFail) {
+    // A future left without a value, by its promise's end or by cancellation, fails instead of
+    // hanging, and so does a continuation waiting on it; a continuation that throws fails too.
     const std::string abandoned = "Promise destroyed before it provided a value.";
-    Future<int> future;
+    Future<int> orphan;
     std::string seen;
     {
-        Promise<int> promise, continued;
-        future = promise.getFuture();
+        Promise<int> ending, continued;
+        orphan = ending.getFuture();
         continued.getFuture().then([&](Future<int>&& f) { seen = errorText([&] { f.get(); }); });
     }
-    EXPECT_EQ(failureText(future), abandoned);
+    EXPECT_EQ(failureText(orphan), abandoned);
     EXPECT_EQ(seen, abandoned);
 
-    Promise<int> promise;
-    auto cancelled = promise.getFuture();
+    Promise<int> cancelling;
+    auto cancelled = cancelling.getFuture();
     EXPECT_TRUE(cancelled.cancel());
-    EXPECT_NO_THROW(promise.setValue(3));
+    EXPECT_NO_THROW(cancelling.setValue(3));
     EXPECT_EQ(errorText([&] { cancelled.get(); }), "Future has been cancelled.");
     EXPECT_FALSE(makeReadyFuture<int>(1).cancel());
     Promise<int> upstream;
