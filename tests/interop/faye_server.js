@@ -35,10 +35,7 @@ const bayeux = new faye.NodeAdapter(adapterOptions);
 const server = options['--cert']
     ? require('https').createServer({cert: fs.readFileSync(options['--cert']), key: fs.readFileSync(options['--key'])})
     : require('http').createServer();
-server.on('request', (request, response) => {
-  response.writeHead(404, {'Content-Type': 'text/plain'});
-  response.end('not found\n');
-});
+server.on('request', (request, response) => response.writeHead(404).end());
 bayeux.attach(server);
 if (options['--show-requests']) {
   const show = (request) => process.stdout.write(JSON.stringify({method: request.method,
