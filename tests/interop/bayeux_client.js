@@ -274,9 +274,8 @@ async function nodeClient(peer, ...args) {
   const [peer, urls, scenario, ...rest] = positionals;
   if (!['faye', 'cometd'].includes(peer) || !urls || !Object.keys(scenarios).includes(scenario))
     fail('usage: bayeux_client.js faye|cometd URL exchange|talk|mesh ...');
-  const browser = options.browser;
+  const {browser, only} = options;
   setTimeout(() => fail('timed out'), scenario === 'mesh' || browser ? 40000 : 15000).unref();
-  const only = options.only;
   try {
     const client = [urls.includes(',') ? await balance(urls.split(',')) : urls, only, options['api-key']];
     const run = [scenario, rest, only ? peer + ' ' + only : peer];

@@ -6,7 +6,7 @@ namespace {
 using ::testing::StrEq;
 using ::testing::ThrowsMessage;
 
-TEST_F(ClientTest, HandshakeNumbersRequestsAndStartsTheConnectLoop) {
+TEST_F(ClientTest, HandshakeNumbersRequestsAndStartsTheConnectLoopOrFails) {
     auto client = make({{"endpoint", "ws://test/bayeux"}, {"orvapikey", "secret"}});
     auto throws = [](const StateChangeEvent&) { throw std::runtime_error("x"); };
     auto thrower = client->listenStateChange(throws).get();
@@ -46,17 +46,16 @@ TEST_F(ClientTest, HandshakeNumbersRequestsAndStartsTheConnectLoop) {
     listener->unsubscribe().get();
     client->disconnect();
     EXPECT_EQ(states.size(), 2u);
-}
 
-// A refused handshake, a transport that cannot connect, and no transport at all.
-TEST_F(ClientTest, ConnectFailures) {
-    auto client = make();
-    auto connected = client->connect();
-    handshakeAt(0, "abc", "403::Unauthorized");
+    // A refused handshake, a transport that cannot connect, and no transport at all.
+    ASSERT_TRUE(transport->waitSent(4));  // the disconnect
+    auto refusing = make();
+    auto connected = refusing->connect();
+    handshakeAt(4, "abc", "403::Unauthorized");
     EXPECT_EQ(failureText(connected), "Bayeux message 0 failed, error: 403::Unauthorized");
     EXPECT_TRUE(
         capture.contains("Handshake error: Bayeux message 0 failed, error: 403::Unauthorized"));
-    EXPECT_EQ(client->getState(), ConnectionState::DISCONNECTED);
+    EXPECT_EQ(refusing->getState(), ConnectionState::DISCONNECTED);
 
     const std::string refused = "Cannot connect to ws://test/bayeux: Connection refused";
     std::make_shared<ScriptedTransport>()->install(*context, refused);
