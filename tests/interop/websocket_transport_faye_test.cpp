@@ -87,20 +87,18 @@ TEST(WebSocketTransportWithFaye, VerifiesTheServerAndRunsAWholeBayeuxSession) {
     struct Case {
         std::string url;
         WebSocketTransportOptions options;
-        std::string reason;  // empty: the handshake succeeds
+        std::string reason;  // empty: the connection opens
     };
     for (const auto& c : {Case{byAddress, careless, ""}, Case{url, {}, "certificate verify failed"},
                           Case{byAddress, trusting, "certificate verify failed"},
                           Case{url, missing, "cannot load the CA file /nonexistent/ca.pem: "}}) {
         SCOPED_TRACE(c.url + " " + c.reason);
-        if (c.reason.empty()) {
-            Peer peer(c.url, c.options);
-            peer.handshake();
-            EXPECT_TRUE(peer.subscribe("/orvale/s")->isSuccessful());
-            continue;
-        }
         const std::string error =
             orvale::test::failureText(connectTo(contextWith(c.options), c.url));
+        if (c.reason.empty()) {
+            EXPECT_EQ(error, "no exception");
+            continue;
+        }
         EXPECT_EQ(error.rfind("Cannot connect to " + c.url + ": ", 0), 0u) << error;
         EXPECT_NE(error.find(c.reason), std::string::npos) << error;
     }
