@@ -66,12 +66,11 @@ TEST(OrvaleProgramTest, FailuresExitNonZeroWithOneLine) {
     ServeProcess keyed({"--api-key", "k3y", "--log-format", "json"});
     ServeProcess plain;
     const std::string closed = "ws://127.0.0.1:1/bayeux";
-    struct Case {
+    const struct {
         std::vector<std::string> args;
         int status;
         std::string mentions;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {{"pub", keyed.url, "/a", "1"}, 1, "403::Unauthorized"},
         {{"pub", keyed.url, "/a", "1", "--api-key", "nope"}, 1, "403::Unauthorized"},
         {{"pub", keyed.url, "/a", "1", "--api-key", "k3y"}, 0, ""},
