@@ -16,7 +16,6 @@
 namespace connector::message_service {
 namespace {
 
-using orvale::test::Inbox;
 using orvale::test::waitUntil;
 using namespace std::chrono_literals;
 
@@ -99,7 +98,7 @@ TEST(ServerServices, NothingLostUnderConcurrency) {
 
 TEST(ClientServices, SubscriptionsResumeWhenTheHubComesBackOnItsPort) {
     // Before the delegator, so that deliveries still running at teardown find them.
-    Inbox inbox, states;
+    orvale::test::Inbox inbox, states;
     orvale::test::LogCapture capture;
     bayeux::EndpointOptions options;
     auto hub = bayeux::startBayeuxEndpoint(bayeux::makeBayeuxServer(), options);

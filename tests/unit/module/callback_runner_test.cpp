@@ -14,8 +14,6 @@
 namespace connector::message_service {
 namespace {
 
-using orvale::test::waitUntil;
-
 const std::string kReport = "Callback took longer than expected, it may be deadlocked: ";
 
 struct CallbackRunnerTest : ::testing::Test {
@@ -31,7 +29,7 @@ struct CallbackRunnerTest : ::testing::Test {
         return [this](const JsonMessage& message) {
             const std::string prefix = kReport + message.getChannel() + ", json: {\"s\":1}, ";
             reportedWhileRunning[message.getChannel()] =
-                waitUntil([&] { return capture.count(prefix) == 2; });
+                orvale::test::waitUntil([&] { return capture.count(prefix) == 2; });
         };
     }
 

@@ -3,9 +3,6 @@
 namespace connector::message_service {
 namespace {
 
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
-
 TEST_F(ClientTest, HandshakeNumbersRequestsAndStartsTheConnectLoopOrFails) {
     auto client = make({{"endpoint", "ws://test/bayeux"}, {"orvapikey", "secret"}});
     auto throws = [](const StateChangeEvent&) { throw std::runtime_error("x"); };
@@ -83,8 +80,8 @@ TEST_F(ClientTest, HandshakeNumbersRequestsAndStartsTheConnectLoopOrFails) {
 // type of message, fails.
 TEST_F(ClientTest, RefusedCallsThenAnInboundBatchHandledInItsOrder) {
     auto noEndpoint = [&] { make({{"name", "x"}}); };
-    EXPECT_THAT(noEndpoint,
-                ThrowsMessage<std::invalid_argument>(StrEq("No endpoint url option specified")));
+    EXPECT_THAT(noEndpoint, ::testing::ThrowsMessage<std::invalid_argument>(
+                                ::testing::StrEq("No endpoint url option specified")));
     EXPECT_TRUE(capture.contains("No message service client endpoint url option specified"));
     auto client = make();
     EXPECT_TRUE(capture.contains("Created new message service client instance: ws://test/bayeux"));

@@ -13,8 +13,6 @@
 namespace connector::message_service {
 namespace {
 
-using orvale::test::failureText;
-
 // Makes server services, remembers them strongly and records the options it was given.
 struct RecordingDelegate : MessageServiceFactoryDelegate {
     Future<std::shared_ptr<MessageService>> createMessageService(const std::string& name,
@@ -55,7 +53,7 @@ TEST_F(FactoryDelegatorTest, RoutesByEndpointOptionAndFindsExistingServices) {
     EXPECT_EQ(delegator->getMessageService("remote")->getName(), "remote");
     EXPECT_EQ(delegator->getMessageService("nobody"), nullptr);
 
-    EXPECT_EQ(failureText(delegator->createMessageService("a b", {})),
+    EXPECT_EQ(orvale::test::failureText(delegator->createMessageService("a b", {})),
               "Message service name must be alpha numeric ([_:-] also allowed): a b");
     EXPECT_EQ(server->created.size() + client->created.size(), 2u) << "a refused name asks none";
 }
