@@ -15,13 +15,11 @@
 namespace orvale::test {
 namespace {
 
-using tools::NatsServers;
-
 namespace ms = connector::message_service;
 namespace bayeux = connector::bayeux;
 
 // `orvale serve` joined to the cluster through `node`, with the other nodes to fall back on.
-std::unique_ptr<ServeProcess> hub(const NatsServers& nats, int node) {
+std::unique_ptr<ServeProcess> hub(const tools::NatsServers& nats, int node) {
     return std::make_unique<ServeProcess>(
         std::vector<std::string>{"--cluster", boost::algorithm::join(nats.urls(node), ",")});
 }
@@ -97,7 +95,7 @@ TEST(ClusterTest, PeersOnEveryMemberExchangeMessagesOnceInOrderAndOutliveDeadNod
     ORVALE_REQUIRE_NODE();
     constexpr int kCount = 20;
     const std::vector<std::string> names{"client", "cometd", "faye", "host"};
-    NatsServers nats(3);
+    tools::NatsServers nats(3);
     Inbox heard;                                                 // outlives the listeners
     std::vector<std::shared_ptr<bayeux::BayeuxServer>> members;  // this process's, one per node
     for (int node = 0; node < 3; ++node)
