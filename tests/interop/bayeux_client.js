@@ -11,17 +11,15 @@
 //   on PUBLISH and prints each of COUNT messages received on LISTEN.
 // mesh: subscribes to each CHANNEL, prints {"event":"ready"} and every message. Data with `start`
 //   (all peers' names) makes it publish {"from":NAME,"n":n} for n < data.count on
-//   /orvale/mesh/all/NAME, then {"from":NAME} on /orvale/mesh/to/PEER for each other peer; data
-//   with `stop` ends the run. Several comma-separated URLs go through a local balancer that
-//   gives each new connection to the first hub that accepts it, as after a hub's death.
-// --only long-polling keeps both clients off WebSockets (and off callback-polling, so that a
-// browser's requests go by CORS); otherwise Faye moves to a WebSocket after its handshake and
-// CometD starts on one. --browser runs the scenario in headless Chromium (CHROMIUM, default
-// /usr/bin/chromium) on a page served at http://127.0.0.1:PAGE_PORT; --screenshot then saves the
-// server's /status page to FILE once it shows figures, prints {"event":"status",...} with them and
-// holds the session until SIGUSR2.
-// Every stdout line is a JSON object; the last is {"result":"ok",...} or {"result":"error",
-// "message":...} (exit status 1). Runs are bounded: 15 s, or 40 s for mesh and --browser.
+//   /orvale/mesh/all/NAME, then {"from":NAME} on /orvale/mesh/to/PEER for each other peer; `stop`
+//   ends the run. Comma-separated URLs go through a local balancer that gives each connection to
+//   the first hub that accepts it.
+// --only long-polling keeps both clients off WebSockets (and a browser off callback-polling, so
+// that its requests go by CORS). --browser runs in headless Chromium (CHROMIUM, default
+// /usr/bin/chromium) on a page served at http://127.0.0.1:PAGE_PORT; --screenshot saves the
+// server's /status page to FILE once it shows figures, prints {"event":"status",...} and holds
+// the session until SIGUSR2. Each stdout line is a JSON object, the last {"result":"ok",...} or
+// {"result":"error","message":...} (status 1), within 15 s (40 s for mesh and --browser).
 // Required as a module (by bench/faye_client_load.js) it gives Faye and the output helpers only.
 
 const faye = require('faye');
@@ -265,29 +263,23 @@ async function inBrowser(pagePort, screenshot, peer, client, run) {
 // `peer`'s Node client.
 async function nodeClient(peer, ...args) {
   if (peer === 'faye') return fayeClient(faye, ...args);
-  const {adapt} = await import('cometd-nodejs-client');
-  adapt();
+  (await import('cometd-nodejs-client')).adapt();
   return cometdClient((await import('cometd')).CometD, ...args);
 }
 
 (async () => {
-  const options = {'--only': null, '--api-key': null, '--browser': null, '--screenshot': null};
-  const positional = [];
-  const argv = process.argv.slice(2);
-  for (let i = 0; i < argv.length; i++) {
-    if (Object.keys(options).includes(argv[i])) options[argv[i]] = argv[++i];
-    else positional.push(argv[i]);
-  }
-  const [peer, urls, scenario, ...rest] = positional;
+  const option = {type: 'string'};
+  const {values: options, positionals} = require('util').parseArgs({allowPositionals: true,
+    options: {'only': option, 'api-key': option, 'browser': option, 'screenshot': option}});
+  const [peer, urls, scenario, ...rest] = positionals;
   if (!['faye', 'cometd'].includes(peer) || !urls || !Object.keys(scenarios).includes(scenario))
     fail('usage: bayeux_client.js faye|cometd URL exchange|talk|mesh ...');
-  const browser = options['--browser'];
+  const {browser, only} = options;
   setTimeout(() => fail('timed out'), scenario === 'mesh' || browser ? 40000 : 15000).unref();
-  const only = options['--only'];
   try {
-    const client = [urls.includes(',') ? await balance(urls.split(',')) : urls, only, options['--api-key']];
+    const client = [urls.includes(',') ? await balance(urls.split(',')) : urls, only, options['api-key']];
     const run = [scenario, rest, only ? peer + ' ' + only : peer];
-    const used = browser ? await inBrowser(browser, options['--screenshot'], peer, client, run)
+    const used = browser ? await inBrowser(browser, options.screenshot, peer, client, run)
                          : await runSession(await nodeClient(peer, ...client), ...run, async () => {});
     print({result: 'ok', handshakeTransport: used.handshake, transport: used.last});
     process.exit(0);

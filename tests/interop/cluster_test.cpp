@@ -15,13 +15,11 @@
 namespace orvale::test {
 namespace {
 
-using tools::NatsServers;
-
 namespace ms = connector::message_service;
 namespace bayeux = connector::bayeux;
 
 // `orvale serve` joined to the cluster through `node`, with the other nodes to fall back on.
-std::unique_ptr<ServeProcess> hub(const NatsServers& nats, int node) {
+std::unique_ptr<ServeProcess> hub(const tools::NatsServers& nats, int node) {
     return std::make_unique<ServeProcess>(
         std::vector<std::string>{"--cluster", boost::algorithm::join(nats.urls(node), ",")});
 }
@@ -36,8 +34,7 @@ void publish(bayeux::BayeuxServer& server, const std::string& channel, const std
 
 // A message service in this process taking part as the Node peers' mesh scenario does, keeping
 // what it receives in the Inbox it is (which so outlives its subscriptions).
-class ServicePeer : public Inbox {
-  public:
+struct ServicePeer : Inbox {
     ServicePeer(std::string name, std::shared_ptr<ms::MessageService> service)
         : name_(std::move(name)), service_(std::move(service)) {
         for (const std::string& channel :
@@ -49,9 +46,6 @@ class ServicePeer : public Inbox {
             subscriptions.push_back(future.get());
         }
     }
-    std::vector<std::shared_ptr<ms::Subscription>> subscriptions;
-
-  private:
     void onMessage(const ms::JsonMessage& m) {
         const auto data = parseLine(m.getJson());
         add(m.getChannel() + " " + boost::json::serialize(data));
@@ -67,6 +61,7 @@ class ServicePeer : public Inbox {
     }
     const std::string name_;
     const std::shared_ptr<ms::MessageService> service_;
+    std::vector<std::shared_ptr<ms::Subscription>> subscriptions;
 };
 
 // The data a peer received on the mesh's data channels, by channel as services name them; the
@@ -82,15 +77,25 @@ std::map<std::string, std::vector<std::string>> byChannel(const std::vector<std:
     return out;
 }
 
+// The tick a Node peer received last on /mesh/all/tick, or -1.
+int lastTick(const ChildProcess& peer) {
+    int last = -1;
+    for (const auto& line : received(peer))
+        if (line.rfind("/orvale/mesh/all/tick ", 0) == 0)
+            last = std::max(last, parseLine(line.substr(22)).at("n").to_number<int>());
+    return last;
+}
+
 // Faye's client on hub A, CometD's on hub B, a client service on hub C and a server service in
 // this process, each on its own NATS node: each publishes on its own channel, which everyone's
 // wildcard matches, and directly to each other peer. Everyone gets every message once, each
-// publisher's in order, and listeners hear subscriptions made on other members.
-TEST(ClusterTest, PeersOnEveryMemberExchangeMessagesOnceInOrder) {
+// publisher's in order, and listeners hear subscriptions made on other members. Then A's NATS
+// node dies, and A goes on through another node; A dies, and Faye's client handshakes again on B.
+TEST(ClusterTest, PeersOnEveryMemberExchangeMessagesOnceInOrderAndOutliveDeadNodes) {
     ORVALE_REQUIRE_NODE();
     constexpr int kCount = 20;
     const std::vector<std::string> names{"client", "cometd", "faye", "host"};
-    NatsServers nats(3);
+    tools::NatsServers nats(3);
     Inbox heard;                                                 // outlives the listeners
     std::vector<std::shared_ptr<bayeux::BayeuxServer>> members;  // this process's, one per node
     for (int node = 0; node < 3; ++node)
@@ -107,8 +112,9 @@ TEST(ClusterTest, PeersOnEveryMemberExchangeMessagesOnceInOrder) {
         hostService->listenUnsubscribe("/mesh/to/*", note("-")).get()};
     auto a = hub(nats, 0), b = hub(nats, 1), c = hub(nats, 2);
     std::map<std::string, std::unique_ptr<ChildProcess>> peers;
-    for (const auto& [peer, url] :
-         std::map<std::string, std::string>{{"faye", a->httpUrl()}, {"cometd", b->httpUrl()}})
+    // Faye's client reaches A through a balancer that gives it B once A is gone.
+    for (const auto& [peer, url] : std::map<std::string, std::string>{
+             {"faye", a->httpUrl() + "," + b->httpUrl()}, {"cometd", b->httpUrl()}})
         peers[peer] = node("bayeux_client.js", {peer, url, "mesh", peer, "/orvale/mesh/to/" + peer,
                                                 "/orvale/mesh/all/*", "/orvale/mesh/go"});
     auto clientService = services->createMessageService("client", {{"endpoint", c->url}});
@@ -157,51 +163,30 @@ TEST(ClusterTest, PeersOnEveryMemberExchangeMessagesOnceInOrder) {
     }
     client.subscriptions.front()->unsubscribe();
     EXPECT_TRUE(waitUntil([&] { return heard.has("-/mesh/to/client"); }));
-    publish(*members[0], "/mesh/go", "{\"stop\":true}");
+
+    // A member on the third node ticks every 20 ms until one sent from now on reaches Faye's
+    // client, within `bound`.
+    int tick = 0;
+    auto ticksArrive = [&, &faye = *peers.at("faye")](std::chrono::milliseconds bound) {
+        const int first = tick;
+        return waitUntil(
+            [&] {
+                publish(*members[2], "/mesh/all/tick", "{\"n\":" + std::to_string(tick++) + "}");
+                std::this_thread::sleep_for(20ms);
+                return lastTick(faye) >= first;
+            },
+            bound);
+    };
+    ASSERT_TRUE(ticksArrive(15s)) << peers["faye"]->errors();
+    nats.kill(0);
+    EXPECT_TRUE(ticksArrive(10s)) << a->process->errors();
+    a->process->kill(SIGKILL);
+    EXPECT_TRUE(ticksArrive(20s)) << peers["faye"]->errors();
+    publish(*members[2], "/mesh/all/end", "{\"stop\":true}");
     for (auto& [name, peer] : peers) {
         EXPECT_EQ(run(*peer), 0) << name << ": " << peer->errors();
         EXPECT_EQ(text(resultOf(*peer), "result"), "ok") << name;
     }
-}
-
-// The tick a Node peer received last on /mesh/all/tick, or -1.
-int lastTick(const ChildProcess& peer) {
-    int last = -1;
-    for (const auto& line : received(peer))
-        if (line.rfind("/orvale/mesh/all/tick ", 0) == 0)
-            last = std::max(last, parseLine(line.substr(22)).at("n").to_number<int>());
-    return last;
-}
-
-// Faye's client reaches hubs A and B through a balancer and gets ticks from a member on the
-// third node. A's NATS node dies: A goes on through another node. A dies: the client handshakes
-// again on B and the ticks come on.
-TEST(ClusterTest, TrafficOutlivesADeadNatsNodeAndADeadHub) {
-    ORVALE_REQUIRE_NODE();
-    NatsServers nats(3);
-    auto a = hub(nats, 0), b = hub(nats, 1);
-    auto member = bayeux::makeBayeuxServer({1, nats.urls(2)});
-    auto faye = node("bayeux_client.js", {"faye", a->httpUrl() + "," + b->httpUrl(), "mesh", "faye",
-                                          "/orvale/mesh/all/*"});
-    int tick = 0;
-    // Ticks every 20 ms until one sent from now on arrives, within `bound`.
-    auto ticksArrive = [&](std::chrono::milliseconds bound) {
-        const int first = tick;
-        return waitUntil(
-            [&] {
-                publish(*member, "/mesh/all/tick", "{\"n\":" + std::to_string(tick++) + "}");
-                std::this_thread::sleep_for(20ms);
-                return lastTick(*faye) >= first;
-            },
-            bound);
-    };
-    ASSERT_TRUE(ticksArrive(15s)) << faye->errors();
-    nats.kill(0);
-    EXPECT_TRUE(ticksArrive(10s)) << a->process->errors();
-    a->process->kill(SIGKILL);
-    EXPECT_TRUE(ticksArrive(20s)) << faye->errors();
-    publish(*member, "/mesh/all/x", "{\"stop\":true}");
-    EXPECT_EQ(run(*faye), 0) << faye->errors();
 }
 
 }  // namespace

@@ -64,11 +64,8 @@ inline std::vector<std::string> received(const ChildProcess& peer) {
 
 // The result line a Node peer script ends with.
 inline boost::json::object resultOf(const ChildProcess& peer) {
-    auto lines = peer.lines();
-    for (auto it = lines.rbegin(); it != lines.rend(); ++it)
-        if (auto object = parseLine(*it); object.contains("result"))
-            return object;
-    return {};
+    const auto lines = peer.lines();
+    return parseLine(lines.empty() ? std::string() : lines.back());
 }
 
 }  // namespace orvale::test

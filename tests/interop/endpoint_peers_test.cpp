@@ -22,19 +22,15 @@ namespace bayeux = connector::bayeux;
 
 // A hub in this process with a server service that answers what remote clients send: each
 // message on /desk/in with {"echo":<its data>} on /desk/out.
-class HubInProcess {
-    // First, so that it outlives the listeners that a session ending at teardown still calls.
-    Inbox heard_;
-
-  public:
+struct HubInProcess {
     explicit HubInProcess(bayeux::EndpointOptions options = {})
         : endpoint(bayeux::startBayeuxEndpoint(server, options)) {
         std::weak_ptr<ms::MessageService> weak = desk;
         auto note = [this](const char* sign) {
-            return [this, sign](const auto& event) { heard_.add(sign + event.getChannel()); };
+            return [this, sign](const auto& event) { heard.add(sign + event.getChannel()); };
         };
         auto echo = [this, weak](const ms::JsonMessage& m) {
-            heard_.add("in " + m.getJson());
+            heard.add("in " + m.getJson());
             if (auto self = weak.lock())
                 self->publish("/desk/out", "{\"echo\":" + m.getJson() + "}");
         };
@@ -45,8 +41,9 @@ class HubInProcess {
     std::string httpUrl() const {
         return "http://127.0.0.1:" + std::to_string(endpoint->port()) + "/bayeux";
     }
-    bool heard(const std::string& item) { return heard_.has(item); }
 
+    // First, so that it outlives the listeners that a session ending at teardown still calls.
+    Inbox heard;
     std::shared_ptr<bayeux::BayeuxServer> server = bayeux::makeBayeuxServer();
     std::unique_ptr<bayeux::BayeuxEndpoint> endpoint;
     std::shared_ptr<ms::MessageServiceFactoryServerDelegate> services =
@@ -55,88 +52,80 @@ class HubInProcess {
     std::vector<std::shared_ptr<ms::Subscription>> subscriptions;
 };
 
-class PeersTest : public ::testing::TestWithParam<const char*> {
-  protected:
-    void SetUp() override { ORVALE_REQUIRE_NODE(); }
-    const char* peer = GetParam();
-};
-
 // Subscribe exact and wildcard, publish, receive, unsubscribe, disconnect: over the transport
 // each client picks by itself, over long-polling only, with the API key of the hub, and over TLS
 // (https:// and wss://) trusting the test CA only. Faye handshakes over long-polling and moves to
 // a WebSocket; CometD starts there. A handshake without the key, or with a wrong one, is refused:
 // CometD reports that at once, Faye only retries.
-TEST_P(PeersTest, ScriptedExchangeWithServe) {
+TEST(PeersTest, ScriptedExchangeWithServeThenTalkWithAServerServiceAndDie) {
+    ORVALE_REQUIRE_NODE();
     TestCertificates certificates;
     ServeProcess plain, keyed({"--api-key", "peer-key"}),
         secure({"--cert", certificates.dir + "/server.pem", "--key",
                 certificates.dir + "/server.key"});
-    const bool faye = std::string(peer) == "faye";
-    const char* first = faye ? "long-polling" : "websocket";
-    struct Case {
-        std::string url;
-        std::vector<std::string> options;
-        const char *handshake, *transport;  // null: refused
-    } cases[] = {
-        {plain.httpUrl(), {}, first, "websocket"},
-        {plain.httpUrl(), {"--only", "long-polling"}, "long-polling", "long-polling"},
-        {keyed.httpUrl(), {"--api-key", "peer-key"}, first, "websocket"},
-        {"https://localhost:" + secure.port() + "/bayeux", {}, first, "websocket"},
-        {keyed.httpUrl(), {}, nullptr, nullptr},
-        {keyed.httpUrl(), {"--api-key", "wrong"}, nullptr, nullptr},
-    };
     ::setenv("NODE_EXTRA_CA_CERTS", (certificates.dir + "/ca.pem").c_str(), 1);
-    for (const auto& c : cases) {
-        if (faye && !c.handshake)
-            continue;
-        SCOPED_TRACE(c.url + (c.options.empty() ? "" : " " + c.options.back()));
-        std::vector<std::string> args{peer, c.url, "exchange"};
-        args.insert(args.end(), c.options.begin(), c.options.end());
-        auto client = node("bayeux_client.js", args);
-        const int status = run(*client);
-        const auto result = resultOf(*client);
-        if (!c.handshake) {
-            EXPECT_EQ(status, 1);
-            EXPECT_EQ(text(result, "result"), "error");
-            EXPECT_NE(text(result, "message").find("403::Unauthorized"), std::string::npos)
-                << text(result, "message");
-            continue;
+    for (const char* peer : {"faye", "cometd"}) {
+        SCOPED_TRACE(peer);
+        const bool faye = std::string(peer) == "faye";
+        const char* first = faye ? "long-polling" : "websocket";
+        struct Case {
+            std::string url;
+            std::vector<std::string> options;
+            const char *handshake, *transport;  // null: refused
+        } cases[] = {
+            {plain.httpUrl(), {}, first, "websocket"},
+            {plain.httpUrl(), {"--only", "long-polling"}, "long-polling", "long-polling"},
+            {keyed.httpUrl(), {"--api-key", "peer-key"}, first, "websocket"},
+            {"https://localhost:" + secure.port() + "/bayeux", {}, first, "websocket"},
+            {keyed.httpUrl(), {}, nullptr, nullptr},
+            {keyed.httpUrl(), {"--api-key", "wrong"}, nullptr, nullptr},
+        };
+        for (const auto& c : cases) {
+            if (faye && !c.handshake)
+                continue;
+            SCOPED_TRACE(c.url + (c.options.empty() ? "" : " " + c.options.back()));
+            std::vector<std::string> args{peer, c.url, "exchange"};
+            args.insert(args.end(), c.options.begin(), c.options.end());
+            auto client = node("bayeux_client.js", args);
+            EXPECT_EQ(run(*client), c.handshake ? 0 : 1) << client->errors();
+            const auto result = resultOf(*client);
+            ASSERT_EQ(text(result, "result"), c.handshake ? "ok" : "error")
+                << boost::json::serialize(result);
+            if (!c.handshake) {
+                EXPECT_NE(text(result, "message").find("403::Unauthorized"), std::string::npos)
+                    << text(result, "message");
+                continue;
+            }
+            EXPECT_EQ(received(*client),
+                      (std::vector<std::string>{"/orvale/interop/exact {\"n\":1}",
+                                                "/orvale/interop/wild/a {\"n\":2}",
+                                                "/orvale/interop/wild/b {\"n\":4}"}));
+            EXPECT_EQ(text(result, "handshakeTransport"), c.handshake);
+            EXPECT_EQ(text(result, "transport"), c.transport);
         }
-        ASSERT_EQ(status, 0) << client->errors();
-        ASSERT_EQ(text(result, "result"), "ok") << boost::json::serialize(result);
-        EXPECT_EQ(received(*client),
-                  (std::vector<std::string>{"/orvale/interop/exact {\"n\":1}",
-                                            "/orvale/interop/wild/a {\"n\":2}",
-                                            "/orvale/interop/wild/b {\"n\":4}"}));
-        EXPECT_EQ(text(result, "handshakeTransport"), c.handshake);
-        EXPECT_EQ(text(result, "transport"), c.transport);
+
+        // A client talks with a server service in the hub's process, then is killed with its
+        // connect held: its session expires and its subscriptions go.
+        bayeux::EndpointOptions options;
+        options.connectTimeout = 500ms;
+        options.sessionTimeout = 1000ms;
+        HubInProcess hub(options);
+        // It waits for a second message, which never comes.
+        auto client = node("bayeux_client.js", {peer, hub.httpUrl(), "talk", "/orvale/desk/out",
+                                                "/orvale/desk/in", "2"});
+        const std::string from = std::string("{\"from\":\"") + peer + "\"}";
+        ASSERT_TRUE(waitUntil([&] { return received(*client).size() == 1; }, 10s))
+            << client->errors();
+        EXPECT_EQ(received(*client)[0], "/orvale/desk/out {\"echo\":" + from + "}");
+        EXPECT_TRUE(hub.heard.has("+/desk/out"));
+        EXPECT_TRUE(hub.heard.has("in " + from));
+        EXPECT_EQ(hub.endpoint->sessionCount(), 1u);
+        client->kill(SIGKILL);
+        EXPECT_TRUE(waitUntil([&] { return hub.heard.has("-/desk/out"); }, 10s));
+        EXPECT_EQ(hub.endpoint->sessionCount(), 0u);
     }
     ::unsetenv("NODE_EXTRA_CA_CERTS");
 }
-
-// A client talks with a server service in the hub's process, then is killed with its connect
-// held: its session expires and its subscriptions go.
-TEST_P(PeersTest, TalksWithAServerServiceThenDiesAndItsSessionExpires) {
-    bayeux::EndpointOptions options;
-    options.connectTimeout = 500ms;
-    options.sessionTimeout = 1000ms;
-    HubInProcess hub(options);
-    // It waits for a second message, which never comes.
-    auto client = node("bayeux_client.js",
-                       {peer, hub.httpUrl(), "talk", "/orvale/desk/out", "/orvale/desk/in", "2"});
-    const std::string from = std::string("{\"from\":\"") + peer + "\"}";
-    ASSERT_TRUE(waitUntil([&] { return received(*client).size() == 1; }, 10s)) << client->errors();
-    EXPECT_EQ(received(*client)[0], "/orvale/desk/out {\"echo\":" + from + "}");
-    EXPECT_TRUE(hub.heard("+/desk/out"));
-    EXPECT_TRUE(hub.heard("in " + from));
-    EXPECT_EQ(hub.endpoint->sessionCount(), 1u);
-    client->kill(SIGKILL);
-    EXPECT_TRUE(waitUntil([&] { return hub.heard("-/desk/out"); }, 10s));
-    EXPECT_EQ(hub.endpoint->sessionCount(), 0u);
-}
-
-INSTANTIATE_TEST_SUITE_P(Peers, PeersTest, ::testing::Values("faye", "cometd"),
-                         [](const auto& info) { return std::string(info.param); });
 
 // What /metrics must hold given the counts the status page showed: the same, but for the
 // scrape's own connection, which the page's figures predate.
@@ -211,7 +200,7 @@ TEST(BrowserTest, BrowserClientsOnAnotherSiteTalkWithAServerService) {
         const auto result = resultOf(*browser);
         ASSERT_EQ(text(result, "result"), "ok") << boost::json::serialize(result);
         EXPECT_EQ(text(result, "transport"), c.transport);
-        EXPECT_TRUE(hub.heard("in " + from));
+        EXPECT_TRUE(hub.heard.has("in " + from));
         EXPECT_EQ(received(*browser),
                   std::vector<std::string>{"/orvale/desk/out {\"echo\":" + from + "}"});
     }

@@ -1,6 +1,6 @@
 // The WebSocket transport and the codec against a real Faye server (Node.js): a whole Bayeux
-// session through the raw transport, and wss:// with a CA made for the test. A server that dies
-// is client_service_test.cpp's.
+// session through the raw transport over wss:// with a CA made for the test. Plain ws:// and a
+// server that dies are client_service_test.cpp's.
 
 #include <gtest/gtest.h>
 
@@ -43,8 +43,7 @@ struct Peer : Client {
             throw std::runtime_error(std::string("no ") + typeid(T).name() + " came");
         return out;
     }
-    template <class T>
-    std::string send(std::unique_ptr<T> message) {
+    std::string send(std::unique_ptr<BayeuxMessage> message) {
         const std::string id = std::to_string(nextId++);
         message->setId(id);
         if (!clientId.empty() && message->kind() != Kind::HandshakeRequest)
@@ -52,18 +51,13 @@ struct Peer : Client {
         Client::send(std::move(message));
         return id;
     }
-    // Sends `message` and returns the answer of type R.
-    template <class R, class T>
-    std::unique_ptr<R> ask(std::unique_ptr<T> message) {
-        return take<R>(send(std::move(message)));
-    }
     std::unique_ptr<SubscribeResponse> subscribe(const std::string& channel) {
-        return ask<SubscribeResponse>(std::make_unique<SubscribeRequest>(channel, ""));
+        return take<SubscribeResponse>(send(std::make_unique<SubscribeRequest>(channel, "")));
     }
     std::string connect() { return send(std::make_unique<ConnectRequest>("websocket")); }
     void handshake() {
-        auto response = ask<HandshakeResponse>(std::make_unique<HandshakeRequest>(
-            "1.0", "1.0", std::vector<std::string>{"websocket"}));
+        auto response = take<HandshakeResponse>(send(std::make_unique<HandshakeRequest>(
+            "1.0", "1.0", std::vector<std::string>{"websocket"})));
         if (!response->isSuccessful())
             throw std::runtime_error("handshake failed");
         clientId = response->getClientId();
@@ -75,16 +69,41 @@ struct Peer : Client {
     std::deque<std::unique_ptr<BayeuxMessage>> messages;
 };
 
-std::string fayeUrl(orvale::test::ChildProcess& faye, const char* scheme = "ws",
-                    const char* host = "127.0.0.1") {
-    return std::string(scheme) + "://" + host + ":" + *faye.firstLine(0s) + "/bayeux";
-}
-
-TEST(WebSocketTransportWithFaye, RunsAWholeBayeuxSession) {
+// The system store alone does not know the test CA, and the certificate names localhost, not
+// the address; trusting the CA, a whole session runs.
+TEST(WebSocketTransportWithFaye, VerifiesTheServerAndRunsAWholeBayeuxSession) {
     ORVALE_REQUIRE_NODE();
-    auto faye = orvale::test::startNode("faye_server.js", {"--timeout", "1"});
-    const std::string url = fayeUrl(*faye);
-    Peer a(url), b(url);
+    orvale::test::TestCertificates certificates;
+    auto faye = orvale::test::startNode("faye_server.js",
+                                        {"--cert", certificates.dir + "/server.pem", "--key",
+                                         certificates.dir + "/server.key", "--timeout", "1"});
+    const std::string port = *faye->firstLine(0s);
+    const std::string url = "wss://localhost:" + port + "/bayeux";
+    const std::string byAddress = "wss://127.0.0.1:" + port + "/bayeux";
+    WebSocketTransportOptions trusting, careless, missing;
+    trusting.caFile = certificates.dir + "/ca.pem";
+    careless.verifyPeer = false;
+    missing.caFile = "/nonexistent/ca.pem";
+    struct Case {
+        std::string url;
+        WebSocketTransportOptions options;
+        std::string reason;  // empty: the connection opens
+    };
+    for (const auto& c : {Case{byAddress, careless, ""}, Case{url, {}, "certificate verify failed"},
+                          Case{byAddress, trusting, "certificate verify failed"},
+                          Case{url, missing, "cannot load the CA file /nonexistent/ca.pem: "}}) {
+        SCOPED_TRACE(c.url + " " + c.reason);
+        const std::string error =
+            orvale::test::failureText(connectTo(contextWith(c.options), c.url));
+        if (c.reason.empty()) {
+            EXPECT_EQ(error, "no exception");
+            continue;
+        }
+        EXPECT_EQ(error.rfind("Cannot connect to " + c.url + ": ", 0), 0u) << error;
+        EXPECT_NE(error.find(c.reason), std::string::npos) << error;
+    }
+
+    Peer a(url, trusting), b(url, trusting);
     a.handshake();
     b.handshake();
     EXPECT_NE(a.clientId, b.clientId);
@@ -113,8 +132,8 @@ TEST(WebSocketTransportWithFaye, RunsAWholeBayeuxSession) {
     EXPECT_EQ(delivered->getJson(), json);
     EXPECT_EQ(delivered->getId(), published);  // Faye passes the publisher's id along
 
-    auto unsubscribed =
-        a.ask<UnsubscribeResponse>(std::make_unique<UnsubscribeRequest>("/orvale/news", ""));
+    auto unsubscribed = a.take<UnsubscribeResponse>(
+        a.send(std::make_unique<UnsubscribeRequest>("/orvale/news", "")));
     EXPECT_TRUE(unsubscribed->isSuccessful());
     EXPECT_EQ(unsubscribed->getChannel(), "/orvale/news");
     // After unsubscribing only the other channel arrives: published second, delivered alone.
@@ -131,54 +150,18 @@ TEST(WebSocketTransportWithFaye, RunsAWholeBayeuxSession) {
     // A connect and a disconnect handed over together: Faye answers a frame only when all of it
     // is answered and drops the session on disconnect, so the two must not share a frame.
     a.connect();
-    EXPECT_TRUE(a.ask<DisconnectResponse>(std::make_unique<DisconnectRequest>())->isSuccessful());
+    EXPECT_TRUE(
+        a.take<DisconnectResponse>(a.send(std::make_unique<DisconnectRequest>()))->isSuccessful());
     // Faye closes the socket after a disconnect: the inbound stream completes.
     EXPECT_TRUE(waitUntil([&] { return a.completed(); }));
 
     // An unknown client id is refused with Faye's own error text.
-    Peer c(url);
+    Peer c(url, trusting);
     c.clientId = "bogus123";
     auto rejected = c.take<ConnectStreamResponse>(c.connect());
     EXPECT_FALSE(rejected->isSuccessful());
     EXPECT_EQ(rejected->getError(), "401:bogus123:Unknown client");
     EXPECT_EQ(rejected->getAdvice()->reconnect, "handshake");
-}
-
-TEST(WebSocketTransportWithFaye, SecureWebSocketVerifiesTheServer) {
-    ORVALE_REQUIRE_NODE();
-    orvale::test::TestCertificates certificates;
-    auto faye = orvale::test::startNode("faye_server.js",
-                                        {"--cert", certificates.dir + "/server.pem", "--key",
-                                         certificates.dir + "/server.key", "--timeout", "1"});
-    const std::string url = fayeUrl(*faye, "wss", "localhost");
-    const std::string byAddress = fayeUrl(*faye, "wss", "127.0.0.1");
-    WebSocketTransportOptions trusting, careless, missing;
-    trusting.caFile = certificates.dir + "/ca.pem";
-    careless.verifyPeer = false;
-    missing.caFile = "/nonexistent/ca.pem";
-    // The system store alone does not know the test CA, and the certificate names localhost, not
-    // the address.
-    struct Case {
-        std::string url;
-        WebSocketTransportOptions options;
-        std::string reason;  // empty: the handshake succeeds
-    };
-    for (const auto& c : {Case{url, trusting, ""}, Case{byAddress, careless, ""},
-                          Case{url, {}, "certificate verify failed"},
-                          Case{byAddress, trusting, "certificate verify failed"},
-                          Case{url, missing, "cannot load the CA file /nonexistent/ca.pem: "}}) {
-        SCOPED_TRACE(c.url + " " + c.reason);
-        if (c.reason.empty()) {
-            Peer peer(c.url, c.options);
-            peer.handshake();
-            EXPECT_TRUE(peer.subscribe("/orvale/s")->isSuccessful());
-            continue;
-        }
-        const std::string error =
-            orvale::test::failureText(connectTo(contextWith(c.options), c.url));
-        EXPECT_EQ(error.rfind("Cannot connect to " + c.url + ": ", 0), 0u) << error;
-        EXPECT_NE(error.find(c.reason), std::string::npos) << error;
-    }
 }
 
 }  // namespace

@@ -7,7 +7,6 @@ source_dir=$1
 binary_dir=$2
 work="$binary_dir/package-test"
 rm -rf "$work"
-mkdir -p "$work"
 launcher=()
 command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 

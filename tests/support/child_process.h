@@ -2,10 +2,9 @@
 // What the interop tests and the load benchmark start: Node peers from tests/interop, and
 // children run to their end.
 
-#include <sys/stat.h>
-
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -29,8 +28,7 @@ inline std::optional<std::string> nodeUnavailable() {
     const std::string modules = sourceDir() + "/tests/interop/node_modules";
     for (const char* package :
          {"faye", "faye-redis", "cometd", "cometd-nodejs-client", "puppeteer-core"}) {
-        struct stat info;
-        if (::stat((modules + "/" + package + "/package.json").c_str(), &info) != 0)
+        if (!std::filesystem::exists(modules + "/" + package + "/package.json"))
             return "the npm package " + std::string(package) + " is not installed in " + modules;
     }
     return std::nullopt;
@@ -52,10 +50,9 @@ inline std::optional<std::string> nodeUnavailable() {
 // `node <script> args...`, where a script without a folder is one of tests/interop.
 inline std::unique_ptr<ChildProcess> node(const std::string& script,
                                           std::vector<std::string> args) {
-    args.insert(args.begin(), script.find('/') == std::string::npos
-                                  ? sourceDir() + "/tests/interop/" + script
-                                  : script);
-    args.insert(args.begin(), "node");
+    args.insert(args.begin(), {"node", script.find('/') == std::string::npos
+                                           ? sourceDir() + "/tests/interop/" + script
+                                           : script});
     return std::make_unique<ChildProcess>(std::move(args));
 }
 

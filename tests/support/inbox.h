@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <functional>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -22,9 +21,7 @@ class Inbox {
     }
     std::function<void(const connector::message_service::StateChangeEvent&)> stateSink() {
         return [this](const connector::message_service::StateChangeEvent& e) {
-            std::ostringstream line;
-            line << e.previousState << "->" << e.newState;
-            add(line.str());
+            add(std::string(toString(e.previousState)) + "->" + toString(e.newState));
         };
     }
     void add(std::string item) {

@@ -12,9 +12,7 @@ namespace orvale::test {
 
 namespace {
 
-class Backend
-    : public boost::log::sinks::basic_sink_backend<boost::log::sinks::synchronized_feeding> {
-  public:
+struct Backend : boost::log::sinks::basic_sink_backend<boost::log::sinks::synchronized_feeding> {
     void consume(const boost::log::record_view& rec) {
         auto text = [&](const char* name) {
             return boost::log::extract_or_default<std::string>(name, rec, std::string());

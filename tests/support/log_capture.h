@@ -23,8 +23,6 @@ class LogCapture {
   public:
     LogCapture();
     ~LogCapture();
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
 
     std::vector<CapturedRecord> records() const;
     // Records whose message starts with `prefix`.

@@ -14,14 +14,9 @@
 namespace connector::message_service {
 namespace {
 
-using orvale::test::LogCapture;
-using orvale::test::waitUntil;
-
-using Strings = std::vector<std::string>;
 const std::string kReport = "Callback took longer than expected, it may be deadlocked: ";
 
-class CallbackRunnerTest : public ::testing::Test {
-  protected:
+struct CallbackRunnerTest : ::testing::Test {
     void run(const std::string& channel, std::function<void(const JsonMessage&)> callback) {
         const SubscriptionHolder holder(1, std::move(callback));
         runSubscriptionCallback(holder, JsonMessage(channel, std::string("{\"s\":1}")),
@@ -34,20 +29,11 @@ class CallbackRunnerTest : public ::testing::Test {
         return [this](const JsonMessage& message) {
             const std::string prefix = kReport + message.getChannel() + ", json: {\"s\":1}, ";
             reportedWhileRunning[message.getChannel()] =
-                waitUntil([&] { return capture.count(prefix) == 2; });
+                orvale::test::waitUntil([&] { return capture.count(prefix) == 2; });
         };
     }
-    // Each of `slow` was reported on both loggers while it ran; none of `fast` was.
-    void expectReports(const Strings& slow, const Strings& fast) {
-        for (const auto& channel : slow) {
-            EXPECT_TRUE(reportedWhileRunning[channel]) << channel;
-            EXPECT_EQ(capture.count(kReport + channel + ", "), 2u) << channel;
-        }
-        for (const auto& channel : fast)
-            EXPECT_EQ(capture.count(kReport + channel + ", "), 0u) << channel;
-    }
 
-    LogCapture capture;
+    orvale::test::LogCapture capture;
     std::map<std::string, bool> reportedWhileRunning;
     const foundation::log::basic_diagnostic_logger<char> instance{
         "connector::message_service::runner"};
@@ -72,7 +58,13 @@ TEST_F(CallbackRunnerTest, EachSlowCallbackIsReportedOnceAndFastOnesNever) {
         run("/quick", [](const JsonMessage&) {});
         waitsForItsReport()(message);
     });
-    expectReports({"/slow1", "/slow2", "/slow3", "/inner", "/outer"}, {"/fast", "/quick"});
+    // Each slow one was reported on both loggers while it ran; no fast one was.
+    for (const char* channel : {"/slow1", "/slow2", "/slow3", "/inner", "/outer"}) {
+        EXPECT_TRUE(reportedWhileRunning[channel]) << channel;
+        EXPECT_EQ(capture.count(kReport + channel + ", "), 2u) << channel;
+    }
+    for (const char* channel : {"/fast", "/quick"})
+        EXPECT_EQ(capture.count(kReport + channel + ", "), 0u) << channel;
     // The module's logger first, then the instance's; the line names the callback's type.
     const auto lines = capture.find(kReport + "/slow1, json: {\"s\":1}, ");
     ASSERT_EQ(lines.size(), 2u);

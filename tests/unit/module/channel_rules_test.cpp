@@ -7,12 +7,11 @@ namespace {
 
 // Each rule with the texts it accepts and those it refuses.
 TEST(ChannelRules, AcceptAndRefuse) {
-    struct Rule {
+    const struct {
         const char* name;
         bool (*check)(const std::string&);
         std::vector<const char*> accepted, refused;
-    };
-    const Rule rules[] = {
+    } rules[] = {
         {"name", isValidName, {"svc-1", "a_b", "ns:svc", "A9"}, {"a.b", "a/b", "a b", "ä", "a*"}},
         {"pattern",
          isValidChannelPattern,

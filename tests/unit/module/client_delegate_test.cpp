@@ -8,12 +8,9 @@
 namespace connector::message_service {
 namespace {
 
-using ClientDelegateTest = ClientTest;
-
-TEST_F(ClientDelegateTest, RegistersConnectedInstancesOnly) {
+TEST_F(ClientTest, DelegateRegistersConnectedInstancesOnlyAndReportsFailures) {
     auto delegate = std::make_shared<MessageServiceFactoryClientDelegate>(context);
-    auto bad = delegate->createMessageService("a b", {{"endpoint", "ws://x"}});
-    EXPECT_EQ(failureText(bad),
+    EXPECT_EQ(failureText(delegate->createMessageService("a b", {{"endpoint", "ws://x"}})),
               "Message service name must be alpha numeric ([_:-] also allowed): a b");
     EXPECT_THROW(delegate->createMessageService("shared", {}), std::invalid_argument);
 
@@ -32,14 +29,12 @@ TEST_F(ClientDelegateTest, RegistersConnectedInstancesOnly) {
     delegate.reset();
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
     EXPECT_EQ(service->getState(), ConnectionState::DISCONNECTING);
-}
 
-TEST_F(ClientDelegateTest, ReportsFailedConnections) {
     std::make_shared<ScriptedTransport>()->install(*context,
                                                    "Cannot connect to ws://x: Connection refused");
-    auto delegate = std::make_shared<MessageServiceFactoryClientDelegate>(makeConnector(context));
-    auto failed = delegate->createMessageService("c", {{"endpoint", "ws://x"}});
-    EXPECT_EQ(failureText(failed), "Cannot connect to ws://x: Connection refused");
+    delegate = std::make_shared<MessageServiceFactoryClientDelegate>(makeConnector(context));
+    EXPECT_EQ(failureText(delegate->createMessageService("c", {{"endpoint", "ws://x"}})),
+              "Cannot connect to ws://x: Connection refused");
     EXPECT_EQ(delegate->getMessageService("c"), nullptr);
 }
 

@@ -26,16 +26,14 @@ inline std::unique_ptr<bx::PublishRequest> delivery(const std::string& wire,
     return std::make_unique<bx::PublishRequest>(wire, common::DataBuffer(json));
 }
 
-class ServiceTest : public ::testing::Test {
-  protected:
+struct ServiceTest : ::testing::Test {
     // A callback noting each delivery in `seen` as "<tag> <channel> <json>".
     std::function<void(const JsonMessage&)> record(const std::string& tag) {
         return [this, tag](const JsonMessage& m) {
             seen.push_back(tag + " " + m.getChannel() + " " + m.getJson());
         };
     }
-    template <class Service>
-    std::shared_ptr<Subscription> watch(const std::shared_ptr<Service>& s) {
+    std::shared_ptr<Subscription> watch(const std::shared_ptr<MessageService>& s) {
         return s->listenStateChange(states.stateSink()).get();
     }
 
@@ -44,8 +42,7 @@ class ServiceTest : public ::testing::Test {
     orvale::test::LogCapture capture;
 };
 
-class ClientTest : public ServiceTest {
-  protected:
+struct ClientTest : ServiceTest {
     void SetUp() override { transport->install(*context); }
 
     std::shared_ptr<MessageServiceClientImpl> make(Options options = {

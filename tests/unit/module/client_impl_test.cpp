@@ -3,14 +3,10 @@
 namespace connector::message_service {
 namespace {
 
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
-
-TEST_F(ClientTest, HandshakeNumbersRequestsAndStartsTheConnectLoop) {
+TEST_F(ClientTest, HandshakeNumbersRequestsAndStartsTheConnectLoopOrFails) {
     auto client = make({{"endpoint", "ws://test/bayeux"}, {"orvapikey", "secret"}});
-    auto thrower =
-        client->listenStateChange([](const StateChangeEvent&) { throw std::runtime_error("x"); })
-            .get();
+    auto throws = [](const StateChangeEvent&) { throw std::runtime_error("x"); };
+    auto thrower = client->listenStateChange(throws).get();
     auto listener = watch(client);
     connect(client);
     EXPECT_TRUE(
@@ -47,17 +43,16 @@ TEST_F(ClientTest, HandshakeNumbersRequestsAndStartsTheConnectLoop) {
     listener->unsubscribe().get();
     client->disconnect();
     EXPECT_EQ(states.size(), 2u);
-}
 
-// A refused handshake, a transport that cannot connect, and no transport at all.
-TEST_F(ClientTest, ConnectFailures) {
-    auto client = make();
-    auto connected = client->connect();
-    handshakeAt(0, "abc", "403::Unauthorized");
+    // A refused handshake, a transport that cannot connect, and no transport at all.
+    ASSERT_TRUE(transport->waitSent(4));  // the disconnect
+    auto refusing = make();
+    auto connected = refusing->connect();
+    handshakeAt(4, "abc", "403::Unauthorized");
     EXPECT_EQ(failureText(connected), "Bayeux message 0 failed, error: 403::Unauthorized");
     EXPECT_TRUE(
         capture.contains("Handshake error: Bayeux message 0 failed, error: 403::Unauthorized"));
-    EXPECT_EQ(client->getState(), ConnectionState::DISCONNECTED);
+    EXPECT_EQ(refusing->getState(), ConnectionState::DISCONNECTED);
 
     const std::string refused = "Cannot connect to ws://test/bayeux: Connection refused";
     std::make_shared<ScriptedTransport>()->install(*context, refused);
@@ -80,32 +75,34 @@ TEST_F(ClientTest, ConnectFailures) {
     EXPECT_EQ(transport->sent<bx::HandshakeRequest>(0)->getId(), "0");
 }
 
-// A client needs an endpoint; what it refuses, before or after connecting, sends nothing; a
-// subscribe the server refuses, or answers with another type of message, fails.
-TEST_F(ClientTest, RefusedCalls) {
+// A client needs an endpoint; what it refuses, before or after connecting, sends nothing, and so
+// does a disconnect before connecting; a subscribe the server refuses, or answers with another
+// type of message, fails.
+TEST_F(ClientTest, RefusedCallsThenAnInboundBatchHandledInItsOrder) {
     auto noEndpoint = [&] { make({{"name", "x"}}); };
-    EXPECT_THAT(noEndpoint,
-                ThrowsMessage<std::invalid_argument>(StrEq("No endpoint url option specified")));
+    EXPECT_THAT(noEndpoint, ::testing::ThrowsMessage<std::invalid_argument>(
+                                ::testing::StrEq("No endpoint url option specified")));
     EXPECT_TRUE(capture.contains("No message service client endpoint url option specified"));
     auto client = make();
     EXPECT_TRUE(capture.contains("Created new message service client instance: ws://test/bayeux"));
     auto noop = [](const JsonMessage&) {};
     EXPECT_EQ(failureText(client->subscribe("/a", noop)), "MessageService is not connected.");
     EXPECT_EQ(failureText(client->publish("/a", "1")), "MessageService is not connected.");
+    auto nothing = client->disconnect();  // of a client never connected: done at once
+    ASSERT_TRUE(nothing.waitFor(std::chrono::milliseconds(0)));
+    EXPECT_TRUE(nothing.get().success);
     EXPECT_EQ(transport->sentCount(), 0u);
     connect(client);
     const std::size_t sent = transport->sentCount();
     const std::string noListeners =
         "Subscriptions listeners are not supported for client instances";
-    const std::pair<std::string, std::string> cases[] = {
-        {failureText(client->subscribe("/a/***", noop)), "Channel pattern is invalid: /a/***"},
-        {failureText(client->subscribe("a/b", noop)), "Channel pattern is invalid: a/b"},
-        {failureText(client->publish("/a/*", "1")), "Channel is invalid: /a/*"},
-        {failureText(client->listenSubscribe("/a", [](const SubscribeEvent&) {})), noListeners},
-        {failureText(client->listenUnsubscribe("/a", [](const UnsubscribeEvent&) {})), noListeners},
-    };
-    for (const auto& [got, expected] : cases)
-        EXPECT_EQ(got, expected);
+    EXPECT_EQ(failureText(client->subscribe("/a/***", noop)), "Channel pattern is invalid: /a/***");
+    EXPECT_EQ(failureText(client->subscribe("a/b", noop)), "Channel pattern is invalid: a/b");
+    EXPECT_EQ(failureText(client->publish("/a/*", "1")), "Channel is invalid: /a/*");
+    EXPECT_EQ(failureText(client->listenSubscribe("/a", [](const SubscribeEvent&) {})),
+              noListeners);
+    EXPECT_EQ(failureText(client->listenUnsubscribe("/a", [](const UnsubscribeEvent&) {})),
+              noListeners);
     EXPECT_EQ(transport->sentCount(), sent);
     auto refused = client->subscribe("/a", noop);
     auto mistyped = client->subscribe("/b", noop);
@@ -117,10 +114,8 @@ TEST_F(ClientTest, RefusedCalls) {
     EXPECT_TRUE(capture.contains(
         "Error subscribing to: /a, Bayeux message 2 failed, error: 405:/orvale/a:Invalid channel"));
     EXPECT_EQ(failureText(mistyped), "Incorrect response message type, id: 3");
-}
 
-TEST_F(ClientTest, InboundBatchIsHandledInItsOrder) {
-    auto client = connected();
+    // An inbound batch is handled in its order.
     auto exact = client->subscribe("/a/b", record("exact"));
     auto deep = client->subscribe("/a/**", record("deep"));
     auto one = client->subscribe("/a/*", record("one"));
@@ -128,15 +123,15 @@ TEST_F(ClientTest, InboundBatchIsHandledInItsOrder) {
     auto thrower =
         client->subscribe("/a/b", [](const JsonMessage&) { throw std::runtime_error("bad"); });
     auto after = client->subscribe("/a/b", record("after"));
-    ASSERT_TRUE(transport->waitSent(8));
+    ASSERT_TRUE(transport->waitSent(10));
 
     // The subscribe answer before the delivery resolves first, then the delivery runs, then the
     // answer after it resolves; an answer nobody waits for is logged.
     auto batch = std::make_unique<bx::BayeuxContainer>();
-    batch->messages().push_back(response<bx::SubscribeResponse>("2"));
+    batch->messages().push_back(response<bx::SubscribeResponse>("4"));
     batch->messages().push_back(delivery("/orvale/a/b", "1"));
     batch->messages().push_back(response<bx::PublishResponse>("76"));
-    batch->messages().push_back(response<bx::SubscribeResponse>("3"));
+    batch->messages().push_back(response<bx::SubscribeResponse>("5"));
     bool resolvedFirst = false, resolvedLast = false;
     auto exactHandle = exact.then([&](Future<std::shared_ptr<Subscription>>&& f) {
         resolvedFirst = seen.empty();
@@ -149,7 +144,7 @@ TEST_F(ClientTest, InboundBatchIsHandledInItsOrder) {
     transport->reply(std::move(batch));
     EXPECT_TRUE(resolvedFirst);
     EXPECT_TRUE(resolvedLast);
-    EXPECT_TRUE(capture.contains("Unexpected message: connector::bayeux::PublishResponse"));
+    EXPECT_EQ(capture.count("Unexpected message: connector::bayeux::PublishResponse"), 1u);
     EXPECT_EQ(seen, (Strings{"root /a/b 1", "one /a/b 1", "deep /a/b 1", "exact /a/b 1",
                              "after /a/b 1"}));
     EXPECT_TRUE(capture.contains("Caught exception from subscription callback: /a/b, bad"));
@@ -159,7 +154,7 @@ TEST_F(ClientTest, InboundBatchIsHandledInItsOrder) {
               (Strings{"root /a/b/c 2", "one /a/b/c 2", "deep /a/b/c 2"}));
     // A delivery's publisher id resolves no request.
     auto carryingId = delivery("/orvale/a/b", "3");
-    carryingId->setId("3");
+    carryingId->setId("5");
     seen.clear();
     transport->reply(std::move(carryingId));
     EXPECT_EQ(seen.size(), 5u);
@@ -177,8 +172,8 @@ TEST_F(ClientTest, PublishResolvesOnItsAnswerAndFailuresAreLoggedBeforeTheyResol
     transport->reply(response<bx::PublishResponse>("2"));
     EXPECT_TRUE(published.get().success);
     // Publishes on `channel`, lets `fail` end it, and checks the line and the future's text.
-    auto expectFailure = [&](const std::string& channel, const std::function<void()>& fail,
-                             const std::string& reason) {
+    auto expectFailure = [&](const std::string& channel, const std::string& reason,
+                             const std::function<void()>& fail) {
         const std::string line = "Error publishing on " + channel + ", " + reason;
         const std::size_t index = transport->sentCount();
         auto loggedFirst = client->publish(channel, "1").then([&, line](Future<PublishResult>&& f) {
@@ -194,17 +189,14 @@ TEST_F(ClientTest, PublishResolvesOnItsAnswerAndFailuresAreLoggedBeforeTheyResol
         EXPECT_EQ(found[0].channel, "connector::message_service");
         EXPECT_EQ(found[0].severity, foundation::log::error);
     };
-    expectFailure(
-        "/a/b", [&] { transport->reply(response<bx::PublishResponse>("3", false, "403::No")); },
-        "Bayeux message 3 failed, error: 403::No");
-    expectFailure(
-        "/a/c", [&] { answer<bx::SubscribeResponse>(4); },
-        "Incorrect response message type, id: 4");
+    expectFailure("/a/b", "Bayeux message 3 failed, error: 403::No",
+                  [&] { transport->reply(response<bx::PublishResponse>("3", false, "403::No")); });
+    expectFailure("/a/c", "Incorrect response message type, id: 4",
+                  [&] { answer<bx::SubscribeResponse>(4); });
 
     // The end of the connection fails every publish still waiting, each with its own channel.
     auto first = client->publish("/c", "1");
-    expectFailure(
-        "/d/e", [&] { transport->close(); }, "Connection to ws://test/bayeux closed");
+    expectFailure("/d/e", "Connection to ws://test/bayeux closed", [&] { transport->close(); });
     EXPECT_EQ(failureText(first), "Connection to ws://test/bayeux closed");
     EXPECT_EQ(capture.count("Error publishing on /c, Connection to ws://test/bayeux closed"), 1u);
     EXPECT_EQ(client->getState(), ConnectionState::DISCONNECTED);
@@ -213,8 +205,7 @@ TEST_F(ClientTest, PublishResolvesOnItsAnswerAndFailuresAreLoggedBeforeTheyResol
     // A service destroyed with a publish unanswered.
     connect(client);
     EXPECT_EQ(transport->connects(), 2);
-    expectFailure(
-        "/f", [&] { client.reset(); }, "Promise destroyed before it provided a value.");
+    expectFailure("/f", "Promise destroyed before it provided a value.", [&] { client.reset(); });
     // Destroying a connected client sends a disconnect.
     EXPECT_TRUE(capture.contains("Destructing message service server instance"));
     ASSERT_TRUE(transport->waitSent(11));
@@ -226,7 +217,6 @@ TEST_F(ClientTest, PublishResolvesOnItsAnswerAndFailuresAreLoggedBeforeTheyResol
 // so that cancelling the listener cancels the channel through the same service.
 TEST_F(ClientTest, SubscriptionsFollowTheirHandles) {
     auto client = connected();
-    // Cancels `handle`, which must send an unsubscribe from `channel`.
     auto cancel = [&](const std::shared_ptr<Subscription>& handle, const std::string& channel) {
         const std::size_t index = transport->sentCount();
         auto cancelled = handle->unsubscribe();
@@ -268,44 +258,31 @@ TEST_F(ClientTest, SubscriptionsFollowTheirHandles) {
     ASSERT_TRUE(transport->waitSent(before + 1));
     EXPECT_EQ(transport->sent<bx::UnsubscribeRequest>(before)->getChannel(), "/orvale/s");
     std::shared_ptr<Subscription> owned = subscribed(client, "/o", "o");
-    auto listener = client->listenStateChange([owned](const StateChangeEvent&) {}).get();
+    auto holder = client->listenStateChange([owned](const StateChangeEvent&) {}).get();
     owned.reset();
-    cancel(listener, "/orvale/o");
+    cancel(holder, "/orvale/o");
 
-    // A disconnect drops every subscription; wildcards made afterwards are matched again.
+    // A disconnect drops every subscription before its answer, and the answer of the meta connect
+    // still out starts no other; wildcards made afterwards are matched again.
+    auto listener = watch(client);
+    const std::size_t at = transport->sentCount();
     auto done = client->disconnect();
-    answer<bx::DisconnectResponse>(transport->sentCount() - 1);
-    ASSERT_TRUE(done.get().success);
+    EXPECT_EQ(wire(at), R"([{"channel":"/meta/disconnect","id":")" + std::to_string(at) +
+                            R"(","clientId":"abc"}])");
+    EXPECT_TRUE(capture.contains("Disconnecting from: ws://test/bayeux, abc"));
     EXPECT_EQ(deliveredTo("/orvale/a/b"), Strings{});
+    answer<bx::DisconnectResponse>(at);
+    ASSERT_TRUE(done.get().success);
+    EXPECT_EQ(states.snapshot(),
+              (Strings{"CONNECTED->DISCONNECTING", "DISCONNECTING->DISCONNECTED"}));
+    answer<bx::ConnectStreamResponse>(1);
+    EXPECT_TRUE(capture.contains("Not connected, not sending meta connect request"));
+    EXPECT_EQ(transport->sentCount(), at + 1);
     // The first transport is still open; connecting again replaces it without deadlocking.
     connect(client);
     EXPECT_EQ(transport->connects(), 2);
     auto again = subscribed(client, "/a/*", "again");
     EXPECT_EQ(deliveredTo("/orvale/a/b"), Strings{"again /a/b 1"});
-}
-
-TEST_F(ClientTest, DisconnectStatesAndTheEndOfTheLoop) {
-    auto nothing = make()->disconnect();
-    ASSERT_TRUE(nothing.waitFor(std::chrono::milliseconds(0)));
-    EXPECT_TRUE(nothing.get().success);
-    EXPECT_EQ(transport->sentCount(), 0u);
-
-    auto client = connected();
-    auto sub = subscribed(client, "/a", "a");
-    auto listener = watch(client);
-    auto done = client->disconnect();
-    EXPECT_EQ(wire(3), R"([{"channel":"/meta/disconnect","id":"3","clientId":"abc"}])");
-    EXPECT_TRUE(capture.contains("Disconnecting from: ws://test/bayeux, abc"));
-    EXPECT_EQ(deliveredTo("/orvale/a"), Strings{})
-        << "the subscriptions are gone before the answer";
-    answer<bx::DisconnectResponse>(3);
-    EXPECT_TRUE(done.get().success);
-    EXPECT_EQ(states.snapshot(),
-              (Strings{"CONNECTED->DISCONNECTING", "DISCONNECTING->DISCONNECTED"}));
-    // The outstanding meta connect's answer does not start a new one.
-    answer<bx::ConnectStreamResponse>(1);
-    EXPECT_TRUE(capture.contains("Not connected, not sending meta connect request"));
-    EXPECT_EQ(transport->sentCount(), 4u);
 }
 
 }  // namespace

@@ -21,30 +21,8 @@ std::string errorText(const std::function<void()>& action) {
     return "no exception";
 }
 
-// Failures pass through continuations and flatten(); a throwing continuation fails its own
-// future with that exception.
-TEST(Future, FailuresPassThroughContinuationsAndFlatten) {
-    struct Custom : std::runtime_error {
-        using std::runtime_error::runtime_error;
-    };
-    auto thrown = makeReadyFuture<int>(1).then([](Future<int>&&) -> int { throw Custom("boom"); });
-    EXPECT_THROW(thrown.get(), Custom);
-
-    Promise<Future<int>> outer;
-    auto flat = flatten(outer.getFuture());
-    Promise<int> inner;
-    outer.setValue(inner.getFuture());
-    EXPECT_FALSE(flat.waitFor(std::chrono::milliseconds(0)));
-    inner.setValue(11);
-    EXPECT_EQ(flat.get(), 11);
-    EXPECT_EQ(failureText(flatten(makeFailedFuture<Future<int>>(std::runtime_error("outer")))),
-              "outer");
-    EXPECT_EQ(failureText(flatten(makeReadyFuture<Future<int>>(
-                  makeFailedFuture<int>(std::runtime_error("inner"))))),
-              "inner");
-}
-
-TEST(Future, MisuseTextsAreExact) {
+// Misuse fails with exact texts, and a future left without a value fails too.
+TEST(Future, MisuseAbandonmentAndCancellationFailWithExactTexts) {
     const std::string resolved = "Promise already resolved.";
     const std::string gotten =
         "Future already returned it's value or has an associated continuation.";
@@ -70,26 +48,24 @@ TEST(Future, MisuseTextsAreExact) {
     EXPECT_EQ(errorText([&] { withContinuation.get(); }), "Future state isn't valid!");
     Promise<int> movedPromise = std::move(chained);
     EXPECT_EQ(errorText([&] { chained.setValue(3); }), "Promise state isn't valid!");
-}
 
-// A future left without a value, by its promise's end or by cancellation, fails instead of
-// hanging, and so does a continuation waiting on it.
-TEST(Future, AbandonedOrCancelledFuturesFail) {
+    // A future left without a value, by its promise's end or by cancellation, fails instead of
+    // hanging, and so does a continuation waiting on it; a continuation that throws fails too.
     const std::string abandoned = "Promise destroyed before it provided a value.";
-    Future<int> future;
+    Future<int> orphan;
     std::string seen;
     {
-        Promise<int> promise, continued;
-        future = promise.getFuture();
+        Promise<int> ending, continued;
+        orphan = ending.getFuture();
         continued.getFuture().then([&](Future<int>&& f) { seen = errorText([&] { f.get(); }); });
     }
-    EXPECT_EQ(failureText(future), abandoned);
+    EXPECT_EQ(failureText(orphan), abandoned);
     EXPECT_EQ(seen, abandoned);
 
-    Promise<int> promise;
-    auto cancelled = promise.getFuture();
+    Promise<int> cancelling;
+    auto cancelled = cancelling.getFuture();
     EXPECT_TRUE(cancelled.cancel());
-    EXPECT_NO_THROW(promise.setValue(3));
+    EXPECT_NO_THROW(cancelling.setValue(3));
     EXPECT_EQ(errorText([&] { cancelled.get(); }), "Future has been cancelled.");
     EXPECT_FALSE(makeReadyFuture<int>(1).cancel());
     Promise<int> upstream;
@@ -97,6 +73,13 @@ TEST(Future, AbandonedOrCancelledFuturesFail) {
     auto tail = head.then([](Future<int>&& f) { return f.get(); });
     head.cancel();
     EXPECT_EQ(failureText(tail), abandoned);
+
+    // A throwing continuation fails its own future with that very exception.
+    struct Custom : std::runtime_error {
+        using std::runtime_error::runtime_error;
+    };
+    auto thrown = makeReadyFuture<int>(1).then([](Future<int>&&) -> int { throw Custom("boom"); });
+    EXPECT_THROW(thrown.get(), Custom);
 }
 
 // A continuation runs at once on the calling thread when the value is there, else on the
@@ -104,21 +87,19 @@ TEST(Future, AbandonedOrCancelledFuturesFail) {
 // thread waiting on one future wakes.
 TEST(Future, ContinuationsAndWaitersAcrossThreads) {
     std::thread::id ranOn;
-    auto next = makeReadyFuture<int>(20).then([&](Future<int>&& f) {
+    auto noteThread = [&](Future<int>&& f) {
         ranOn = std::this_thread::get_id();
-        return f.get() + 1;
-    });
+        return std::to_string(f.get());
+    };
+    auto next = makeReadyFuture<int>(20).then(noteThread);
     EXPECT_EQ(ranOn, std::this_thread::get_id());
     ASSERT_TRUE(next.waitFor(std::chrono::milliseconds(0)));
-    EXPECT_EQ(next.get(), 21);
+    EXPECT_EQ(next.get(), "20");
 
     Promise<int> promise;
-    auto chained = promise.getFuture()
-                       .then([&](Future<int>&& f) {
-                           ranOn = std::this_thread::get_id();
-                           return std::to_string(f.get());
-                       })
-                       .then([](Future<std::string>&& f) { return f.get() + "!"; });
+    auto chained = promise.getFuture().then(noteThread).then([](Future<std::string>&& f) {
+        return f.get() + "!";
+    });
     std::thread resolver([&] { promise.setValue(5); });
     const auto resolverId = resolver.get_id();
     resolver.join();

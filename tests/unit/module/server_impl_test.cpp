@@ -11,8 +11,7 @@ using bayeux::SubscribeRequest;
 using bayeux::UnsubscribeRequest;
 
 // Records what a session hands to its server; delivery is driven by the tests themselves.
-class RecordingServer : public bayeux::BayeuxServer {
-  public:
+struct RecordingServer : bayeux::BayeuxServer {
     void registerSession(std::weak_ptr<bayeux::BayeuxSession>) override { ++registrations; }
     void unregisterSession(const std::shared_ptr<bayeux::BayeuxSession>&) override {
         ++unregistrations;
@@ -32,12 +31,7 @@ class RecordingServer : public bayeux::BayeuxServer {
     std::vector<std::shared_ptr<const PublishRequest>> publishes;
 };
 
-std::shared_ptr<const PublishRequest> published(const std::string& wire, const std::string& json) {
-    return std::make_shared<PublishRequest>(wire, common::DataBuffer(json));
-}
-
-class ServerImplTest : public ServiceTest {
-  protected:
+struct ServerImplTest : ServiceTest {
     std::shared_ptr<MessageServiceServerImpl> make(const std::string& name = "svc") {
         return std::make_shared<MessageServiceServerImpl>(name, server);
     }
@@ -46,13 +40,27 @@ class ServerImplTest : public ServiceTest {
         return s->subscribe(pattern, record(tag)).get();
     }
 
+    // The channels of `requests`, each of which must come from `service`.
+    template <class R>
+    static Strings channelsOf(const std::vector<std::shared_ptr<const R>>& requests,
+                              const std::shared_ptr<MessageServiceServerImpl>& service) {
+        Strings out;
+        for (const auto& r : requests) {
+            EXPECT_EQ(r->getClientId(), service->getId()) << r->getChannel();
+            out.push_back(r->getChannel());
+        }
+        return out;
+    }
+
     std::shared_ptr<RecordingServer> server = std::make_shared<RecordingServer>();
 };
 
 // Two services of one name are two sessions of the server: their ids differ. A service registers
-// with the server on its first subscription or listener, and each subscription sends its own
-// requests.
-TEST_F(ServerImplTest, ConstructionLazyRegistrationAndRequestsPerSubscription) {
+// with the server on its first subscription or listener, each subscription sends its own
+// requests, and listeners see the matching requests of others without the prefix. A disconnect
+// tells the state listeners, a throwing one logged, and cancels every subscription on the server;
+// a listener's id cancels it without asking the server, and unknown ids succeed too.
+TEST_F(ServerImplTest, RegistrationRequestsListenersAndDisconnect) {
     auto service = make("same");
     EXPECT_EQ(service->getState(), ConnectionState::CONNECTED);
     EXPECT_NE(service->getId(), make("same")->getId());
@@ -63,37 +71,36 @@ TEST_F(ServerImplTest, ConstructionLazyRegistrationAndRequestsPerSubscription) {
     EXPECT_EQ(server->registrations, 0) << "publishing does not register";
     auto s1 = subscribed(service, "/a", "1");
     auto s2 = subscribed(service, "/a", "2");
-    auto l1 = service->listenSubscribe("/a", [](const SubscribeEvent&) {}).get();
-    auto l2 = service->listenUnsubscribe("/a", [](const UnsubscribeEvent&) {}).get();
+    // Notes each event in `seen` as "<tag> <channel>".
+    auto note = [this](const std::string& tag) {
+        return [this, tag](const auto& e) { seen.push_back(tag + " " + e.getChannel()); };
+    };
+    auto l1 = service->listenSubscribe("/a/*", note("one")).get();
+    auto l2 = service->listenSubscribe("/a/**", note("any")).get();
+    auto l3 = service->listenUnsubscribe("/a/b", note("unsubscribe")).get();
+    auto refuses = [](const SubscribeEvent&) { throw std::runtime_error("no"); };
+    auto l4 = service->listenSubscribe("/x", refuses).get();
     EXPECT_EQ(server->registrations, 1);
-    ASSERT_EQ(server->subscribes.size(), 2u);
-    EXPECT_EQ(server->subscribes[0]->getChannel(), "/orvale/a");
-    EXPECT_EQ(server->subscribes[1]->getClientId(), service->getId());
+    EXPECT_EQ(channelsOf(server->subscribes, service), (Strings{"/orvale/a", "/orvale/a"}));
+    for (const char* wire : {"/orvale/a/b/c", "/orvale/a/b", "/orvale", "/orvale/x"})
+        service->deliver(std::make_shared<SubscribeRequest>(wire, "other"));
+    service->deliver(std::make_shared<UnsubscribeRequest>("/orvale/a/b", "other"));
+    EXPECT_EQ(seen, (Strings{"any /a/b/c", "one /a/b", "any /a/b", "unsubscribe /a/b"}));
+    EXPECT_TRUE(capture.contains("Error executing subscribe listener: /x, no"));
+    seen.clear();
     s1->unsubscribe().get();
-    ASSERT_EQ(server->unsubscribes.size(), 1u);
-    EXPECT_EQ(server->unsubscribes[0]->getChannel(), "/orvale/a");
-    service->deliver({"/orvale/a"}, published("/orvale/a", "1"));
+    EXPECT_EQ(channelsOf(server->unsubscribes, service), Strings{"/orvale/a"});
+    service->deliver({"/orvale/a"}, delivery("/orvale/a", "1"));
     EXPECT_EQ(seen, Strings{"2 /a 1"});
     s2.reset();  // dropping the handle cancels too
-    EXPECT_EQ(server->unsubscribes.size(), 2u);
     // A listener holding the only handle of another subscription: cancelling it cancels that.
     auto channel = subscribed(service, "/c", "c");
-    auto listener = service->listenSubscribe("/b", [channel](const SubscribeEvent&) {}).get();
+    auto holder = service->listenSubscribe("/b", [channel](const SubscribeEvent&) {}).get();
     channel.reset();
-    listener->unsubscribe().get();
-    ASSERT_EQ(server->unsubscribes.size(), 3u);
-    EXPECT_EQ(server->unsubscribes[2]->getChannel(), "/orvale/c");
+    holder->unsubscribe().get();
+    EXPECT_EQ(channelsOf(server->unsubscribes, service),
+              (Strings{"/orvale/a", "/orvale/a", "/orvale/c"}));
 
-    service->disconnect().get();
-    EXPECT_EQ(server->unregistrations, 1);
-    auto s4 = subscribed(service, "/b", "b");
-    EXPECT_EQ(server->registrations, 2) << "registers again after a disconnect";
-}
-
-// A throwing state listener is logged and the others still hear both states; a listener's id
-// cancels it through unsubscribeId without asking the server, and unknown ids succeed too.
-TEST_F(ServerImplTest, DisconnectNotifiesListenersAndUnsubscribesEverySubscription) {
-    auto service = make();
     auto throws = [](const StateChangeEvent&) { throw std::runtime_error("bad"); };
     auto thrower = service->listenStateChange(throws).get();
     auto listener = watch(service);
@@ -101,22 +108,19 @@ TEST_F(ServerImplTest, DisconnectNotifiesListenersAndUnsubscribesEverySubscripti
     auto a1 = subscribed(service, "/a", "a1");
     auto a2 = subscribed(service, "/a", "a2");
     auto b = subscribed(service, "/b/*", "b");
+    server->unsubscribes.clear();
     EXPECT_TRUE(service->disconnect().get().success);
+    EXPECT_EQ(server->unregistrations, 1);
     EXPECT_EQ(states.snapshot(),
               (Strings{"CONNECTED->DISCONNECTING", "DISCONNECTING->DISCONNECTED"}));
     EXPECT_TRUE(
         capture.contains("Error executing state change listener: CONNECTED->DISCONNECTING, bad"));
-    ASSERT_EQ(server->unsubscribes.size(), 3u);
-    Strings channels;
-    for (auto& r : server->unsubscribes) {
-        channels.push_back(r->getChannel());
-        EXPECT_EQ(r->getClientId(), service->getId());
-    }
+    Strings channels = channelsOf(server->unsubscribes, service);
     std::sort(channels.begin(), channels.end());
     EXPECT_EQ(channels, (Strings{"/orvale/a", "/orvale/a", "/orvale/b/*"}));
     // Nothing is delivered any more, and publishing is refused.
-    service->deliver({"/orvale/a"}, published("/orvale/a", "1"));
-    EXPECT_TRUE(seen.empty());
+    service->deliver({"/orvale/a"}, delivery("/orvale/a", "1"));
+    EXPECT_EQ(seen, Strings{"2 /a 1"});
     EXPECT_EQ(failureText(service->publish("/a", "1")), "MessageService is not connected.");
 
     const auto id = std::dynamic_pointer_cast<SubscriptionImpl2>(listener)->getId();
@@ -127,18 +131,18 @@ TEST_F(ServerImplTest, DisconnectNotifiesListenersAndUnsubscribesEverySubscripti
     service->disconnect().get();
     EXPECT_EQ(capture.count("Error executing state change listener: "), 4u);
     EXPECT_EQ(states.size(), 2u);
+    auto s4 = subscribed(service, "/b", "b");
+    EXPECT_EQ(server->registrations, 2) << "registers again after a disconnect";
 }
 
 // A publish goes to the server prefixed, logged as JSON; ordinary and shared services check
 // channels by their own rules.
-TEST_F(ServerImplTest, PublishGoesPrefixedToTheServerAfterTheChannelChecks) {
+TEST_F(ServerImplTest, PublishAndDeliveryFollowTheChannelRules) {
     auto ordinary = make();
     auto context = std::make_shared<common::ContextState>();
     EXPECT_TRUE(ordinary->publishWithContext("/x/y", "{\"v\":1}", context).get().success);
-    ASSERT_EQ(server->publishes.size(), 1u);
-    EXPECT_EQ(server->publishes[0]->getChannel(), "/orvale/x/y");
+    ASSERT_EQ(channelsOf(server->publishes, ordinary), Strings{"/orvale/x/y"});
     EXPECT_EQ(server->publishes[0]->getJson(), "{\"v\":1}");
-    EXPECT_EQ(server->publishes[0]->getClientId(), ordinary->getId());
     EXPECT_EQ(server->publishes[0]->getContextState(), context);
     auto json = capture.find("Message Ignored. If you see this, JSON log formatting is broken.");
     ASSERT_EQ(json.size(), 1u);
@@ -162,18 +166,15 @@ TEST_F(ServerImplTest, PublishGoesPrefixedToTheServerAfterTheChannelChecks) {
     // Invalid channels win over the state test.
     ordinary->disconnect().get();
     EXPECT_EQ(failureText(ordinary->publish("/a/*", "1")), "Channel is invalid: /a/*");
-}
 
-// A delivery reaches the subscriptions of each listed channel, once per listing and in its order;
-// a callback may cancel itself, and callbacks that throw are logged.
-TEST_F(ServerImplTest, DeliveryFollowsTheListedChannelsToCallbacksThatMayCancelOrThrow) {
+    // A delivery reaches the subscriptions of each listed channel, once per listing and in its
+    // order; a callback may cancel itself, and callbacks that throw are logged.
     auto service = make();
     auto exact = subscribed(service, "/a/b", "exact");
     auto wild = subscribed(service, "/a/*", "wild");
-    service->deliver({"/orvale/a/*", "/orvale/a/b", "/orvale/a/b"},
-                     published("/orvale/a/b", "[1]"));
+    service->deliver({"/orvale/a/*", "/orvale/a/b", "/orvale/a/b"}, delivery("/orvale/a/b", "[1]"));
     EXPECT_EQ(seen, (Strings{"wild /a/b [1]", "exact /a/b [1]", "exact /a/b [1]"}));
-    EXPECT_THROW(service->deliver({}, published("/short", "1")), std::out_of_range);
+    EXPECT_THROW(service->deliver({}, delivery("/short", "1")), std::out_of_range);
     seen.clear();
     std::shared_ptr<Subscription> self;
     int selfCalls = 0;
@@ -185,30 +186,12 @@ TEST_F(ServerImplTest, DeliveryFollowsTheListedChannelsToCallbacksThatMayCancelO
     self = service->subscribe("/a", cancelsItself).get();
     auto later = subscribed(service, "/a", "later");
     auto unknown = service->subscribe("/a", [](const JsonMessage&) { throw 42; }).get();
-    service->deliver({"/orvale/a"}, published("/orvale/a", "1"));
-    service->deliver({"/orvale/a"}, published("/orvale/a", "2"));
+    service->deliver({"/orvale/a"}, delivery("/orvale/a", "1"));
+    service->deliver({"/orvale/a"}, delivery("/orvale/a", "2"));
     EXPECT_EQ(selfCalls, 1);
     EXPECT_EQ(seen, (Strings{"later /a 1", "later /a 2"}));
     EXPECT_TRUE(capture.contains("Caught exception from subscription callback: /a, oops"));
     EXPECT_EQ(capture.count("Caught unknown exception from subscription callback: /a"), 2u);
-}
-
-TEST_F(ServerImplTest, ListenersSeeMatchingRequestsWithoutPrefix) {
-    auto service = make();
-    // Notes each event in `seen` as "<tag> <channel>".
-    auto note = [this](const std::string& tag) {
-        return [this, tag](const auto& e) { seen.push_back(tag + " " + e.getChannel()); };
-    };
-    auto l1 = service->listenSubscribe("/a/*", note("one")).get();
-    auto l2 = service->listenSubscribe("/a/**", note("any")).get();
-    auto l3 = service->listenUnsubscribe("/a/b", note("unsubscribe")).get();
-    auto throws = [](const SubscribeEvent&) { throw std::runtime_error("no"); };
-    auto thrower = service->listenSubscribe("/x", throws).get();
-    for (const char* wire : {"/orvale/a/b/c", "/orvale/a/b", "/orvale", "/orvale/x"})
-        service->deliver(std::make_shared<SubscribeRequest>(wire, "other"));
-    service->deliver(std::make_shared<UnsubscribeRequest>("/orvale/a/b", "other"));
-    EXPECT_EQ(seen, (Strings{"any /a/b/c", "one /a/b", "any /a/b", "unsubscribe /a/b"}));
-    EXPECT_TRUE(capture.contains("Error executing subscribe listener: /x, no"));
 }
 
 // The server delegate keeps named instances only while they are used, the shared one for good.

@@ -9,8 +9,7 @@ namespace connector::message_service {
 namespace {
 
 // Records every cancellation that reaches it.
-class RecordingService : public Unsubscribeable {
-  public:
+struct RecordingService : Unsubscribeable {
     Future<CancelResult> unsubscribeId(
         std::uint64_t id, const std::shared_ptr<common::ContextState>& context) override {
         std::lock_guard<std::mutex> lock(mutex);
