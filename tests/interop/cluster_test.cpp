@@ -9,7 +9,6 @@
 #include "connector/bayeux/server.h"
 #include "connector/message_service.h"
 #include "inbox.h"
-#include "log_capture.h"
 #include "nats_servers.h"
 
 namespace orvale::test {
@@ -75,15 +74,6 @@ std::map<std::string, std::vector<std::string>> byChannel(const std::vector<std:
         if (channel.rfind("/mesh/to/", 0) == 0)
             std::sort(data.begin(), data.end());
     return out;
-}
-
-// The tick a Node peer received last on /mesh/all/tick, or -1.
-int lastTick(const ChildProcess& peer) {
-    int last = -1;
-    for (const auto& line : received(peer))
-        if (line.rfind("/orvale/mesh/all/tick ", 0) == 0)
-            last = std::max(last, parseLine(line.substr(22)).at("n").to_number<int>());
-    return last;
 }
 
 // Faye's client on hub A, CometD's on hub B, a client service on hub C and a server service in
@@ -173,7 +163,11 @@ TEST(ClusterTest, PeersOnEveryMemberExchangeMessagesOnceInOrderAndOutliveDeadNod
             [&] {
                 publish(*members[2], "/mesh/all/tick", "{\"n\":" + std::to_string(tick++) + "}");
                 std::this_thread::sleep_for(20ms);
-                return lastTick(faye) >= first;
+                for (const auto& line : received(faye))
+                    if (line.rfind("/orvale/mesh/all/tick ", 0) == 0 &&
+                        parseLine(line.substr(22)).at("n").to_number<int>() >= first)
+                        return true;
+                return false;
             },
             bound);
     };

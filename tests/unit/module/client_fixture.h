@@ -51,11 +51,6 @@ struct ClientTest : ServiceTest {
             "cli", std::move(options), context,
             Address("connector/bayeux/webSocket/client", "connector/http/client"));
     }
-    std::shared_ptr<MessageServiceClientImpl> connected() {
-        auto client = make();
-        connect(client);
-        return client;
-    }
 
     // Connects `client`, answering its handshake with the client id "abc".
     void connect(const std::shared_ptr<MessageServiceClientImpl>& client) {

@@ -165,7 +165,8 @@ TEST_F(ClientTest, RefusedCallsThenAnInboundBatchHandledInItsOrder) {
 // line on the module logger, written before the caller's future resolves, and fails the future
 // with the same text.
 TEST_F(ClientTest, PublishResolvesOnItsAnswerAndFailuresAreLoggedBeforeTheyResolve) {
-    auto client = connected();
+    auto client = make();
+    connect(client);
     auto published = client->publish("/a/b", "{\"v\":1}");
     EXPECT_EQ(wire(2), R"([{"channel":"/orvale/a/b","id":"2","clientId":"abc","data":{"v":1}}])");
     EXPECT_FALSE(published.waitFor(std::chrono::milliseconds(20)));
@@ -216,7 +217,8 @@ TEST_F(ClientTest, PublishResolvesOnItsAnswerAndFailuresAreLoggedBeforeTheyResol
 // callback may cancel its own subscription, and a listener may own the only handle of a channel,
 // so that cancelling the listener cancels the channel through the same service.
 TEST_F(ClientTest, SubscriptionsFollowTheirHandles) {
-    auto client = connected();
+    auto client = make();
+    connect(client);
     auto cancel = [&](const std::shared_ptr<Subscription>& handle, const std::string& channel) {
         const std::size_t index = transport->sentCount();
         auto cancelled = handle->unsubscribe();

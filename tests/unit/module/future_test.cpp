@@ -12,15 +12,6 @@ namespace {
 
 using orvale::test::failureText;
 
-std::string errorText(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "no exception";
-}
-
 // Misuse fails with exact texts, and a future left without a value fails too.
 TEST(Future, MisuseAbandonmentAndCancellationFailWithExactTexts) {
     const std::string resolved = "Promise already resolved.";
@@ -30,24 +21,24 @@ TEST(Future, MisuseAbandonmentAndCancellationFailWithExactTexts) {
         "Future already has returned it's value or has an associated continuation.";
     Promise<int> promise;
     auto future = promise.getFuture();
-    EXPECT_EQ(errorText([&] { promise.getFuture(); }), "Promise already returned a future.");
+    EXPECT_EQ(failureText([&] { promise.getFuture(); }), "Promise already returned a future.");
     promise.setValue(1);
-    EXPECT_EQ(errorText([&] { promise.setValue(2); }), resolved);
-    EXPECT_EQ(errorText([&] { promise.setException(std::runtime_error("x")); }), resolved);
+    EXPECT_EQ(failureText([&] { promise.setValue(2); }), resolved);
+    EXPECT_EQ(failureText([&] { promise.setException(std::runtime_error("x")); }), resolved);
     EXPECT_EQ(future.get(), 1);
-    EXPECT_EQ(errorText([&] { future.get(); }), gotten);
-    EXPECT_EQ(errorText([&] { future.then([](Future<int>&&) {}); }), continued);
+    EXPECT_EQ(failureText([&] { future.get(); }), gotten);
+    EXPECT_EQ(failureText([&] { future.then([](Future<int>&&) {}); }), continued);
 
     Promise<int> chained;
     auto withContinuation = chained.getFuture();
     withContinuation.then([](Future<int>&& f) { return f.get(); });
-    EXPECT_EQ(errorText([&] { withContinuation.then([](Future<int>&&) {}); }), continued);
-    EXPECT_EQ(errorText([&] { withContinuation.get(); }), gotten);
+    EXPECT_EQ(failureText([&] { withContinuation.then([](Future<int>&&) {}); }), continued);
+    EXPECT_EQ(failureText([&] { withContinuation.get(); }), gotten);
 
     Future<int> moved = std::move(withContinuation);
-    EXPECT_EQ(errorText([&] { withContinuation.get(); }), "Future state isn't valid!");
+    EXPECT_EQ(failureText([&] { withContinuation.get(); }), "Future state isn't valid!");
     Promise<int> movedPromise = std::move(chained);
-    EXPECT_EQ(errorText([&] { chained.setValue(3); }), "Promise state isn't valid!");
+    EXPECT_EQ(failureText([&] { chained.setValue(3); }), "Promise state isn't valid!");
 
     // A future left without a value, by its promise's end or by cancellation, fails instead of
     // hanging, and so does a continuation waiting on it; a continuation that throws fails too.
@@ -57,7 +48,7 @@ TEST(Future, MisuseAbandonmentAndCancellationFailWithExactTexts) {
     {
         Promise<int> ending, continued;
         orphan = ending.getFuture();
-        continued.getFuture().then([&](Future<int>&& f) { seen = errorText([&] { f.get(); }); });
+        continued.getFuture().then([&](Future<int>&& f) { seen = failureText([&] { f.get(); }); });
     }
     EXPECT_EQ(failureText(orphan), abandoned);
     EXPECT_EQ(seen, abandoned);
@@ -66,7 +57,7 @@ TEST(Future, MisuseAbandonmentAndCancellationFailWithExactTexts) {
     auto cancelled = cancelling.getFuture();
     EXPECT_TRUE(cancelled.cancel());
     EXPECT_NO_THROW(cancelling.setValue(3));
-    EXPECT_EQ(errorText([&] { cancelled.get(); }), "Future has been cancelled.");
+    EXPECT_EQ(failureText([&] { cancelled.get(); }), "Future has been cancelled.");
     EXPECT_FALSE(makeReadyFuture<int>(1).cancel());
     Promise<int> upstream;
     auto head = upstream.getFuture();
