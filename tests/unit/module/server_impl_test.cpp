@@ -6,29 +6,25 @@
 namespace connector::message_service {
 namespace {
 
-using bayeux::PublishRequest;
-using bayeux::SubscribeRequest;
-using bayeux::UnsubscribeRequest;
-
 // Records what a session hands to its server; delivery is driven by the tests themselves.
 struct RecordingServer : bayeux::BayeuxServer {
     void registerSession(std::weak_ptr<bayeux::BayeuxSession>) override { ++registrations; }
     void unregisterSession(const std::shared_ptr<bayeux::BayeuxSession>&) override {
         ++unregistrations;
     }
-    void acceptUnsubscribe(std::shared_ptr<const UnsubscribeRequest> r) override {
+    void acceptUnsubscribe(std::shared_ptr<const bx::UnsubscribeRequest> r) override {
         unsubscribes.push_back(std::move(r));
     }
-    void acceptSubscribe(std::shared_ptr<const SubscribeRequest> r) override {
+    void acceptSubscribe(std::shared_ptr<const bx::SubscribeRequest> r) override {
         subscribes.push_back(std::move(r));
     }
-    void acceptPublish(std::shared_ptr<const PublishRequest> r) override {
+    void acceptPublish(std::shared_ptr<const bx::PublishRequest> r) override {
         publishes.push_back(std::move(r));
     }
     int registrations = 0, unregistrations = 0;
-    std::vector<std::shared_ptr<const UnsubscribeRequest>> unsubscribes;
-    std::vector<std::shared_ptr<const SubscribeRequest>> subscribes;
-    std::vector<std::shared_ptr<const PublishRequest>> publishes;
+    std::vector<std::shared_ptr<const bx::UnsubscribeRequest>> unsubscribes;
+    std::vector<std::shared_ptr<const bx::SubscribeRequest>> subscribes;
+    std::vector<std::shared_ptr<const bx::PublishRequest>> publishes;
 };
 
 struct ServerImplTest : ServiceTest {
@@ -83,8 +79,8 @@ TEST_F(ServerImplTest, RegistrationRequestsListenersAndDisconnect) {
     EXPECT_EQ(server->registrations, 1);
     EXPECT_EQ(channelsOf(server->subscribes, service), (Strings{"/orvale/a", "/orvale/a"}));
     for (const char* wire : {"/orvale/a/b/c", "/orvale/a/b", "/orvale", "/orvale/x"})
-        service->deliver(std::make_shared<SubscribeRequest>(wire, "other"));
-    service->deliver(std::make_shared<UnsubscribeRequest>("/orvale/a/b", "other"));
+        service->deliver(std::make_shared<bx::SubscribeRequest>(wire, "other"));
+    service->deliver(std::make_shared<bx::UnsubscribeRequest>("/orvale/a/b", "other"));
     EXPECT_EQ(seen, (Strings{"any /a/b/c", "one /a/b", "any /a/b", "unsubscribe /a/b"}));
     EXPECT_TRUE(capture.contains("Error executing subscribe listener: /x, no"));
     seen.clear();
