@@ -277,23 +277,15 @@ inline std::string connect(const std::string& clientId, const std::string& id, i
             (timeout >= 0 ? R"(,"advice":{"timeout":)" + std::to_string(timeout) + "}" : ""));
 }
 
+// A subscription, or with `on` "/meta/unsubscribe" its end.
 inline std::string subscribe(const std::string& clientId, const std::string& id,
                              const std::string& channel, const char* on = "/meta/subscribe") {
     return meta(on, clientId, id, ",\"subscription\":" + quote(channel));
 }
 
-inline std::string unsubscribe(const std::string& clientId, const std::string& id,
-                               const std::string& channel) {
-    return subscribe(clientId, id, channel, "/meta/unsubscribe");
-}
-
 inline std::string publish(const std::string& clientId, const std::string& id,
                            const std::string& channel, const std::string& data) {
     return meta(channel, clientId, id, ",\"data\":" + data);
-}
-
-inline std::string disconnect(const std::string& clientId, const std::string& id) {
-    return meta("/meta/disconnect", clientId, id);
 }
 
 // One frame holding the messages of single-message frames, in order.
@@ -310,11 +302,6 @@ inline std::string handshakes(int count, const std::string& prefix = "") {
     for (int i = 0; i < count; ++i)
         frames.push_back(handshake(prefix + std::to_string(i)));
     return batch(frames);
-}
-
-// `count` numbers in a frame: messages the hub cannot read, each earning an error reply.
-inline std::string unreadable(int count) {
-    return batch(std::vector<std::string>(count, "[1]"));
 }
 
 class EndpointTest : public ::testing::Test {
