@@ -12,89 +12,9 @@
 namespace connector::bayeux::endpoint_test {
 namespace {
 
-// A client id is no key: a request for a session from anywhere but the WebSocket it was made on,
-// without its browser's cookie, is refused and leaves the session as it was.
-TEST_F(EndpointTest, OnlyItsOwnerMayActForASessionAndAFirstVisitMakesOne) {
-    start();
-    RawWebSocket owner(port);
-    const std::string id = open(owner);
-    EXPECT_TRUE(std::regex_match(
-        owner.setCookie(),
-        std::regex("BAYEUX_BROWSER_WS=[0-9a-f]{64}; Path=/bayeux; HttpOnly; SameSite=Strict")))
-        << owner.setCookie();
-    const std::string cookie = cookiePair(owner.setCookie());
-    ASSERT_TRUE(successful(owner.call(subscribe(id, "s", "/own"), "s")));
-    ASSERT_TRUE(owner.send(connect(id, "held")));
-
-    std::string forged = cookie;
-    forged.back() = forged.back() == '0' ? '1' : '0';
-    RawWebSocket otherBrowser(port);
-    RawWebSocket forgedWs(port, forged);
-    RawHttp bare(port);
-    RawHttp wrong(port, cookiePair(otherBrowser.setCookie()));
-    RawHttp forgedHttp(port, forged);
-    using Send = std::function<std::optional<json::object>(const std::string&)>;
-    auto via = [](auto& client) -> Send {
-        return [&client](const std::string& frame) { return client.call(frame, "x"); };
-    };
-    const std::vector<std::pair<std::string, Send>> strangers = {
-        {"second WebSocket", via(otherBrowser)},
-        {"WebSocket with a forged cookie", via(forgedWs)},
-        {"POST without a cookie", via(bare)},
-        {"POST with another browser's cookie", via(wrong)},
-        {"POST with a forged cookie", via(forgedHttp)},
-    };
-    for (const auto& [how, send] : strangers)
-        for (const auto& frame :
-             {connect(id, "x", 0), subscribe(id, "x", "/more"), unsubscribe(id, "x", "/own"),
-              publish(id, "x", "/own", "0"), disconnect(id, "x")})
-            EXPECT_EQ(error(send(frame)), "402::Unknown client") << how << ": " << frame;
-
-    // Untouched: still subscribed to /own alone, receiving on its socket, its connect held.
-    ASSERT_TRUE(successful(owner.call(publish(id, "p1", "/more", "1"), "p1")));
-    ASSERT_TRUE(successful(owner.call(publish(id, "p2", "/own", "2"), "p2")));
-    EXPECT_EQ(owner.nextDelivery(), "/own 2");
-    EXPECT_FALSE(find(owner.inbox(), withId("held")));
-    EXPECT_EQ(endpoint->sessionCount(), 1u);
-
-    // The owner's browser may drive it over new connections of either kind.
-    RawHttp sameBrowserHttp(port, cookie);
-    EXPECT_TRUE(successful(sameBrowserHttp.call(subscribe(id, "x", "/more"), "x")));
-    RawWebSocket sameBrowserWs(port, cookie);
-    EXPECT_EQ(sameBrowserWs.setCookie(), "");
-    EXPECT_TRUE(successful(sameBrowserWs.call(publish(id, "x", "/more", "3"), "x")));
-    EXPECT_EQ(owner.nextDelivery(), "/more 3");
-    // A handshake under a forged cookie is given a cookie of its own; an issued one is kept.
-    open(forgedHttp);
-    EXPECT_NE(forgedHttp.cookie(), forged);
-    EXPECT_EQ(sameBrowserHttp.post(handshake("again")).value().headers[http::field::set_cookie],
-              "");
-
-    // A browser's first visit: it opens a WebSocket while it handshakes over long-polling, both
-    // without a cookie. It keeps the id each answer sets, whichever lands last, so the session's
-    // next requests carry its id; the WebSocket that left without it is closed, not refused, and
-    // its frame goes again over one that carries it.
-    RawWebSocket early(port);
-    RawHttp poll(port);
-    const std::string visitor = open(poll);
-    // The two cookies have names of their own, so the browser keeps both.
-    const std::string cookies = poll.cookie() + "; " + cookiePair(early.setCookie());
-
-    EXPECT_TRUE(successful(RawHttp(port, cookies).call(subscribe(visitor, "s", "/first"), "s")));
-    EXPECT_FALSE(early.call(publish(visitor, "p", "/first", "1"), "p"));
-    EXPECT_TRUE(early.awaitClosed());
-    // Closed once only: a client that comes back without the cookie is refused, and handshakes.
-    EXPECT_EQ(error(RawWebSocket(port).call(publish(visitor, "q", "/first", "1"), "q")),
-              "402::Unknown client");
-    RawWebSocket later(port, cookies);
-    ASSERT_TRUE(later.send(connect(visitor, "c")));
-    EXPECT_TRUE(successful(later.call(publish(visitor, "p", "/first", "2"), "p")));
-    EXPECT_EQ(later.nextDelivery(), "/first 2");
-}
-
 // One connection's flood of handshakes is capped by the live sessions a connection may have, so
 // other clients still get in; a frame of more messages than allowed is refused whole.
-TEST_F(EndpointTest, AHandshakeFloodFromOneConnectionLeavesRoomForOthers) {
+TEST_F(EndpointTest, FloodsLeaveRoomForOthersAndOnlyItsOwnerMayActForASession) {
     start([](EndpointOptions& o) {
         o.maxSessions = 40;
         o.maxMessagesPerFrame = 30;
@@ -130,9 +50,86 @@ TEST_F(EndpointTest, AHandshakeFloodFromOneConnectionLeavesRoomForOthers) {
     EXPECT_EQ(endpoint->sessionCount(), 33u);
     // The cap counts live sessions: one ended, the connection may make one more.
     const std::string first = str(*ws.await(withId("h0")), "clientId");
-    ASSERT_TRUE(successful(ws.call(disconnect(first, "d"), "d")));
+    ASSERT_TRUE(successful(ws.call(meta("/meta/disconnect", first, "d"), "d")));
     open(ws);
     EXPECT_FALSE(successful(ws.call(handshake("again"), "again")));
+
+    // A client id is no key: a request for a session from anywhere but the WebSocket it was made
+    // on, without its browser's cookie, is refused and leaves the session as it was.
+    RawWebSocket owner(port);
+    const std::string id = open(owner);
+    EXPECT_TRUE(std::regex_match(
+        owner.setCookie(),
+        std::regex("BAYEUX_BROWSER_WS=[0-9a-f]{64}; Path=/bayeux; HttpOnly; SameSite=Strict")))
+        << owner.setCookie();
+    const std::string cookie = cookiePair(owner.setCookie());
+    ASSERT_TRUE(successful(owner.call(subscribe(id, "s", "/own"), "s")));
+    ASSERT_TRUE(owner.send(connect(id, "held")));
+
+    std::string forged = cookie;
+    forged.back() = forged.back() == '0' ? '1' : '0';
+    RawWebSocket otherBrowser(port);
+    RawWebSocket forgedWs(port, forged);
+    RawHttp bare(port);
+    RawHttp wrong(port, cookiePair(otherBrowser.setCookie()));
+    RawHttp forgedHttp(port, forged);
+    using Send = std::function<std::optional<json::object>(const std::string&)>;
+    auto via = [](auto& client) -> Send {
+        return [&client](const std::string& frame) { return client.call(frame, "x"); };
+    };
+    const std::vector<std::pair<std::string, Send>> strangers = {
+        {"second WebSocket", via(otherBrowser)},
+        {"WebSocket with a forged cookie", via(forgedWs)},
+        {"POST without a cookie", via(bare)},
+        {"POST with another browser's cookie", via(wrong)},
+        {"POST with a forged cookie", via(forgedHttp)},
+    };
+    for (const auto& [how, send] : strangers)
+        for (const auto& frame : {connect(id, "x", 0), subscribe(id, "x", "/more"),
+                                  subscribe(id, "x", "/own", "/meta/unsubscribe"),
+                                  publish(id, "x", "/own", "0"), meta("/meta/disconnect", id, "x")})
+            EXPECT_EQ(error(send(frame)), "402::Unknown client") << how << ": " << frame;
+
+    // Untouched: still subscribed to /own alone, receiving on its socket, its connect held.
+    ASSERT_TRUE(successful(owner.call(publish(id, "p1", "/more", "1"), "p1")));
+    ASSERT_TRUE(successful(owner.call(publish(id, "p2", "/own", "2"), "p2")));
+    EXPECT_EQ(owner.nextDelivery(), "/own 2");
+    EXPECT_FALSE(find(owner.inbox(), withId("held")));
+    EXPECT_EQ(endpoint->sessionCount(), 34u) << "the 33 above and the owner's";
+
+    // The owner's browser may drive it over new connections of either kind.
+    RawHttp sameBrowserHttp(port, cookie);
+    EXPECT_TRUE(successful(sameBrowserHttp.call(subscribe(id, "x", "/more"), "x")));
+    RawWebSocket sameBrowserWs(port, cookie);
+    EXPECT_EQ(sameBrowserWs.setCookie(), "");
+    EXPECT_TRUE(successful(sameBrowserWs.call(publish(id, "x", "/more", "3"), "x")));
+    EXPECT_EQ(owner.nextDelivery(), "/more 3");
+    // A handshake under a forged cookie is given a cookie of its own; an issued one is kept.
+    open(forgedHttp);
+    EXPECT_NE(forgedHttp.cookie(), forged);
+    EXPECT_EQ(sameBrowserHttp.post(handshake("again")).value().headers[http::field::set_cookie],
+              "");
+
+    // A browser's first visit: it opens a WebSocket while it handshakes over long-polling, both
+    // without a cookie. It keeps the id each answer sets, whichever lands last, so the session's
+    // next requests carry its id; the WebSocket that left without it is closed, not refused, and
+    // its frame goes again over one that carries it.
+    RawWebSocket early(port);
+    RawHttp poll(port);
+    const std::string visitor = open(poll);
+    // The two cookies have names of their own, so the browser keeps both.
+    const std::string cookies = poll.cookie() + "; " + cookiePair(early.setCookie());
+
+    EXPECT_TRUE(successful(RawHttp(port, cookies).call(subscribe(visitor, "s", "/first"), "s")));
+    EXPECT_FALSE(early.call(publish(visitor, "p", "/first", "1"), "p"));
+    EXPECT_TRUE(early.awaitClosed());
+    // Closed once only: a client that comes back without the cookie is refused, and handshakes.
+    EXPECT_EQ(error(RawWebSocket(port).call(publish(visitor, "q", "/first", "1"), "q")),
+              "402::Unknown client");
+    RawWebSocket later(port, cookies);
+    ASSERT_TRUE(later.send(connect(visitor, "c")));
+    EXPECT_TRUE(successful(later.call(publish(visitor, "p", "/first", "2"), "p")));
+    EXPECT_EQ(later.nextDelivery(), "/first 2");
 }
 
 }  // namespace

@@ -26,8 +26,10 @@ class OperatorRoutesTest : public EndpointTest {
 };
 
 // The routes are off unless asked for. Then /metrics and the figures count a known pattern of
-// traffic, and readiness follows the room left for sessions.
-TEST_F(OperatorRoutesTest, MetricsFiguresAndReadinessFollowAKnownTrafficPattern) {
+// traffic, and readiness follows the room left for sessions and the link to the cluster.
+TEST_F(OperatorRoutesTest, MetricsFiguresAndReadinessFollowAKnownTrafficPatternAndTheCluster) {
+    orvale::tools::NatsServers nats(1);
+    server = makeBayeuxServer(BayeuxServerOptions{1, {nats.url(0)}});
     start();
     for (const char* path : {"/metrics", "/healthz", "/readyz", "/status", "/status.json"})
         EXPECT_EQ(status(path), 404u) << path;
@@ -77,7 +79,8 @@ TEST_F(OperatorRoutesTest, MetricsFiguresAndReadinessFollowAKnownTrafficPattern)
         "orvale_refused_requests_total{code=\"403\"}": 1,
         "orvale_refused_requests_total{code=\"400\"}": 0,
         "orvale_delivery_latency_seconds_count": 1,
-        "orvale_delivery_latency_seconds_sum": [0, 3]})"),
+        "orvale_delivery_latency_seconds_sum": [0, 3],
+        "orvale_cluster_link_up": 1, "orvale_cluster_lost_messages_total": 0})"),
               "");
 
     const auto figures = RawHttp(port).post("", "/status.json", verb::get).value();
@@ -98,18 +101,10 @@ TEST_F(OperatorRoutesTest, MetricsFiguresAndReadinessFollowAKnownTrafficPattern)
     for (const char* external : {"src=", "href=", "http://", "https://", "@import"})
         EXPECT_EQ(page.body.find(external), std::string::npos) << external;
     RawWebSocket second(port);
-    ASSERT_FALSE(open(second).empty());
+    const std::string secondId = open(second);
     EXPECT_EQ(status("/readyz"), 503u);  // full
-    EXPECT_EQ(status("/healthz"), 200u);
-}
-
-TEST_F(OperatorRoutesTest, ReadinessAndLinkMetricsFollowTheCluster) {
-    orvale::tools::NatsServers nats(1);
-    server = makeBayeuxServer(BayeuxServerOptions{1, {nats.url(0)}});
-    start([](EndpointOptions& o) { o.operatorRoutes = true; });
+    ASSERT_TRUE(successful(second.call(meta("/meta/disconnect", secondId, "d"), "d")));
     EXPECT_EQ(status("/readyz"), 200u);
-    EXPECT_EQ(scrape(R"({"orvale_cluster_link_up": 1, "orvale_cluster_lost_messages_total": 0})"),
-              "");
     nats.kill(0);
     EXPECT_TRUE(waitUntil([&] { return status("/readyz") == 503; }, 5s));
     EXPECT_EQ(scrape(R"({"orvale_cluster_link_up": 0})"), "");
