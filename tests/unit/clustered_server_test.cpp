@@ -40,12 +40,48 @@ struct Member {
     std::shared_ptr<RecordingSession> session;
 };
 
-// Members hear each other's subscriptions. Two threads publish on each of four members at once,
-// all on channels that two patterns of every member match: each member's subscriber gets every
-// message once (no echo of its own), each thread's in order; /service channels stay home.
-TEST(ClusteredServer, MembersShareChannelsOnceInOrderUnderConcurrentPublishers) {
-    constexpr int kMembers = 4, kThreads = 2, kMessages = 200;
+// A member sends NATS only what another member's sessions want: nothing while it is alone, a
+// pattern's channels once another member subscribes to it, nothing once that one leaves.
+// Then members hear each other's subscriptions. Two threads publish on each of four members at
+// once, all on channels that two patterns of every member match: each member's subscriber gets
+// every message once (no echo of its own), each thread's in order; /service channels stay home.
+TEST(ClusteredServer, SendsOnlyWhatOthersWantAndMembersShareChannelsOnceInOrder) {
     orvale::tools::NatsServers nats(3);
+    auto join = [&] {
+        return std::make_shared<cluster::ClusteredServer>(
+            makeBayeuxServer(), nats.urls(0), cluster::MembershipTimings{100ms, 300ms, 1000ms});
+    };
+    auto a = join();
+    // How many of one publish on `channel` reached NATS, once that is `expected` or 3 s passed.
+    auto sent = [&](const std::string& channel, std::uint64_t expected) {
+        std::uint64_t sent = 0;
+        for (const auto end = std::chrono::steady_clock::now() + 3s;
+             std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(20ms)) {
+            const auto before = a->clusterStats()->published;
+            publish(*a, channel, "0");
+            if ((sent = a->clusterStats()->published - before) == expected)
+                break;
+        }
+        return sent;
+    };
+    EXPECT_EQ(sent("/x/1", 0), 0u);
+    auto b = join();
+    auto session = std::make_shared<RecordingSession>("b");
+    b->registerSession(session);
+    b->acceptSubscribe(std::make_shared<SubscribeRequest>("/x/*", "b"));
+    EXPECT_EQ(sent("/x/1", 1), 1u);
+    EXPECT_EQ(a->clusterStats()->members, 1u);
+    EXPECT_EQ(sent("/y", 0), 0u);
+    EXPECT_TRUE(waitUntil([&] { return session->count("/x/1") > 0; }));
+    b->acceptUnsubscribe(std::make_shared<UnsubscribeRequest>("/x/*", "b"));
+    EXPECT_EQ(sent("/x/1", 0), 0u);
+    b->acceptSubscribe(std::make_shared<SubscribeRequest>("/x/**", "b"));
+    EXPECT_EQ(sent("/x/1/2", 1), 1u);
+    b.reset();
+    EXPECT_EQ(sent("/x/1/2", 0), 0u);
+    EXPECT_EQ(a->clusterStats()->members, 0u);
+
+    constexpr int kMembers = 4, kThreads = 2, kMessages = 200;
     std::vector<std::unique_ptr<Member>> members;
     for (int m = 0; m < kMembers; ++m) {
         members.push_back(std::make_unique<Member>(nats, m % 3, "m" + std::to_string(m)));
@@ -99,45 +135,6 @@ TEST(ClusteredServer, MembersShareChannelsOnceInOrderUnderConcurrentPublishers) 
         EXPECT_EQ(stats.lost, 0u);
     }
     EXPECT_EQ(members[1]->session->count("/service/echo"), 0u);
-}
-
-// A member sends NATS only what another member's sessions want: nothing while it is alone, a
-// pattern's channels once another member subscribes to it, nothing once that one leaves.
-TEST(ClusteredServer, SendsOnlyWhatAnotherMemberWants) {
-    orvale::tools::NatsServers nats(1);
-    auto join = [&] {
-        return std::make_shared<cluster::ClusteredServer>(
-            makeBayeuxServer(), nats.urls(0), cluster::MembershipTimings{100ms, 300ms, 1000ms});
-    };
-    auto a = join();
-    // How many of one publish on `channel` reached NATS, once that is `expected` or 3 s passed.
-    auto sent = [&](const std::string& channel, std::uint64_t expected) {
-        std::uint64_t sent = 0;
-        for (const auto end = std::chrono::steady_clock::now() + 3s;
-             std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(20ms)) {
-            const auto before = a->clusterStats()->published;
-            publish(*a, channel, "0");
-            if ((sent = a->clusterStats()->published - before) == expected)
-                break;
-        }
-        return sent;
-    };
-    EXPECT_EQ(sent("/x/1", 0), 0u);
-    auto b = join();
-    auto session = std::make_shared<RecordingSession>("b");
-    b->registerSession(session);
-    b->acceptSubscribe(std::make_shared<SubscribeRequest>("/x/*", "b"));
-    EXPECT_EQ(sent("/x/1", 1), 1u);
-    EXPECT_EQ(a->clusterStats()->members, 1u);
-    EXPECT_EQ(sent("/y", 0), 0u);
-    EXPECT_TRUE(waitUntil([&] { return session->count("/x/1") > 0; }));
-    b->acceptUnsubscribe(std::make_shared<UnsubscribeRequest>("/x/*", "b"));
-    EXPECT_EQ(sent("/x/1", 0), 0u);
-    b->acceptSubscribe(std::make_shared<SubscribeRequest>("/x/**", "b"));
-    EXPECT_EQ(sent("/x/1/2", 1), 1u);
-    b.reset();
-    EXPECT_EQ(sent("/x/1/2", 0), 0u);
-    EXPECT_EQ(a->clusterStats()->members, 0u);
 }
 
 }  // namespace
