@@ -86,7 +86,7 @@ TEST_F(EndpointTest, WebSocketSessionsAndBurstsAreServedInOrderAndErrorRepliesNa
     id = open(ws);
     ASSERT_TRUE(successful(ws.call(subscribe(id, "2", "/orvale/burst"), "2")));
     ASSERT_TRUE(successful(ws.call(connect(id, "3", 0), "3")));
-    auto publisher = service("publisher");
+    auto publisher = services->createMessageService("publisher", {}).get();
     constexpr int count = 2000;
     for (int i = 0; i < count; ++i)
         publisher->publish("/burst", std::to_string(i));
@@ -227,8 +227,8 @@ TEST_F(EndpointTest, AFullQueueDropsItsOldestMessagesAndSaysHowMany) {
         {"by count", 5, 1 << 20, 8, {"15", "16", "17", "18", "19"}},
         {"by bytes", 10000, 256 * 1024, 64 * 1024, {"17", "18", "19"}},
     };
-    auto feeder = service("feeder");
-    auto watcher = service("watcher");
+    auto feeder = services->createMessageService("feeder", {}).get();
+    auto watcher = services->createMessageService("watcher", {}).get();
     std::atomic<bool> synced{false};
     auto sync = watcher->subscribe("/q/sync", [&](const JsonMessage&) { synced = true; }).get();
     for (const auto& c : cases) {
@@ -268,7 +268,7 @@ TEST_F(EndpointTest, AFullQueueDropsItsOldestMessagesAndSaysHowMany) {
 TEST_F(EndpointTest, ExpiredAndStoppedSessionsLoseTheirSubscriptions) {
     start([](EndpointOptions& o) { o.sessionTimeout = 300ms; });
     LogCapture log;
-    auto watcher = service("watcher");
+    auto watcher = services->createMessageService("watcher", {}).get();
     orvale::test::Inbox heard, published;  // subscriptions as "+/a" and "-/a", and publishes
     auto noted = [&heard](std::string sign) {
         return [&heard, sign](const auto& e) { heard.add(sign + e.getChannel()); };

@@ -24,7 +24,6 @@ namespace connector::bayeux::endpoint_test {
 
 using namespace std::chrono_literals;
 using message_service::JsonMessage;
-using message_service::MessageService;
 using orvale::test::LogCapture;
 using orvale::test::waitUntil;
 namespace json = boost::json;
@@ -296,16 +295,7 @@ inline std::string batch(const std::vector<std::string>& frames) {
     return out + "]";
 }
 
-// `count` handshakes with ids prefix0, prefix1, ... in one frame.
-inline std::string handshakes(int count, const std::string& prefix = "") {
-    std::vector<std::string> frames;
-    for (int i = 0; i < count; ++i)
-        frames.push_back(handshake(prefix + std::to_string(i)));
-    return batch(frames);
-}
-
-class EndpointTest : public ::testing::Test {
-  protected:
+struct EndpointTest : ::testing::Test {
     void start(const std::function<void(EndpointOptions&)>& change = nullptr) {
         EndpointOptions options;
         options.connectTimeout = 20s;
@@ -323,10 +313,6 @@ class EndpointTest : public ::testing::Test {
         auto reply = client.call(handshake("hs"), "hs");
         EXPECT_TRUE(successful(reply)) << "handshake refused: " << error(reply);
         return successful(reply) ? str(*reply, "clientId") : std::string();
-    }
-
-    std::shared_ptr<MessageService> service(const std::string& name) {
-        return services->createMessageService(name, {}).get();
     }
 
     // One delivery thread: what a session is handed follows publication order across sessions.

@@ -20,7 +20,12 @@ TEST_F(EndpointTest, FloodsLeaveRoomForOthersAndOnlyItsOwnerMayActForASession) {
         o.maxMessagesPerFrame = 30;
     });
     LogCapture log;
-    const std::string flood = handshakes(30, "h");
+    std::vector<std::string> hellos;  // h0 to h30
+    for (int i = 0; i <= 30; ++i)
+        hellos.push_back(handshake("h" + std::to_string(i)));
+    const std::string tooMany = batch(hellos);
+    hellos.pop_back();
+    const std::string flood = batch(hellos);
     // Each connection makes 16 sessions; the rest of its handshakes are refused for the cap.
     auto tally = [](const auto& replies) {
         std::map<std::string, int> count;
@@ -39,10 +44,10 @@ TEST_F(EndpointTest, FloodsLeaveRoomForOthersAndOnlyItsOwnerMayActForASession) {
     EXPECT_EQ(log.count("Refused handshakes over a connection that has 16 sessions already"), 2u);
 
     RawWebSocket over(port);
-    ASSERT_TRUE(over.send(handshakes(31)));
+    ASSERT_TRUE(over.send(tooMany));
     EXPECT_TRUE(over.awaitClosed());
     EXPECT_TRUE(over.inbox().empty());
-    EXPECT_EQ(http.post(handshakes(31)).value().status, 413u);
+    EXPECT_EQ(http.post(tooMany).value().status, 413u);
     EXPECT_EQ(log.count("Refused a frame of more than 30 messages"), 2u);
 
     RawWebSocket fresh(port);

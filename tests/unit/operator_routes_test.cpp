@@ -11,23 +11,18 @@ namespace {
 
 using http::verb;
 
-class OperatorRoutesTest : public EndpointTest {
-  protected:
-    unsigned status(const std::string& path, verb method = verb::get) {
-        const auto reply = RawHttp(port).post("", path, method);
-        return reply ? reply->status : 0;
-    }
-
-    // Runs the scraper against /metrics; empty when every expectation held, else its report.
-    std::string scrape(const std::string& expected) {
-        return orvale::test::scrapeMetrics("http://127.0.0.1:" + std::to_string(port) + "/metrics",
-                                           expected);
-    }
-};
-
 // The routes are off unless asked for. Then /metrics and the figures count a known pattern of
 // traffic, and readiness follows the room left for sessions and the link to the cluster.
-TEST_F(OperatorRoutesTest, MetricsFiguresAndReadinessFollowAKnownTrafficPatternAndTheCluster) {
+TEST_F(EndpointTest, OperatorRoutesFollowAKnownTrafficPatternAndTheCluster) {
+    auto status = [this](const std::string& path, verb method = verb::get) {
+        const auto reply = RawHttp(port).post("", path, method);
+        return reply ? reply->status : 0u;
+    };
+    // Runs the scraper against /metrics; empty when every expectation held, else its report.
+    auto scrape = [this](const std::string& expected) {
+        return orvale::test::scrapeMetrics("http://127.0.0.1:" + std::to_string(port) + "/metrics",
+                                           expected);
+    };
     orvale::tools::NatsServers nats(1);
     server = makeBayeuxServer(BayeuxServerOptions{1, {nats.url(0)}});
     start();

@@ -88,7 +88,7 @@ TEST_F(EndpointTest, IdleWebSocketsAreClosedThoughTheyPing) {
         o.maxOutputBytes = std::size_t{1} << 30;
     });
     LogCapture log;
-    auto feeder = service("feeder");
+    auto feeder = services->createMessageService("feeder", {}).get();
     const std::string big = quote(std::string(64 * 1024, 'x'));
 
     struct Case {
