@@ -70,7 +70,7 @@ Strings frames(std::initializer_list<const char*> channels) {
 }
 
 // Completion follows the queued messages, with or without inline pushes, and ends done().
-TEST(InboundPublisher, CompletesAfterTheQueuedMessagesAndResolvesDone) {
+TEST(InboundPublisher, CompletesAfterTheQueueAndDeliversPushesOnTheDeliveringThreadAtOnce) {
     for (const bool inline_ : {false, true}) {
         Worker worker(nullptr, inline_);
         auto done = worker.publisher->done();
@@ -93,6 +93,52 @@ TEST(InboundPublisher, CompletesAfterTheQueuedMessagesAndResolvesDone) {
         EXPECT_EQ(done.get(), inline_) << "completed after a clean close or not";
         EXPECT_FALSE(recorder->wrongThread.load());
     }
+
+    // Pushes made on the delivering thread deliver before push() returns, and signals sent back
+    // from inside a delivery never nest one delivery in another.
+    std::atomic<int> cancels{0};
+    Worker worker([&] { ++cancels; }, true);
+    // Asks for one message at a time from onNext, pushes one more from inside the first, and
+    // cancels at "/stop"; records the deepest nesting of its signals.
+    struct Reentrant : RecordingSubscriber {
+        Reentrant(Worker& worker, std::uint64_t demand, std::thread::id thread)
+            : RecordingSubscriber(demand, thread), worker(worker) {}
+        void onNext(MessagePtr&& message) override {
+            const int depth = ++depth_;
+            deepest = std::max(deepest.load(), depth);
+            const std::string channel = static_cast<BayeuxMessage&>(*message).bayeuxChannel();
+            RecordingSubscriber::onNext(std::move(message));
+            if (channel == "/a")
+                worker.push("/a2");
+            if (channel == "/stop")
+                subscription()->cancel();
+            else
+                subscription()->request(1);
+            --depth_;
+        }
+        Worker& worker;
+        std::atomic<int> depth_{0}, deepest{0};
+    };
+    auto recorder = worker.subscribe<Reentrant>(worker);
+    recorder->subscription()->request(1);
+    std::vector<std::size_t> seenAfterPush;
+    ASSERT_TRUE(worker.run([&] {
+        worker.push("/a");
+        seenAfterPush.push_back(recorder->count());
+        worker.push("/b");
+        seenAfterPush.push_back(recorder->count());
+    }));
+    EXPECT_EQ(seenAfterPush, (std::vector<std::size_t>{2, 3}));
+    EXPECT_EQ(recorder->received(), frames({"/a", "/a2", "/b"}));
+    EXPECT_EQ(recorder->deepest.load(), 1);
+
+    // A cancel from inside onNext drops what is pushed after it.
+    ASSERT_TRUE(worker.run([&] { worker.push("/stop", "/dropped"); }));
+    ASSERT_TRUE(worker.run([&] { worker.push("/late"); }));
+    EXPECT_EQ(recorder->received(), frames({"/a", "/a2", "/b", "/stop"}));
+    EXPECT_EQ(cancels.load(), 1);
+    EXPECT_TRUE(worker.publisher->done().get());
+    EXPECT_FALSE(recorder->wrongThread.load());
 }
 
 // Only what was requested is delivered, in order, until a cancel, which calls back once; a
@@ -146,55 +192,6 @@ TEST(InboundPublisher, DeliversWhatWasRequestedUntilCancelledToOneSubscriberThat
     worker.push("/a", "/b");
     ASSERT_TRUE(waitUntil([&] { return cancels.load() == 2; }));
     EXPECT_EQ(logs.count("Inbound subscriber threw: boom"), 1u);
-}
-
-// Pushes made on the delivering thread deliver before push() returns, and signals sent back from
-// inside a delivery never nest one delivery in another.
-TEST(InboundPublisher, PushOnTheDeliveringThreadDeliversAtOnce) {
-    std::atomic<int> cancels{0};
-    Worker worker([&] { ++cancels; }, true);
-
-    // Asks for one message at a time from onNext, pushes one more from inside the first, and
-    // cancels at "/stop"; records the deepest nesting of its signals.
-    struct Reentrant : RecordingSubscriber {
-        Reentrant(Worker& worker, std::uint64_t demand, std::thread::id thread)
-            : RecordingSubscriber(demand, thread), worker(worker) {}
-        void onNext(MessagePtr&& message) override {
-            const int depth = ++depth_;
-            deepest = std::max(deepest.load(), depth);
-            const std::string channel = static_cast<BayeuxMessage&>(*message).bayeuxChannel();
-            RecordingSubscriber::onNext(std::move(message));
-            if (channel == "/a")
-                worker.push("/a2");
-            if (channel == "/stop")
-                subscription()->cancel();
-            else
-                subscription()->request(1);
-            --depth_;
-        }
-        Worker& worker;
-        std::atomic<int> depth_{0}, deepest{0};
-    };
-    auto recorder = worker.subscribe<Reentrant>(worker);
-    recorder->subscription()->request(1);
-    std::vector<std::size_t> seenAfterPush;
-    ASSERT_TRUE(worker.run([&] {
-        worker.push("/a");
-        seenAfterPush.push_back(recorder->count());
-        worker.push("/b");
-        seenAfterPush.push_back(recorder->count());
-    }));
-    EXPECT_EQ(seenAfterPush, (std::vector<std::size_t>{2, 3}));
-    EXPECT_EQ(recorder->received(), frames({"/a", "/a2", "/b"}));
-    EXPECT_EQ(recorder->deepest.load(), 1);
-
-    // A cancel from inside onNext drops what is pushed after it.
-    ASSERT_TRUE(worker.run([&] { worker.push("/stop", "/dropped"); }));
-    ASSERT_TRUE(worker.run([&] { worker.push("/late"); }));
-    EXPECT_EQ(recorder->received(), frames({"/a", "/a2", "/b", "/stop"}));
-    EXPECT_EQ(cancels.load(), 1);
-    EXPECT_TRUE(worker.publisher->done().get());
-    EXPECT_FALSE(recorder->wrongThread.load());
 }
 
 }  // namespace
