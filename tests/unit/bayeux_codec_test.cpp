@@ -37,7 +37,7 @@ std::unique_ptr<BayeuxMessage> single(codec::Decoded decoded) {
 
 // Every message class with every common field set decodes to its class and encodes to the same
 // frame: requests through the client decoder, responses and deliveries through the server one.
-TEST(BayeuxCodec, EveryMessageAndEveryEscapedStringRoundTrips) {
+TEST(BayeuxCodec, EveryMessageAndEveryEscapedStringRoundTripsAndEmptyFieldsAreLeftOut) {
     std::vector<std::unique_ptr<BayeuxMessage>> requests, replies;
     requests.push_back(std::make_unique<HandshakeRequest>(
         "1.0", "1.0", std::vector<std::string>{"websocket", "long-polling"}));
@@ -102,9 +102,6 @@ TEST(BayeuxCodec, EveryMessageAndEveryEscapedStringRoundTrips) {
     std::string quoted;
     codec::appendQuoted(quoted, "q\"b\\s/n\nt\tr\rc\x01\x1f");
     EXPECT_EQ(quoted, R"("q\"b\\s/n\nt\tr\rc\u0001\u001f")");
-}
-
-TEST(BayeuxCodec, EncodingOmitsEmptyFieldsAndInsertsJsonTextAsItIs) {
     ConnectRequest connect("websocket");
     connect.setClientId("c1");
     EXPECT_EQ(encode(connect),

@@ -20,13 +20,15 @@
 namespace connector::bayeux::endpoint_test {
 namespace {
 
-TEST_F(EndpointTest, WebSocketSessionFromHandshakeToDisconnect) {
+// A WebSocket session from handshake to disconnect. Then deliveries and replies go out batched,
+// in order; a burst of garbage leaves others served; error replies name the problem.
+TEST_F(EndpointTest, WebSocketSessionsAndBurstsAreServedInOrderAndErrorRepliesNameTheProblem) {
     start();
-    RawWebSocket ws(port);
-    EXPECT_EQ(ws.server(), "orvale");
-    auto hello = ws.call(handshake("1"), "1");
+    RawWebSocket client(port);
+    EXPECT_EQ(client.server(), "orvale");
+    auto hello = client.call(handshake("1"), "1");
     ASSERT_TRUE(successful(hello)) << error(hello);
-    const std::string id = str(*hello, "clientId");
+    std::string id = str(*hello, "clientId");
     // 22 characters of [A-Za-z0-9]: 130 bits from a cryptographic generator.
     EXPECT_TRUE(std::regex_match(id, std::regex("[A-Za-z0-9]{22}"))) << id;
     EXPECT_EQ(str(*hello, "channel"), "/meta/handshake");
@@ -38,11 +40,11 @@ TEST_F(EndpointTest, WebSocketSessionFromHandshakeToDisconnect) {
     EXPECT_EQ(endpoint->sessionCount(), 1u);
 
     // A connect asking for no wait is answered at once; the next one is held.
-    auto first = ws.call(connect(id, "2", 0), "2");
+    auto first = client.call(connect(id, "2", 0), "2");
     ASSERT_TRUE(successful(first)) << error(first);
     EXPECT_EQ(str(*first, "clientId"), id);
     EXPECT_EQ(advice(first), retry);
-    ASSERT_TRUE(ws.send(connect(id, "3")));
+    ASSERT_TRUE(client.send(connect(id, "3")));
 
     // Deliveries keep publication order, so /chat/b's shows that neither "2", unsubscribed from,
     // nor "3" reached the subscriber: service channels are answered, never broadcast.
@@ -51,45 +53,40 @@ TEST_F(EndpointTest, WebSocketSessionFromHandshakeToDisconnect) {
     } steps[] = {
         {subscribe(id, "4", "/chat/a"), "/chat/a", ""},
         {publish(id, "5", "/chat/a", R"({"n":1})"), "", R"(/chat/a {"n":1})"},
-        {unsubscribe(id, "6", "/chat/a"), "/chat/a", ""},
+        {subscribe(id, "6", "/chat/a", "/meta/unsubscribe"), "/chat/a", ""},
         {publish(id, "7", "/chat/a", "2"), "", ""},
         {subscribe(id, "8", "/service/**"), "/service/**", ""},
         {publish(id, "9", "/service/x", "3"), "", ""},
         {subscribe(id, "10", "/chat/b"), "/chat/b", ""},
         {publish(id, "11", "/chat/b", "4"), "", "/chat/b 4"},
-        {disconnect(id, "12"), "", ""},
+        {meta("/meta/disconnect", id, "12"), "", ""},
     };
     for (const auto& step : steps) {
         SCOPED_TRACE(step.frame);
         const auto request = parseMessages(step.frame).at(0);
-        auto reply = ws.call(step.frame, str(request, "id"));
+        auto reply = client.call(step.frame, str(request, "id"));
         ASSERT_TRUE(successful(reply)) << error(reply);
         EXPECT_EQ(str(*reply, "channel"), str(request, "channel"));
         EXPECT_EQ(str(*reply, "subscription"), step.subscription);
         if (step.delivery.empty())
             continue;
-        auto delivered = ws.await(isDelivery);
+        auto delivered = client.await(isDelivery);
         EXPECT_EQ(delivery(delivered), step.delivery);
         // Subscribers never learn who published, nor the publisher's message ids.
         EXPECT_FALSE(delivered && (delivered->contains("clientId") || delivered->contains("id")));
     }
 
-    auto held = ws.await(withId("3"));
+    auto held = client.await(withId("3"));
     ASSERT_TRUE(successful(held)) << error(held);
     EXPECT_EQ(advice(held), R"({"reconnect":"none","interval":0})");
     EXPECT_EQ(endpoint->sessionCount(), 0u);
-    EXPECT_EQ(error(ws.call(connect(id, "13", 0), "13")), "402::Unknown client");
-}
+    EXPECT_EQ(error(client.call(connect(id, "13", 0), "13")), "402::Unknown client");
 
-// Deliveries and replies go out batched, in order; a burst of garbage leaves others served; error
-// replies name the problem.
-TEST_F(EndpointTest, BurstsAreBatchedAndErrorRepliesNameTheProblem) {
-    start();
     RawWebSocket ws(port);
-    const std::string id = open(ws);
+    id = open(ws);
     ASSERT_TRUE(successful(ws.call(subscribe(id, "2", "/orvale/burst"), "2")));
     ASSERT_TRUE(successful(ws.call(connect(id, "3", 0), "3")));
-    auto publisher = service("publisher");
+    auto publisher = services->createMessageService("publisher", {}).get();
     constexpr int count = 2000;
     for (int i = 0; i < count; ++i)
         publisher->publish("/burst", std::to_string(i));
@@ -134,7 +131,7 @@ TEST_F(EndpointTest, BurstsAreBatchedAndErrorRepliesNameTheProblem) {
         {subscribe(id, "e", "/meta/**"), "403:/meta/**:Forbidden channel"},
         {subscribe(id, "e", "/meta/connect"), "403:/meta/connect:Forbidden channel"},
         {subscribe(id, "e", "/a/*/b"), "405:/a/*/b:Invalid channel"},
-        {unsubscribe(id, "e", "a"), "405:a:Invalid channel"},
+        {subscribe(id, "e", "a", "/meta/unsubscribe"), "405:a:Invalid channel"},
     };
     for (const auto& [frame, expected] : refusals) {
         auto reply = ws.call(frame, "e");
@@ -162,8 +159,8 @@ TEST_F(EndpointTest, BurstsAreBatchedAndErrorRepliesNameTheProblem) {
     EXPECT_TRUE(anonymous400(bad.messages().at(0))) << bad.body;
 
     // What follows a disconnect in its frame is from an unknown client.
-    ASSERT_TRUE(ws.send(
-        batch({publish(id, "p1", "/a", "1"), disconnect(id, "d"), publish(id, "p2", "/a", "2")})));
+    ASSERT_TRUE(ws.send(batch({publish(id, "p1", "/a", "1"), meta("/meta/disconnect", id, "d"),
+                               publish(id, "p2", "/a", "2")})));
     EXPECT_TRUE(successful(ws.await(withId("p1"))));
     EXPECT_TRUE(successful(ws.await(withId("d"))));
     EXPECT_EQ(error(ws.await(withId("p2"))), "402::Unknown client");
@@ -215,7 +212,7 @@ TEST_F(EndpointTest, HandshakesConnectionsAndBodiesAreBounded) {
     EXPECT_TRUE(
         successful(RawHttp(port, cookiePair(ws.setCookie()))
                        .call(publish(made[1], "7", "/big", quote(std::string(100, 'x'))), "7")));
-    ASSERT_TRUE(successful(ws.call(disconnect(made[0], "d"), "d")));
+    ASSERT_TRUE(successful(ws.call(meta("/meta/disconnect", made[0], "d"), "d")));
     EXPECT_TRUE(successful(ws.call(handshake("8", key), "8")));
 }
 
@@ -230,8 +227,8 @@ TEST_F(EndpointTest, AFullQueueDropsItsOldestMessagesAndSaysHowMany) {
         {"by count", 5, 1 << 20, 8, {"15", "16", "17", "18", "19"}},
         {"by bytes", 10000, 256 * 1024, 64 * 1024, {"17", "18", "19"}},
     };
-    auto feeder = service("feeder");
-    auto watcher = service("watcher");
+    auto feeder = services->createMessageService("feeder", {}).get();
+    auto watcher = services->createMessageService("watcher", {}).get();
     std::atomic<bool> synced{false};
     auto sync = watcher->subscribe("/q/sync", [&](const JsonMessage&) { synced = true; }).get();
     for (const auto& c : cases) {
@@ -271,7 +268,7 @@ TEST_F(EndpointTest, AFullQueueDropsItsOldestMessagesAndSaysHowMany) {
 TEST_F(EndpointTest, ExpiredAndStoppedSessionsLoseTheirSubscriptions) {
     start([](EndpointOptions& o) { o.sessionTimeout = 300ms; });
     LogCapture log;
-    auto watcher = service("watcher");
+    auto watcher = services->createMessageService("watcher", {}).get();
     orvale::test::Inbox heard, published;  // subscriptions as "+/a" and "-/a", and publishes
     auto noted = [&heard](std::string sign) {
         return [&heard, sign](const auto& e) { heard.add(sign + e.getChannel()); };

@@ -11,7 +11,7 @@
 namespace connector::bayeux::endpoint {
 namespace {
 
-TEST(ChannelTallyTest, ThreadsRacingToClaimTheSameChannelsCountEachOnce) {
+TEST(ChannelTallyTest, CountsEachChannelOnceUnderRacesAndBoundsAFloodOfNames) {
     ChannelTally tally;
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
@@ -34,16 +34,14 @@ TEST(ChannelTallyTest, ThreadsRacingToClaimTheSameChannelsCountEachOnce) {
     }
     EXPECT_EQ(busiest.front().count, 1600u);
     EXPECT_EQ(total + tally.untracked(), 4u * 200 * 55);
-}
 
-TEST(ChannelTallyTest, AFloodOfNamesFillsTheTableAndNoMore) {
-    ChannelTally tally;
-    tally.count(std::string(ChannelTally::kLongestName + 1, 'x'));
+    ChannelTally flooded;
+    flooded.count(std::string(ChannelTally::kLongestName + 1, 'x'));
     for (int c = 0; c < 20000; ++c)
-        tally.count("/flood/" + std::to_string(c));
-    EXPECT_LE(tally.busiest(100000).size(), ChannelTally::kSlots);
-    EXPECT_EQ(tally.busiest(100000).size() + tally.untracked(), 20001u);
-    EXPECT_EQ(tally.busiest(3).size(), 3u);
+        flooded.count("/flood/" + std::to_string(c));
+    EXPECT_LE(flooded.busiest(100000).size(), ChannelTally::kSlots);
+    EXPECT_EQ(flooded.busiest(100000).size() + flooded.untracked(), 20001u);
+    EXPECT_EQ(flooded.busiest(3).size(), 3u);
 }
 
 }  // namespace

@@ -14,8 +14,7 @@ using connector::bayeux::detail::SessionRecord;
 
 using Retired = std::vector<std::unique_ptr<ChannelNode>>;
 
-class ChannelTreeTest : public ::testing::Test {
-  protected:
+struct ChannelTreeTest : ::testing::Test {
     SessionRecord& record(const std::string& id) {
         auto& slot = records_[id];
         if (!slot)

@@ -3,54 +3,19 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <map>
 #include <thread>
 
 #include "cluster/clustered_server.h"
 #include "connector/bayeux/server.h"
-#include "inbox.h"
 #include "log_capture.h"
 #include "nats_servers.h"
+#include "recording_session.h"
 
 namespace connector::bayeux {
 namespace {
 
 using namespace std::chrono_literals;
-
-// A session that records what its server delivers to it, as "channel data" or "+pattern by id".
-class Recorder final : public BayeuxSession {
-  public:
-    explicit Recorder(std::string id) : id_(std::move(id)) {}
-    std::shared_ptr<common::ContextState> getContext() override { return nullptr; }
-    std::string getId() override { return id_; }
-    void deliver(const std::shared_ptr<const UnsubscribeRequest>&) override {}
-    void deliver(const std::shared_ptr<const SubscribeRequest>& r) override {
-        events_.add("+" + r->getChannel() + " by " + r->getClientId());
-    }
-    void deliver(const std::vector<std::string>&,
-                 const std::shared_ptr<const PublishRequest>& r) override {
-        events_.add(r->getChannel() + " " + r->getJson());
-    }
-    // What arrived whose text starts with `prefix`, once `count` of them have or `bound` passed.
-    std::vector<std::string> await(const std::string& prefix, std::size_t count,
-                                   std::chrono::milliseconds bound = 5s) {
-        std::vector<std::string> out;
-        orvale::test::waitUntil(
-            [&] {
-                out.clear();
-                for (auto& event : events_.snapshot())
-                    if (event.rfind(prefix, 0) == 0)
-                        out.push_back(event);
-                return out.size() >= count;
-            },
-            bound);
-        return out;
-    }
-
-  private:
-    const std::string id_;
-    orvale::test::Inbox events_;
-};
+using orvale::test::waitUntil;
 
 void publish(BayeuxServer& server, const std::string& channel, const std::string& json,
              const std::string& clientId = "p") {
@@ -61,7 +26,8 @@ void publish(BayeuxServer& server, const std::string& channel, const std::string
 
 struct Member {
     Member(const orvale::tools::NatsServers& nats, int node, const std::string& id)
-        : server(makeBayeuxServer({1, nats.urls(node)})), session(std::make_shared<Recorder>(id)) {
+        : server(makeBayeuxServer({1, nats.urls(node)})),
+          session(std::make_shared<RecordingSession>(id)) {
         server->registerSession(session);
     }
     void subscribe(const std::string& pattern) {
@@ -71,72 +37,16 @@ struct Member {
         bayeux::publish(*server, channel, json, session->getId());
     }
     std::shared_ptr<BayeuxServer> server;
-    std::shared_ptr<Recorder> session;
+    std::shared_ptr<RecordingSession> session;
 };
-
-// Members hear each other's subscriptions. Two threads publish on each of four members at once,
-// all on channels that two patterns of every member match: each member's subscriber gets every
-// message once (no echo of its own), each thread's in order; /service channels stay home.
-TEST(ClusteredServer, MembersShareChannelsOnceInOrderUnderConcurrentPublishers) {
-    constexpr int kMembers = 4, kThreads = 2, kMessages = 200;
-    orvale::tools::NatsServers nats(3);
-    std::vector<std::unique_ptr<Member>> members;
-    for (int m = 0; m < kMembers; ++m) {
-        members.push_back(std::make_unique<Member>(nats, m % 3, "m" + std::to_string(m)));
-        members.back()->subscribe("/load/*");
-        members.back()->subscribe("/load/**");
-    }
-    for (int m = 0; m < kMembers; ++m) {
-        const std::string probe = "/load/probe" + std::to_string(m);
-        auto everyoneHas = [&] {
-            return std::all_of(members.begin(), members.end(), [&](auto& member) {
-                return !member->session->await(probe, 1, 0ms).empty();
-            });
-        };
-        for (int i = 0; i < 200 && !everyoneHas(); ++i, std::this_thread::sleep_for(25ms))
-            members[m]->publish(probe, "0");
-        ASSERT_TRUE(everyoneHas()) << probe;
-    }
-    // Interest crosses the NATS routes a moment after a subscription: m0's subscription events
-    // reach m3 once m3's interest in them has reached m0's node.
-    for (int i = 0; i < 200 && members[3]->session->await("+/warm", 1, 25ms).empty(); ++i)
-        members[0]->subscribe("/warm/" + std::to_string(i));
-    const auto heard = members[3]->session->await("+/warm", 1, 0ms);
-    ASSERT_FALSE(heard.empty());
-    EXPECT_EQ(heard[0].substr(heard[0].find(" by ")), " by m0");
-    members[1]->subscribe("/service/**");
-    members[0]->publish("/service/echo", "1");  // had it crossed, it would come before the rest
-    std::vector<std::thread> publishers;
-    for (int p = 0; p < kMembers * kThreads; ++p)
-        publishers.emplace_back([&, p] {
-            for (int n = 0; n < kMessages; ++n)
-                members[p / kThreads]->publish("/load/t" + std::to_string(p), std::to_string(n));
-        });
-    for (auto& publisher : publishers)
-        publisher.join();
-    constexpr std::size_t kAll = kMembers * kThreads * kMessages;
-    for (auto& member : members) {
-        const std::string id = member->session->getId();
-        const auto got = member->session->await("/load/t", kAll);
-        EXPECT_EQ(member->session->await("/load/t", kAll + 1, 100ms).size(), kAll) << id;
-        std::map<std::string, int> next;  // each publisher's next number
-        for (const auto& event : got) {
-            const auto space = event.find(' ');
-            ASSERT_EQ(std::stoi(event.substr(space + 1)), next[event.substr(0, space)]++) << id;
-        }
-        EXPECT_EQ(next.size(), std::size_t{kMembers * kThreads}) << id;
-        const auto stats = member->server->clusterStats().value();
-        EXPECT_TRUE(stats.connected);
-        EXPECT_GE(stats.published, std::uint64_t{kThreads * kMessages});
-        EXPECT_EQ(stats.lost, 0u);
-    }
-    EXPECT_TRUE(members[1]->session->await("/service/echo", 1, 0ms).empty());
-}
 
 // A member sends NATS only what another member's sessions want: nothing while it is alone, a
 // pattern's channels once another member subscribes to it, nothing once that one leaves.
-TEST(ClusteredServer, SendsOnlyWhatAnotherMemberWants) {
-    orvale::tools::NatsServers nats(1);
+// Then members hear each other's subscriptions. Two threads publish on each of four members at
+// once, all on channels that two patterns of every member match: each member's subscriber gets
+// every message once (no echo of its own), each thread's in order; /service channels stay home.
+TEST(ClusteredServer, SendsOnlyWhatOthersWantAndMembersShareChannelsOnceInOrder) {
+    orvale::tools::NatsServers nats(3);
     auto join = [&] {
         return std::make_shared<cluster::ClusteredServer>(
             makeBayeuxServer(), nats.urls(0), cluster::MembershipTimings{100ms, 300ms, 1000ms});
@@ -156,13 +66,13 @@ TEST(ClusteredServer, SendsOnlyWhatAnotherMemberWants) {
     };
     EXPECT_EQ(sent("/x/1", 0), 0u);
     auto b = join();
-    auto session = std::make_shared<Recorder>("b");
+    auto session = std::make_shared<RecordingSession>("b");
     b->registerSession(session);
     b->acceptSubscribe(std::make_shared<SubscribeRequest>("/x/*", "b"));
     EXPECT_EQ(sent("/x/1", 1), 1u);
     EXPECT_EQ(a->clusterStats()->members, 1u);
     EXPECT_EQ(sent("/y", 0), 0u);
-    EXPECT_FALSE(session->await("/x/1", 1).empty());
+    EXPECT_TRUE(waitUntil([&] { return session->count("/x/1") > 0; }));
     b->acceptUnsubscribe(std::make_shared<UnsubscribeRequest>("/x/*", "b"));
     EXPECT_EQ(sent("/x/1", 0), 0u);
     b->acceptSubscribe(std::make_shared<SubscribeRequest>("/x/**", "b"));
@@ -170,6 +80,61 @@ TEST(ClusteredServer, SendsOnlyWhatAnotherMemberWants) {
     b.reset();
     EXPECT_EQ(sent("/x/1/2", 0), 0u);
     EXPECT_EQ(a->clusterStats()->members, 0u);
+
+    constexpr int kMembers = 4, kThreads = 2, kMessages = 200;
+    std::vector<std::unique_ptr<Member>> members;
+    for (int m = 0; m < kMembers; ++m) {
+        members.push_back(std::make_unique<Member>(nats, m % 3, "m" + std::to_string(m)));
+        members.back()->subscribe("/load/*");
+        members.back()->subscribe("/load/**");
+    }
+    for (int m = 0; m < kMembers; ++m) {
+        const std::string probe = "/load/probe" + std::to_string(m);
+        auto everyoneHas = [&] {
+            return std::all_of(members.begin(), members.end(),
+                               [&](auto& member) { return member->session->count(probe) > 0; });
+        };
+        for (int i = 0; i < 200 && !everyoneHas(); ++i, std::this_thread::sleep_for(25ms))
+            members[m]->publish(probe, "0");
+        ASSERT_TRUE(everyoneHas()) << probe;
+    }
+    // Interest crosses the NATS routes a moment after a subscription: m0's subscription events
+    // reach m3 once m3's interest in them has reached m0's node.
+    bool warm = false;
+    for (int i = 0; i < 200 && !warm; ++i) {
+        members[0]->subscribe("/warm/" + std::to_string(i));
+        const std::string heard = "+m0 /warm/" + std::to_string(i);  // with its subscriber's id
+        warm = waitUntil([&] { return members[3]->session->announced.has(heard); }, 25ms);
+    }
+    ASSERT_TRUE(warm);
+    members[1]->subscribe("/service/**");
+    members[0]->publish("/service/echo", "1");  // had it crossed, it would come before the rest
+    std::vector<std::thread> publishers;
+    for (int p = 0; p < kMembers * kThreads; ++p)
+        publishers.emplace_back([&, p] {
+            for (int n = 0; n < kMessages; ++n)
+                members[p / kThreads]->publish("/load/t" + std::to_string(p), std::to_string(n));
+        });
+    for (auto& publisher : publishers)
+        publisher.join();
+    std::vector<std::string> numbers;  // what each publisher sent, in its order
+    for (int n = 0; n < kMessages; ++n)
+        numbers.push_back(std::to_string(n));
+    for (auto& member : members) {
+        const std::string id = member->session->getId();
+        for (int p = 0; p < kMembers * kThreads; ++p) {
+            const std::string channel = "/load/t" + std::to_string(p);
+            EXPECT_TRUE(waitUntil([&] { return member->session->count(channel) >= kMessages; }));
+            EXPECT_EQ(member->session->data(channel), numbers) << id << " " << channel;
+        }
+        const std::size_t all = member->session->count();
+        EXPECT_FALSE(waitUntil([&] { return member->session->count() > all; }, 100ms)) << id;
+        const auto stats = member->server->clusterStats().value();
+        EXPECT_TRUE(stats.connected);
+        EXPECT_GE(stats.published, std::uint64_t{kThreads * kMessages});
+        EXPECT_EQ(stats.lost, 0u);
+    }
+    EXPECT_EQ(members[1]->session->count("/service/echo"), 0u);
 }
 
 }  // namespace

@@ -36,23 +36,9 @@ connector::ServiceHandler echo(std::string name) {
 
 const Address kEcho("test/echo", "test/local");
 
-// Values keep their scope; a value of another type is not read as a string. Concurrent access
-// runs under the transport tests, which set the API key while the I/O thread reads it.
-TEST(ContextStateTest, KeepsValuesWithTheirScope) {
-    connector::common::ContextState state;
-    EXPECT_FALSE(state.get("key") || state.scopeOf("key") || state.getString("key"));
-    state.set("key", std::string("one"), ContextScope::Session);
-    EXPECT_EQ(state.getString("key"), "one");
-    EXPECT_EQ(state.scopeOf("key"), ContextScope::Session);
-    state.set("key", 42, ContextScope::Global);
-    EXPECT_FALSE(state.getString("key").has_value()) << "an int is not a string";
-    EXPECT_EQ(std::any_cast<int>(state.get("key").value_or(0)), 42);
-    EXPECT_EQ(state.scopeOf("key"), ContextScope::Global);
-}
-
 // The latest service registered at an address answers, and a handler runs without the registry's
 // lock: it may register and deliver from inside deliver, and registration may race delivery.
-TEST(ContextTest, DeliversToTheLatestServiceWhichMayRegisterAndDeliverItself) {
+TEST(ContextTest, DeliversToTheLatestServiceWhichMayRegisterAndDeliverItselfAndKeepsState) {
     auto context = std::make_shared<Context>();
     EXPECT_FALSE(context->hasService(kEcho));
     context->registerService(kEcho, echo("first"));
@@ -98,6 +84,18 @@ TEST(ContextTest, DeliversToTheLatestServiceWhichMayRegisterAndDeliverItself) {
     }
     registering.join();
     EXPECT_EQ(answered.load(), 1000);
+
+    // Values keep their scope; a value of another type is not read as a string. Concurrent access
+    // runs under the transport tests, which set the API key while the I/O thread reads it.
+    connector::common::ContextState state;
+    EXPECT_FALSE(state.get("key") || state.scopeOf("key") || state.getString("key"));
+    state.set("key", std::string("one"), ContextScope::Session);
+    EXPECT_EQ(state.getString("key"), "one");
+    EXPECT_EQ(state.scopeOf("key"), ContextScope::Session);
+    state.set("key", 42, ContextScope::Global);
+    EXPECT_FALSE(state.getString("key").has_value()) << "an int is not a string";
+    EXPECT_EQ(std::any_cast<int>(state.get("key").value_or(0)), 42);
+    EXPECT_EQ(state.scopeOf("key"), ContextScope::Global);
 }
 
 }  // namespace

@@ -26,7 +26,7 @@ void waitForSentinel(std::int64_t delayMs) {
 }
 
 // Each timer fires once, in deadline order, with its scheduled time; a throwing one is logged.
-TEST(DelayTest, TimersFireOnceInDeadlineOrderAlsoWhenManyThreadsScheduleAndCancel) {
+TEST(DelayTest, TimersFireOnceInDeadlineOrderAndCancelWaitsForARunningCallbackUnlessInsideIt) {
     orvale::test::LogCapture logs;
     auto failing = delay([](std::int64_t) { throw std::runtime_error("boom"); }, 0);
     std::mt19937 random(7);
@@ -77,11 +77,9 @@ TEST(DelayTest, TimersFireOnceInDeadlineOrderAlsoWhenManyThreadsScheduleAndCance
     EXPECT_EQ(firedKept.load(), kThreads * kPerThread / 2);
     EXPECT_EQ(cancelledOk.load(), kThreads * kPerThread / 2);
     EXPECT_EQ(firedCancelled.load(), 0);
-}
 
-// Cancelled or destroyed cancellers never fire; cancel() waits for a callback that already runs,
-// except from inside that callback.
-TEST(DelayTest, CancelStopsATimerAndWaitsForARunningCallbackButNotFromInsideIt) {
+    // Cancelled or destroyed cancellers never fire; cancel() waits for a callback that already
+    // runs, except from inside that callback.
     std::atomic<int> fired{0};
     auto cancelled = delay([&](std::int64_t) { ++fired; }, 20);
     EXPECT_TRUE(cancelled.cancel());
@@ -112,13 +110,13 @@ TEST(DelayTest, CancelStopsATimerAndWaitsForARunningCallbackButNotFromInsideIt) 
     EXPECT_TRUE(done.load());
 
     auto self = std::make_shared<TickManager::Canceller>();
-    std::mutex mutex;  // orders the assignment below before the callback reads it
+    std::mutex ordering;  // orders the assignment below before the callback reads it
     std::atomic<int> result{-1};
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        std::lock_guard<std::mutex> assigning(ordering);
         *self = delay(
             [&, self](std::int64_t) {
-                std::lock_guard<std::mutex> inner(mutex);
+                std::lock_guard<std::mutex> inner(ordering);
                 result = self->cancel();
             },
             0);

@@ -24,7 +24,6 @@ namespace connector::bayeux::endpoint_test {
 
 using namespace std::chrono_literals;
 using message_service::JsonMessage;
-using message_service::MessageService;
 using orvale::test::LogCapture;
 using orvale::test::waitUntil;
 namespace json = boost::json;
@@ -277,23 +276,15 @@ inline std::string connect(const std::string& clientId, const std::string& id, i
             (timeout >= 0 ? R"(,"advice":{"timeout":)" + std::to_string(timeout) + "}" : ""));
 }
 
+// A subscription, or with `on` "/meta/unsubscribe" its end.
 inline std::string subscribe(const std::string& clientId, const std::string& id,
                              const std::string& channel, const char* on = "/meta/subscribe") {
     return meta(on, clientId, id, ",\"subscription\":" + quote(channel));
 }
 
-inline std::string unsubscribe(const std::string& clientId, const std::string& id,
-                               const std::string& channel) {
-    return subscribe(clientId, id, channel, "/meta/unsubscribe");
-}
-
 inline std::string publish(const std::string& clientId, const std::string& id,
                            const std::string& channel, const std::string& data) {
     return meta(channel, clientId, id, ",\"data\":" + data);
-}
-
-inline std::string disconnect(const std::string& clientId, const std::string& id) {
-    return meta("/meta/disconnect", clientId, id);
 }
 
 // One frame holding the messages of single-message frames, in order.
@@ -304,21 +295,7 @@ inline std::string batch(const std::vector<std::string>& frames) {
     return out + "]";
 }
 
-// `count` handshakes with ids prefix0, prefix1, ... in one frame.
-inline std::string handshakes(int count, const std::string& prefix = "") {
-    std::vector<std::string> frames;
-    for (int i = 0; i < count; ++i)
-        frames.push_back(handshake(prefix + std::to_string(i)));
-    return batch(frames);
-}
-
-// `count` numbers in a frame: messages the hub cannot read, each earning an error reply.
-inline std::string unreadable(int count) {
-    return batch(std::vector<std::string>(count, "[1]"));
-}
-
-class EndpointTest : public ::testing::Test {
-  protected:
+struct EndpointTest : ::testing::Test {
     void start(const std::function<void(EndpointOptions&)>& change = nullptr) {
         EndpointOptions options;
         options.connectTimeout = 20s;
@@ -336,10 +313,6 @@ class EndpointTest : public ::testing::Test {
         auto reply = client.call(handshake("hs"), "hs");
         EXPECT_TRUE(successful(reply)) << "handshake refused: " << error(reply);
         return successful(reply) ? str(*reply, "clientId") : std::string();
-    }
-
-    std::shared_ptr<MessageService> service(const std::string& name) {
-        return services->createMessageService(name, {}).get();
     }
 
     // One delivery thread: what a session is handed follows publication order across sessions.

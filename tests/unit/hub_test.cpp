@@ -12,10 +12,55 @@
 namespace connector::bayeux::endpoint_test {
 namespace {
 
-// A client id is no key: a request for a session from anywhere but the WebSocket it was made on,
-// without its browser's cookie, is refused and leaves the session as it was.
-TEST_F(EndpointTest, OnlyItsOwnerMayActForASessionAndAFirstVisitMakesOne) {
-    start();
+// One connection's flood of handshakes is capped by the live sessions a connection may have, so
+// other clients still get in; a frame of more messages than allowed is refused whole.
+TEST_F(EndpointTest, FloodsLeaveRoomForOthersAndOnlyItsOwnerMayActForASession) {
+    start([](EndpointOptions& o) {
+        o.maxSessions = 40;
+        o.maxMessagesPerFrame = 30;
+    });
+    LogCapture log;
+    std::vector<std::string> hellos;  // h0 to h30
+    for (int i = 0; i <= 30; ++i)
+        hellos.push_back(handshake("h" + std::to_string(i)));
+    const std::string tooMany = batch(hellos);
+    hellos.pop_back();
+    const std::string flood = batch(hellos);
+    // Each connection makes 16 sessions; the rest of its handshakes are refused for the cap.
+    auto tally = [](const auto& replies) {
+        std::map<std::string, int> count;
+        for (const auto& reply : replies)
+            ++count[error(reply)];
+        return count;
+    };
+    const std::map<std::string, int> capped = {{"(succeeded)", 16},
+                                               {"503::Too many sessions on this connection", 14}};
+    RawWebSocket ws(port);
+    ASSERT_TRUE(ws.send(flood));
+    ASSERT_TRUE(ws.awaitCount(30));
+    EXPECT_EQ(tally(ws.inbox()), capped);
+    RawHttp http(port);
+    EXPECT_EQ(tally(http.post(flood).value().messages()), capped);
+    EXPECT_EQ(log.count("Refused handshakes over a connection that has 16 sessions already"), 2u);
+
+    RawWebSocket over(port);
+    ASSERT_TRUE(over.send(tooMany));
+    EXPECT_TRUE(over.awaitClosed());
+    EXPECT_TRUE(over.inbox().empty());
+    EXPECT_EQ(http.post(tooMany).value().status, 413u);
+    EXPECT_EQ(log.count("Refused a frame of more than 30 messages"), 2u);
+
+    RawWebSocket fresh(port);
+    open(fresh);
+    EXPECT_EQ(endpoint->sessionCount(), 33u);
+    // The cap counts live sessions: one ended, the connection may make one more.
+    const std::string first = str(*ws.await(withId("h0")), "clientId");
+    ASSERT_TRUE(successful(ws.call(meta("/meta/disconnect", first, "d"), "d")));
+    open(ws);
+    EXPECT_FALSE(successful(ws.call(handshake("again"), "again")));
+
+    // A client id is no key: a request for a session from anywhere but the WebSocket it was made
+    // on, without its browser's cookie, is refused and leaves the session as it was.
     RawWebSocket owner(port);
     const std::string id = open(owner);
     EXPECT_TRUE(std::regex_match(
@@ -45,9 +90,9 @@ TEST_F(EndpointTest, OnlyItsOwnerMayActForASessionAndAFirstVisitMakesOne) {
         {"POST with a forged cookie", via(forgedHttp)},
     };
     for (const auto& [how, send] : strangers)
-        for (const auto& frame :
-             {connect(id, "x", 0), subscribe(id, "x", "/more"), unsubscribe(id, "x", "/own"),
-              publish(id, "x", "/own", "0"), disconnect(id, "x")})
+        for (const auto& frame : {connect(id, "x", 0), subscribe(id, "x", "/more"),
+                                  subscribe(id, "x", "/own", "/meta/unsubscribe"),
+                                  publish(id, "x", "/own", "0"), meta("/meta/disconnect", id, "x")})
             EXPECT_EQ(error(send(frame)), "402::Unknown client") << how << ": " << frame;
 
     // Untouched: still subscribed to /own alone, receiving on its socket, its connect held.
@@ -55,7 +100,7 @@ TEST_F(EndpointTest, OnlyItsOwnerMayActForASessionAndAFirstVisitMakesOne) {
     ASSERT_TRUE(successful(owner.call(publish(id, "p2", "/own", "2"), "p2")));
     EXPECT_EQ(owner.nextDelivery(), "/own 2");
     EXPECT_FALSE(find(owner.inbox(), withId("held")));
-    EXPECT_EQ(endpoint->sessionCount(), 1u);
+    EXPECT_EQ(endpoint->sessionCount(), 34u) << "the 33 above and the owner's";
 
     // The owner's browser may drive it over new connections of either kind.
     RawHttp sameBrowserHttp(port, cookie);
@@ -90,49 +135,6 @@ TEST_F(EndpointTest, OnlyItsOwnerMayActForASessionAndAFirstVisitMakesOne) {
     ASSERT_TRUE(later.send(connect(visitor, "c")));
     EXPECT_TRUE(successful(later.call(publish(visitor, "p", "/first", "2"), "p")));
     EXPECT_EQ(later.nextDelivery(), "/first 2");
-}
-
-// One connection's flood of handshakes is capped by the live sessions a connection may have, so
-// other clients still get in; a frame of more messages than allowed is refused whole.
-TEST_F(EndpointTest, AHandshakeFloodFromOneConnectionLeavesRoomForOthers) {
-    start([](EndpointOptions& o) {
-        o.maxSessions = 40;
-        o.maxMessagesPerFrame = 30;
-    });
-    LogCapture log;
-    const std::string flood = handshakes(30, "h");
-    // Each connection makes 16 sessions; the rest of its handshakes are refused for the cap.
-    auto tally = [](const auto& replies) {
-        std::map<std::string, int> count;
-        for (const auto& reply : replies)
-            ++count[error(reply)];
-        return count;
-    };
-    const std::map<std::string, int> capped = {{"(succeeded)", 16},
-                                               {"503::Too many sessions on this connection", 14}};
-    RawWebSocket ws(port);
-    ASSERT_TRUE(ws.send(flood));
-    ASSERT_TRUE(ws.awaitCount(30));
-    EXPECT_EQ(tally(ws.inbox()), capped);
-    RawHttp http(port);
-    EXPECT_EQ(tally(http.post(flood).value().messages()), capped);
-    EXPECT_EQ(log.count("Refused handshakes over a connection that has 16 sessions already"), 2u);
-
-    RawWebSocket over(port);
-    ASSERT_TRUE(over.send(handshakes(31)));
-    EXPECT_TRUE(over.awaitClosed());
-    EXPECT_TRUE(over.inbox().empty());
-    EXPECT_EQ(http.post(handshakes(31)).value().status, 413u);
-    EXPECT_EQ(log.count("Refused a frame of more than 30 messages"), 2u);
-
-    RawWebSocket fresh(port);
-    open(fresh);
-    EXPECT_EQ(endpoint->sessionCount(), 33u);
-    // The cap counts live sessions: one ended, the connection may make one more.
-    const std::string first = str(*ws.await(withId("h0")), "clientId");
-    ASSERT_TRUE(successful(ws.call(disconnect(first, "d"), "d")));
-    open(ws);
-    EXPECT_FALSE(successful(ws.call(handshake("again"), "again")));
 }
 
 }  // namespace

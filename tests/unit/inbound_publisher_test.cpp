@@ -69,31 +69,8 @@ Strings frames(std::initializer_list<const char*> channels) {
     return out;
 }
 
-TEST(InboundPublisher, DeliversOnlyWhatWasRequestedInOrder) {
-    Worker worker;
-    worker.push("/a", "/b", "/c");
-    auto recorder = worker.subscribe();
-    recorder->subscription()->request(2);
-    ASSERT_TRUE(waitUntil([&] { return recorder->count() == 2; }));
-    worker.push("/d");
-    ASSERT_TRUE(worker.run());  // a round trip shows that no third message slipped out
-    EXPECT_EQ(recorder->received(), frames({"/a", "/b"}));
-
-    // Asked for on the worker, both add up before a delivery: they saturate, not wrap to 0.
-    ASSERT_TRUE(worker.run([&] {
-        recorder->subscription()->request(1);
-        recorder->subscription()->request(UINT64_MAX);
-    }));
-    ASSERT_TRUE(waitUntil([&] { return recorder->count() == 4; }));
-    // Pushed while the thread is busy: the second finds the first's delivery already posted.
-    ASSERT_TRUE(worker.run([&] { worker.push("/e", "/f"); }));
-    ASSERT_TRUE(waitUntil([&] { return recorder->count() == 6; }));
-    EXPECT_EQ(recorder->received(), frames({"/a", "/b", "/c", "/d", "/e", "/f"}));
-    EXPECT_FALSE(recorder->wrongThread.load());
-}
-
 // Completion follows the queued messages, with or without inline pushes, and ends done().
-TEST(InboundPublisher, CompletesAfterTheQueuedMessagesAndResolvesDone) {
+TEST(InboundPublisher, CompletesAfterTheQueueAndDeliversPushesOnTheDeliveringThreadAtOnce) {
     for (const bool inline_ : {false, true}) {
         Worker worker(nullptr, inline_);
         auto done = worker.publisher->done();
@@ -116,52 +93,11 @@ TEST(InboundPublisher, CompletesAfterTheQueuedMessagesAndResolvesDone) {
         EXPECT_EQ(done.get(), inline_) << "completed after a clean close or not";
         EXPECT_FALSE(recorder->wrongThread.load());
     }
-}
 
-// Cancel stops delivery and calls back once; a second subscriber is refused; a subscriber that
-// throws from onNext is cancelled, with an error line, and the thread lives on.
-TEST(InboundPublisher, CancelRefusalAndThrowingSubscribersEndTheirStreamOnly) {
-    orvale::test::LogCapture logs;
-    std::atomic<int> cancels{0};
-    {
-        Worker worker([&] { ++cancels; });
-        auto recorder = worker.subscribe();
-        auto second = std::make_shared<RecordingSubscriber>();
-        worker.publisher->subscribe(second);
-        EXPECT_EQ(second->errors.load(), 1);
-        EXPECT_NE(second->subscription(), nullptr);
-        EXPECT_THROW(worker.publisher->subscribe(nullptr), std::invalid_argument);
-        recorder->subscription()->request(1);
-        worker.push("/x");  // the first is served as before
-        ASSERT_TRUE(waitUntil([&] { return recorder->count() == 1; }));
-        recorder->cancel();
-        recorder->cancel();
-        EXPECT_EQ(cancels.load(), 1);
-        EXPECT_TRUE(worker.publisher->done().get());
-        worker.push("/dropped");
-        recorder->subscription()->request(10);
-        worker.publisher->complete(true);
-        ASSERT_TRUE(worker.run());
-        EXPECT_EQ(recorder->count() + second->count(), 1u);
-        EXPECT_EQ(recorder->completions.load(), 0);
-    }
-    struct Throwing : RecordingSubscriber {
-        using RecordingSubscriber::RecordingSubscriber;
-        void onNext(MessagePtr&&) override { throw std::runtime_error("boom"); }
-    };
-    Worker worker([&] { ++cancels; });
-    worker.subscribe<Throwing>()->subscription()->request(10);
-    worker.push("/a", "/b");
-    ASSERT_TRUE(waitUntil([&] { return cancels.load() == 2; }));
-    EXPECT_EQ(logs.count("Inbound subscriber threw: boom"), 1u);
-}
-
-// Pushes made on the delivering thread deliver before push() returns, and signals sent back from
-// inside a delivery never nest one delivery in another.
-TEST(InboundPublisher, PushOnTheDeliveringThreadDeliversAtOnce) {
+    // Pushes made on the delivering thread deliver before push() returns, and signals sent back
+    // from inside a delivery never nest one delivery in another.
     std::atomic<int> cancels{0};
     Worker worker([&] { ++cancels; }, true);
-
     // Asks for one message at a time from onNext, pushes one more from inside the first, and
     // cancels at "/stop"; records the deepest nesting of its signals.
     struct Reentrant : RecordingSubscriber {
@@ -203,6 +139,59 @@ TEST(InboundPublisher, PushOnTheDeliveringThreadDeliversAtOnce) {
     EXPECT_EQ(cancels.load(), 1);
     EXPECT_TRUE(worker.publisher->done().get());
     EXPECT_FALSE(recorder->wrongThread.load());
+}
+
+// Only what was requested is delivered, in order, until a cancel, which calls back once; a
+// second subscriber is refused; a subscriber that throws from onNext is cancelled, with an error
+// line, and the thread lives on.
+TEST(InboundPublisher, DeliversWhatWasRequestedUntilCancelledToOneSubscriberThatMayThrow) {
+    orvale::test::LogCapture logs;
+    std::atomic<int> cancels{0};
+    {
+        Worker worker([&] { ++cancels; });
+        worker.push("/a", "/b", "/c");
+        auto recorder = worker.subscribe();
+        auto second = std::make_shared<RecordingSubscriber>();
+        worker.publisher->subscribe(second);
+        EXPECT_EQ(second->errors.load(), 1);
+        EXPECT_NE(second->subscription(), nullptr);
+        EXPECT_THROW(worker.publisher->subscribe(nullptr), std::invalid_argument);
+        recorder->subscription()->request(2);  // the first is served as before
+        ASSERT_TRUE(waitUntil([&] { return recorder->count() == 2; }));
+        worker.push("/d");
+        ASSERT_TRUE(worker.run());  // a round trip shows that no third message slipped out
+        EXPECT_EQ(recorder->received(), frames({"/a", "/b"}));
+        // Asked for on the worker, both add up before a delivery: they saturate, not wrap to 0.
+        ASSERT_TRUE(worker.run([&] {
+            recorder->subscription()->request(1);
+            recorder->subscription()->request(UINT64_MAX);
+        }));
+        ASSERT_TRUE(waitUntil([&] { return recorder->count() == 4; }));
+        // Pushed while the thread is busy: the second finds the first's delivery already posted.
+        ASSERT_TRUE(worker.run([&] { worker.push("/e", "/f"); }));
+        ASSERT_TRUE(waitUntil([&] { return recorder->count() == 6; }));
+        EXPECT_EQ(recorder->received(), frames({"/a", "/b", "/c", "/d", "/e", "/f"}));
+        EXPECT_FALSE(recorder->wrongThread.load());
+        recorder->cancel();
+        recorder->cancel();
+        EXPECT_EQ(cancels.load(), 1);
+        EXPECT_TRUE(worker.publisher->done().get());
+        worker.push("/dropped");
+        recorder->subscription()->request(10);
+        worker.publisher->complete(true);
+        ASSERT_TRUE(worker.run());
+        EXPECT_EQ(recorder->count() + second->count(), 6u);
+        EXPECT_EQ(recorder->completions.load(), 0);
+    }
+    struct Throwing : RecordingSubscriber {
+        using RecordingSubscriber::RecordingSubscriber;
+        void onNext(MessagePtr&&) override { throw std::runtime_error("boom"); }
+    };
+    Worker worker([&] { ++cancels; });
+    worker.subscribe<Throwing>()->subscription()->request(10);
+    worker.push("/a", "/b");
+    ASSERT_TRUE(waitUntil([&] { return cancels.load() == 2; }));
+    EXPECT_EQ(logs.count("Inbound subscriber threw: boom"), 1u);
 }
 
 }  // namespace

@@ -21,7 +21,7 @@ std::vector<std::string> channels(const std::string& frame) {
 // What is queued during a write goes out in frames a server's limit accepts, once and in order; a
 // connect goes alone (a server answers a frame only once a held connect returns), and so does a
 // message too large to share a frame.
-TEST(WebSocketConnection, BatchesWhatIsQueuedDuringAWriteInBoundedFrames) {
+TEST(WebSocketConnection, BatchesInBoundedFramesAndDropsWhatItCannotDecodeOrClosesOnOneTooLarge) {
     TestServer server(/*readAtOnce=*/false);
     Client client(server);
     auto session = client.session;
@@ -60,6 +60,49 @@ TEST(WebSocketConnection, BatchesWhatIsQueuedDuringAWriteInBoundedFrames) {
     }
     EXPECT_EQ(seen, kBurst);
     EXPECT_EQ(channels(frames.back()), std::vector<std::string>{"/big2"});
+
+    // What cannot be decoded is logged and dropped, by frame or by element, and so are outbound
+    // messages that are not Bayeux messages; a frame past the limit closes the connection.
+    orvale::test::LogCapture logs;
+    WebSocketTransportOptions options;
+    options.maxFrameBytes = 1024;
+    Client limited(server, options);
+    auto peer = limited.session;
+    peer->startReading();
+    auto done = limited.inbound->done();
+
+    peer->send("this is not JSON");
+    peer->send(R"([{"channel":"/good","data":1},7,{"channel":"/meta/connect"}])");
+    peer->send(R"([{"channel":"/after","data":2}])");
+    ASSERT_TRUE(waitUntil([&] { return limited.collector->count() == 2; }));
+    EXPECT_EQ(limited.collector->received(),
+              (std::vector<std::string>{R"([{"channel":"/good","data":1}])",
+                                        R"([{"channel":"/after","data":2}])"}));
+    const auto lines = logs.find("Dropped what could not be decoded from " + server.url());
+    ASSERT_EQ(lines.size(), 3u);
+    for (const auto& line : lines) {
+        EXPECT_EQ(line.channel, "connector::bayeux::transport");
+        EXPECT_EQ(line.severity, 512);
+    }
+    EXPECT_NE(lines[0].message.find("invalid JSON"), std::string::npos);
+    EXPECT_NE(lines[1].message.find("message 1: not an object"), std::string::npos);
+    EXPECT_FALSE(limited.completed());
+
+    struct Foreign : Message {};
+    limited.send(std::make_unique<Foreign>());
+    limited.send(publish("/still/open"));
+    ASSERT_TRUE(waitUntil([&] { return peer->frames().size() == 1; }));
+    EXPECT_EQ(peer->frames()[0], R"([{"channel":"/still/open","data":1}])");
+    EXPECT_EQ(logs.count("Dropped an outbound"), 1u);
+
+    peer->send(R"([{"channel":"/big","data":")" + std::string(2048, 'x') + "\"}]");
+    ASSERT_TRUE(waitUntil([&] { return limited.completed() && peer->closed(); }));
+    EXPECT_EQ(limited.collector->count(), 2u);
+    EXPECT_EQ(peer->closeCode(), static_cast<int>(websocket::close_code::too_big));
+    EXPECT_EQ(logs.count("A frame from " + server.url() + " is larger than 1024 bytes"), 1u);
+    ASSERT_TRUE(done.waitFor(5s));
+    EXPECT_FALSE(done.get());
+    EXPECT_TRUE(waitUntil([&] { return limited.upstream->cancelled.load(); }));
 }
 
 // A fast stream goes out in frames of many messages, losing nothing, with write pacing or not; the
@@ -89,51 +132,6 @@ TEST(WebSocketConnection, AFastStreamLosesNothingAndItsLastFrameLeaves) {
         client.send(publish("/late", "1"));
         ASSERT_TRUE(waitUntil([&] { return received() == kStream + 1; })) << pacing;
     }
-}
-
-// What cannot be decoded is logged and dropped, by frame or by element, and so are outbound
-// messages that are not Bayeux messages; a frame past the limit closes the connection.
-TEST(WebSocketConnection, UndecodableFramesAreDroppedAndOneTooLargeClosesTheConnection) {
-    orvale::test::LogCapture logs;
-    TestServer server;
-    WebSocketTransportOptions options;
-    options.maxFrameBytes = 1024;
-    Client client(server, options);
-    auto session = client.session;
-    auto done = client.inbound->done();
-
-    session->send("this is not JSON");
-    session->send(R"([{"channel":"/good","data":1},7,{"channel":"/meta/connect"}])");
-    session->send(R"([{"channel":"/after","data":2}])");
-    ASSERT_TRUE(waitUntil([&] { return client.collector->count() == 2; }));
-    EXPECT_EQ(client.collector->received(),
-              (std::vector<std::string>{R"([{"channel":"/good","data":1}])",
-                                        R"([{"channel":"/after","data":2}])"}));
-    const auto lines = logs.find("Dropped what could not be decoded from " + server.url());
-    ASSERT_EQ(lines.size(), 3u);
-    for (const auto& line : lines) {
-        EXPECT_EQ(line.channel, "connector::bayeux::transport");
-        EXPECT_EQ(line.severity, 512);
-    }
-    EXPECT_NE(lines[0].message.find("invalid JSON"), std::string::npos);
-    EXPECT_NE(lines[1].message.find("message 1: not an object"), std::string::npos);
-    EXPECT_FALSE(client.completed());
-
-    struct Foreign : Message {};
-    client.send(std::make_unique<Foreign>());
-    client.send(publish("/still/open"));
-    ASSERT_TRUE(waitUntil([&] { return session->frames().size() == 1; }));
-    EXPECT_EQ(session->frames()[0], R"([{"channel":"/still/open","data":1}])");
-    EXPECT_EQ(logs.count("Dropped an outbound"), 1u);
-
-    session->send(R"([{"channel":"/big","data":")" + std::string(2048, 'x') + "\"}]");
-    ASSERT_TRUE(waitUntil([&] { return client.completed() && session->closed(); }));
-    EXPECT_EQ(client.collector->count(), 2u);
-    EXPECT_EQ(session->closeCode(), static_cast<int>(websocket::close_code::too_big));
-    EXPECT_EQ(logs.count("A frame from " + server.url() + " is larger than 1024 bytes"), 1u);
-    ASSERT_TRUE(done.waitFor(5s));
-    EXPECT_FALSE(done.get());
-    EXPECT_TRUE(waitUntil([&] { return client.upstream->cancelled.load(); }));
 }
 
 }  // namespace

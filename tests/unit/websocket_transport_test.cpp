@@ -12,7 +12,17 @@
 namespace connector::bayeux::transport_test {
 namespace {
 
-TEST(WebSocketTransport, ExchangesMessagesAsTheyCameAndHandshakesCarryTheApiKey) {
+std::size_t threadCount() {
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return std::distance(begin(tasks), end(tasks));
+}
+
+// Messages go both ways as they came, handshakes carrying the API key. Either side may end the
+// connection. The client: completing the outbound stream closes after
+// what is queued; cancelling the inbound stream closes at once and signals nothing more. The
+// server: closing or dying completes the inbound stream, after a reply sent before the close.
+// Releasing the streams or the context closes the connection too.
+TEST(WebSocketTransport, ExchangesMessagesAndEitherSideEndingTheConnectionEndsBothStreams) {
     TestServer server;
     Client client(server);
     auto session = client.session;
@@ -69,19 +79,7 @@ TEST(WebSocketTransport, ExchangesMessagesAsTheyCameAndHandshakesCarryTheApiKey)
     client.context->getState()->set("orvapikey", 42, ContextScope::Global);  // not a key
     client.send(handshake());
     EXPECT_EQ(extIn(5), "");
-}
 
-std::size_t threadCount() {
-    const std::filesystem::directory_iterator tasks("/proc/self/task");
-    return std::distance(begin(tasks), end(tasks));
-}
-
-// Either side may end the connection. The client: completing the outbound stream closes after
-// what is queued; cancelling the inbound stream closes at once and signals nothing more. The
-// server: closing or dying completes the inbound stream, after a reply sent before the close.
-// Releasing the streams or the context closes the connection too.
-TEST(WebSocketTransport, EitherSideEndingTheConnectionEndsBothStreams) {
-    TestServer server;
     // The service joins its I/O thread when its context goes; what the connection received
     // before is still handed to a subscriber that comes later, on that subscriber's own thread.
     const std::size_t before = threadCount();
@@ -90,13 +88,13 @@ TEST(WebSocketTransport, EitherSideEndingTheConnectionEndsBothStreams) {
     ASSERT_TRUE(future.waitFor(5s));
     auto response = future.get();
     auto& open = dynamic_cast<ConnectTransportResponse&>(*response);
-    auto session = server.nextSession();
-    ASSERT_TRUE(session);
+    auto served = server.nextSession();
+    ASSERT_TRUE(served);
     EXPECT_GT(threadCount(), before);
 
     auto closed = open.getOutbound()->done();
-    session->send(R"([{"channel":"/kept","data":1}])");
-    session->close();
+    served->send(R"([{"channel":"/kept","data":1}])");
+    served->close();
     ASSERT_TRUE(closed.waitFor(5s));  // the frame was read before the close
     context.reset();
     EXPECT_EQ(threadCount(), before);
