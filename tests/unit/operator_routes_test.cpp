@@ -23,6 +23,15 @@ TEST_F(EndpointTest, OperatorRoutesFollowAKnownTrafficPatternAndTheCluster) {
         return orvale::test::scrapeMetrics("http://127.0.0.1:" + std::to_string(port) + "/metrics",
                                            expected);
     };
+    // A hub outside any cluster is ready with room left and shows no cluster figures.
+    start([](EndpointOptions& o) { o.operatorRoutes = true; });
+    EXPECT_EQ(status("/readyz"), 200u);
+    auto body = [this](const char* path) {
+        return RawHttp(port).post("", path, verb::get).value().body;
+    };
+    EXPECT_EQ(body("/metrics").find("orvale_cluster"), std::string::npos);
+    EXPECT_TRUE(json::parse(body("/status.json")).at("cluster").is_null());
+    endpoint.reset();
     orvale::tools::NatsServers nats(1);
     server = makeBayeuxServer(BayeuxServerOptions{1, {nats.url(0)}});
     start();
