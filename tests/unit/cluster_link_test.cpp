@@ -76,6 +76,8 @@ TEST(ClusterWire, SubjectsMapChannelsBothWaysAndBatchesCarryEveryField) {
         "",
         "4:/a/*0:0:0:1:1",
         "7:/meta/x0:0:0:1:1",
+        "2:/a0:",
+        "2:/a0:0:",
         "2:/a0:0:0:",
         "2:/a0:0:0:2:1",
         "2:/a0:0:0:x:1",
