@@ -29,12 +29,14 @@ namespace websocket = beast::websocket;
 using namespace connector::bayeux;
 using tcp = asio::ip::tcp;
 
-// A Link that is never written to: the frames handled here hold no connects.
+// A Link that is never written to: the frames handled here hold no connects, and its server
+// is no cluster member.
 class NoLink final : public endpoint::Link {
   public:
     void deliveriesReady(std::shared_ptr<endpoint::RemoteSession>) override {}
     void connectReleased(std::shared_ptr<endpoint::RemoteSession>,
                          endpoint::ConnectRelease) override {}
+    void subscriptionsShared() override {}
 };
 
 std::string clientIdOf(const std::string& reply) {

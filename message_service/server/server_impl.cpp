@@ -134,8 +134,15 @@ Future<std::shared_ptr<Subscription>> MessageServiceServerImpl::subscribeWithCon
     auto request = std::make_shared<bayeux::SubscribeRequest>(std::move(full), id_);
     request->setContextState(context);
     bayeuxServer_->acceptSubscribe(std::move(request));
-    return makeReadyFuture<std::shared_ptr<Subscription>>(
-        std::make_shared<SubscriptionImpl2>(id, std::move(self), context));
+    std::shared_ptr<Subscription> subscription =
+        std::make_shared<SubscriptionImpl2>(id, std::move(self), context);
+    // A cluster member's subscription is made once the other members send its messages.
+    auto made = std::make_shared<Promise<std::shared_ptr<Subscription>>>();
+    auto future = made->getFuture();
+    if (!bayeuxServer_->whenSubscriptionsShared(
+            [made, subscription] { made->setValue(subscription); }))
+        made->setValue(std::move(subscription));
+    return future;
 }
 
 Future<CancelResult> MessageServiceServerImpl::unsubscribeId(

@@ -1,6 +1,7 @@
 #include "clustered_server.h"
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
 
 #include "connector/bayeux/channel.h"
@@ -23,6 +24,8 @@ const log::basic_diagnostic_logger<char> logger("connector::bayeux::cluster");
 // channel pattern ("/**" included) can match them.
 constexpr std::string_view kChannels = "orvale";
 const std::string kSubscriptions = "orvale_cluster.subscriptions";
+// A member's acknowledgements come on this subject, followed by its origin.
+constexpr std::string_view kAcknowledgements = "orvale_cluster.acknowledgements.";
 
 // A batch of publishes bound for the cluster, gathered on one thread (see acceptPublish).
 struct Gathered {
@@ -48,7 +51,10 @@ std::string_view field(std::string_view& rest) {
 
 ClusteredServer::ClusteredServer(std::shared_ptr<BayeuxServer> inner, std::vector<std::string> urls,
                                  MembershipTimings timings)
-    : inner_(std::move(inner)), timings_(timings), origin_(common::randomString(22)) {
+    : inner_(std::move(inner)),
+      timings_(timings),
+      origin_(common::randomString(22)),
+      acknowledgements_(std::string(kAcknowledgements) + origin_) {
     NatsLinkOptions options;
     options.urls = std::move(urls);
     // While the link is down, the others' news is lost: after it, doubt until they retold it.
@@ -64,6 +70,7 @@ ClusteredServer::ClusteredServer(std::shared_ptr<BayeuxServer> inner, std::vecto
                                            onMessage(subject, payload);
                                        });
     link_->addInterest(kSubscriptions);
+    link_->addInterest(acknowledgements_);
     others_.doubtUntil(Clock::now() + timings_.settle);
     tellPatterns('H');
     membership_ = std::thread([this] { keepMembership(); });
@@ -80,6 +87,15 @@ ClusteredServer::~ClusteredServer() {
     tell('Q', {});
     link_->flush(std::chrono::milliseconds(200));
     link_.reset();
+    // Nobody acknowledges anything now: whoever waits is answered.
+    answerWaiters(Clock::time_point::max());
+    std::vector<std::function<void()>> left;
+    {
+        common::MutexLock lock(stateMutex_);
+        left.swap(answers_);
+    }
+    for (auto& answer : left)
+        answer();
 }
 
 void ClusteredServer::registerSession(std::weak_ptr<BayeuxSession> session) {
@@ -206,10 +222,87 @@ bool ClusteredServer::Seen::first(std::uint64_t sequence) {
     return true;
 }
 
+bool ClusteredServer::whenSubscriptionsShared(std::function<void()> done) {
+    const std::uint64_t number = told_.load();
+    if (number == 0)
+        return false;
+    std::vector<std::string> members = others_.members(), pending;
+    common::MutexLock lock(sharedMutex_);
+    for (std::string& member : members) {
+        const auto it = acknowledged_.find(member);
+        if (it == acknowledged_.end() || it->second < number)
+            pending.push_back(std::move(member));
+    }
+    if (pending.empty())
+        return false;
+    waiters_.push_back(
+        Waiter{number, std::move(pending), Clock::now() + timings_.settle, std::move(done)});
+    return true;
+}
+
+void ClusteredServer::onAcknowledged(std::string_view member, std::uint64_t number) {
+    bool answered = false;
+    {
+        common::MutexLock lock(sharedMutex_);
+        auto it = acknowledged_.find(member);
+        if (it == acknowledged_.end())
+            it = acknowledged_.emplace(std::string(member), 0).first;
+        it->second = std::max(it->second, number);
+        for (Waiter& waiter : waiters_) {
+            if (waiter.number > number)
+                continue;
+            auto& pending = waiter.pending;
+            pending.erase(std::remove(pending.begin(), pending.end(), member), pending.end());
+            answered = answered || pending.empty();
+        }
+    }
+    if (answered)
+        answerWaiters(Clock::now());
+}
+
+void ClusteredServer::answerWaiters(Clock::time_point now) {
+    const std::vector<std::string> members = others_.members();
+    auto gone = [&](const std::string& member) {
+        return std::find(members.begin(), members.end(), member) == members.end();
+    };
+    std::vector<std::function<void()>> answers;
+    {
+        common::MutexLock lock(sharedMutex_);
+        for (auto it = acknowledged_.begin(); it != acknowledged_.end();)
+            it = gone(it->first) ? acknowledged_.erase(it) : std::next(it);
+        auto answered = [&](Waiter& waiter) {
+            auto& pending = waiter.pending;
+            pending.erase(std::remove_if(pending.begin(), pending.end(), gone), pending.end());
+            if (!pending.empty() && now < waiter.deadline)
+                return false;
+            if (!pending.empty())
+                logger.log(log::trace, "Answered a subscription that ", pending.size(),
+                           " members have not acknowledged");
+            answers.push_back(std::move(waiter.done));
+            return true;
+        };
+        waiters_.erase(std::remove_if(waiters_.begin(), waiters_.end(), answered), waiters_.end());
+    }
+    if (answers.empty())
+        return;
+    {
+        // Once the membership thread has stopped, they run here.
+        common::MutexLock lock(stateMutex_);
+        if (!stopping_) {
+            for (auto& answer : answers)
+                answers_.push_back(std::move(answer));
+            answers.clear();
+        }
+    }
+    wake_.notify_all();
+    for (auto& answer : answers)
+        answer();
+}
+
 std::optional<ClusterStats> ClusteredServer::clusterStats() const {
     const NatsLinkStats link = link_->stats();
     return ClusterStats{link.connected, link.published,  link.received,
-                        link.lost,      link.reconnects, others_.members()};
+                        link.lost,      link.reconnects, others_.members().size()};
 }
 
 void ClusteredServer::countInterest(const std::string& clientId, const std::string& pattern,
@@ -237,7 +330,12 @@ void ClusteredServer::countInterest(const std::string& clientId, const std::stri
         if (count++ > 0)
             return;
         link_->addInterest(*subject);
-        tell('I', pattern);
+        // Numbered for the others to acknowledge; told after the NATS subscription, which NATS
+        // then carries to the others' servers first.
+        std::string text = std::to_string(++told_);
+        text += '\n';
+        text += pattern;
+        tell('I', text);
         return;
     }
     if (count == 0 || --count > 0)
@@ -270,6 +368,9 @@ void ClusteredServer::tellPatterns(char kind) {
         part += pattern;
     }
     tell(kind, part);
+    // Whoever has the whole set acknowledges every subscription told so far.
+    if (const std::uint64_t number = told_.load())
+        tell('N', std::to_string(number));
 }
 
 void ClusteredServer::keepMembership() {
@@ -292,7 +393,16 @@ void ClusteredServer::keepMembership() {
         }
         others_.settle(now);
         others_.expire(now - timings_.expiry);
+        answerWaiters(now);
         lock.lock();
+        while (!answers_.empty()) {
+            std::vector<std::function<void()>> answers;
+            answers.swap(answers_);
+            lock.unlock();
+            for (auto& answer : answers)
+                answer();
+            lock.lock();
+        }
     }
 }
 
@@ -309,7 +419,11 @@ void ClusteredServer::onMembership(std::string_view origin, std::string_view res
             inner_->acceptUnsubscribe(
                 std::make_shared<UnsubscribeRequest>(std::move(channel), std::move(clientId)));
     } else if (kind == "I") {
+        const std::string_view number = field(rest);
         others_.add(origin, rest, now);
+        acknowledge(origin, number);
+    } else if (kind == "N") {
+        acknowledge(origin, rest);
     } else if (kind == "U") {
         others_.remove(origin, rest);
     } else if (kind == "H" || kind == "S" || kind == "T") {
@@ -325,6 +439,19 @@ void ClusteredServer::onMembership(std::string_view origin, std::string_view res
     }
 }
 
+void ClusteredServer::acknowledge(std::string_view origin, std::string_view number) {
+    // Origins are letters and digits; anything else names no subject of ours.
+    const bool named = !origin.empty() && std::all_of(origin.begin(), origin.end(), [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c));
+    });
+    if (!named)
+        return;
+    std::string acknowledgement = origin_;
+    acknowledgement += '\n';
+    acknowledgement += number;
+    link_->publish(std::string(kAcknowledgements).append(origin), acknowledgement, 0);
+}
+
 void ClusteredServer::onMessage(std::string_view subject, std::string_view payload) {
     std::string_view rest = payload;
     const std::string_view origin = field(rest);
@@ -336,6 +463,10 @@ void ClusteredServer::onMessage(std::string_view subject, std::string_view paylo
     std::uint64_t sequence = 0;
     if (std::from_chars(number.data(), number.data() + number.size(), sequence).ec != std::errc())
         return;
+    if (subject == acknowledgements_) {
+        onAcknowledged(origin, sequence);
+        return;
+    }
     {
         // One message matching two of this member's patterns arrives once through each.
         common::MutexLock lock(mutex_);

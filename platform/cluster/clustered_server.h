@@ -13,6 +13,11 @@
 //   only when another member may want it: a member alone costs nothing per publish.
 // - Publishes accepted together (a client's frame, under a DeferredWakes) on one channel go to
 //   NATS as one message, and are injected together on the other side.
+// - A member's first subscription to a pattern is numbered when it tells the others, and each
+//   of them acknowledges it once it will send that pattern's messages: whenSubscriptionsShared
+//   waits for those acknowledgements (or for `settle`, should a member not answer), so that a
+//   client answered after it misses nothing published anywhere after its answer. NATS keeps the
+//   order: a subscription reaches the other NATS servers before a message sent after it.
 // - Exactly once: NATS never echoes a member's publishes back; a message that reaches a member
 //   through several of its subscriptions (a channel matching two patterns) is injected once, by
 //   its publisher's sequence number. The publisher's threads number their messages before they
@@ -22,12 +27,14 @@
 // Thread safety: as any BayeuxServer. `interestMutex_` guards the interest counts and keeps
 // what the member tells the others about them in the order it changed (NATS subscriptions are
 // made and the news published under it; nats.c calls nothing of ours from either). `mutex_`
-// guards the sequence numbers seen. The inner server is called under neither; `stateMutex_`
-// guards only the membership thread's stop flag.
+// guards the sequence numbers seen, `sharedMutex_` the acknowledgements and those waiting for
+// them. The inner server is called under none of them; `stateMutex_` guards only the membership
+// thread's flags. Callbacks given to whenSubscriptionsShared run on the membership thread.
 
 #include <bitset>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -65,11 +72,21 @@ class ClusteredServer final : public BayeuxServer {
     void acceptSubscribe(std::shared_ptr<const SubscribeRequest> request) override;
     void acceptPublish(std::shared_ptr<const PublishRequest> request) override;
 
+    bool whenSubscriptionsShared(std::function<void()> done) override;
     std::optional<ClusterStats> clusterStats() const override;
 
   private:
+    using Clock = std::chrono::steady_clock;
+
     void onMessage(std::string_view subject, std::string_view payload);
     void onMembership(std::string_view origin, std::string_view rest);
+    // Tells `origin` that this member has heard its subscriptions up to `number`.
+    void acknowledge(std::string_view origin, std::string_view number);
+    // `member` will send the messages of the subscriptions told up to `number`.
+    void onAcknowledged(std::string_view member, std::uint64_t number);
+    // Hands the callbacks whose members all acknowledged, left or were waited for until `now`
+    // to the membership thread, or, once it has stopped, runs them.
+    void answerWaiters(Clock::time_point now) ORVALE_EXCLUDES(sharedMutex_);
     // Counts `pattern` for `clientId` up or down; the first session in makes the NATS
     // subscription and tells the others, the last one out drops it and tells them.
     void countInterest(const std::string& clientId, const std::string& pattern, bool add)
@@ -93,6 +110,10 @@ class ClusteredServer final : public BayeuxServer {
     MemberInterest others_;
     // Set when the link came back: the membership thread says hello again.
     std::atomic<bool> rejoined_{false};
+    // The subject others acknowledge this member's subscriptions on.
+    const std::string acknowledgements_;
+    // The number of the last first subscription told to the others.
+    std::atomic<std::uint64_t> told_{0};
 
     common::Mutex interestMutex_;
     // Sessions subscribed here, per pattern.
@@ -101,8 +122,22 @@ class ClusteredServer final : public BayeuxServer {
     std::unordered_map<std::string, std::multiset<std::string>> patternsOf_
         ORVALE_GUARDED_BY(interestMutex_);
 
+    common::Mutex sharedMutex_;
+    struct Waiter {
+        std::uint64_t number;              // the last subscription told when it began
+        std::vector<std::string> pending;  // the members that have not acknowledged it
+        Clock::time_point deadline;
+        std::function<void()> done;
+    };
+    std::vector<Waiter> waiters_ ORVALE_GUARDED_BY(sharedMutex_);
+    // The highest number each member acknowledged.
+    std::map<std::string, std::uint64_t, std::less<>> acknowledged_
+        ORVALE_GUARDED_BY(sharedMutex_);
+
     common::Mutex stateMutex_;
     bool stopping_ ORVALE_GUARDED_BY(stateMutex_) = false;
+    // Callbacks of whenSubscriptionsShared for the membership thread to run.
+    std::vector<std::function<void()>> answers_ ORVALE_GUARDED_BY(stateMutex_);
     std::condition_variable wake_;
     std::thread membership_;
 

@@ -106,9 +106,12 @@ void MemberInterest::expire(Clock::time_point before) {
     }
 }
 
-std::size_t MemberInterest::members() const {
+std::vector<std::string> MemberInterest::members() const {
+    std::vector<std::string> names;
     common::ReaderLock lock(mutex_);
-    return members_.size();
+    for (const auto& entry : members_)
+        names.push_back(entry.first);
+    return names;
 }
 
 MemberInterest::Member& MemberInterest::member(std::string_view name, Clock::time_point now) {

@@ -59,7 +59,8 @@ class MemberInterest {
     // Forgets the members last heard from before `before`.
     void expire(Clock::time_point before);
 
-    std::size_t members() const;
+    // The other members heard from lately.
+    std::vector<std::string> members() const;
 
   private:
     struct Member {

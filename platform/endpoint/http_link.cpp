@@ -2,7 +2,7 @@
 //
 // Everything here runs on the connection's I/O thread. One request is served at a time; a POST
 // whose /meta/connect is held waits, with its other replies, until the session releases it
-// through the Link. An upgrade hands the stream over to a WebSocket link. A response larger
+// through the Link, and one that subscribed waits until the cluster knows it. An upgrade hands the stream over to a WebSocket link. A response larger
 // than maxOutputBytes is not written: the connection is closed instead, as a WebSocket whose
 // output passes the bound is.
 //
@@ -85,6 +85,11 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
                     release = std::move(release)]() mutable {
                        self->onConnectReleased(session, release);
                    });
+    }
+
+    void subscriptionsShared() override {
+        asio::post(stream_.get_executor(),
+                   [self = this->shared_from_this()] { self->onSubscriptionsShared(); });
     }
 
   private:
@@ -177,15 +182,34 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
             setCookie_ = browserCookie(outcome.issuedBrowser, hub_->options().path, kSecure<Stream>,
                                        !allowed.empty());
         }
+        if (outcome.awaitingCluster) {
+            awaiting_.emplace(std::move(outcome), std::move(out));
+            return;
+        }
+        answerFrame(std::move(outcome), std::move(out));
+    }
+
+    void answerFrame(FrameOutcome outcome, FrameBuilder out) {
         if (outcome.heldSession) {
             heldSession_ = std::move(outcome.heldSession);
             heldToken_ = outcome.heldToken;
             heldReplies_ = std::move(out);
             beast::get_lowest_layer(stream_).expires_never();
+            // Released while the cluster was being waited for: answered now.
+            if (auto released = std::exchange(releasedWhileAwaiting_, std::nullopt))
+                onConnectReleased(released->first, released->second);
             return;
         }
         respond(outcome.unreadable ? http::status::bad_request : http::status::ok, out.close(),
                 "application/json;charset=UTF-8");
+    }
+
+    void onSubscriptionsShared() {
+        if (!awaiting_)
+            return;
+        auto [outcome, out] = std::move(*awaiting_);
+        awaiting_.reset();
+        answerFrame(std::move(outcome), std::move(out));
     }
 
     // The endpoint's path, or below it: some long-polling clients append the meta channel
@@ -201,6 +225,11 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
 
     void onConnectReleased(const std::shared_ptr<RemoteSession>& session,
                            const ConnectRelease& release) {
+        if (awaiting_ && session == awaiting_->first.heldSession &&
+            release.token == awaiting_->first.heldToken) {
+            releasedWhileAwaiting_.emplace(session, release);
+            return;
+        }
         if (session != heldSession_ || release.token != heldToken_)
             return;  // answered already, or a connect this connection no longer holds
         heldSession_.reset();
@@ -303,6 +332,11 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
     std::shared_ptr<RemoteSession> heldSession_;  // whose connect this request waits for
     std::uint64_t heldToken_ = 0;
     FrameBuilder heldReplies_;  // the other replies of the request being held
+    // A request whose replies wait until the cluster knows its subscriptions, and the release of
+    // its connect should that come first.
+    std::optional<std::pair<FrameOutcome, FrameBuilder>> awaiting_;
+    std::optional<std::pair<std::shared_ptr<RemoteSession>, ConnectRelease>>
+        releasedWhileAwaiting_;
 };
 
 template <class Stream>

@@ -150,6 +150,7 @@ FrameOutcome Hub::handleFrame(std::string_view frame, const std::shared_ptr<Link
     // The sender of the previous message: a frame's messages nearly always share one.
     std::shared_ptr<RemoteSession> session;
     FramePublishes publishes;
+    bool subscribed = false;
     for (auto& message : decoded.messages) {
         const Kind kind = message->kind();
         if (kind == Kind::HandshakeRequest) {
@@ -193,7 +194,7 @@ FrameOutcome Hub::handleFrame(std::string_view frame, const std::shared_ptr<Link
                 session.reset();  // what follows from this id is from an unknown client
                 break;
             case Kind::SubscribeRequest:
-                changeSubscription<SubscribeRequest, SubscribeResponse>(
+                subscribed |= changeSubscription<SubscribeRequest, SubscribeResponse>(
                     static_cast<const SubscribeRequest&>(*message), session, out);
                 break;
             case Kind::UnsubscribeRequest:
@@ -214,6 +215,11 @@ FrameOutcome Hub::handleFrame(std::string_view frame, const std::shared_ptr<Link
         gauges_->publishedMessages.fetch_add(publishes.accepted, std::memory_order_relaxed);
         countPublishes(publishes);
     }
+    // Answered once the whole cluster would deliver to the new subscriptions, as one server
+    // would as soon as it answers.
+    if (subscribed && link)
+        outcome.awaitingCluster =
+            server_->whenSubscriptionsShared([link] { link->subscriptionsShared(); });
     return outcome;
 }
 
@@ -379,18 +385,18 @@ void Hub::disconnect(const DisconnectRequest& request,
 }
 
 template <class Request, class Response>
-void Hub::changeSubscription(const Request& request, const std::shared_ptr<RemoteSession>& session,
+bool Hub::changeSubscription(const Request& request, const std::shared_ptr<RemoteSession>& session,
                              FrameBuilder& out) {
     const std::string& channel = request.getChannel();
     if (auto problem = channelProblem(ChannelName(channel), true)) {
         refuse(out, request, std::move(*problem));
-        return;
+        return false;
     }
     const auto change = std::is_same_v<Request, SubscribeRequest> ? session->subscribe(channel)
                                                                   : session->unsubscribe(channel);
     if (change == RemoteSession::Change::Closed) {
         refuseUnknownClient(out, request);
-        return;
+        return false;
     }
     if (change == RemoteSession::Change::Done) {
         session->runServerCalls(*server_);
@@ -399,6 +405,7 @@ void Hub::changeSubscription(const Request& request, const std::shared_ptr<Remot
     Response response(channel, session->id());
     response.setId(request.getId());
     appendMessage(out, response);
+    return change == RemoteSession::Change::Done;
 }
 
 void Hub::publish(std::unique_ptr<PublishRequest> request, FrameBuilder& out,

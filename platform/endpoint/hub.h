@@ -79,6 +79,9 @@ struct FrameOutcome {
     // A WebSocket that came without the browser's cookie named a session its browser made over
     // long-polling; the frame was left unanswered, for the link to close the connection.
     bool closeForCookie = false;
+    // The frame made a subscription the other members of the cluster do not know yet: the link
+    // holds its replies until its subscriptionsShared() is called.
+    bool awaitingCluster = false;
 };
 
 class Hub {
@@ -124,7 +127,8 @@ class Hub {
     void disconnect(const DisconnectRequest& request, const std::shared_ptr<RemoteSession>& session,
                     FrameBuilder& out);
     template <class Request, class Response>
-    void changeSubscription(const Request& request, const std::shared_ptr<RemoteSession>& session,
+    // True when the subscriptions changed.
+    bool changeSubscription(const Request& request, const std::shared_ptr<RemoteSession>& session,
                             FrameBuilder& out);
     // The publishes of one frame, counted once the frame is handled: a frame often carries many
     // on one channel, and the shared counters are then touched once, not once for each.

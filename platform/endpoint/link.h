@@ -1,6 +1,6 @@
 #pragma once
 // What a remote session sees of a client connection: somewhere to send its deliveries and the
-// answer to its held /meta/connect. Both calls only post work to the connection's I/O thread,
+// answer to its held /meta/connect. Its calls only post work to the connection's I/O thread,
 // so a session may make them while holding its own lock.
 
 #include <atomic>
@@ -43,6 +43,8 @@ class Link {
     // The connect the link is holding for `session` is to be answered now.
     virtual void connectReleased(std::shared_ptr<RemoteSession> session,
                                  ConnectRelease release) = 0;
+    // The cluster knows the subscriptions of the frame whose replies the link holds.
+    virtual void subscriptionsShared() = 0;
 };
 
 }  // namespace connector::bayeux::endpoint

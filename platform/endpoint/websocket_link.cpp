@@ -4,7 +4,8 @@
 // calls, which post. Frames are read one at a time; replies and deliveries collect in `out_`
 // and leave as one JSON array per write, so a busy socket batches whatever arrives meanwhile.
 // Reading pauses while too much output waits, so a client that sends faster than it reads is
-// held back by its own backlog.
+// held back by its own backlog, and while a frame's subscriptions are not yet known to the rest
+// of the cluster: its replies, and what follows them, wait until they are.
 //
 // With compression on, frames are inflated as they are read, the frame bound applying to the
 // inflated bytes, and deflated as they are written.
@@ -136,6 +137,11 @@ class WebSocketLink final : public Link,
                    });
     }
 
+    void subscriptionsShared() override {
+        asio::post(ws_.get_executor(),
+                   [self = this->shared_from_this()] { self->onSubscriptionsShared(); });
+    }
+
   private:
     void onAccepted(error_code ec) {
         upgrade_.reset();
@@ -192,13 +198,32 @@ class WebSocketLink final : public Link,
         readBuffer_.consume(readBuffer_.size());
         if (readBuffer_.capacity() > kKeptBuffer)
             readBuffer_.shrink_to_fit();
+        if (outcome.awaitingCluster) {
+            // Nothing is written or read until the cluster knows the frame's subscriptions.
+            awaitingCluster_ = true;
+            readPaused_ = true;
+            return;
+        }
         flush();
+        readOn();
+    }
+
+    void onSubscriptionsShared() {
+        awaitingCluster_ = false;
+        flush();
+        readOn();
+    }
+
+    // Reads the next frame unless too much output waits.
+    void readOn() {
         if (closed_)
             return;
-        if (writing_ && out_.bytes() > kHighWater)
+        if (writing_ && out_.bytes() > kHighWater) {
             readPaused_ = true;
-        else
+        } else {
+            readPaused_ = false;
             read();
+        }
     }
 
     void onDeliveriesReady(std::shared_ptr<RemoteSession> session) {
@@ -219,7 +244,7 @@ class WebSocketLink final : public Link,
     void flush() {
         if (closed_)
             return;
-        if (writing_)
+        if (writing_ || awaitingCluster_)
             return checkOutput();
         if (!ready_.empty()) {
             const std::shared_ptr<Link> link = self();
@@ -310,7 +335,7 @@ class WebSocketLink final : public Link,
             return;
         if (!writing_)
             out_.trim(kKeptBuffer);
-        if (readPaused_ && out_.bytes() <= kHighWater) {
+        if (readPaused_ && !awaitingCluster_ && out_.bytes() <= kHighWater) {
             readPaused_ = false;
             read();
         }
@@ -351,6 +376,7 @@ class WebSocketLink final : public Link,
     std::vector<std::shared_ptr<RemoteSession>> ready_;  // sessions whose deliveries wait
     bool writing_ = false;
     bool readPaused_ = false;
+    bool awaitingCluster_ = false;  // the last frame's replies wait for the cluster
     bool closed_ = false;
 };
 

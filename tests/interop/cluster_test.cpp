@@ -119,22 +119,16 @@ TEST(ClusterTest, PeersOnEveryMemberExchangeMessagesOnceInOrderAndOutliveDeadNod
             line.erase(0, line.rfind("/orvale/", 0) == 0 ? 7 : 0);
         return lines;
     };
-    // Subscriptions spread through the NATS routes in order, the ping channel's last: once each
-    // peer has a ping from each node, every node knows every peer's subscriptions.
-    auto pinged = [&] {
-        for (int node = 0; node < 3; ++node)
-            publish(*members[node], "/mesh/go", "{\"ping\":" + std::to_string(node) + "}");
-        std::this_thread::sleep_for(50ms);
-        for (const auto& peer : names)
-            for (int node = 0; node < 3; ++node) {
-                const auto lines = got(peer);
-                if (std::find(lines.begin(), lines.end(),
-                              "/mesh/go {\"ping\":" + std::to_string(node) + "}") == lines.end())
-                    return false;
-            }
-        return true;
+    // A subscription is answered once every member knows it: once each peer is subscribed, one
+    // message reaches them all.
+    auto ready = [&](const char* peer) {
+        const auto lines = peers.at(peer)->lines();
+        return std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
+            return text(parseLine(line), "event") == "ready";
+        });
     };
-    ASSERT_TRUE(waitUntil(pinged, 20s)) << peers["faye"]->errors() << peers["cometd"]->errors();
+    ASSERT_TRUE(waitUntil([&] { return ready("faye") && ready("cometd"); }, 20s))
+        << peers["faye"]->errors() << peers["cometd"]->errors();
     publish(*members[0], "/mesh/go",
             "{\"start\":[\"faye\",\"cometd\",\"client\",\"host\"],\"count\":" +
                 std::to_string(kCount) + "}");
@@ -153,6 +147,15 @@ TEST(ClusterTest, PeersOnEveryMemberExchangeMessagesOnceInOrderAndOutliveDeadNod
     }
     client.subscriptions.front()->unsubscribe();
     EXPECT_TRUE(waitUntil([&] { return heard.has("-/mesh/to/client"); }));
+    // Made, a subscription misses nothing published anywhere: a message published on another
+    // member at once reaches the client service through hub C, and the host's service.
+    for (auto* peer : {&client, &host}) {
+        const std::string channel = "/fresh/" + peer->name_;
+        auto subscription = peer->service_->subscribe(channel, heard.sink());
+        ASSERT_TRUE(subscription.waitFor(10s));
+        publish(*members[1], channel, "{}");
+        EXPECT_TRUE(waitUntil([&] { return heard.has(channel + " {}"); })) << channel;
+    }
 
     // A member on the third node ticks every 20 ms until one sent from now on reaches Faye's
     // client, within `bound`.

@@ -40,18 +40,27 @@ struct Member {
     std::shared_ptr<RecordingSession> session;
 };
 
+// Waits until `server` says the subscriptions it accepted are known to the whole cluster.
+bool shared(BayeuxServer& server) {
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    return !server.whenSubscriptionsShared([done] { *done = true; }) ||
+           waitUntil([&] { return done->load(); });
+}
+
 // A member sends NATS only what another member's sessions want: nothing while it is alone, a
 // pattern's channels once another member subscribes to it, nothing once that one leaves.
-// Then members hear each other's subscriptions. Two threads publish on each of four members at
-// once, all on channels that two patterns of every member match: each member's subscriber gets
-// every message once (no echo of its own), each thread's in order; /service channels stay home.
+// A subscription is shared once every member acknowledged it, or once one that never answers
+// has been waited for. Then members hear each other's subscriptions. Two threads publish on
+// each of four members at once, all on channels that two patterns of every member match: each
+// member's subscriber gets every message once (no echo of its own), each thread's in order;
+// /service channels stay home.
 TEST(ClusteredServer, SendsOnlyWhatOthersWantAndMembersShareChannelsOnceInOrder) {
     orvale::tools::NatsServers nats(3);
-    auto join = [&] {
+    auto join = [&](int node) {
         return std::make_shared<cluster::ClusteredServer>(
-            makeBayeuxServer(), nats.urls(0), cluster::MembershipTimings{100ms, 300ms, 1000ms});
+            makeBayeuxServer(), nats.urls(node), cluster::MembershipTimings{100ms, 300ms, 1000ms});
     };
-    auto a = join();
+    auto a = join(0);
     // How many of one publish on `channel` reached NATS, once that is `expected` or 3 s passed.
     auto sent = [&](const std::string& channel, std::uint64_t expected) {
         std::uint64_t sent = 0;
@@ -65,12 +74,32 @@ TEST(ClusteredServer, SendsOnlyWhatOthersWantAndMembersShareChannelsOnceInOrder)
         return sent;
     };
     EXPECT_EQ(sent("/x/1", 0), 0u);
-    auto b = join();
+    EXPECT_FALSE(a->whenSubscriptionsShared([] { ADD_FAILURE() << "nothing to share"; }));
+    auto b = join(1);
     auto session = std::make_shared<RecordingSession>("b");
     b->registerSession(session);
+    ASSERT_TRUE(waitUntil([&] { return b->clusterStats()->members == 1; }));
     b->acceptSubscribe(std::make_shared<SubscribeRequest>("/x/*", "b"));
-    EXPECT_EQ(sent("/x/1", 1), 1u);
+    // Once shared, a's very next message on it goes out, through another NATS server.
+    ASSERT_TRUE(shared(*b));
+    const auto before = a->clusterStats()->published;
+    publish(*a, "/x/1", "0");
+    EXPECT_EQ(a->clusterStats()->published - before, 1u);
     EXPECT_EQ(a->clusterStats()->members, 1u);
+    {
+        // A member that never acknowledges is waited for `settle` (100 ms here), not for ever.
+        cluster::NatsLinkOptions options;
+        options.urls = nats.urls(2);
+        cluster::NatsLink phantom(options, [](auto, auto) {});
+        phantom.publish("orvale_cluster.subscriptions", "phantom\nH\n", 0);
+        ASSERT_TRUE(waitUntil([&] { return b->clusterStats()->members == 2; }));
+        b->acceptSubscribe(std::make_shared<SubscribeRequest>("/x/phantom", "b"));
+        auto done = std::make_shared<std::atomic<bool>>(false);
+        ASSERT_TRUE(b->whenSubscriptionsShared([done] { *done = true; }));
+        EXPECT_FALSE(waitUntil([&] { return done->load(); }, 50ms));
+        EXPECT_TRUE(waitUntil([&] { return done->load(); }));
+        phantom.publish("orvale_cluster.subscriptions", "phantom\nQ\n", 0);
+    }
     EXPECT_EQ(sent("/y", 0), 0u);
     EXPECT_TRUE(waitUntil([&] { return session->count("/x/1") > 0; }));
     b->acceptUnsubscribe(std::make_shared<UnsubscribeRequest>("/x/*", "b"));

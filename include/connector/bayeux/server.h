@@ -12,6 +12,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -54,6 +55,16 @@ class BayeuxServer {
     virtual void acceptUnsubscribe(std::shared_ptr<const UnsubscribeRequest> request) = 0;
     virtual void acceptSubscribe(std::shared_ptr<const SubscribeRequest> request) = 0;
     virtual void acceptPublish(std::shared_ptr<const PublishRequest> request) = 0;
+    // Whether the subscriptions accepted so far may still be unknown where messages for them
+    // are published: a cluster member's others learn of a new one a moment later. When so, it
+    // returns true and calls `done` once they all know it, or once a member has been waited for
+    // too long; `done` runs on a thread of the server's, under none of its locks. A server alone
+    // returns false and never calls `done`. A client answered only after `done` misses none of
+    // the messages published after its answer, wherever they are published.
+    virtual bool whenSubscriptionsShared(std::function<void()> done) {
+        (void)done;
+        return false;
+    }
 };
 
 struct BayeuxServerOptions {
