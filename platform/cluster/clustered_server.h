@@ -34,8 +34,8 @@
 #include <bitset>
 #include <chrono>
 #include <condition_variable>
-#include <functional>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <set>
@@ -131,8 +131,7 @@ class ClusteredServer final : public BayeuxServer {
     };
     std::vector<Waiter> waiters_ ORVALE_GUARDED_BY(sharedMutex_);
     // The highest number each member acknowledged.
-    std::map<std::string, std::uint64_t, std::less<>> acknowledged_
-        ORVALE_GUARDED_BY(sharedMutex_);
+    std::map<std::string, std::uint64_t, std::less<>> acknowledged_ ORVALE_GUARDED_BY(sharedMutex_);
 
     common::Mutex stateMutex_;
     bool stopping_ ORVALE_GUARDED_BY(stateMutex_) = false;

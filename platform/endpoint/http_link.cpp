@@ -2,9 +2,9 @@
 //
 // Everything here runs on the connection's I/O thread. One request is served at a time; a POST
 // whose /meta/connect is held waits, with its other replies, until the session releases it
-// through the Link, and one that subscribed waits until the cluster knows it. An upgrade hands the stream over to a WebSocket link. A response larger
-// than maxOutputBytes is not written: the connection is closed instead, as a WebSocket whose
-// output passes the bound is.
+// through the Link, and one that subscribed waits until the cluster knows it. An upgrade hands the
+// stream over to a WebSocket link. A response larger than maxOutputBytes is not written: the
+// connection is closed instead, as a WebSocket whose output passes the bound is.
 //
 // Each request names its browser with its own cookies, whatever connection it comes over; a
 // handshake from a request without an id this hub issued sets BAYEUX_BROWSER in its answer.
@@ -335,8 +335,7 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
     // A request whose replies wait until the cluster knows its subscriptions, and the release of
     // its connect should that come first.
     std::optional<std::pair<FrameOutcome, FrameBuilder>> awaiting_;
-    std::optional<std::pair<std::shared_ptr<RemoteSession>, ConnectRelease>>
-        releasedWhileAwaiting_;
+    std::optional<std::pair<std::shared_ptr<RemoteSession>, ConnectRelease>> releasedWhileAwaiting_;
 };
 
 template <class Stream>

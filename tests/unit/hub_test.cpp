@@ -1,5 +1,6 @@
 // The hub's admission rules against raw clients: a session serves only the client that made it
-// (its WebSocket, or its browser's cookie), and no one connection crowds out the others.
+// (its WebSocket, or its browser's cookie), and no one connection crowds out the others. And in a
+// cluster, a subscription's answer waits until the other members know it.
 
 #include <gtest/gtest.h>
 
@@ -7,7 +8,10 @@
 #include <map>
 #include <regex>
 
+#include "cluster/clustered_server.h"
 #include "endpoint_clients.h"
+#include "nats_servers.h"
+#include "recording_session.h"
 
 namespace connector::bayeux::endpoint_test {
 namespace {
@@ -135,6 +139,53 @@ TEST_F(EndpointTest, FloodsLeaveRoomForOthersAndOnlyItsOwnerMayActForASession) {
     ASSERT_TRUE(later.send(connect(visitor, "c")));
     EXPECT_TRUE(successful(later.call(publish(visitor, "p", "/first", "2"), "p")));
     EXPECT_EQ(later.nextDelivery(), "/first 2");
+}
+
+// A member of a cluster with another that never acknowledges anything waits for it `settle`
+// (300 ms here) before it answers a frame that subscribes, over either transport, and the
+// frame's other replies and deliveries come with or after that answer, in order.
+TEST_F(EndpointTest, SubscriptionsAreAnsweredOnceTheClusterKnowsThem) {
+    orvale::tools::NatsServers nats(1);
+    server = std::make_shared<cluster::ClusteredServer>(
+        makeBayeuxServer(BayeuxServerOptions{1}), nats.urls(0),
+        cluster::MembershipTimings{300ms, 10s, 30s});
+    start();
+    cluster::NatsLinkOptions options;
+    options.urls = nats.urls(0);
+    cluster::NatsLink phantom(options, [](auto, auto) {});
+    phantom.publish("orvale_cluster.subscriptions", "phantom\nH\n", 0);
+    ASSERT_TRUE(waitUntil([&] { return server->clusterStats()->members == 1; }));
+    auto watcher = std::make_shared<RecordingSession>("watcher");
+    server->registerSession(watcher);
+
+    RawWebSocket ws(port);
+    const std::string id = open(ws);
+    ASSERT_TRUE(ws.send(connect(id, "c")));
+    auto began = Clock::now();
+    ASSERT_TRUE(ws.send(batch({subscribe(id, "s", "/a"), publish(id, "p", "/a", "1")})));
+    ASSERT_TRUE(ws.send(publish(id, "q", "/a", "2")));
+    ASSERT_TRUE(ws.awaitCount(6));
+    EXPECT_GE(Clock::now() - began, 300ms);
+    std::vector<std::string> order;
+    for (const auto& m : ws.inbox())
+        order.push_back(isDelivery(m) ? delivery(m) : str(m, "id"));
+    EXPECT_EQ(order, (std::vector<std::string>{"s", "p", "/a 1", "q", "/a 2"}));
+
+    // A long-polling connect sent with the subscription and released by a delivery meanwhile is
+    // answered, with the delivery, once the wait is over.
+    RawHttp poll(port);
+    const std::string lpId = open(poll);
+    began = Clock::now();
+    poll.start(batch({subscribe(lpId, "t", "/b"), connect(lpId, "c", -1, "long-polling")}));
+    ASSERT_TRUE(waitUntil([&] { return watcher->announced.has("+" + lpId + " /b"); }));
+    ASSERT_TRUE(ws.send(publish(id, "r", "/b", "3")));
+    const auto answer = poll.finish();
+    ASSERT_TRUE(answer) << "the held connect was never answered";
+    EXPECT_GE(Clock::now() - began, 300ms);
+    order.clear();
+    for (const auto& m : answer->messages())
+        order.push_back(isDelivery(m) ? delivery(m) : str(m, "id") + " " + error(m));
+    EXPECT_EQ(order, (std::vector<std::string>{"t (succeeded)", "/b 3", "c (succeeded)"}));
 }
 
 }  // namespace
