@@ -218,9 +218,32 @@ FrameOutcome Hub::handleFrame(std::string_view frame, const std::shared_ptr<Link
     // Answered once the whole cluster would deliver to the new subscriptions, as one server
     // would as soon as it answers.
     if (subscribed && link)
-        outcome.awaitingCluster =
-            server_->whenSubscriptionsShared([link] { link->subscriptionsShared(); });
+        outcome.awaitingCluster = awaitCluster(link);
     return outcome;
+}
+
+bool Hub::awaitCluster(const std::shared_ptr<Link>& link) {
+    ClusterWaits& waits = *clusterWaits_;
+    {
+        common::MutexLock lock(waits.mutex);
+        if (!waits.open)
+            return false;
+        waits.links[link.get()] = link;
+    }
+    const bool waiting =
+        server_->whenSubscriptionsShared([waits = clusterWaits_, key = link.get()] {
+            common::MutexLock lock(waits->mutex);
+            const auto it = waits->links.find(key);
+            if (it == waits->links.end())
+                return;
+            it->second->subscriptionsShared();
+            waits->links.erase(it);  // the wake the link posted holds it now
+        });
+    if (!waiting) {
+        common::MutexLock lock(waits.mutex);
+        waits.links.erase(link.get());
+    }
+    return waiting;
 }
 
 bool Hub::takeConnectionSession(const HandshakeRequest& request, const Sender& sender,
@@ -498,6 +521,13 @@ void Hub::shutdown() {
         common::WriterLock lock(mutex_);
         accepting_ = false;
         sessions.swap(sessions_);
+    }
+    // Their replies go nowhere now: the connections are let go, to close with the rest.
+    std::unordered_map<const Link*, std::shared_ptr<Link>> waiting;
+    {
+        common::MutexLock lock(clusterWaits_->mutex);
+        clusterWaits_->open = false;
+        waiting.swap(clusterWaits_->links);
     }
     for (const auto& entry : sessions) {
         RemoteSession::Ending ending;

@@ -126,8 +126,8 @@ class Hub {
                  FrameOutcome& outcome);
     void disconnect(const DisconnectRequest& request, const std::shared_ptr<RemoteSession>& session,
                     FrameBuilder& out);
-    template <class Request, class Response>
     // True when the subscriptions changed.
+    template <class Request, class Response>
     bool changeSubscription(const Request& request, const std::shared_ptr<RemoteSession>& session,
                             FrameBuilder& out);
     // The publishes of one frame, counted once the frame is handled: a frame often carries many
@@ -151,6 +151,10 @@ class Hub {
     void appendCounted(const std::vector<Delivery>& deliveries, FrameBuilder& out) const;
     // Counts one session more (or less) on each of `channels`.
     void countSubscriptions(const std::vector<std::string>& channels, bool added);
+
+    // Has the server wake `link` once the cluster knows the subscriptions its frame made; false
+    // when there is nothing to wait for.
+    bool awaitCluster(const std::shared_ptr<Link>& link);
 
     std::shared_ptr<RemoteSession> find(const std::string& id) const;
     void remove(const std::shared_ptr<RemoteSession>& session, std::string_view why,
@@ -176,6 +180,17 @@ class Hub {
     std::unordered_map<std::string, std::int64_t> subscribers_ ORVALE_GUARDED_BY(channelsMutex_);
     std::int64_t subscriptions_ ORVALE_GUARDED_BY(channelsMutex_) = 0;
     std::size_t channels_ ORVALE_GUARDED_BY(channelsMutex_) = 0;  // with a positive count
+
+    // The links whose frames wait for the cluster. They are kept here, not by the server's
+    // callback, so that shutdown lets them go while their I/O threads still run; a callback that
+    // comes later finds nothing to wake. A link is woken under `mutex` (the wake only posts), so
+    // none is woken once shutdown has passed it.
+    struct ClusterWaits {
+        common::Mutex mutex;
+        std::unordered_map<const Link*, std::shared_ptr<Link>> links ORVALE_GUARDED_BY(mutex);
+        bool open ORVALE_GUARDED_BY(mutex) = true;
+    };
+    const std::shared_ptr<ClusterWaits> clusterWaits_ = std::make_shared<ClusterWaits>();
 
     // When the queue lengths were last sampled; sweep() alone touches it.
     Clock::time_point lastSample_{};

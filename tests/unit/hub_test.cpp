@@ -143,7 +143,8 @@ TEST_F(EndpointTest, FloodsLeaveRoomForOthersAndOnlyItsOwnerMayActForASession) {
 
 // A member of a cluster with another that never acknowledges anything waits for it `settle`
 // (300 ms here) before it answers a frame that subscribes, over either transport, and the
-// frame's other replies and deliveries come with or after that answer, in order.
+// frame's other replies and deliveries come with or after that answer, in order; a hub stopped
+// meanwhile is not woken.
 TEST_F(EndpointTest, SubscriptionsAreAnsweredOnceTheClusterKnowsThem) {
     orvale::tools::NatsServers nats(1);
     server = std::make_shared<cluster::ClusteredServer>(
@@ -186,6 +187,14 @@ TEST_F(EndpointTest, SubscriptionsAreAnsweredOnceTheClusterKnowsThem) {
     for (const auto& m : answer->messages())
         order.push_back(isDelivery(m) ? delivery(m) : str(m, "id") + " " + error(m));
     EXPECT_EQ(order, (std::vector<std::string>{"t (succeeded)", "/b 3", "c (succeeded)"}));
+
+    // Stopped while a frame waits: when the wait ends, the connection is long gone.
+    ASSERT_TRUE(ws.send(subscribe(id, "u", "/c")));
+    ASSERT_TRUE(waitUntil([&] { return watcher->announced.has("+" + id + " /c"); }));
+    endpoint.reset();
+    auto over = std::make_shared<std::atomic<bool>>(false);  // comes after the frame's wait
+    ASSERT_TRUE(server->whenSubscriptionsShared([over] { *over = true; }));
+    EXPECT_TRUE(waitUntil([&] { return over->load(); }));
 }
 
 }  // namespace
