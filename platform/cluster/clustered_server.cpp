@@ -230,7 +230,7 @@ bool ClusteredServer::whenSubscriptionsShared(std::function<void()> done) {
     common::MutexLock lock(sharedMutex_);
     for (std::string& member : members) {
         const auto it = acknowledged_.find(member);
-        if (it == acknowledged_.end() || it->second < number)
+        if ((it == acknowledged_.end() || it->second < number) && silent_.count(member) == 0)
             pending.push_back(std::move(member));
     }
     if (pending.empty())
@@ -248,6 +248,8 @@ void ClusteredServer::onAcknowledged(std::string_view member, std::uint64_t numb
         if (it == acknowledged_.end())
             it = acknowledged_.emplace(std::string(member), 0).first;
         it->second = std::max(it->second, number);
+        if (const auto quiet = silent_.find(member); quiet != silent_.end())
+            silent_.erase(quiet);
         for (Waiter& waiter : waiters_) {
             if (waiter.number > number)
                 continue;
@@ -270,14 +272,22 @@ void ClusteredServer::answerWaiters(Clock::time_point now) {
         common::MutexLock lock(sharedMutex_);
         for (auto it = acknowledged_.begin(); it != acknowledged_.end();)
             it = gone(it->first) ? acknowledged_.erase(it) : std::next(it);
+        for (auto it = silent_.begin(); it != silent_.end();)
+            it = gone(*it) ? silent_.erase(it) : std::next(it);
+        auto& silent = silent_;
         auto answered = [&](Waiter& waiter) {
             auto& pending = waiter.pending;
             pending.erase(std::remove_if(pending.begin(), pending.end(), gone), pending.end());
             if (!pending.empty() && now < waiter.deadline)
                 return false;
-            if (!pending.empty())
-                logger.log(log::trace, "Answered a subscription that ", pending.size(),
-                           " members have not acknowledged");
+            // Not waited for again until they answer: a member that died costs one wait, not
+            // one for each subscription until it is forgotten.
+            for (auto& member : pending)
+                if (silent.insert(std::move(member)).second)
+                    logger.log(log::warning,
+                               "A member of the cluster did not acknowledge a "
+                               "subscription within ",
+                               timings_.settle.count(), " ms");
             answers.push_back(std::move(waiter.done));
             return true;
         };

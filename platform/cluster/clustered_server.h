@@ -15,9 +15,10 @@
 //   NATS as one message, and are injected together on the other side.
 // - A member's first subscription to a pattern is numbered when it tells the others, and each
 //   of them acknowledges it once it will send that pattern's messages: whenSubscriptionsShared
-//   waits for those acknowledgements (or for `settle`, should a member not answer), so that a
-//   client answered after it misses nothing published anywhere after its answer. NATS keeps the
-//   order: a subscription reaches the other NATS servers before a message sent after it.
+//   waits for those acknowledgements (or for `settle`, should a member not answer; such a member
+//   is not waited for again until it answers), so that a client answered after it misses
+//   nothing published anywhere after its answer. NATS keeps the order: a subscription reaches
+//   the other NATS servers before a message sent after it.
 // - Exactly once: NATS never echoes a member's publishes back; a message that reaches a member
 //   through several of its subscriptions (a channel matching two patterns) is injected once, by
 //   its publisher's sequence number. The publisher's threads number their messages before they
@@ -132,6 +133,8 @@ class ClusteredServer final : public BayeuxServer {
     std::vector<Waiter> waiters_ ORVALE_GUARDED_BY(sharedMutex_);
     // The highest number each member acknowledged.
     std::map<std::string, std::uint64_t, std::less<>> acknowledged_ ORVALE_GUARDED_BY(sharedMutex_);
+    // Members that let a wait run out, not waited for until they acknowledge something again.
+    std::set<std::string, std::less<>> silent_ ORVALE_GUARDED_BY(sharedMutex_);
 
     common::Mutex stateMutex_;
     bool stopping_ ORVALE_GUARDED_BY(stateMutex_) = false;

@@ -87,7 +87,9 @@ TEST(ClusteredServer, SendsOnlyWhatOthersWantAndMembersShareChannelsOnceInOrder)
     EXPECT_EQ(a->clusterStats()->published - before, 1u);
     EXPECT_EQ(a->clusterStats()->members, 1u);
     {
-        // A member that never acknowledges is waited for `settle` (100 ms here), not for ever.
+        // A member that never acknowledges is waited for `settle` (100 ms here), not for ever,
+        // and then no longer, until it answers.
+        orvale::test::LogCapture log;
         cluster::NatsLinkOptions options;
         options.urls = nats.urls(2);
         cluster::NatsLink phantom(options, [](auto, auto) {});
@@ -98,6 +100,12 @@ TEST(ClusteredServer, SendsOnlyWhatOthersWantAndMembersShareChannelsOnceInOrder)
         ASSERT_TRUE(b->whenSubscriptionsShared([done] { *done = true; }));
         EXPECT_FALSE(waitUntil([&] { return done->load(); }, 50ms));
         EXPECT_TRUE(waitUntil([&] { return done->load(); }));
+        EXPECT_EQ(log.count("A member of the cluster did not acknowledge a subscription within "
+                            "100 ms"),
+                  1u);
+        b->acceptSubscribe(std::make_shared<SubscribeRequest>("/x/phantom/2", "b"));
+        ASSERT_TRUE(shared(*b));
+        EXPECT_FALSE(b->whenSubscriptionsShared([] {}));
         phantom.publish("orvale_cluster.subscriptions", "phantom\nQ\n", 0);
     }
     EXPECT_EQ(sent("/y", 0), 0u);
