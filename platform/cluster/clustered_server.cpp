@@ -274,24 +274,25 @@ void ClusteredServer::answerWaiters(Clock::time_point now) {
             it = gone(it->first) ? acknowledged_.erase(it) : std::next(it);
         for (auto it = silent_.begin(); it != silent_.end();)
             it = gone(*it) ? silent_.erase(it) : std::next(it);
-        auto& silent = silent_;
-        auto answered = [&](Waiter& waiter) {
-            auto& pending = waiter.pending;
+        for (auto waiter = waiters_.begin(); waiter != waiters_.end();) {
+            auto& pending = waiter->pending;
             pending.erase(std::remove_if(pending.begin(), pending.end(), gone), pending.end());
-            if (!pending.empty() && now < waiter.deadline)
-                return false;
+            if (!pending.empty() && now < waiter->deadline) {
+                ++waiter;
+                continue;
+            }
             // Not waited for again until they answer: a member that died costs one wait, not
-            // one for each subscription until it is forgotten.
+            // one for each subscription until it is forgotten. (At the end, nobody is late.)
+            if (now == Clock::time_point::max())
+                pending.clear();
             for (auto& member : pending)
-                if (silent.insert(std::move(member)).second)
+                if (silent_.insert(std::move(member)).second)
                     logger.log(log::warning,
-                               "A member of the cluster did not acknowledge a "
-                               "subscription within ",
+                               "A member of the cluster did not acknowledge a subscription within ",
                                timings_.settle.count(), " ms");
-            answers.push_back(std::move(waiter.done));
-            return true;
-        };
-        waiters_.erase(std::remove_if(waiters_.begin(), waiters_.end(), answered), waiters_.end());
+            answers.push_back(std::move(waiter->done));
+            waiter = waiters_.erase(waiter);
+        }
     }
     if (answers.empty())
         return;
