@@ -166,9 +166,8 @@ TEST_F(EndpointTest, WebSocketSessionsAndBurstsAreServedInOrderAndErrorRepliesNa
     EXPECT_EQ(error(ws.await(withId("p2"))), "402::Unknown client");
 }
 
-// An API key, then the session cap, refuse handshakes, and the refused get no client id;
-// connections beyond the cap are closed on arrival; an HTTP body over the message bound is refused
-// and its connection closed.
+// The API key and the session cap refuse handshakes (with no client id), connections beyond the
+// cap are closed on arrival, and an HTTP body over the message bound is refused and closed.
 TEST_F(EndpointTest, HandshakesConnectionsAndBodiesAreBounded) {
     start([](EndpointOptions& o) {
         o.apiKey = "s3cret";

@@ -126,20 +126,19 @@ TEST(LongPollingTransport, HeldConnectTakesItsOwnConnectionAndTheOthersBatchBesi
     EXPECT_EQ(requests[2].first, 0);
 }
 
-TEST(LongPollingTransport, RequestThatFindsAnIdleConnectionClosedGoesOnceMoreOnANewOne) {
-    HttpServer server([](const std::string&) {
+// A request finding its idle connection closed retries on a new one; a non-Bayeux answer ends it.
+TEST(LongPollingTransport, ClosedIdleConnectionsAreReplacedAndAnswersThatAreNoFrameEndIt) {
+    HttpServer closing([](const std::string&) {
         return HttpServer::Answer{200, kPublishAnswer, true};
     });
-    Client client = connect(server);
+    Client client = connect(closing);
     for (std::size_t n = 1; n <= 3; ++n) {
         client.send(publish("/a"));
         ASSERT_TRUE(waitUntil([&] { return client.collector->count() == n; }));
     }
-    EXPECT_EQ(server.requests().back().first, 2);
+    EXPECT_EQ(closing.requests().back().first, 2);
     EXPECT_FALSE(client.completed());
-}
 
-TEST(LongPollingTransport, AnAnswerThatIsNoBayeuxFrameEndsTheConnection) {
     const HttpServer::Answer answers[] = {
         {500, kPublishAnswer}, {200, "<html>"}, {200, "[" + std::string(2000, ' ') + "]"}};
     for (const auto& answer : answers) {

@@ -17,11 +17,9 @@ std::size_t threadCount() {
     return std::distance(begin(tasks), end(tasks));
 }
 
-// Messages go both ways as they came, handshakes carrying the API key. Either side may end the
-// connection. The client: completing the outbound stream closes after
-// what is queued; cancelling the inbound stream closes at once and signals nothing more. The
-// server: closing or dying completes the inbound stream, after a reply sent before the close.
-// Releasing the streams or the context closes the connection too.
+// Messages go both ways in order, handshakes carrying the API key. Completing the outbound stream
+// closes after what is queued, cancelling the inbound one at once; the server closing or dying
+// completes the inbound stream after what it sent; releasing the streams or context closes too.
 TEST(WebSocketTransport, ExchangesMessagesAndEitherSideEndingTheConnectionEndsBothStreams) {
     TestServer server;
     Client client(server);

@@ -51,11 +51,9 @@ struct ServerImplTest : ServiceTest {
     std::shared_ptr<RecordingServer> server = std::make_shared<RecordingServer>();
 };
 
-// Two services of one name are two sessions of the server: their ids differ. A service registers
-// with the server on its first subscription or listener, each subscription sends its own
-// requests, and listeners see the matching requests of others without the prefix. A disconnect
-// tells the state listeners, a throwing one logged, and cancels every subscription on the server;
-// a listener's id cancels it without asking the server, and unknown ids succeed too.
+// Services of one name are distinct sessions, registered on their first subscription or listener;
+// listeners see others' requests without the prefix. A disconnect tells the state listeners (a
+// throwing one logged) and cancels every subscription; unknown ids cancel successfully.
 TEST_F(ServerImplTest, RegistrationRequestsListenersAndDisconnect) {
     auto service = make("same");
     EXPECT_EQ(service->getState(), ConnectionState::CONNECTED);
