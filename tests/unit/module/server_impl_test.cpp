@@ -130,8 +130,8 @@ TEST_F(ServerImplTest, RegistrationRequestsListenersAndDisconnect) {
 }
 
 // A publish goes to the server prefixed, logged as JSON; ordinary and shared services check
-// channels by their own rules.
-TEST_F(ServerImplTest, PublishAndDeliveryFollowTheChannelRules) {
+// channels by their own rules; the server delegate makes and keeps instances.
+TEST_F(ServerImplTest, PublishDeliveryAndInstancesFollowTheirRules) {
     auto ordinary = make();
     auto context = std::make_shared<common::ContextState>();
     EXPECT_TRUE(ordinary->publishWithContext("/x/y", "{\"v\":1}", context).get().success);
@@ -186,10 +186,8 @@ TEST_F(ServerImplTest, PublishAndDeliveryFollowTheChannelRules) {
     EXPECT_EQ(seen, (Strings{"later /a 1", "later /a 2"}));
     EXPECT_TRUE(capture.contains("Caught exception from subscription callback: /a, oops"));
     EXPECT_EQ(capture.count("Caught unknown exception from subscription callback: /a"), 2u);
-}
 
-// The server delegate keeps named instances only while they are used, the shared one for good.
-TEST_F(ServerImplTest, DelegateInstancesByNameAndTheSharedInstance) {
+    // The server delegate keeps named instances only while they are used, the shared one for good.
     auto delegate = std::make_shared<MessageServiceFactoryServerDelegate>(server);
     auto a = delegate->createMessageService("a", {}).get();
     EXPECT_EQ(delegate->createMessageService("a", {}).get(), a);
@@ -199,9 +197,9 @@ TEST_F(ServerImplTest, DelegateInstancesByNameAndTheSharedInstance) {
     EXPECT_TRUE(first.expired());
     auto again = delegate->createMessageService("a", {}).get();
 
-    std::weak_ptr<MessageService> shared = delegate->createMessageService("shared", {}).get();
-    EXPECT_FALSE(shared.expired());
-    EXPECT_EQ(delegate->createMessageService("shared", {}).get(), shared.lock());
+    std::weak_ptr<MessageService> sharedOne = delegate->createMessageService("shared", {}).get();
+    EXPECT_FALSE(sharedOne.expired());
+    EXPECT_EQ(delegate->createMessageService("shared", {}).get(), sharedOne.lock());
     EXPECT_EQ(delegate->getMessageService("shared"), nullptr);
     EXPECT_EQ(delegate->getMessageService("nobody"), nullptr);
 
@@ -212,13 +210,13 @@ TEST_F(ServerImplTest, DelegateInstancesByNameAndTheSharedInstance) {
 
     // Destroying the delegate disconnects every instance, the shared one included.
     std::vector<ConnectionState> last(2);
-    auto l1 = shared.lock()
+    auto l1 = sharedOne.lock()
                   ->listenStateChange([&](const StateChangeEvent& e) { last[0] = e.newState; })
                   .get();
     auto l2 =
         again->listenStateChange([&](const StateChangeEvent& e) { last[1] = e.newState; }).get();
     delegate.reset();
-    EXPECT_TRUE(shared.expired());
+    EXPECT_TRUE(sharedOne.expired());
     EXPECT_EQ(last, std::vector<ConnectionState>(2, ConnectionState::DISCONNECTED));
 }
 
