@@ -18,9 +18,8 @@ std::vector<std::string> channels(const std::string& frame) {
     return out;
 }
 
-// What is queued during a write goes out in frames a server's limit accepts, once and in order; a
-// connect goes alone (a server answers a frame only once a held connect returns), and so does a
-// message too large to share a frame.
+// What is queued during a write goes out once, in order, in frames a server accepts; a connect
+// goes alone (a frame is answered only once its held connect returns), as does a too-large message.
 TEST(WebSocketConnection, BatchesInBoundedFramesLosingNothingAndClosesOnAFrameTooLarge) {
     TestServer server(/*readAtOnce=*/false);
     Client client(server);

@@ -22,9 +22,8 @@ struct CallbackRunnerTest : ::testing::Test {
         runSubscriptionCallback(holder, JsonMessage(channel, std::string("{\"s\":1}")),
                                 CallbackLoggers{&instance, &moduleLogger()});
     }
-    // A callback that returns once its own report is complete on both loggers, and notes
-    // whether that happened while it ran. Callbacks on other threads are joined before the
-    // notes are read.
+    // A callback that returns once its report is complete on both loggers, noting whether that
+    // happened while it ran. Callbacks on other threads are joined before the notes are read.
     std::function<void(const JsonMessage&)> waitsForItsReport() {
         return [this](const JsonMessage& message) {
             const std::string prefix = kReport + message.getChannel() + ", json: {\"s\":1}, ";

@@ -75,9 +75,8 @@ TEST_F(ClientTest, HandshakeNumbersRequestsAndStartsTheConnectLoopOrFails) {
     EXPECT_EQ(transport->sent<bx::HandshakeRequest>(0)->getId(), "0");
 }
 
-// A client needs an endpoint; what it refuses, before or after connecting, sends nothing, and so
-// does a disconnect before connecting; a subscribe the server refuses, or answers with another
-// type of message, fails.
+// A client needs an endpoint; what it refuses, and a disconnect before connecting, send nothing; a
+// subscribe the server refuses, or answers with another type of message, fails.
 TEST_F(ClientTest, RefusedCallsThenAnInboundBatchHandledInItsOrder) {
     auto noEndpoint = [&] { make({{"name", "x"}}); };
     EXPECT_THAT(noEndpoint, ::testing::ThrowsMessage<std::invalid_argument>(
