@@ -27,9 +27,8 @@ std::size_t peakResidentBytes() {
     return kib * 1024;
 }
 
-// Unread replies past the output bound close the WebSocket; so does a frame of some 64 KB on the
-// wire that inflates to 64 MiB, where inflating stops at the frame bound and the hub's memory
-// does not grow with the bomb.
+// Unread replies past the output bound close the WebSocket; so does a 64 KB frame inflating to
+// 64 MiB, stopped at the frame bound without the hub's memory growing with the bomb.
 TEST_F(EndpointTest, UnreadRepliesInflatingFramesAndIdlenessCloseTheWebSocketThoughItPings) {
     constexpr std::size_t bound = 256 * 1024;
     start([&](EndpointOptions& o) {

@@ -37,9 +37,8 @@ struct CachedValuePublisherTest : ::testing::Test {
 };
 
 // Values published before there is demand wait in the cache, in order; a bounded cache drops the
-// oldest, and a cache of zero still keeps the newest. Demand adds up and stops at the maximum: a
-// sum wrapping round to a small number (each pair below wraps to 0; the second pair, after 100
-// values, to one below the maximum, then past it) would hold every later value in the cache.
+// oldest, a cache of zero keeps the newest. Demand saturates at the maximum: a sum wrapping round
+// (each pair below would wrap to 0) would hold every later value in the cache.
 TEST_F(CachedValuePublisherTest, CacheKeepsOrderAndItsBoundAndDemandSaturatesAtTheMaximum) {
     for (const auto& [cache, expected] :
          {std::pair{-1, Ints{0, 1, 2, 3, 4}}, std::pair{2, Ints{3, 4}}, std::pair{0, Ints{4}}}) {

@@ -160,9 +160,8 @@ TEST_F(ClientTest, RefusedCallsThenAnInboundBatchHandledInItsOrder) {
     EXPECT_FALSE(after.waitFor(std::chrono::milliseconds(20)));
 }
 
-// A publish goes out prefixed and resolves on its answer. Every way it can fail leaves one error
-// line on the module logger, written before the caller's future resolves, and fails the future
-// with the same text.
+// A publish goes out prefixed and resolves on its answer. Every failure logs one error line on the
+// module logger before the caller's future fails with the same text.
 TEST_F(ClientTest, PublishResolvesOnItsAnswerAndFailuresAreLoggedBeforeTheyResolve) {
     auto client = make();
     connect(client);
@@ -212,9 +211,8 @@ TEST_F(ClientTest, PublishResolvesOnItsAnswerAndFailuresAreLoggedBeforeTheyResol
     EXPECT_NE(transport->sent<bx::DisconnectRequest>(10), nullptr);
 }
 
-// Each handle is its own subscription on the server, and wildcards follow what is subscribed. A
-// callback may cancel its own subscription, and a listener may own the only handle of a channel,
-// so that cancelling the listener cancels the channel through the same service.
+// Each handle is its own subscription on the server; wildcards follow what is subscribed. A
+// callback may cancel its own subscription; a listener owning a channel's only handle cancels it.
 TEST_F(ClientTest, SubscriptionsFollowTheirHandles) {
     auto client = make();
     connect(client);
