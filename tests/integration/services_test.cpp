@@ -19,10 +19,9 @@ namespace {
 using orvale::test::waitUntil;
 using namespace std::chrono_literals;
 
-// Several publishers and subscribers at once, with subscriptions coming and going: a
-// subscription held for the whole run gets every message exactly once, in order per publisher;
-// one cancelled midway gets an in-order prefix and nothing twice. A callback that publishes,
-// subscribes and cancels on its own service does not deadlock.
+// Concurrent publishers and subscribers: a lasting subscription gets every message once, in order
+// per publisher; one cancelled midway an in-order prefix. A callback that publishes, subscribes
+// and cancels on its own service does not deadlock.
 TEST(ServerServices, NothingLostUnderConcurrency) {
     auto delegator = std::make_shared<MessageServiceFactoryDelegatorImpl>(
         std::make_shared<MessageServiceFactoryServerDelegate>(bayeux::makeBayeuxServer()),

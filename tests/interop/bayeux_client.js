@@ -5,20 +5,17 @@
 //   node bayeux_client.js faye|cometd URL exchange|talk LISTEN PUBLISH COUNT|mesh NAME CHANNEL...
 //        [--only long-polling] [--api-key K] [--browser PAGE_PORT [--screenshot FILE]]
 //
-// exchange: subscribes to an exact and a wildcard channel, publishes on both and receives, then
-//   unsubscribes from the exact one and receives again only on the wildcard.
+// exchange: exact and wildcard subscriptions, publishes on both, then only the wildcard's.
 // talk: subscribes to LISTEN, prints {"event":"ready"}, publishes {"from":"PEER[ long-polling]"}
 //   on PUBLISH and prints each of COUNT messages received on LISTEN.
 // mesh: subscribes to each CHANNEL, prints {"event":"ready"} and every message. Data with `start`
-//   (all peers' names) makes it publish {"from":NAME,"n":n} for n < data.count on
-//   /orvale/mesh/all/NAME, then {"from":NAME} on /orvale/mesh/to/PEER for each other peer; `stop`
-//   ends the run. Comma-separated URLs go through a local balancer that gives each connection to
-//   the first hub that accepts it.
-// --only long-polling keeps both clients off WebSockets (and a browser off callback-polling, so
-// that its requests go by CORS). --browser runs in headless Chromium (CHROMIUM, default
-// /usr/bin/chromium) on a page served at http://127.0.0.1:PAGE_PORT; --screenshot saves the
-// server's /status page to FILE once it shows figures, prints {"event":"status",...} and holds
-// the session until SIGUSR2. Each stdout line is a JSON object, the last {"result":"ok",...} or
+//   (all names) makes it publish {"from":NAME,"n":n} for n < data.count on /orvale/mesh/all/NAME,
+//   then {"from":NAME} on /orvale/mesh/to/PEER for each other peer; `stop` ends the run.
+//   Comma-separated URLs go through a local balancer to the first hub that accepts.
+// --only long-polling keeps clients off WebSockets (a browser off callback-polling too, so it uses
+// CORS). --browser runs in headless Chromium ($CHROMIUM or /usr/bin/chromium) on a page at
+// PAGE_PORT; --screenshot saves /status to FILE once it shows figures, prints {"event":"status"}
+// and holds the session until SIGUSR2. Each stdout line is JSON, the last {"result":"ok"} or
 // {"result":"error","message":...} (status 1), within 15 s (40 s for mesh and --browser).
 // Required as a module (by bench/faye_client_load.js) it gives Faye and the output helpers only.
 

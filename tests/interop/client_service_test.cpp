@@ -50,11 +50,9 @@ struct ClientServiceWithFaye : ::testing::Test {
     std::shared_ptr<MessageServiceFactoryDelegatorImpl> delegator = makeDelegator();
 };
 
-// Two Faye servers share a Redis engine: what a service on one publishes reaches exact and
-// wildcard subscribers on the other, and its own wildcard through its own server; a cancelled
-// subscription hears nothing more. The second server is then killed: without reconnection a
-// service disconnects and fails what it is asked, and a new one fails with the URL; with it, its
-// subscriptions resume on the server restarted on the same port.
+// Two Faye servers share a Redis engine: a service's publications reach subscribers on both; a
+// cancelled subscription hears nothing more. Once the second server is killed, a service without
+// reconnection fails (a new one with the URL); with it, subscriptions resume after a restart.
 TEST_F(ClientServiceWithFaye, SubscriptionsAcrossTwoServersSharingRedisOutliveOneOfThem) {
     const std::string socket = "/tmp/orvale-redis-" + std::to_string(::getpid()) + ".sock";
     ChildProcess redis({"redis-server", "--port", "0", "--unixsocket", socket, "--save", "",
@@ -109,10 +107,9 @@ class ClientServiceOverEachTransport
     : public ClientServiceWithFaye,
       public ::testing::WithParamInterface<std::tuple<std::string, std::string>> {};
 
-// Faye and our hub, each over WebSocket, long-polling and long-polling with TLS, answer a held
-// connect after one second. Faye's script shows each request's headers and sets cookies for the
-// site, for another path and for TLS only: the header option goes on every request, and from the
-// first answer on only the cookies that apply go back.
+// Faye and our hub, over WebSocket, long-polling and long-polling with TLS, answer a held connect
+// after a second. The header option goes on every request, and only the cookies that apply (of
+// those Faye's script sets for the site, another path and TLS only) go back.
 TEST_P(ClientServiceOverEachTransport, SubscribesPublishesReceivesUnsubscribesAndDisconnects) {
     const auto& [server, scheme] = GetParam();
     std::optional<TestCertificates> certificates;
@@ -154,9 +151,8 @@ TEST_P(ClientServiceOverEachTransport, SubscribesPublishesReceivesUnsubscribesAn
     ASSERT_TRUE(waitUntil([&] { return wild.size() == 2; }));
     EXPECT_EQ(exact.snapshot(), (Strings{"/room/a {\"n\":1}"}));
 
-    // With nothing to deliver, a held connect is answered only by its timeout: two more connects
-    // take at least that second. Deliveries still come then, none to the subscription given up,
-    // and no more connects went than deliveries and timeouts explain.
+    // With nothing to deliver, a held connect ends only at its timeout; deliveries still come, none
+    // to the subscription given up, and no more connects go than deliveries and timeouts explain.
     s1->unsubscribe().get();
     const auto quiet = capture.count("Sending meta connect");
     const auto since = std::chrono::steady_clock::now();

@@ -1,6 +1,5 @@
-// The hub against real Bayeux peers: Faye's Node client and CometD's JavaScript client over
-// both transports, the API key and TLS; server services talking with them, clients killed
-// mid-session, and both clients' browser builds in headless Chromium on a page of another site.
+// The hub against Faye's and CometD's Node clients (both transports, API key, TLS, killed
+// mid-session) talking with server services, and their browser builds in headless Chromium.
 
 #include <csignal>
 #include <filesystem>
@@ -52,11 +51,9 @@ struct HubInProcess {
     std::vector<std::shared_ptr<ms::Subscription>> subscriptions;
 };
 
-// Subscribe exact and wildcard, publish, receive, unsubscribe, disconnect: over the transport
-// each client picks by itself, over long-polling only, with the API key of the hub, and over TLS
-// (https:// and wss://) trusting the test CA only. Faye handshakes over long-polling and moves to
-// a WebSocket; CometD starts there. A handshake without the key, or with a wrong one, is refused:
-// CometD reports that at once, Faye only retries.
+// A scripted exchange over each client's own transport choice, long-polling only, the hub's API
+// key and TLS trusting the test CA only. Faye handshakes over long-polling, CometD over WebSocket;
+// a missing or wrong key is refused (CometD reports it at once, Faye only retries).
 TEST(PeersTest, ScriptedExchangeWithServeThenTalkWithAServerServiceAndDie) {
     ORVALE_REQUIRE_NODE();
     TestCertificates certificates;
@@ -142,11 +139,9 @@ std::string metricsShown(const boost::json::object& shown) {
         {"orvale_refused_requests_total", n("refused")}});
 }
 
-// Faye's and CometD's browser clients, on a page of another site, talk with a server service of
-// a hub served over TLS: over WebSocket and over long-polling, which works only when the CORS
-// answers and the session cookie work as a browser needs them. While the first session lives,
-// the hub's status page is photographed and the counts it shows are checked against a scrape of
-// /metrics.
+// Browser clients on another site's page talk with a server service of a TLS hub, over WebSocket
+// and long-polling (which needs CORS answers and the session cookie to work as a browser expects).
+// Meanwhile the status page is photographed and its counts checked against /metrics.
 TEST(BrowserTest, BrowserClientsOnAnotherSiteTalkWithAServerService) {
     ORVALE_REQUIRE_NODE();
     const char* chromium = std::getenv("CHROMIUM");

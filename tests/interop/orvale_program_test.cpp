@@ -15,9 +15,8 @@ void expectOneLine(const ChildProcess& child, const std::string& mentions) {
     EXPECT_NE(errors.find(mentions), std::string::npos) << errors;
 }
 
-// Sub prints what pub publishes on exact and wildcard channels, outlives a restart of the hub on
-// the same port and ends after --count lines; serve ends cleanly on SIGINT and on SIGTERM; a
-// subscriber ends when the hub that comes back refuses it.
+// Sub prints what pub publishes (exact and wildcard), outlives a hub restart on the same port and
+// ends after --count lines or when the returning hub refuses it; serve ends on SIGINT and SIGTERM.
 TEST(OrvaleProgramTest, SubPrintsWhatPubPublishesAndOutlivesARestart) {
     ServeProcess serve;
     auto sub = orvale({"sub", serve.url, "/chat/room", "/chat/x/*", "--count", "6"});

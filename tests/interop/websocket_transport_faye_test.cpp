@@ -1,6 +1,5 @@
-// The WebSocket transport and the codec against a real Faye server (Node.js): a whole Bayeux
-// session through the raw transport over wss:// with a CA made for the test. Plain ws:// and a
-// server that dies are client_service_test.cpp's.
+// The WebSocket transport and codec in a whole session with a real Faye server over wss:// (a CA
+// made for the test); plain ws:// and a dying server are client_service_test.cpp's.
 
 #include <gtest/gtest.h>
 

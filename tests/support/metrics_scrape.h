@@ -10,8 +10,7 @@
 namespace orvale::test {
 
 // Empty when the scrape of `url` met every expectation of `expected` (the JSON object
-// scrape_metrics.py takes), else what went wrong. `caFile` is the authority an https:// hub's
-// certificate is checked against.
+// scrape_metrics.py takes), else what went wrong; `caFile` checks an https:// hub's certificate.
 inline std::string scrapeMetrics(const std::string& url, const std::string& expected,
                                  const std::string& caFile = {}) {
     std::vector<std::string> argv{ORVALE_SYSTEM_PYTHON,

@@ -1,7 +1,6 @@
 #pragma once
-// A transport service for unit tests of the client: registered on a Context at the transport
-// address, it records every message the client sends and lets the test push replies. Any thread
-// may use it; mutex_ guards every member.
+// A transport service for the client's unit tests, registered at the transport address: records
+// what the client sends and lets the test push replies. Any thread; mutex_ guards every member.
 
 #include <condition_variable>
 #include <memory>

@@ -190,12 +190,10 @@ TEST(BayeuxCodec, DecodesWhatPeersWroteAsTheyWroteIt) {
 
 // A bad element costs only itself, and its one error names what was wrong.
 TEST(BayeuxCodec, UndecodableFramesAndElementsGiveErrorsNotMessages) {
-    struct Case {
+    const struct {
         bool fromServer;
-        const char* element;
-        const char* problem;
-    };
-    const Case cases[] = {
+        const char *element, *problem;
+    } cases[] = {
         {true, R"(17)", "not an object"},
         {true, R"({"successful":true})", "missing channel"},
         {true, R"({"channel":5,"successful":true})", "channel is not a string"},

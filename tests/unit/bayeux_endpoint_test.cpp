@@ -166,9 +166,8 @@ TEST_F(EndpointTest, WebSocketSessionsAndBurstsAreServedInOrderAndErrorRepliesNa
     EXPECT_EQ(error(ws.await(withId("p2"))), "402::Unknown client");
 }
 
-// An API key, then the session cap, refuse handshakes, and the refused get no client id;
-// connections beyond the cap are closed on arrival; an HTTP body over the message bound is refused
-// and its connection closed.
+// The API key and the session cap refuse handshakes (with no client id), connections beyond the
+// cap are closed on arrival, and an HTTP body over the message bound is refused and closed.
 TEST_F(EndpointTest, HandshakesConnectionsAndBodiesAreBounded) {
     start([](EndpointOptions& o) {
         o.apiKey = "s3cret";
@@ -264,8 +263,8 @@ TEST_F(EndpointTest, AFullQueueDropsItsOldestMessagesAndSaysHowMany) {
     }
 }
 
-// Sessions that expire, and those live when the endpoint stops, end with their subscriptions.
-TEST_F(EndpointTest, ExpiredAndStoppedSessionsLoseTheirSubscriptions) {
+// Sessions expired or live at a stop lose their subscriptions; TLS serves the same protocol.
+TEST_F(EndpointTest, SessionsEndWithTheirSubscriptionsAndTlsServesTheSameProtocol) {
     start([](EndpointOptions& o) { o.sessionTimeout = 300ms; });
     LogCapture log;
     auto watcher = services->createMessageService("watcher", {}).get();
@@ -311,10 +310,8 @@ TEST_F(EndpointTest, ExpiredAndStoppedSessionsLoseTheirSubscriptions) {
     EXPECT_TRUE(waitUntil([&] { return heard.has("-/exp/d"); }));
     EXPECT_TRUE(live.awaitClosed());
     EXPECT_THROW(RawWebSocket again(servedPort), std::runtime_error);
-}
 
-// TLS: the same protocol over wss://, with a certificate made for the test.
-TEST_F(EndpointTest, HandshakeOverSecureWebSocketAndImpossibleSettingsThrow) {
+    // TLS: the same protocol over wss://, with a certificate made for the test.
     const orvale::test::TestCertificates certificates;
     start([&](EndpointOptions& o) {
         o.certFile = certificates.dir + "/server.pem";
@@ -324,18 +321,18 @@ TEST_F(EndpointTest, HandshakeOverSecureWebSocketAndImpossibleSettingsThrow) {
     asio::io_context io;
     asio::ssl::context tls(asio::ssl::context::tls_client);
     tls.load_verify_file(certificates.dir + "/ca.pem");
-    beast::websocket::stream<beast::ssl_stream<beast::tcp_stream>> ws(io, tls);
-    ws.next_layer().set_verify_mode(asio::ssl::verify_peer);
-    connectSocket(io, beast::get_lowest_layer(ws), port);
+    beast::websocket::stream<beast::ssl_stream<beast::tcp_stream>> wss(io, tls);
+    wss.next_layer().set_verify_mode(asio::ssl::verify_peer);
+    connectSocket(io, beast::get_lowest_layer(wss), port);
     beast::websocket::response_type upgrade;
     const std::string request = handshake("1");
     beast::flat_buffer buffer;
     for (const auto& step :
          std::vector<std::function<void(std::function<void(beast::error_code)>)>>{
-             [&](auto h) { ws.next_layer().async_handshake(asio::ssl::stream_base::client, h); },
-             [&](auto h) { ws.async_handshake(upgrade, "127.0.0.1", "/bayeux", h); },
-             [&](auto h) { ws.async_write(asio::buffer(request), [h](auto ec, auto) { h(ec); }); },
-             [&](auto h) { ws.async_read(buffer, [h](auto ec, auto) { h(ec); }); }})
+             [&](auto h) { wss.next_layer().async_handshake(asio::ssl::stream_base::client, h); },
+             [&](auto h) { wss.async_handshake(upgrade, "127.0.0.1", "/bayeux", h); },
+             [&](auto h) { wss.async_write(asio::buffer(request), [h](auto ec, auto) { h(ec); }); },
+             [&](auto h) { wss.async_read(buffer, [h](auto ec, auto) { h(ec); }); }})
         ASSERT_FALSE(complete(io, step)) << "TLS exchange failed";
     const std::string reply = beast::buffers_to_string(buffer.data());
     const auto messages = parseMessages(reply);

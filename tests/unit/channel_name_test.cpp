@@ -23,15 +23,14 @@ std::vector<std::string> segmentsOf(ChannelName::Segments segments) {
 }  // namespace
 
 TEST(ChannelName, ParsesWhatEveryUserAsksAndPatternsCoverTheirLevels) {
-    struct Case {
+    const struct {
         const char* text;
         bool valid;
         Wildcard wildcard;
         Kind kind;
         const char* base;
         std::vector<std::string> segments;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"/a", true, Wildcard::none, Kind::broadcast, "/a", {"a"}},
         {"/a/b_c:1", true, Wildcard::none, Kind::broadcast, "/a/b_c:1", {"a", "b_c:1"}},
         {"/a/*", true, Wildcard::one, Kind::broadcast, "/a", {"a", "*"}},

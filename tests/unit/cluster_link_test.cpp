@@ -20,11 +20,9 @@ using namespace std::chrono_literals;
 using orvale::test::waitUntil;
 
 TEST(ClusterWire, SubjectsMapChannelsBothWaysAndBatchesCarryEveryField) {
-    struct Case {
-        const char* channel;
-        const char* subject;  // nullptr: not a channel the cluster carries
-    };
-    const Case cases[] = {
+    const struct {
+        const char *channel, *subject;  // subject nullptr: not a channel the cluster carries
+    } cases[] = {
         {"/chat/room", "o.chat.room"},
         {"/a/*", "o.a.*"},
         {"/a/**", "o.a.>"},

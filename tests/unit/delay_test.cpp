@@ -101,8 +101,7 @@ TEST(DelayTest, TimersFireOnceInDeadlineOrderAndCancelWaitsForARunningCallbackUn
         [&](std::int64_t) {
             entered = true;
             waitUntil([&] { return cancelling.load(); });
-            std::this_thread::sleep_for(
-                std::chrono::milliseconds(50));  // cancel() reaches its wait
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));  // cancel() waits
             done = true;
         },
         0);

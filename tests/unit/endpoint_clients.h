@@ -1,7 +1,6 @@
 #pragma once
-// Raw clients of the hub on loopback (RawWebSocket, RawHttp), the frames they send, what the
-// replies say, and the hub's fixture. A raw client's io_context runs only while the test waits on
-// it (bounded), so it needs no thread.
+// Raw clients of the hub on loopback, their frames, what the replies say, and the hub's fixture. A
+// raw client's io_context runs only while the test waits on it (bounded), so it needs no thread.
 
 #include <gtest/gtest.h>
 

@@ -141,9 +141,8 @@ TEST(InboundPublisher, CompletesAfterTheQueueAndDeliversPushesOnTheDeliveringThr
     EXPECT_FALSE(recorder->wrongThread.load());
 }
 
-// Only what was requested is delivered, in order, until a cancel, which calls back once; a
-// second subscriber is refused; a subscriber that throws from onNext is cancelled, with an error
-// line, and the thread lives on.
+// Only what was requested is delivered, in order, until a cancel (one callback); a second
+// subscriber is refused; one throwing from onNext is cancelled and logged, the thread lives on.
 TEST(InboundPublisher, DeliversWhatWasRequestedUntilCancelledToOneSubscriberThatMayThrow) {
     orvale::test::LogCapture logs;
     std::atomic<int> cancels{0};

@@ -18,10 +18,9 @@ std::vector<std::string> channels(const std::string& frame) {
     return out;
 }
 
-// What is queued during a write goes out in frames a server's limit accepts, once and in order; a
-// connect goes alone (a server answers a frame only once a held connect returns), and so does a
-// message too large to share a frame.
-TEST(WebSocketConnection, BatchesInBoundedFramesAndDropsWhatItCannotDecodeOrClosesOnOneTooLarge) {
+// What is queued during a write goes out once, in order, in frames a server accepts; a connect
+// goes alone (a frame is answered only once its held connect returns), as does a too-large message.
+TEST(WebSocketConnection, BatchesInBoundedFramesLosingNothingAndClosesOnAFrameTooLarge) {
     TestServer server(/*readAtOnce=*/false);
     Client client(server);
     auto session = client.session;
@@ -103,24 +102,22 @@ TEST(WebSocketConnection, BatchesInBoundedFramesAndDropsWhatItCannotDecodeOrClos
     ASSERT_TRUE(done.waitFor(5s));
     EXPECT_FALSE(done.get());
     EXPECT_TRUE(waitUntil([&] { return limited.upstream->cancelled.load(); }));
-}
 
-// A fast stream goes out in frames of many messages, losing nothing, with write pacing or not; the
-// frame held last still leaves once the stream stops, and so does a lone message after it.
-TEST(WebSocketConnection, AFastStreamLosesNothingAndItsLastFrameLeaves) {
+    // A fast stream goes out in frames of many messages, losing nothing, with write pacing or not;
+    // the frame held last still leaves once the stream stops, and so does a lone message after it.
     for (const std::size_t pacing : {200, 0}) {
-        WebSocketTransportOptions options;
-        options.writePacingUs = pacing;
-        TestServer server;
-        Client client(server, options);
-        auto session = client.session;
+        WebSocketTransportOptions paced;
+        paced.writePacingUs = pacing;
+        TestServer fastServer;
+        Client fast(fastServer, paced);
+        auto sink = fast.session;
         constexpr std::size_t kStream = 20000;
         for (std::size_t i = 0; i < kStream; ++i)
-            client.send(publish("/fast", std::to_string(i)));
+            fast.send(publish("/fast", std::to_string(i)));
         std::vector<std::string> data;
         auto received = [&] {
             data.clear();
-            for (const auto& frame : session->frames())
+            for (const auto& frame : sink->frames())
                 for (const auto& message : codec::decodeFromClient(frame).messages)
                     data.push_back(static_cast<const PublishRequest&>(*message).getJson());
             return data.size();
@@ -128,8 +125,8 @@ TEST(WebSocketConnection, AFastStreamLosesNothingAndItsLastFrameLeaves) {
         ASSERT_TRUE(waitUntil([&] { return received() == kStream; })) << pacing;
         for (std::size_t i = 0; i < kStream; ++i)
             ASSERT_EQ(data[i], std::to_string(i)) << pacing;
-        EXPECT_LT(session->frames().size(), kStream);
-        client.send(publish("/late", "1"));
+        EXPECT_LT(sink->frames().size(), kStream);
+        fast.send(publish("/late", "1"));
         ASSERT_TRUE(waitUntil([&] { return received() == kStream + 1; })) << pacing;
     }
 }

@@ -27,10 +27,9 @@ std::size_t peakResidentBytes() {
     return kib * 1024;
 }
 
-// Unread replies past the output bound close the WebSocket; so does a frame of some 64 KB on the
-// wire that inflates to 64 MiB, where inflating stops at the frame bound and the hub's memory
-// does not grow with the bomb.
-TEST_F(EndpointTest, UnreadRepliesOrAFrameInflatingPastItsBoundCloseTheWebSocket) {
+// Unread replies past the output bound close the WebSocket; so does a 64 KB frame inflating to
+// 64 MiB, stopped at the frame bound without the hub's memory growing with the bomb.
+TEST_F(EndpointTest, UnreadRepliesInflatingFramesAndIdlenessCloseTheWebSocketThoughItPings) {
     constexpr std::size_t bound = 256 * 1024;
     start([&](EndpointOptions& o) {
         o.maxOutputBytes = bound;
@@ -75,11 +74,9 @@ TEST_F(EndpointTest, UnreadRepliesOrAFrameInflatingPastItsBoundCloseTheWebSocket
     EXPECT_TRUE(waitUntil([&] { return endpoint->stats().connections == 0; }));
     EXPECT_EQ(log.count("Closed a WebSocket that sent a frame over 1048576 bytes"), 1u);
     EXPECT_LT(peakResidentBytes(), before + (std::size_t{16} << 20));
-}
 
-// Pings keep neither a silent client nor a non-reader connected; a client that answers its held
-// connects is never idle, though it too sends nothing while a connect is held.
-TEST_F(EndpointTest, IdleWebSocketsAreClosedThoughTheyPing) {
+    // Pings keep neither a silent client nor a non-reader connected; a client that answers its
+    // held connects is never idle, though it too sends nothing while a connect is held.
     start([](EndpointOptions& o) {
         o.connectTimeout = 100ms;
         // Long enough that a loaded machine never leaves the test's own client silent as long.
@@ -87,7 +84,6 @@ TEST_F(EndpointTest, IdleWebSocketsAreClosedThoughTheyPing) {
         // Only the idle time may close the flooded non-reader, not its growing output.
         o.maxOutputBytes = std::size_t{1} << 30;
     });
-    LogCapture log;
     auto feeder = services->createMessageService("feeder", {}).get();
     const std::string big = quote(std::string(64 * 1024, 'x'));
 

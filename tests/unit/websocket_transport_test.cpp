@@ -17,12 +17,10 @@ std::size_t threadCount() {
     return std::distance(begin(tasks), end(tasks));
 }
 
-// Messages go both ways as they came, handshakes carrying the API key. Either side may end the
-// connection. The client: completing the outbound stream closes after
-// what is queued; cancelling the inbound stream closes at once and signals nothing more. The
-// server: closing or dying completes the inbound stream, after a reply sent before the close.
-// Releasing the streams or the context closes the connection too.
-TEST(WebSocketTransport, ExchangesMessagesAndEitherSideEndingTheConnectionEndsBothStreams) {
+// Messages go both ways in order, handshakes carrying the API key. Completing the outbound stream
+// closes after what is queued, cancelling the inbound one at once; the server closing or dying
+// completes the inbound stream after what it sent; releasing the streams or context closes too.
+TEST(WebSocketTransport, ExchangesMessagesEitherSideEndsBothStreamsAndFailuresNameTheCause) {
     TestServer server;
     Client client(server);
     auto session = client.session;
@@ -152,10 +150,8 @@ TEST(WebSocketTransport, ExchangesMessagesAndEitherSideEndingTheConnectionEndsBo
     const auto started = std::chrono::steady_clock::now();
     Client(server.url()).send(publish("/x"));
     EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
-}
 
-// Each failure to connect names the URL and the cause; only ConnectTransport is understood.
-TEST(WebSocketTransport, ConnectFailuresNameTheUrlAndTheCause) {
+    // Each failure to connect names the URL and the cause; only ConnectTransport is understood.
     // A listener that never accepts: the kernel takes the TCP connection, nobody answers the
     // WebSocket handshake. A port nobody listens on: bound, then released.
     asio::io_context io;

@@ -37,8 +37,9 @@ struct CachedValuePublisherTest : ::testing::Test {
 };
 
 // Values published before there is demand wait in the cache, in order; a bounded cache drops the
-// oldest, and a cache of zero still keeps the newest.
-TEST_F(CachedValuePublisherTest, CacheKeepsOrderAndItsBound) {
+// oldest, a cache of zero keeps the newest. Demand saturates at the maximum: a sum wrapping round
+// (each pair below would wrap to 0) would hold every later value in the cache.
+TEST_F(CachedValuePublisherTest, CacheKeepsOrderAndItsBoundAndDemandSaturatesAtTheMaximum) {
     for (const auto& [cache, expected] :
          {std::pair{-1, Ints{0, 1, 2, 3, 4}}, std::pair{2, Ints{3, 4}}, std::pair{0, Ints{4}}}) {
         auto publisher = std::make_shared<Publisher>([] {}, cache);
@@ -52,6 +53,17 @@ TEST_F(CachedValuePublisherTest, CacheKeepsOrderAndItsBound) {
         publisher->next(5);
         EXPECT_EQ(late->values.back(), 5);
     }
+
+    auto publisher = make();
+    for (const auto& [first, second] : {std::pair<std::uint64_t, std::uint64_t>{UINT64_MAX, 1},
+                                        std::pair<std::uint64_t, std::uint64_t>{99, 2}}) {
+        subscriber->subscription->request(first);
+        subscriber->subscription->request(second);
+        for (int i = 0; i < 100; ++i)
+            publisher->next(int(i));
+    }
+    EXPECT_EQ(subscriber->values.size(), 200u);
+    EXPECT_EQ(publisher->cachedCount(), 0u);
 }
 
 TEST_F(CachedValuePublisherTest, CompleteWaitsForTheCacheToDrain) {
@@ -107,50 +119,10 @@ TEST_F(CachedValuePublisherTest, CancelOrDestructionEndsItOnce) {
     EXPECT_TRUE(finished.get());
 }
 
-// Demand adds up and stops at the maximum: a sum past it must not wrap round to a small number
-// (each pair below wraps to 0), which would hold every later value in the cache. The second pair
-// brings the demand left after 100 values to one below the maximum, then past it.
-TEST_F(CachedValuePublisherTest, DemandSaturatesAtTheMaximum) {
-    auto publisher = make();
-    for (const auto& [first, second] : {std::pair<std::uint64_t, std::uint64_t>{UINT64_MAX, 1},
-                                        std::pair<std::uint64_t, std::uint64_t>{99, 2}}) {
-        subscriber->subscription->request(first);
-        subscriber->subscription->request(second);
-        for (int i = 0; i < 100; ++i)
-            publisher->next(int(i));
-    }
-    EXPECT_EQ(subscriber->values.size(), 200u);
-    EXPECT_EQ(publisher->cachedCount(), 0u);
-}
-
-TEST_F(CachedValuePublisherTest, ConcurrentProducersLoseNothingAndKeepPerProducerOrder) {
-    auto publisher = std::make_shared<Publisher>([] {}, -1);
-    std::mutex mutex;
-    Ints received;
-    publisher->subscribe(std::make_shared<CallbackSubscriber<int>>([&](int v) {
-        std::lock_guard<std::mutex> lock(mutex);
-        received.push_back(v);
-    }));
-    constexpr int perThread = 5000;
-    std::vector<std::thread> producers;
-    for (int t = 0; t < 3; ++t)
-        producers.emplace_back([&, t] {
-            for (int i = 0; i < perThread; ++i)
-                publisher->next(t * perThread + i);
-        });
-    for (auto& p : producers)
-        p.join();
-    ASSERT_EQ(received.size(), 3u * perThread);
-    Ints last(3, -1);
-    for (int v : received) {
-        EXPECT_GT(v, last[v / perThread]);
-        last[v / perThread] = v;
-    }
-}
-
 // A throwing callback leaves the publisher usable, and a callback may publish into it; a
-// subscriber ends once and drops what comes after its end.
-TEST(CallbackSubscriber, ThrowsOrPublishesAgainAndEndsOnce) {
+// subscriber ends once and drops what comes after its end. Concurrent producers lose nothing and
+// keep their own order.
+TEST(CallbackSubscriber, ThrowsOrPublishesAgainEndsOnceAndTakesConcurrentProducers) {
     auto publisher = std::make_shared<Publisher>([] {}, -1);
     Ints received;
     publisher->subscribe(std::make_shared<CallbackSubscriber<int>>([&](int v) {
@@ -182,6 +154,29 @@ TEST(CallbackSubscriber, ThrowsOrPublishesAgainAndEndsOnce) {
     EXPECT_FALSE(cancelledDone.get());
     publisher->next(1);
     EXPECT_EQ(calls, 0);
+
+    publisher = std::make_shared<Publisher>([] {}, -1);
+    std::mutex mutex;
+    received.clear();
+    publisher->subscribe(std::make_shared<CallbackSubscriber<int>>([&](int v) {
+        std::lock_guard<std::mutex> lock(mutex);
+        received.push_back(v);
+    }));
+    constexpr int perThread = 5000;
+    std::vector<std::thread> producers;
+    for (int t = 0; t < 3; ++t)
+        producers.emplace_back([&, t] {
+            for (int i = 0; i < perThread; ++i)
+                publisher->next(t * perThread + i);
+        });
+    for (auto& p : producers)
+        p.join();
+    ASSERT_EQ(received.size(), 3u * perThread);
+    Ints last(3, -1);
+    for (int v : received) {
+        EXPECT_GT(v, last[v / perThread]);
+        last[v / perThread] = v;
+    }
 }
 
 }  // namespace

@@ -22,9 +22,8 @@ struct CallbackRunnerTest : ::testing::Test {
         runSubscriptionCallback(holder, JsonMessage(channel, std::string("{\"s\":1}")),
                                 CallbackLoggers{&instance, &moduleLogger()});
     }
-    // A callback that returns once its own report is complete on both loggers, and notes
-    // whether that happened while it ran. Callbacks on other threads are joined before the
-    // notes are read.
+    // A callback that returns once its report is complete on both loggers, noting whether that
+    // happened while it ran. Callbacks on other threads are joined before the notes are read.
     std::function<void(const JsonMessage&)> waitsForItsReport() {
         return [this](const JsonMessage& message) {
             const std::string prefix = kReport + message.getChannel() + ", json: {\"s\":1}, ";
@@ -39,10 +38,8 @@ struct CallbackRunnerTest : ::testing::Test {
         "connector::message_service::runner"};
 };
 
-// One watch per thread follows its callbacks one after another: a run of fast callbacks is never
-// reported, and each slow one is, counted from its own start, on any thread. A callback may run
-// callbacks itself: the inner one is watched on its own, and the outer one is watched again once
-// the inner one has returned.
+// Fast callbacks are never reported, each slow one is (timed from its own start, on any thread);
+// a nested callback is watched on its own and the outer one again once it returns.
 TEST_F(CallbackRunnerTest, EachSlowCallbackIsReportedOnceAndFastOnesNever) {
     for (int i = 0; i < 2000; ++i)
         run("/fast", [](const JsonMessage&) {});

@@ -1,7 +1,6 @@
 #pragma once
-// The fixtures of the service tests: what every service test records (deliveries, state changes,
-// log lines), and the client service over a scripted transport, which the client's tests make,
-// connect and answer.
+// The fixtures of the service tests: what they record (deliveries, state changes, log lines), and
+// the client service over a scripted transport, which the client's tests make, connect and answer.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -75,9 +75,8 @@ TEST_F(ClientTest, HandshakeNumbersRequestsAndStartsTheConnectLoopOrFails) {
     EXPECT_EQ(transport->sent<bx::HandshakeRequest>(0)->getId(), "0");
 }
 
-// A client needs an endpoint; what it refuses, before or after connecting, sends nothing, and so
-// does a disconnect before connecting; a subscribe the server refuses, or answers with another
-// type of message, fails.
+// A client needs an endpoint; what it refuses, and a disconnect before connecting, send nothing; a
+// subscribe the server refuses, or answers with another type of message, fails.
 TEST_F(ClientTest, RefusedCallsThenAnInboundBatchHandledInItsOrder) {
     auto noEndpoint = [&] { make({{"name", "x"}}); };
     EXPECT_THAT(noEndpoint, ::testing::ThrowsMessage<std::invalid_argument>(
@@ -161,9 +160,8 @@ TEST_F(ClientTest, RefusedCallsThenAnInboundBatchHandledInItsOrder) {
     EXPECT_FALSE(after.waitFor(std::chrono::milliseconds(20)));
 }
 
-// A publish goes out prefixed and resolves on its answer. Every way it can fail leaves one error
-// line on the module logger, written before the caller's future resolves, and fails the future
-// with the same text.
+// A publish goes out prefixed and resolves on its answer. Every failure logs one error line on the
+// module logger before the caller's future fails with the same text.
 TEST_F(ClientTest, PublishResolvesOnItsAnswerAndFailuresAreLoggedBeforeTheyResolve) {
     auto client = make();
     connect(client);
@@ -213,9 +211,8 @@ TEST_F(ClientTest, PublishResolvesOnItsAnswerAndFailuresAreLoggedBeforeTheyResol
     EXPECT_NE(transport->sent<bx::DisconnectRequest>(10), nullptr);
 }
 
-// Each handle is its own subscription on the server, and wildcards follow what is subscribed. A
-// callback may cancel its own subscription, and a listener may own the only handle of a channel,
-// so that cancelling the listener cancels the channel through the same service.
+// Each handle is its own subscription on the server; wildcards follow what is subscribed. A
+// callback may cancel its own subscription; a listener owning a channel's only handle cancels it.
 TEST_F(ClientTest, SubscriptionsFollowTheirHandles) {
     auto client = make();
     connect(client);

@@ -127,9 +127,8 @@ TEST_F(ReconnectTest, TheServersAnswerDecidesWhetherItComesBack) {
     }
 }
 
-// A handle cancelled while its channel is subscribed again sends nothing then: the server's
-// subscription is dropped once the server has made it. A disconnect or the client's end calls
-// off a reconnection.
+// A handle cancelled while its channel is subscribed again is dropped once the server has made
+// it; a disconnect or the client's end calls off a reconnection.
 TEST_F(ReconnectTest, CancelDisconnectAndDestructionDuringAReconnection) {
     auto client = make();
     connect(client);

@@ -15,9 +15,8 @@ std::ostream& operator<<(std::ostream& out, const Counted& c) {
     return out << "counted";
 }
 
-// A line is built only when its severity passes the mask, of which only the low fifteen bits
-// count; its record carries the logger's name, the severity and the parts streamed in order. JSON
-// records hold their fields, then the content.
+// A line is built only when its severity passes the mask (low fifteen bits); its record carries
+// the logger's name, severity and parts in order. JSON records hold their fields, then content.
 TEST(DiagnosticLogger, MaskRecordsAndJsonRecords) {
     orvale::test::LogCapture capture;
     basic_diagnostic_logger<char> logger("connector::message_service::svc");

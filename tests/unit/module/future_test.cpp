@@ -73,9 +73,8 @@ TEST(Future, MisuseAbandonmentAndCancellationFailWithExactTexts) {
     EXPECT_THROW(thrown.get(), Custom);
 }
 
-// A continuation runs at once on the calling thread when the value is there, else on the
-// thread that resolves, exactly once however the two race; continuations chain, and every
-// thread waiting on one future wakes.
+// A continuation runs at once when the value is there, else on the resolving thread, exactly once
+// however the two race; continuations chain, and every thread waiting on one future wakes.
 TEST(Future, ContinuationsAndWaitersAcrossThreads) {
     std::thread::id ranOn;
     auto noteThread = [&](Future<int>&& f) {

@@ -51,11 +51,9 @@ struct ServerImplTest : ServiceTest {
     std::shared_ptr<RecordingServer> server = std::make_shared<RecordingServer>();
 };
 
-// Two services of one name are two sessions of the server: their ids differ. A service registers
-// with the server on its first subscription or listener, each subscription sends its own
-// requests, and listeners see the matching requests of others without the prefix. A disconnect
-// tells the state listeners, a throwing one logged, and cancels every subscription on the server;
-// a listener's id cancels it without asking the server, and unknown ids succeed too.
+// Services of one name are distinct sessions, registered on their first subscription or listener;
+// listeners see others' requests without the prefix. A disconnect tells the state listeners (a
+// throwing one logged) and cancels every subscription; unknown ids cancel successfully.
 TEST_F(ServerImplTest, RegistrationRequestsListenersAndDisconnect) {
     auto service = make("same");
     EXPECT_EQ(service->getState(), ConnectionState::CONNECTED);
@@ -132,8 +130,8 @@ TEST_F(ServerImplTest, RegistrationRequestsListenersAndDisconnect) {
 }
 
 // A publish goes to the server prefixed, logged as JSON; ordinary and shared services check
-// channels by their own rules.
-TEST_F(ServerImplTest, PublishAndDeliveryFollowTheChannelRules) {
+// channels by their own rules; the server delegate makes and keeps instances.
+TEST_F(ServerImplTest, PublishDeliveryAndInstancesFollowTheirRules) {
     auto ordinary = make();
     auto context = std::make_shared<common::ContextState>();
     EXPECT_TRUE(ordinary->publishWithContext("/x/y", "{\"v\":1}", context).get().success);
@@ -188,10 +186,8 @@ TEST_F(ServerImplTest, PublishAndDeliveryFollowTheChannelRules) {
     EXPECT_EQ(seen, (Strings{"later /a 1", "later /a 2"}));
     EXPECT_TRUE(capture.contains("Caught exception from subscription callback: /a, oops"));
     EXPECT_EQ(capture.count("Caught unknown exception from subscription callback: /a"), 2u);
-}
 
-// The server delegate keeps named instances only while they are used, the shared one for good.
-TEST_F(ServerImplTest, DelegateInstancesByNameAndTheSharedInstance) {
+    // The server delegate keeps named instances only while they are used, the shared one for good.
     auto delegate = std::make_shared<MessageServiceFactoryServerDelegate>(server);
     auto a = delegate->createMessageService("a", {}).get();
     EXPECT_EQ(delegate->createMessageService("a", {}).get(), a);
@@ -201,9 +197,9 @@ TEST_F(ServerImplTest, DelegateInstancesByNameAndTheSharedInstance) {
     EXPECT_TRUE(first.expired());
     auto again = delegate->createMessageService("a", {}).get();
 
-    std::weak_ptr<MessageService> shared = delegate->createMessageService("shared", {}).get();
-    EXPECT_FALSE(shared.expired());
-    EXPECT_EQ(delegate->createMessageService("shared", {}).get(), shared.lock());
+    std::weak_ptr<MessageService> sharedOne = delegate->createMessageService("shared", {}).get();
+    EXPECT_FALSE(sharedOne.expired());
+    EXPECT_EQ(delegate->createMessageService("shared", {}).get(), sharedOne.lock());
     EXPECT_EQ(delegate->getMessageService("shared"), nullptr);
     EXPECT_EQ(delegate->getMessageService("nobody"), nullptr);
 
@@ -214,13 +210,13 @@ TEST_F(ServerImplTest, DelegateInstancesByNameAndTheSharedInstance) {
 
     // Destroying the delegate disconnects every instance, the shared one included.
     std::vector<ConnectionState> last(2);
-    auto l1 = shared.lock()
+    auto l1 = sharedOne.lock()
                   ->listenStateChange([&](const StateChangeEvent& e) { last[0] = e.newState; })
                   .get();
     auto l2 =
         again->listenStateChange([&](const StateChangeEvent& e) { last[1] = e.newState; }).get();
     delegate.reset();
-    EXPECT_TRUE(shared.expired());
+    EXPECT_TRUE(sharedOne.expired());
     EXPECT_EQ(last, std::vector<ConnectionState>(2, ConnectionState::DISCONNECTED));
 }
 

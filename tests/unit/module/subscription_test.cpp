@@ -20,9 +20,8 @@ struct RecordingService : Unsubscribeable {
     std::vector<std::pair<std::uint64_t, std::shared_ptr<common::ContextState>>> calls;
 };
 
-// A handle reaches its service once, with its id and context, whether cancelled or dropped, and
-// also when two threads cancel it at once; afterwards, or once its service is gone, it succeeds
-// at once without asking anyone.
+// A handle reaches its service once (id and context), cancelled, dropped or raced by two threads;
+// afterwards, or once its service is gone, it succeeds at once without asking anyone.
 TEST(Subscription, CancelsOnceWithItsContextAndSucceedsAtOnceAfterwards) {
     using Call = std::pair<std::uint64_t, std::shared_ptr<common::ContextState>>;
     auto service = std::make_shared<RecordingService>();
