@@ -48,12 +48,11 @@ bool shared(BayeuxServer& server) {
 }
 
 // A member sends NATS only what another member's sessions want: nothing while it is alone, a
-// pattern's channels once another member subscribes to it, nothing once that one leaves.
-// A subscription is shared once every member acknowledged it, or once one that never answers
-// has been waited for. Then members hear each other's subscriptions. Two threads publish on
-// each of four members at once, all on channels that two patterns of every member match: each
-// member's subscriber gets every message once (no echo of its own), each thread's in order;
-// /service channels stay home.
+// pattern's channels once another member subscribes to it (shared once every member has
+// acknowledged it, or one that never answers was waited for), nothing once that one leaves.
+// Then members hear each other's subscriptions. Two threads publish on each of four members at
+// once, on channels two patterns of every member match: each member's subscriber gets every
+// message once (no echo of its own), each thread's in order; /service channels stay home.
 TEST(ClusteredServer, SendsOnlyWhatOthersWantAndMembersShareChannelsOnceInOrder) {
     orvale::tools::NatsServers nats(3);
     auto join = [&](int node) {

@@ -141,10 +141,9 @@ TEST_F(EndpointTest, FloodsLeaveRoomForOthersAndOnlyItsOwnerMayActForASession) {
     EXPECT_EQ(later.nextDelivery(), "/first 2");
 }
 
-// A member of a cluster with another that never acknowledges anything waits for it `settle`
-// (300 ms here) before it answers a frame that subscribes, over either transport, and the
-// frame's other replies and deliveries come with or after that answer, in order; a hub stopped
-// meanwhile is not woken.
+// Over a member that waits `settle` (300 ms) for one that never acknowledges, a frame that
+// subscribes is answered after the wait over either transport, with its other replies and
+// deliveries in order after that answer; a hub stopped meanwhile is not woken.
 TEST_F(EndpointTest, SubscriptionsAreAnsweredOnceTheClusterKnowsThem) {
     orvale::tools::NatsServers nats(1);
     server = std::make_shared<cluster::ClusteredServer>(
@@ -155,8 +154,7 @@ TEST_F(EndpointTest, SubscriptionsAreAnsweredOnceTheClusterKnowsThem) {
     options.urls = nats.urls(0);
     cluster::NatsLink phantoms(options, [](auto, auto) {});
     // Once a wait has run out for a member, it is not waited for again: each part has its own.
-    std::size_t members = 0;
-    auto phantom = [&] {
+    auto phantom = [&, members = std::size_t{0}]() mutable {
         ++members;
         phantoms.publish("orvale_cluster.subscriptions",
                          "phantom" + std::to_string(members) + "\nH\n", 0);
