@@ -121,14 +121,9 @@ TEST(ClusterTest, PeersOnEveryMemberExchangeMessagesOnceInOrderAndOutliveDeadNod
     };
     // A subscription is answered once every member knows it: once each peer is subscribed, one
     // message reaches them all.
-    auto ready = [&](const char* peer) {
-        const auto lines = peers.at(peer)->lines();
-        return std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
-            return text(parseLine(line), "event") == "ready";
-        });
-    };
-    ASSERT_TRUE(waitUntil([&] { return ready("faye") && ready("cometd"); }, 20s))
-        << peers["faye"]->errors() << peers["cometd"]->errors();
+    for (const char* peer : {"faye", "cometd"})
+        ASSERT_EQ(text(parseLine(peers.at(peer)->firstLine(20s).value_or("")), "event"), "ready")
+            << peers.at(peer)->errors();
     publish(*members[0], "/mesh/go",
             "{\"start\":[\"faye\",\"cometd\",\"client\",\"host\"],\"count\":" +
                 std::to_string(kCount) + "}");
