@@ -103,9 +103,10 @@ TEST(WebSocketConnection, BatchesInBoundedFramesLosingNothingAndClosesOnAFrameTo
     EXPECT_FALSE(done.get());
     EXPECT_TRUE(waitUntil([&] { return limited.upstream->cancelled.load(); }));
 
-    // A fast stream goes out in frames of many messages, losing nothing, with write pacing or not;
-    // the frame held last still leaves once the stream stops, and so does a lone message after it.
-    for (const std::size_t pacing : {200, 0}) {
+    // A fast stream goes out in frames of many messages, losing nothing, with write pacing (wide
+    // enough that even a slow build holds frames) or not; the frame held last still leaves once
+    // the stream stops, and so does a lone message after it.
+    for (const std::size_t pacing : {4000, 0}) {
         WebSocketTransportOptions paced;
         paced.writePacingUs = pacing;
         TestServer fastServer;
