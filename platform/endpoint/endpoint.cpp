@@ -3,6 +3,7 @@
 //
 // Each I/O thread (one, or two from four cores on) runs its own io_context, so a connection
 // lives on one thread and needs no strand; accepted sockets are spread over the threads in turn.
+// The threads run their handlers in turns (io_turns.h).
 // A connection beyond maxConnections is closed as soon as it is accepted; a failed accept (out
 // of descriptors, say) is retried after a pause that grows while the failures go on.
 // stop() first ends every session (after which no session posts to a connection), then stops and
@@ -26,6 +27,7 @@
 #include "connector/common/mutex.h"
 #include "connector/log/diagnostic_logger.h"
 #include "hub.h"
+#include "io_turns.h"
 
 namespace connector::bayeux {
 
@@ -65,6 +67,10 @@ std::shared_ptr<asio::ssl::context> makeTls(const EndpointOptions& options) {
     return tls;
 }
 
+// The most handlers an I/O thread runs before it wakes the delivery threads: enough for a busy
+// publisher's window of a thousand publishes (a read and a write for each frame of them).
+constexpr std::size_t kHandlersPerTurn = 128;
+
 class Loop {
   public:
     Loop() : work_(asio::make_work_guard(io_)) {
@@ -81,7 +87,7 @@ class Loop {
     void run() {
         for (;;) {
             try {
-                io_.run();
+                endpoint::runInTurns(io_, kHandlersPerTurn);
                 return;
             } catch (const std::exception& e) {
                 logger.log(log::error, "An endpoint I/O handler failed: ", e.what());
