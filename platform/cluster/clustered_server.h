@@ -11,8 +11,8 @@
 //   them to their sessions, so that subscription listeners hear the whole cluster.
 // - Members tell each other which patterns they hold (MemberInterest), and a message goes to NATS
 //   only when another member may want it: a member alone costs nothing per publish.
-// - Publishes accepted together (a client's frame, under a DeferredWakes) on one channel go to
-//   NATS as one message, and are injected together on the other side.
+// - Publishes accepted together (under a DeferredWakes: a client's frame, or a hub's turn) on
+//   one channel go to NATS as one message, and are injected together on the other side.
 // - A member's first subscription to a pattern is numbered when it tells the others, and each
 //   of them acknowledges it once it will send that pattern's messages: whenSubscriptionsShared
 //   waits for those acknowledgements (or for `settle`, should a member not answer; such a member
