@@ -335,10 +335,8 @@ class WebSocketLink final : public Link,
             return;
         if (!writing_)
             out_.trim(kKeptBuffer);
-        if (readPaused_ && !awaitingCluster_ && out_.bytes() <= kHighWater) {
-            readPaused_ = false;
-            read();
-        }
+        if (readPaused_ && !awaitingCluster_)
+            readOn();
     }
 
     // Stops serving: nothing more is read, queued or written.
