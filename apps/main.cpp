@@ -42,32 +42,9 @@ void report(const std::string& line) {
     std::fflush(stderr);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+// Runs the command; a failure is one line on stderr and a non-zero status.
+int runCommand(const std::string& command, const orvale::app::Words& rest) {
     using namespace orvale::app;
-    // Before any thread starts, so that every thread leaves these signals to sigwait.
-    blockStopSignals();
-    std::vector<std::string> words;
-    bool verbose = false;
-    for (int i = 1; i < argc; ++i) {
-        const std::string word = argv[i];
-        if (word == "-v" || word == "--verbose")
-            verbose = true;
-        else
-            words.push_back(word);
-    }
-    if (words.empty() || words[0] == "--help" || words[0] == "-h" || words[0] == "help") {
-        (words.empty() ? std::cerr : std::cout) << kUsage;
-        return words.empty() ? 2 : 0;
-    }
-    const std::string command = words[0];
-    const Words rest(words.begin() + 1, words.end());
-    namespace log = foundation::log;
-    // Quiet by default, so that a failure is one line; the hub keeps its warnings.
-    const int mask = verbose ? (log::trace | log::warning | log::error)
-                             : (command == "serve" ? (log::warning | log::error) : 0);
-    setUpConsoleLog(mask);
     try {
         if (command == "serve")
             return runServe(rest);
@@ -88,4 +65,35 @@ int main(int argc, char** argv) {
         report("orvale " + command + ": " + oneLine(e.what()));
         return 1;
     }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    using namespace orvale::app;
+    // Before any thread starts, so that every thread leaves these signals to sigwait.
+    blockStopSignals();
+    std::vector<std::string> words;
+    bool verbose = false;
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        if (word == "-v" || word == "--verbose")
+            verbose = true;
+        else
+            words.push_back(word);
+    }
+    if (words.empty() || words[0] == "--help" || words[0] == "-h" || words[0] == "help") {
+        (words.empty() ? std::cerr : std::cout) << kUsage;
+        return words.empty() ? 2 : 0;
+    }
+    const std::string command = words[0];
+    namespace log = foundation::log;
+    // Quiet by default, so that a failure is one line; the hub keeps its warnings.
+    const int mask = verbose ? (log::trace | log::warning | log::error)
+                             : (command == "serve" ? (log::warning | log::error) : 0);
+    setUpConsoleLog(mask);
+    // Serve and sub wait for the stop signals themselves, to end in order.
+    if (command != "serve" && command != "sub")
+        endOnStop();
+    return exitUnlessStopping(runCommand(command, Words(words.begin() + 1, words.end())));
 }

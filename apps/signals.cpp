@@ -1,13 +1,22 @@
 #include "signals.h"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstdlib>
 #include <ctime>
+#include <thread>
+
+#include "subprocess.h"
 
 namespace orvale::app {
 
 namespace {
+
+std::atomic<bool> stopping{false};
 
 sigset_t stopSignals() {
     sigset_t set;
@@ -33,6 +42,29 @@ bool waitForStop(const std::atomic<bool>& done) {
             return true;
     }
     return false;
+}
+
+void endOnStop() {
+    std::thread([] {
+        const sigset_t set = stopSignals();
+        int signal = 0;
+        while (sigwait(&set, &signal) != 0) {
+        }
+        stopping.store(true);
+        // What the run's threads report from here on is its own teardown, not news.
+        const int quiet = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+        if (quiet >= 0)
+            ::dup2(quiet, STDERR_FILENO);
+        // Children left running would outlive the run: hubs and engines holding ports and CPU.
+        tools::ChildProcess::endAll();
+        std::_Exit(128 + signal);
+    }).detach();
+}
+
+int exitUnlessStopping(int status) {
+    while (stopping.load())
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+    return status;
 }
 
 }  // namespace orvale::app

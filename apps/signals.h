@@ -13,4 +13,12 @@ void blockStopSignals();
 // signal.
 bool waitForStop(const std::atomic<bool>& done);
 
+// For the commands that run to their own end (bench, demo, pub): a thread that waits for SIGINT
+// or SIGTERM, ends the child processes, and exits with 128 + the signal's number.
+void endOnStop();
+
+// Returns `status`, unless a stop is under way: then waits for it to end the process, so that
+// the run does not exit before its children are gone.
+int exitUnlessStopping(int status);
+
 }  // namespace orvale::app

@@ -11,8 +11,10 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 extern char** environ;
 
@@ -20,6 +22,42 @@ namespace orvale::tools {
 
 using connector::common::MutexLock;
 using connector::common::UniqueLock;
+
+namespace {
+
+// Whether the child has ended, without reaping it.
+bool exited(pid_t pid) {
+    siginfo_t info{};
+    return ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+           info.si_pid == pid;
+}
+
+// The children started and not yet reaped. A pid leaves the set before its child is reaped, so
+// that a signal sent under `mutex` always reaches one of this process's own children.
+struct Children {
+    connector::common::Mutex mutex;
+    std::set<pid_t> pids ORVALE_GUARDED_BY(mutex);
+
+    void signalAll(int signal) {
+        MutexLock lock(mutex);
+        for (pid_t pid : pids)
+            ::kill(pid, signal);
+    }
+    bool anyRunning() {
+        MutexLock lock(mutex);
+        for (pid_t pid : pids)
+            if (!exited(pid))
+                return true;
+        return false;
+    }
+};
+
+Children& children() {
+    static auto* all = new Children;  // never destroyed: a stop may come while statics go
+    return *all;
+}
+
+}  // namespace
 
 ChildProcess::ChildProcess(std::vector<std::string> argv, Errors errors) : program_(argv.at(0)) {
     const bool capture = errors == Errors::Capture;
@@ -60,6 +98,10 @@ ChildProcess::ChildProcess(std::vector<std::string> argv, Errors errors) : progr
         throw std::runtime_error("cannot start " + program_ + ": " + std::strerror(result));
     }
     {
+        MutexLock lock(children().mutex);
+        children().pids.insert(pid_);
+    }
+    {
         MutexLock lock(mutex_);
         open_ = capture ? 2 : 1;
     }
@@ -85,6 +127,14 @@ void ChildProcess::kill(int signal) {
         ::kill(pid_, signal);
 }
 
+void ChildProcess::endAll() {
+    children().signalAll(SIGTERM);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (children().anyRunning() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    children().signalAll(SIGKILL);
+}
+
 std::optional<std::string> ChildProcess::waitLine(
     const std::function<bool(const std::string&)>& predicate, std::chrono::milliseconds timeout) {
     UniqueLock lock(mutex_);
@@ -108,9 +158,14 @@ std::optional<int> ChildProcess::waitExit(std::chrono::milliseconds timeout) {
     UniqueLock lock(mutex_);
     while (!exitStatus_) {
         int status = 0;
-        if (::waitpid(pid_, &status, WNOHANG) == pid_)
+        if (exited(pid_)) {
+            {
+                MutexLock forget(children().mutex);
+                children().pids.erase(pid_);
+            }
+            ::waitpid(pid_, &status, 0);
             exitStatus_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        else if (std::chrono::steady_clock::now() >= deadline)
+        } else if (std::chrono::steady_clock::now() >= deadline)
             return std::nullopt;
         else
             changed_.wait_for(lock.native(), std::chrono::milliseconds(5));

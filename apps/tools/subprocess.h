@@ -35,6 +35,9 @@ class ChildProcess {
     ChildProcess& operator=(const ChildProcess&) = delete;
 
     void kill(int signal);
+    // Ends every child still running in this process (SIGTERM, then SIGKILL after two seconds),
+    // for a process about to exit without running its destructors.
+    static void endAll();
     // The first stdout line satisfying `predicate`, waiting at most `timeout`.
     std::optional<std::string> waitLine(const std::function<bool(const std::string&)>& predicate,
                                         std::chrono::milliseconds timeout);

@@ -1,6 +1,8 @@
 // The orvale program as users run it: serve, sub and pub (client services against a hub in
 // another process), demo, exit statuses and error lines.
 
+#include <filesystem>
+#include <fstream>
 #include <sstream>
 
 #include "common.h"
@@ -13,6 +15,49 @@ void expectOneLine(const ChildProcess& child, const std::string& mentions) {
     const std::string errors = child.errors();
     EXPECT_EQ(errors.find('\n'), errors.size() - 1) << errors;
     EXPECT_NE(errors.find(mentions), std::string::npos) << errors;
+}
+
+// The state letter and parent of each process, from /proc: (R, 42) and the like.
+std::map<pid_t, std::pair<char, pid_t>> processes() {
+    std::map<pid_t, std::pair<char, pid_t>> found;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename();
+        std::string line;
+        if (!std::isdigit(name[0]) || !std::getline(std::ifstream(entry.path() / "stat"), line))
+            continue;
+        // The name between the parentheses may hold spaces; the fields after it do not.
+        std::istringstream fields(line.substr(line.rfind(')') + 1));
+        char state = 0;
+        pid_t parent = 0;
+        if (fields >> state >> parent)
+            found[std::stoi(name)] = {state, parent};
+    }
+    return found;
+}
+
+// A bench stopped by SIGTERM mid-run ends the engine and hubs it started, then exits 128 + 15.
+TEST(OrvaleProgramTest, AStoppedBenchEndsItsChildren) {
+    auto bench = orvale({"bench", "--cluster", "--no-faye", "--messages", "100000000"});
+    std::vector<pid_t> started;
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            started.clear();
+            for (const auto& [pid, process] : processes())
+                if (process.second == bench->pid())
+                    started.push_back(pid);
+            return started.size() >= 3;  // nats-server and two hubs
+        },
+        20s));
+    bench->kill(SIGTERM);
+    EXPECT_EQ(run(*bench), 143) << bench->errors();
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            const auto now = processes();
+            return std::all_of(started.begin(), started.end(), [&](pid_t pid) {
+                return !now.count(pid) || now.at(pid).first == 'Z';
+            });
+        },
+        5s));
 }
 
 // Sub prints what pub publishes (exact and wildcard), outlives a hub restart on the same port and
