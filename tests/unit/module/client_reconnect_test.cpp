@@ -34,6 +34,8 @@ struct ReconnectTest : ClientTest {
     int drawn = 100;  // the share of the ceiling each wait takes, in percent
 };
 
+// A handle cancelled while its channel is subscribed again is dropped once the server has made
+// it; a disconnect or the client's end calls off a reconnection.
 TEST_F(ReconnectTest, BackoffDoublesToItsCeilingAndSubscriptionsResume) {
     for (Options bad :
          {Options{{"reconnect", "yes"}}, Options{{"reconnect.maxDelayMs", "0"}},
@@ -67,12 +69,18 @@ TEST_F(ReconnectTest, BackoffDoublesToItsCeilingAndSubscriptionsResume) {
         EXPECT_EQ(transport->sent<bx::SubscribeRequest>(i)->getClientId(), "def");
     }
     EXPECT_EQ(channels, (std::set<std::string>{"/orvale/a", "/orvale/w/*"}));
+    a->unsubscribe();
+    EXPECT_EQ(transport->sentCount(), at + 3);
     answer<bx::SubscribeResponse>(at + 1);
     EXPECT_EQ(client->getState(), ConnectionState::RECONNECTING) << "until both are answered";
     answer<bx::SubscribeResponse>(at + 2);
     EXPECT_EQ(client->getState(), ConnectionState::CONNECTED);
-    ASSERT_TRUE(transport->waitSent(at + 4));
-    EXPECT_EQ(transport->sent<bx::ConnectRequest>(at + 3)->getClientId(), "def");
+    ASSERT_TRUE(transport->waitSent(at + 5));
+    const auto unsubscribe = transport->sent<bx::UnsubscribeRequest>(at + 3);
+    ASSERT_TRUE(unsubscribe);
+    EXPECT_EQ(unsubscribe->getChannel(), "/orvale/a");
+    EXPECT_EQ(unsubscribe->getClientId(), "def");
+    EXPECT_EQ(transport->sent<bx::ConnectRequest>(at + 4)->getClientId(), "def");
     EXPECT_EQ(states.snapshot(), (Strings{"DISCONNECTED->CONNECTING", "CONNECTING->CONNECTED",
                                           "CONNECTED->RECONNECTING", "RECONNECTING->CONNECTED"}));
     EXPECT_EQ(deliveredTo("/orvale/w/x"), Strings{"w /w/x 1"});
@@ -82,6 +90,27 @@ TEST_F(ReconnectTest, BackoffDoublesToItsCeilingAndSubscriptionsResume) {
     drawn = 50;
     transport->close();
     EXPECT_EQ(waits, std::vector<std::int64_t>{50});
+
+    auto done = client->disconnect();
+    ASSERT_TRUE(done.waitFor(std::chrono::milliseconds(0)));
+    EXPECT_TRUE(done.get().success);
+    EXPECT_EQ(states.snapshot(), (Strings{"DISCONNECTED->CONNECTING", "CONNECTING->CONNECTED",
+                                          "CONNECTED->RECONNECTING", "RECONNECTING->CONNECTED",
+                                          "CONNECTED->RECONNECTING", "RECONNECTING->DISCONNECTING",
+                                          "DISCONNECTING->DISCONNECTED"}));
+    EXPECT_FALSE(fire() && transport->connects() > 2) << "the attempt was called off";
+    EXPECT_EQ(transport->connects(), 2);
+
+    // Destroyed while an attempt waits for its handshake: the answer finds nothing to resume.
+    auto other = make();
+    connect(other);
+    transport->close();
+    ASSERT_TRUE(fire());
+    ASSERT_EQ(transport->connects(), 4);
+    const std::size_t sent = transport->sentCount();
+    other.reset();
+    handshakeAt(sent - 1, "def");
+    EXPECT_EQ(transport->sentCount(), sent);
 }
 
 // How a connection ends decides whether the client comes back.
@@ -125,49 +154,6 @@ TEST_F(ReconnectTest, TheServersAnswerDecidesWhetherItComesBack) {
         EXPECT_EQ(client->getState(), c.state);
         EXPECT_EQ(deliveredTo("/orvale/a").size(), c.state == S::CONNECTED ? 1u : 0u);
     }
-}
-
-// A handle cancelled while its channel is subscribed again is dropped once the server has made
-// it; a disconnect or the client's end calls off a reconnection.
-TEST_F(ReconnectTest, CancelDisconnectAndDestructionDuringAReconnection) {
-    auto client = make();
-    connect(client);
-    auto a = subscribed(client, "/a", "a");
-    transport->close();
-    const std::size_t at = transport->sentCount();
-    ASSERT_TRUE(fire());
-    handshakeAt(at, "def");
-    ASSERT_TRUE(transport->waitSent(at + 2));
-    a->unsubscribe();
-    EXPECT_EQ(transport->sentCount(), at + 2);
-    answer<bx::SubscribeResponse>(at + 1);
-    ASSERT_TRUE(transport->waitSent(at + 3));
-    const auto unsubscribe = transport->sent<bx::UnsubscribeRequest>(at + 2);
-    ASSERT_TRUE(unsubscribe);
-    EXPECT_EQ(unsubscribe->getChannel(), "/orvale/a");
-    EXPECT_EQ(unsubscribe->getClientId(), "def");
-    EXPECT_EQ(client->getState(), ConnectionState::CONNECTED);
-
-    auto listener = watch(client);
-    transport->close();
-    auto done = client->disconnect();
-    ASSERT_TRUE(done.waitFor(std::chrono::milliseconds(0)));
-    EXPECT_TRUE(done.get().success);
-    EXPECT_EQ(states.snapshot(), (Strings{"CONNECTED->RECONNECTING", "RECONNECTING->DISCONNECTING",
-                                          "DISCONNECTING->DISCONNECTED"}));
-    EXPECT_FALSE(fire() && transport->connects() > 2) << "the attempt was called off";
-    EXPECT_EQ(transport->connects(), 2);
-
-    // Destroyed while an attempt waits for its handshake: the answer finds nothing to resume.
-    auto other = make();
-    connect(other);
-    transport->close();
-    ASSERT_TRUE(fire());
-    ASSERT_EQ(transport->connects(), 4);
-    const std::size_t sent = transport->sentCount();
-    other.reset();
-    handshakeAt(sent - 1, "def");
-    EXPECT_EQ(transport->sentCount(), sent);
 }
 
 }  // namespace

@@ -40,7 +40,7 @@ struct FactoryDelegatorTest : ::testing::Test {
 
 // The endpoint option picks the client delegate; an existing service is returned as it is, the
 // server delegate asked before the client one.
-TEST_F(FactoryDelegatorTest, RoutesByEndpointOptionAndFindsExistingServices) {
+TEST_F(FactoryDelegatorTest, RoutesByEndpointOptionFindsExistingServicesAndMapsOptions) {
     auto local = delegator->createMessageService("local", {}).get();
     delegator->createMessageService("remote", {{"endpoint", ""}}).get();
     EXPECT_EQ(server->created, (std::vector<Options>{{{"name", "local"}}}));
@@ -56,9 +56,8 @@ TEST_F(FactoryDelegatorTest, RoutesByEndpointOptionAndFindsExistingServices) {
     EXPECT_EQ(orvale::test::failureText(delegator->createMessageService("a b", {})),
               "Message service name must be alpha numeric ([_:-] also allowed): a b");
     EXPECT_EQ(server->created.size() + client->created.size(), 2u) << "a refused name asks none";
-}
 
-TEST_F(FactoryDelegatorTest, FirstMatchingMappingAddsOptionsWithoutOverwriting) {
+    // The first matching mapping adds its options without overwriting the caller's.
     delegator->setFactoryOptionsMappings({{"K1", "V1", {{"a", "1"}}}, {"K2", "V2", {{"b", "2"}}}});
     EXPECT_TRUE(capture.contains(
         "Setting options mappings: [{optionKey:K1,optionValue:V1,extraOptions:{a:1,}},"
@@ -66,14 +65,14 @@ TEST_F(FactoryDelegatorTest, FirstMatchingMappingAddsOptionsWithoutOverwriting) 
     EXPECT_EQ(delegator->getFactoryOptionsMappings().size(), 2u);
 
     delegator->setFactoryOptionsMappings({
-        {"name", "remote", {{"endpoint", "ws://first"}, {"colour", "red"}}},
-        {"name", "remote", {{"extra", "second"}}},
+        {"name", "mapped", {{"endpoint", "ws://first"}, {"colour", "red"}}},
+        {"name", "mapped", {{"extra", "second"}}},
     });
-    delegator->createMessageService("remote", {{"colour", "blue"}, {"name", "ignored"}}).get();
-    EXPECT_EQ(client->created,
-              (std::vector<Options>{
-                  {{"endpoint", "ws://first"}, {"colour", "blue"}, {"name", "remote"}}}));
-    EXPECT_TRUE(capture.contains("Found options mapping: name = remote"));
+    delegator->createMessageService("mapped", {{"colour", "blue"}, {"name", "ignored"}}).get();
+    ASSERT_EQ(client->created.size(), 2u);
+    EXPECT_EQ(client->created.back(),
+              (Options{{"endpoint", "ws://first"}, {"colour", "blue"}, {"name", "mapped"}}));
+    EXPECT_TRUE(capture.contains("Found options mapping: name = mapped"));
 }
 
 // The property API of a service framework, as readFactoryOptionsFrom expects it.
