@@ -1,4 +1,4 @@
-// Services created through the delegator over real parts in this process: server services
+// Services created through one delegator over real parts in this process: server services
 // exchanging messages under load over one Bayeux server, and client services with reconnection
 // on against a hub that stops and starts again on the same port.
 
@@ -22,10 +22,13 @@ using namespace std::chrono_literals;
 // Concurrent publishers and subscribers: a lasting subscription gets every message once, in order
 // per publisher; one cancelled midway an in-order prefix. A callback that publishes, subscribes
 // and cancels on its own service does not deadlock.
-TEST(ServerServices, NothingLostUnderConcurrency) {
+TEST(Services, NothingLostUnderConcurrencyAndClientSubscriptionsResumeWhenTheHubComesBack) {
+    // Before the delegator, so that deliveries still running at teardown find them.
+    orvale::test::Inbox inbox, states;
+    orvale::test::LogCapture capture;
     auto delegator = std::make_shared<MessageServiceFactoryDelegatorImpl>(
         std::make_shared<MessageServiceFactoryServerDelegate>(bayeux::makeBayeuxServer()),
-        std::make_shared<MessageServiceFactoryClientDelegate>(std::make_shared<Context>()));
+        std::make_shared<MessageServiceFactoryClientDelegate>(makeContext()));
     auto create = [&](const std::string& name) {
         return delegator->createMessageService(name, {}).get();
     };
@@ -93,18 +96,11 @@ TEST(ServerServices, NothingLostUnderConcurrency) {
     EXPECT_EQ(wild->violations, 0);
     EXPECT_EQ(churned->violations, 0);
     EXPECT_TRUE(waitUntil([&] { return echoes == total; }, 10s));
-}
 
-TEST(ClientServices, SubscriptionsResumeWhenTheHubComesBackOnItsPort) {
-    // Before the delegator, so that deliveries still running at teardown find them.
-    orvale::test::Inbox inbox, states;
-    orvale::test::LogCapture capture;
+    // A client service with reconnection on, against a hub that stops and starts on its port.
     bayeux::EndpointOptions options;
     auto hub = bayeux::startBayeuxEndpoint(bayeux::makeBayeuxServer(), options);
     options.port = hub->port();
-    auto delegator = std::make_shared<MessageServiceFactoryDelegatorImpl>(
-        std::make_shared<MessageServiceFactoryServerDelegate>(bayeux::makeBayeuxServer()),
-        std::make_shared<MessageServiceFactoryClientDelegate>(makeContext()));
     auto reaches = [](const std::shared_ptr<MessageService>& service, ConnectionState state) {
         return waitUntil([&] { return service->getState() == state; }, 10s);
     };
@@ -117,7 +113,7 @@ TEST(ClientServices, SubscriptionsResumeWhenTheHubComesBackOnItsPort) {
     auto client = created.get();
     auto listener = client->listenStateChange(states.stateSink()).get();
     auto exact = client->subscribe("/r/a", inbox.sink()).get();
-    auto wild = client->subscribe("/r/*", inbox.sink()).get();
+    auto wildcard = client->subscribe("/r/*", inbox.sink()).get();
 
     hub->stop();
     ASSERT_TRUE(reaches(client, ConnectionState::RECONNECTING));
