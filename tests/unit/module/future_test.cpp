@@ -13,7 +13,7 @@ namespace {
 using orvale::test::failureText;
 
 // Misuse fails with exact texts, and a future left without a value fails too.
-TEST(Future, MisuseAbandonmentAndCancellationFailWithExactTexts) {
+TEST(Future, MisuseAbandonmentCancellationContinuationsAndWaitersAcrossThreads) {
     const std::string resolved = "Promise already resolved.";
     const std::string gotten =
         "Future already returned it's value or has an associated continuation.";
@@ -71,11 +71,9 @@ TEST(Future, MisuseAbandonmentAndCancellationFailWithExactTexts) {
     };
     auto thrown = makeReadyFuture<int>(1).then([](Future<int>&&) -> int { throw Custom("boom"); });
     EXPECT_THROW(thrown.get(), Custom);
-}
 
-// A continuation runs at once when the value is there, else on the resolving thread, exactly once
-// however the two race; continuations chain, and every thread waiting on one future wakes.
-TEST(Future, ContinuationsAndWaitersAcrossThreads) {
+    // A continuation runs at once when the value is there, else on the resolving thread, exactly
+    // once however the two race; continuations chain, and every thread waiting on one future wakes.
     std::thread::id ranOn;
     auto noteThread = [&](Future<int>&& f) {
         ranOn = std::this_thread::get_id();
@@ -86,15 +84,15 @@ TEST(Future, ContinuationsAndWaitersAcrossThreads) {
     ASSERT_TRUE(next.waitFor(std::chrono::milliseconds(0)));
     EXPECT_EQ(next.get(), "20");
 
-    Promise<int> promise;
-    auto chained = promise.getFuture().then(noteThread).then([](Future<std::string>&& f) {
+    Promise<int> resolving;
+    auto chain = resolving.getFuture().then(noteThread).then([](Future<std::string>&& f) {
         return f.get() + "!";
     });
-    std::thread resolver([&] { promise.setValue(5); });
+    std::thread resolver([&] { resolving.setValue(5); });
     const auto resolverId = resolver.get_id();
     resolver.join();
     EXPECT_EQ(ranOn, resolverId);
-    EXPECT_EQ(chained.get(), "5!");
+    EXPECT_EQ(chain.get(), "5!");
 
     // Resolution races attachment: every continuation runs exactly once with the value.
     constexpr int rounds = 2000;
@@ -119,16 +117,16 @@ TEST(Future, ContinuationsAndWaitersAcrossThreads) {
     EXPECT_EQ(sum.load(), static_cast<long>(rounds) * (rounds - 1) / 2);
 
     Promise<void> gate;
-    auto future = gate.getFuture();
+    auto gated = gate.getFuture();
     std::vector<std::thread> waiters;
     std::atomic<int> woken{0};
     for (int i = 0; i < 4; ++i)
-        waiters.emplace_back([&] { woken += future.waitFor(std::chrono::seconds(5)); });
+        waiters.emplace_back([&] { woken += gated.waitFor(std::chrono::seconds(5)); });
     gate.setValue();
     for (auto& t : waiters)
         t.join();
     EXPECT_EQ(woken.load(), 4);
-    EXPECT_NO_THROW(future.get());
+    EXPECT_NO_THROW(gated.get());
 }
 
 }  // namespace
