@@ -19,7 +19,32 @@ namespace {
 using namespace std::chrono_literals;
 using orvale::test::waitUntil;
 
-TEST(ClusterWire, SubjectsMapChannelsBothWaysAndBatchesCarryEveryField) {
+NatsLinkOptions on(std::vector<std::string> urls) {
+    NatsLinkOptions options;
+    options.urls = std::move(urls);
+    options.reconnectWait = 50ms;
+    return options;
+}
+
+// "subject payload" for each message a link receives, from its delivery thread.
+NatsLink::OnMessage into(orvale::test::Inbox& inbox) {
+    return [&inbox](std::string_view subject, std::string_view payload) {
+        inbox.add(std::string(subject) + " " + std::string(payload));
+    };
+}
+
+// Interest spreads between the cluster's nodes a moment after a subscription: publishes a probe
+// until `to` has heard `subject`, so that what follows meets the interest in place.
+bool settle(NatsLink& from, orvale::test::Inbox& to, const std::string& subject) {
+    for (int i = 0; i < 200; ++i) {
+        from.publish(subject, "probe");
+        if (waitUntil([&] { return to.has(subject + " probe"); }, 25ms))
+            return true;
+    }
+    return false;
+}
+
+TEST(ClusterLink, SubjectsAndBatchesCarryEveryFieldAndLinksResumeThroughAnotherNode) {
     const struct {
         const char *channel, *subject;  // subject nullptr: not a channel the cluster carries
     } cases[] = {
@@ -85,36 +110,9 @@ TEST(ClusterWire, SubjectsMapChannelsBothWaysAndBatchesCarryEveryField) {
     };
     for (const auto& text : refused)
         EXPECT_FALSE(readBatch(text)) << text;
-}
 
-NatsLinkOptions on(std::vector<std::string> urls) {
-    NatsLinkOptions options;
-    options.urls = std::move(urls);
-    options.reconnectWait = 50ms;
-    return options;
-}
-
-// "subject payload" for each message a link receives, from its delivery thread.
-NatsLink::OnMessage into(orvale::test::Inbox& inbox) {
-    return [&inbox](std::string_view subject, std::string_view payload) {
-        inbox.add(std::string(subject) + " " + std::string(payload));
-    };
-}
-
-// Interest spreads between the cluster's nodes a moment after a subscription: publishes a probe
-// until `to` has heard `subject`, so that what follows meets the interest in place.
-bool settle(NatsLink& from, orvale::test::Inbox& to, const std::string& subject) {
-    for (int i = 0; i < 200; ++i) {
-        from.publish(subject, "probe");
-        if (waitUntil([&] { return to.has(subject + " probe"); }, 25ms))
-            return true;
-    }
-    return false;
-}
-
-// Between nodes, never echoed to the publisher, with interest counted; and when a link's node
-// dies, it resumes through another. Order and uniqueness are the clustered server's tests.
-TEST(NatsLink, CarriesMessagesResumesThroughAnotherNodeAndNamesTheClusterItCannotReach) {
+    // Between nodes, never echoed to the publisher, with interest counted; a link whose node dies
+    // resumes through another. Order and uniqueness are the clustered server's tests.
     orvale::tools::NatsServers nats(3);
     orvale::test::Inbox atA, atB;
     NatsLink a(on(nats.urls(0)), into(atA));

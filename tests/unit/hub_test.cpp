@@ -18,7 +18,7 @@ namespace {
 
 // One connection's flood of handshakes is capped by the live sessions a connection may have, so
 // other clients still get in; a frame of more messages than allowed is refused whole.
-TEST_F(EndpointTest, FloodsLeaveRoomForOthersAndOnlyItsOwnerMayActForASession) {
+TEST_F(EndpointTest, FloodsLeaveRoomOnlyOwnersActForSessionsAndClustersAnswerSubscriptions) {
     start([](EndpointOptions& o) {
         o.maxSessions = 40;
         o.maxMessagesPerFrame = 30;
@@ -139,12 +139,10 @@ TEST_F(EndpointTest, FloodsLeaveRoomForOthersAndOnlyItsOwnerMayActForASession) {
     ASSERT_TRUE(later.send(connect(visitor, "c")));
     EXPECT_TRUE(successful(later.call(publish(visitor, "p", "/first", "2"), "p")));
     EXPECT_EQ(later.nextDelivery(), "/first 2");
-}
 
-// Over a member that waits `settle` (300 ms) for one that never acknowledges, a frame that
-// subscribes is answered after the wait over either transport, with its other replies and
-// deliveries in order after that answer; a hub stopped meanwhile is not woken.
-TEST_F(EndpointTest, SubscriptionsAreAnsweredOnceTheClusterKnowsThem) {
+    // Over a member that waits `settle` (300 ms) for one that never acknowledges, a frame that
+    // subscribes is answered after the wait over either transport, with its other replies and
+    // deliveries in order after that answer; a hub stopped meanwhile is not woken.
     orvale::tools::NatsServers nats(1);
     server = std::make_shared<cluster::ClusteredServer>(
         makeBayeuxServer(BayeuxServerOptions{1}), nats.urls(0),
@@ -164,29 +162,29 @@ TEST_F(EndpointTest, SubscriptionsAreAnsweredOnceTheClusterKnowsThem) {
     auto watcher = std::make_shared<RecordingSession>("watcher");
     server->registerSession(watcher);
 
-    RawWebSocket ws(port);
-    const std::string id = open(ws);
-    ASSERT_TRUE(ws.send(connect(id, "c")));
+    RawWebSocket sub(port);
+    const std::string subId = open(sub);
+    ASSERT_TRUE(sub.send(connect(subId, "c")));
     auto began = Clock::now();
-    ASSERT_TRUE(ws.send(batch({subscribe(id, "s", "/a"), publish(id, "p", "/a", "1")})));
-    ASSERT_TRUE(ws.send(publish(id, "q", "/a", "2")));
-    ASSERT_TRUE(ws.awaitCount(6));
+    ASSERT_TRUE(sub.send(batch({subscribe(subId, "s", "/a"), publish(subId, "p", "/a", "1")})));
+    ASSERT_TRUE(sub.send(publish(subId, "q", "/a", "2")));
+    ASSERT_TRUE(sub.awaitCount(6));
     EXPECT_GE(Clock::now() - began, 300ms);
     std::vector<std::string> order;
-    for (const auto& m : ws.inbox())
+    for (const auto& m : sub.inbox())
         order.push_back(isDelivery(m) ? delivery(m) : str(m, "id"));
     EXPECT_EQ(order, (std::vector<std::string>{"s", "p", "/a 1", "q", "/a 2"}));
 
     // A long-polling connect sent with the subscription and released by a delivery meanwhile is
     // answered, with the delivery, once the wait is over.
     ASSERT_TRUE(phantom());
-    RawHttp poll(port);
-    const std::string lpId = open(poll);
+    RawHttp lp(port);
+    const std::string lpId = open(lp);
     began = Clock::now();
-    poll.start(batch({subscribe(lpId, "t", "/b"), connect(lpId, "c", -1, "long-polling")}));
+    lp.start(batch({subscribe(lpId, "t", "/b"), connect(lpId, "c", -1, "long-polling")}));
     ASSERT_TRUE(waitUntil([&] { return watcher->announced.has("+" + lpId + " /b"); }));
-    ASSERT_TRUE(ws.send(publish(id, "r", "/b", "3")));
-    const auto answer = poll.finish();
+    ASSERT_TRUE(sub.send(publish(subId, "r", "/b", "3")));
+    const auto answer = lp.finish();
     ASSERT_TRUE(answer) << "the held connect was never answered";
     EXPECT_GE(Clock::now() - began, 300ms);
     order.clear();
@@ -196,12 +194,12 @@ TEST_F(EndpointTest, SubscriptionsAreAnsweredOnceTheClusterKnowsThem) {
 
     // Stopped while a frame waits: when the wait ends, the connection is long gone.
     ASSERT_TRUE(phantom());
-    ASSERT_TRUE(ws.send(subscribe(id, "u", "/c")));
-    ASSERT_TRUE(waitUntil([&] { return watcher->announced.has("+" + id + " /c"); }));
+    ASSERT_TRUE(sub.send(subscribe(subId, "u", "/c")));
+    ASSERT_TRUE(waitUntil([&] { return watcher->announced.has("+" + subId + " /c"); }));
     endpoint.reset();
-    auto over = std::make_shared<std::atomic<bool>>(false);  // comes after the frame's wait
-    ASSERT_TRUE(server->whenSubscriptionsShared([over] { *over = true; }));
-    EXPECT_TRUE(waitUntil([&] { return over->load(); }));
+    auto afterWait = std::make_shared<std::atomic<bool>>(false);  // comes after the frame's wait
+    ASSERT_TRUE(server->whenSubscriptionsShared([afterWait] { *afterWait = true; }));
+    EXPECT_TRUE(waitUntil([&] { return afterWait->load(); }));
 }
 
 }  // namespace
