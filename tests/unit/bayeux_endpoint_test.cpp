@@ -199,7 +199,7 @@ TEST_F(EndpointTest, WebSocketSessionsAndBurstsAreServedInOrderAndErrorRepliesNa
 
 // The API key and the session cap refuse handshakes (with no client id), connections beyond the
 // cap are closed on arrival, and an HTTP body over the message bound is refused and closed.
-TEST_F(EndpointTest, HandshakesConnectionsBodiesAndQueuesAreBounded) {
+TEST_F(EndpointTest, LimitsHoldAndSessionsEndWithTheirSubscriptionsOverPlainAndTlsConnections) {
     start([](EndpointOptions& o) {
         o.apiKey = "s3cret";
         o.maxSessions = 2;
@@ -289,13 +289,9 @@ TEST_F(EndpointTest, HandshakesConnectionsBodiesAndQueuesAreBounded) {
         EXPECT_EQ(log.count("Session " + id + " holds "), 1u);
         EXPECT_FALSE(poll.call(connect(id, "4", 0, "long-polling"), "4").value().contains("ext"));
     }
-}
 
-// Sessions expired or live at a stop lose their subscriptions; TLS serves the same protocol.
-TEST_F(EndpointTest, SessionsEndWithTheirSubscriptionsAndTlsServesTheSameProtocol) {
+    // Sessions expired or live at a stop lose their subscriptions; TLS serves the same protocol.
     start([](EndpointOptions& o) { o.sessionTimeout = 300ms; });
-    LogCapture log;
-    auto watcher = services->createMessageService("watcher", {}).get();
     orvale::test::Inbox heard, published;  // subscriptions as "+/a" and "-/a", and publishes
     auto noted = [&heard](std::string sign) {
         return [&heard, sign](const auto& e) { heard.add(sign + e.getChannel()); };
@@ -309,12 +305,12 @@ TEST_F(EndpointTest, SessionsEndWithTheirSubscriptionsAndTlsServesTheSameProtoco
     ASSERT_TRUE(poll.post(subscribe(quiet, "2", "/orvale/exp/a")));
     ASSERT_TRUE(poll.post(subscribe(quiet, "3", "/orvale/exp/b")));
 
-    auto ws = std::make_unique<RawWebSocket>(port);
-    const std::string gone = open(*ws);
-    ASSERT_TRUE(successful(ws->call(subscribe(gone, "2", "/orvale/exp/c"), "2")));
-    ASSERT_TRUE(ws->send(connect(gone, "3")));
+    auto expiring = std::make_unique<RawWebSocket>(port);
+    const std::string gone = open(*expiring);
+    ASSERT_TRUE(successful(expiring->call(subscribe(gone, "2", "/orvale/exp/c"), "2")));
+    ASSERT_TRUE(expiring->send(connect(gone, "3")));
     ASSERT_TRUE(waitUntil([&] { return heard.has("+/exp/c"); }));
-    ws.reset();
+    expiring.reset();
 
     ASSERT_TRUE(waitUntil([&] { return endpoint->sessionCount() == 0; }));
     ASSERT_TRUE(waitUntil([&] { return heard.snapshot().size() == 6; }));
