@@ -39,7 +39,7 @@ struct CachedValuePublisherTest : ::testing::Test {
 // Values published before there is demand wait in the cache, in order; a bounded cache drops the
 // oldest, a cache of zero keeps the newest. Demand saturates at the maximum: a sum wrapping round
 // (each pair below would wrap to 0) would hold every later value in the cache.
-TEST_F(CachedValuePublisherTest, CacheKeepsOrderAndItsBoundAndDemandSaturatesAtTheMaximum) {
+TEST_F(CachedValuePublisherTest, CacheDemandCompletionCancelAndCallbacksFollowTheStreamRules) {
     for (const auto& [cache, expected] :
          {std::pair{-1, Ints{0, 1, 2, 3, 4}}, std::pair{2, Ints{3, 4}}, std::pair{0, Ints{4}}}) {
         auto publisher = std::make_shared<Publisher>([] {}, cache);
@@ -64,10 +64,10 @@ TEST_F(CachedValuePublisherTest, CacheKeepsOrderAndItsBoundAndDemandSaturatesAtT
     }
     EXPECT_EQ(subscriber->values.size(), 200u);
     EXPECT_EQ(publisher->cachedCount(), 0u);
-}
 
-TEST_F(CachedValuePublisherTest, CompleteWaitsForTheCacheAndCancelOrDestructionEndOnce) {
-    auto publisher = make();
+    // Completion waits for the cache to drain; the publisher replaced here ended once.
+    subscriber = std::make_shared<ManualSubscriber>();
+    publisher = make();
     auto doneFuture = publisher->done();
     publisher->next(1);
     publisher->next(2);
@@ -79,7 +79,7 @@ TEST_F(CachedValuePublisherTest, CompleteWaitsForTheCacheAndCancelOrDestructionE
     subscriber->subscription->request(1);
     EXPECT_EQ(subscriber->values, (Ints{1, 2}));
     EXPECT_EQ(subscriber->completed, 1);
-    EXPECT_EQ(doneCalls, 1);
+    EXPECT_EQ(doneCalls, 2);
     EXPECT_TRUE(doneFuture.get());
     publisher->next(3);  // discarded after the end
     EXPECT_EQ(subscriber->values.size(), 2u);
@@ -87,7 +87,7 @@ TEST_F(CachedValuePublisherTest, CompleteWaitsForTheCacheAndCancelOrDestructionE
     // Completed before anyone subscribed: the late subscriber is told at once.
     auto early = std::make_shared<Publisher>([this] { ++doneCalls; }, -1);
     early->complete();
-    EXPECT_EQ(doneCalls, 2);
+    EXPECT_EQ(doneCalls, 3);
     auto late = std::make_shared<ManualSubscriber>();
     early->subscribe(late);
     EXPECT_NE(late->subscription, nullptr);
@@ -101,12 +101,12 @@ TEST_F(CachedValuePublisherTest, CompleteWaitsForTheCacheAndCancelOrDestructionE
     publisher->next(1);
     subscriber->subscription->cancel();
     EXPECT_FALSE(cancelled.get());
-    EXPECT_EQ(doneCalls, 3);
+    EXPECT_EQ(doneCalls, 4);
     subscriber->subscription->request(1);
     EXPECT_TRUE(subscriber->values.empty());
     EXPECT_EQ(subscriber->completed, 0);
     publisher.reset();
-    EXPECT_EQ(doneCalls, 3);
+    EXPECT_EQ(doneCalls, 4);
 
     publisher = std::make_shared<Publisher>([this] { ++doneCalls; }, -1);
     auto callback = std::make_shared<CallbackSubscriber<int>>([](int) {});
@@ -114,15 +114,13 @@ TEST_F(CachedValuePublisherTest, CompleteWaitsForTheCacheAndCancelOrDestructionE
     publisher->subscribe(callback);
     EXPECT_THROW(publisher->subscribe(subscriber), std::invalid_argument);
     publisher.reset();
-    EXPECT_EQ(doneCalls, 4);
+    EXPECT_EQ(doneCalls, 5);
     EXPECT_TRUE(finished.get());
-}
 
-// A throwing callback leaves the publisher usable, and a callback may publish into it; a
-// subscriber ends once and drops what comes after its end. Concurrent producers lose nothing and
-// keep their own order.
-TEST(CallbackSubscriber, ThrowsOrPublishesAgainEndsOnceAndTakesConcurrentProducers) {
-    auto publisher = std::make_shared<Publisher>([] {}, -1);
+    // A throwing callback leaves the publisher usable, and a callback may publish into it; a
+    // subscriber ends once and drops what comes after its end. Concurrent producers lose nothing
+    // and keep their own order.
+    publisher = std::make_shared<Publisher>([] {}, -1);
     Ints received;
     publisher->subscribe(std::make_shared<CallbackSubscriber<int>>([&](int v) {
         received.push_back(v);
@@ -137,20 +135,20 @@ TEST(CallbackSubscriber, ThrowsOrPublishesAgainEndsOnceAndTakesConcurrentProduce
     EXPECT_EQ(received, (Ints{1, 2, 10, 11, 12, 13}));
 
     int calls = 0;
-    auto subscriber = std::make_shared<CallbackSubscriber<int>>([&](int) { ++calls; });
-    auto done = subscriber->done();
-    subscriber->onError(std::make_exception_ptr(std::runtime_error("stream failed")));
-    subscriber->onComplete();
-    subscriber->onNext(1);
+    auto ended = std::make_shared<CallbackSubscriber<int>>([&](int) { ++calls; });
+    auto done = ended->done();
+    ended->onError(std::make_exception_ptr(std::runtime_error("stream failed")));
+    ended->onComplete();
+    ended->onNext(1);
     EXPECT_EQ(calls, 0);
     EXPECT_THROW(done.get(), std::runtime_error);
 
-    auto cancelled = std::make_shared<CallbackSubscriber<int>>([&](int) { ++calls; });
-    auto cancelledDone = cancelled->done();
+    auto cancelling = std::make_shared<CallbackSubscriber<int>>([&](int) { ++calls; });
+    auto cancellingDone = cancelling->done();
     publisher = std::make_shared<Publisher>([] {}, -1);
-    publisher->subscribe(cancelled);
-    cancelled->cancel();
-    EXPECT_FALSE(cancelledDone.get());
+    publisher->subscribe(cancelling);
+    cancelling->cancel();
+    EXPECT_FALSE(cancellingDone.get());
     publisher->next(1);
     EXPECT_EQ(calls, 0);
 
