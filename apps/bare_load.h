@@ -23,10 +23,6 @@ class BareLoad {
     double throughput(std::size_t subscribers, std::size_t messages);
 
     static constexpr std::size_t kBatch = 32;
-    // How far the publisher may run ahead of its slowest subscriber: a server drops the oldest
-    // messages of a session that falls too far behind (orvale at 10,000 by default), and a run
-    // measures deliveries, not drops.
-    static constexpr std::size_t kMostAhead = 5000;
 
   private:
     std::string url_, publishUrl_;

@@ -92,6 +92,11 @@ LoadRunner::LoadRunner(std::string url, std::size_t window, std::string publishU
 LoadRunner::~LoadRunner() = default;
 
 double LoadRunner::throughput(std::size_t subscribers, std::size_t messages) {
+    // Declared first, so that they outlive the services whose callbacks count into them, even
+    // when the run ends in a failure.
+    std::atomic<std::size_t> received{0};
+    std::vector<std::atomic<std::size_t>> each(subscribers);  // deliveries per subscriber
+    std::atomic<std::int64_t> last{0};
     // A factory, so a context and a transport thread, per service: one shared thread would
     // have to decode every answer and every delivery of the run alone.
     std::vector<std::unique_ptr<ClientFactory>> factories;
@@ -103,12 +108,11 @@ double LoadRunner::throughput(std::size_t subscribers, std::size_t messages) {
     const std::string channel = "/bench/tp" + tag;
     std::vector<std::shared_ptr<ms::MessageService>> services;
     std::vector<std::shared_ptr<ms::Subscription>> subscriptions;
-    std::atomic<std::size_t> received{0};
-    std::atomic<std::int64_t> last{0};
     const std::size_t expected = messages * subscribers;
     for (std::size_t i = 0; i < subscribers; ++i) {
         auto service = connected(factory().connect("tp" + tag + "-sub" + std::to_string(i), url_));
-        auto subscribed = service->subscribe(channel, [&](const ms::JsonMessage&) {
+        auto subscribed = service->subscribe(channel, [&, i](const ms::JsonMessage&) {
+            each[i].fetch_add(1, std::memory_order_relaxed);
             // The clock is read once, by the delivery that completes the run.
             if (received.fetch_add(1, std::memory_order_relaxed) + 1 == expected)
                 last.store(nowNanos(), std::memory_order_relaxed);
@@ -124,8 +128,30 @@ double LoadRunner::throughput(std::size_t subscribers, std::size_t messages) {
     // publishing thread a wake-up, and a core a context switch, for every single answer.
     const std::size_t batch = std::max<std::size_t>(1, window_ / 4);
     const std::string unanswered = "a publish was not answered";  // made once, not per message
+    // Waits while the slowest subscriber is kMostAhead behind; a failure once it stops for long.
+    auto keepPace = [&](std::size_t published) {
+        auto slowest = [&] {
+            std::size_t least = published;
+            for (const auto& count : each)
+                least = std::min(least, count.load());
+            return least;
+        };
+        auto moved = Clock::now();
+        for (std::size_t least = slowest(); published - least >= kMostAhead;) {
+            std::this_thread::sleep_for(100us);
+            const std::size_t now = slowest();
+            if (now != least)
+                moved = Clock::now();
+            else if (Clock::now() - moved > kStall)
+                throw Failure("a subscriber of " + url_ + " stopped at " + std::to_string(now) +
+                              " of " + std::to_string(published) + " deliveries");
+            least = now;
+        }
+    };
     for (std::size_t i = 0; i < messages; ++i) {
         const std::size_t slot = i % window_;
+        if (i % batch == 0)
+            keepPace(i);
         if (used[slot] && i % batch == 0)
             window[(slot + batch - 1) % window_].waitFor(kStall);
         if (used[slot])

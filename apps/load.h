@@ -20,6 +20,10 @@ struct Latency {
 
 // A load run gives up once nothing has arrived for this long.
 inline constexpr std::chrono::seconds kStall{10};
+// How far a publisher may run ahead of its slowest subscriber: a server drops the oldest
+// messages of a session that falls too far behind (orvale at 10,000 by default), and a run
+// measures deliveries, not drops.
+inline constexpr std::size_t kMostAhead = 5000;
 
 // The steady clock in nanoseconds, as the payloads carry it.
 std::int64_t nowNanos();
