@@ -119,21 +119,12 @@ double BareLoad::throughput(std::size_t subscribers, std::size_t messages) {
         std::this_thread::sleep_for(10ms);
     }
 
-    std::size_t slowest = 0;
-    auto moved = Clock::now();
-    // True while the slowest subscriber is kMostAhead behind; a failure once it stops for long.
+    Pace pace(url_, messages);
     auto behind = [&](std::size_t published) {
         std::size_t least = messages;
         for (const auto& reader : readers)
             least = std::min(least, reader->delivered());
-        if (least != slowest) {
-            slowest = least;
-            moved = Clock::now();
-        } else if (Clock::now() - moved > kStall) {
-            throw Failure("a subscriber of " + url_ + " stopped at " + std::to_string(least) +
-                          " of " + std::to_string(messages) + " deliveries");
-        }
-        return published - least >= kMostAhead;
+        return pace.behind(published, least);
     };
 
     std::string frame, payload;

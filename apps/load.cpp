@@ -63,6 +63,17 @@ void appendTimedPayload(std::string& text, std::size_t seq) {
     text.push_back('}');
 }
 
+bool Pace::behind(std::size_t published, std::size_t least) {
+    if (least != slowest_) {
+        slowest_ = least;
+        moved_ = Clock::now();
+    } else if (Clock::now() - moved_ > kStall) {
+        throw Failure("a subscriber of " + url_ + " stopped at " + std::to_string(least) + " of " +
+                      std::to_string(messages_) + " deliveries");
+    }
+    return published - std::min(published, least) >= kMostAhead;
+}
+
 namespace {
 
 // Some servers (Faye) answer every message of a frame only once all of them are answered, so a
@@ -128,30 +139,17 @@ double LoadRunner::throughput(std::size_t subscribers, std::size_t messages) {
     // publishing thread a wake-up, and a core a context switch, for every single answer.
     const std::size_t batch = std::max<std::size_t>(1, window_ / 4);
     const std::string unanswered = "a publish was not answered";  // made once, not per message
-    // Waits while the slowest subscriber is kMostAhead behind; a failure once it stops for long.
-    auto keepPace = [&](std::size_t published) {
-        auto slowest = [&] {
-            std::size_t least = published;
-            for (const auto& count : each)
-                least = std::min(least, count.load());
-            return least;
-        };
-        auto moved = Clock::now();
-        for (std::size_t least = slowest(); published - least >= kMostAhead;) {
-            std::this_thread::sleep_for(100us);
-            const std::size_t now = slowest();
-            if (now != least)
-                moved = Clock::now();
-            else if (Clock::now() - moved > kStall)
-                throw Failure("a subscriber of " + url_ + " stopped at " + std::to_string(now) +
-                              " of " + std::to_string(published) + " deliveries");
-            least = now;
-        }
+    Pace pace(url_, messages);
+    auto slowest = [&] {
+        std::size_t least = messages;
+        for (const auto& count : each)
+            least = std::min(least, count.load());
+        return least;
     };
     for (std::size_t i = 0; i < messages; ++i) {
         const std::size_t slot = i % window_;
-        if (i % batch == 0)
-            keepPace(i);
+        while (i % batch == 0 && pace.behind(i, slowest()))
+            std::this_thread::sleep_for(100us);
         if (used[slot] && i % batch == 0)
             window[(slot + batch - 1) % window_].waitFor(kStall);
         if (used[slot])

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 
 namespace orvale::app {
 
@@ -24,6 +25,22 @@ inline constexpr std::chrono::seconds kStall{10};
 // messages of a session that falls too far behind (orvale at 10,000 by default), and a run
 // measures deliveries, not drops.
 inline constexpr std::size_t kMostAhead = 5000;
+
+// Keeps a publisher at most kMostAhead ahead of its slowest subscriber, and fails the run once
+// that subscriber has not moved for kStall. Used by the thread that publishes.
+class Pace {
+  public:
+    // `url` and `messages` name the run in the failure.
+    Pace(std::string url, std::size_t messages) : url_(std::move(url)), messages_(messages) {}
+    // True while `published` is kMostAhead ahead of `least`, the slowest subscriber's count.
+    bool behind(std::size_t published, std::size_t least);
+
+  private:
+    std::string url_;
+    std::size_t messages_;
+    std::size_t slowest_ = 0;
+    std::chrono::steady_clock::time_point moved_ = std::chrono::steady_clock::now();
+};
 
 // The steady clock in nanoseconds, as the payloads carry it.
 std::int64_t nowNanos();
