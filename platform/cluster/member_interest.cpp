@@ -58,23 +58,35 @@ void MemberInterest::replace(std::string_view name, const std::vector<std::strin
                              bool continued, Clock::time_point now) {
     common::WriterLock lock(mutex_);
     Member& known = member(name, now);
-    if (!continued) {
-        for (const auto& pattern : known.patterns)
-            count(pattern, false);
-        known.patterns.clear();
-    }
+    // Only what differs is counted, the additions first: a set told again, as every member
+    // does now and then, leaves every count as it was, so no channel reads as unwanted while
+    // the set is taken in.
+    bool changed = false;
     for (const auto pattern : patterns) {
         const auto added = known.patterns.emplace(pattern);
         if (added.second)
-            count(*added.first, true);
+            changed |= count(*added.first, true);
     }
+    if (!continued) {
+        const std::set<std::string_view> kept(patterns.begin(), patterns.end());
+        for (auto it = known.patterns.begin(); it != known.patterns.end();) {
+            if (kept.count(*it)) {
+                ++it;
+                continue;
+            }
+            changed |= count(*it, false);
+            it = known.patterns.erase(it);
+        }
+    }
+    if (changed)
+        bump();
 }
 
 void MemberInterest::add(std::string_view name, std::string_view pattern, Clock::time_point now) {
     common::WriterLock lock(mutex_);
     const auto added = member(name, now).patterns.emplace(pattern);
-    if (added.second)
-        count(*added.first, true);
+    if (added.second && count(*added.first, true))
+        bump();
 }
 
 void MemberInterest::remove(std::string_view name, std::string_view pattern) {
@@ -85,8 +97,10 @@ void MemberInterest::remove(std::string_view name, std::string_view pattern) {
     const auto it = known->second.patterns.find(pattern);
     if (it == known->second.patterns.end())
         return;
-    count(*it, false);
+    const bool changed = count(*it, false);
     known->second.patterns.erase(it);
+    if (changed)
+        bump();
 }
 
 void MemberInterest::forget(std::string_view name) {
@@ -122,24 +136,32 @@ MemberInterest::Member& MemberInterest::member(std::string_view name, Clock::tim
     return it->second;
 }
 
-void MemberInterest::count(const std::string& pattern, bool add) {
-    version_ = ++lastVersion;
+bool MemberInterest::count(const std::string& pattern, bool add) {
     if (add) {
-        if (union_[pattern]++ == 0)
-            ++distinct_;
-        return;
+        if (union_[pattern]++ > 0)
+            return false;
+        ++distinct_;
+        return true;
     }
     const auto it = union_.find(pattern);
-    if (it != union_.end() && --it->second == 0) {
-        union_.erase(it);
-        --distinct_;
-    }
+    if (it == union_.end() || --it->second > 0)
+        return false;
+    union_.erase(it);
+    --distinct_;
+    return true;
+}
+
+void MemberInterest::bump() {
+    version_.store(++lastVersion, std::memory_order_release);
 }
 
 void MemberInterest::drop(std::map<std::string, Member, std::less<>>::iterator it) {
+    bool changed = false;
     for (const auto& pattern : it->second.patterns)
-        count(pattern, false);
+        changed |= count(pattern, false);
     members_.erase(it);
+    if (changed)
+        bump();
 }
 
 }  // namespace connector::bayeux::cluster

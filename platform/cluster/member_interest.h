@@ -69,7 +69,10 @@ class MemberInterest {
     };
     bool has(std::string_view pattern) const ORVALE_REQUIRES_SHARED(mutex_);
     Member& member(std::string_view name, Clock::time_point now) ORVALE_REQUIRES(mutex_);
-    void count(const std::string& pattern, bool add) ORVALE_REQUIRES(mutex_);
+    // Counts one member more or less for `pattern`; true when the union gained or lost it.
+    bool count(const std::string& pattern, bool add) ORVALE_REQUIRES(mutex_);
+    // A new version, once a change is complete: a caller that reads it also sees the change.
+    void bump() ORVALE_REQUIRES(mutex_);
     void drop(std::map<std::string, Member, std::less<>>::iterator it) ORVALE_REQUIRES(mutex_);
 
     std::atomic<std::uint64_t> version_;

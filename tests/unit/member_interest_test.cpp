@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+
 #include "cluster/member_interest.h"
 
 namespace connector::bayeux::cluster {
@@ -55,6 +58,32 @@ TEST(MemberInterest, MatchingSetsReplaceChangesAndDoubt) {
     interest.forget("n");
     EXPECT_TRUE(interest.members().empty());
     EXPECT_FALSE(interest.wanted("/b"));
+}
+
+// Every member tells its whole set again now and then. Taking it in changes only what differs,
+// so a channel wanted before and after never reads as unwanted meanwhile (a publisher would drop
+// its messages), and a set told unchanged leaves the version that publishers cache answers by.
+TEST(MemberInterest, ASetToldAgainNeverLeavesItsChannelsUnwanted) {
+    MemberInterest interest;
+    const auto now = Clock::now();
+    interest.replace("n", {"/a", "/b"}, false, now);
+    const auto version = interest.version();
+    interest.replace("n", {"/b", "/a"}, false, now);
+    EXPECT_EQ(interest.version(), version);
+    std::atomic<bool> told{false};
+    std::thread member([&] {
+        for (int i = 0; i < 20000; ++i) {
+            interest.replace("n", {"/a"}, false, now);
+            interest.replace("n", {"/a", "/b"}, false, now);
+        }
+        told = true;
+    });
+    std::size_t unwanted = 0;
+    while (!told)
+        unwanted += !interest.wanted("/a");
+    member.join();
+    EXPECT_EQ(unwanted, 0u);
+    EXPECT_NE(interest.version(), version);
 }
 
 }  // namespace
