@@ -434,6 +434,8 @@ void ClusteredServer::onMembership(std::string_view origin, std::string_view res
         others_.add(origin, rest, now);
         acknowledge(origin, number);
     } else if (kind == "N") {
+        // Sent after a whole set: what the set no longer names can go.
+        others_.complete(origin);
         acknowledge(origin, rest);
     } else if (kind == "U") {
         others_.remove(origin, rest);

@@ -58,33 +58,54 @@ void MemberInterest::replace(std::string_view name, const std::vector<std::strin
                              bool continued, Clock::time_point now) {
     common::WriterLock lock(mutex_);
     Member& known = member(name, now);
-    // Only what differs is counted, the additions first: a set told again, as every member
-    // does now and then, leaves every count as it was, so no channel reads as unwanted while
-    // the set is taken in.
+    // Only what differs is counted, and removals wait for the whole set: a set told again, as
+    // every member does now and then, leaves every count as it was, so no channel reads as
+    // unwanted while the set is taken in.
     bool changed = false;
+    if (!continued) {
+        changed = completeLocked(known);
+        known.told.emplace();
+    }
     for (const auto pattern : patterns) {
+        if (known.told)
+            known.told->emplace(pattern);
         const auto added = known.patterns.emplace(pattern);
         if (added.second)
             changed |= count(*added.first, true);
-    }
-    if (!continued) {
-        const std::set<std::string_view> kept(patterns.begin(), patterns.end());
-        for (auto it = known.patterns.begin(); it != known.patterns.end();) {
-            if (kept.count(*it)) {
-                ++it;
-                continue;
-            }
-            changed |= count(*it, false);
-            it = known.patterns.erase(it);
-        }
     }
     if (changed)
         bump();
 }
 
+void MemberInterest::complete(std::string_view name) {
+    common::WriterLock lock(mutex_);
+    const auto known = members_.find(name);
+    if (known != members_.end() && completeLocked(known->second))
+        bump();
+}
+
+bool MemberInterest::completeLocked(Member& known) {
+    if (!known.told)
+        return false;
+    bool changed = false;
+    for (auto it = known.patterns.begin(); it != known.patterns.end();) {
+        if (known.told->count(*it)) {
+            ++it;
+            continue;
+        }
+        changed |= count(*it, false);
+        it = known.patterns.erase(it);
+    }
+    known.told.reset();
+    return changed;
+}
+
 void MemberInterest::add(std::string_view name, std::string_view pattern, Clock::time_point now) {
     common::WriterLock lock(mutex_);
-    const auto added = member(name, now).patterns.emplace(pattern);
+    Member& known = member(name, now);
+    if (known.told)
+        known.told->emplace(pattern);
+    const auto added = known.patterns.emplace(pattern);
     if (added.second && count(*added.first, true))
         bump();
 }
@@ -94,6 +115,8 @@ void MemberInterest::remove(std::string_view name, std::string_view pattern) {
     const auto known = members_.find(name);
     if (known == members_.end())
         return;
+    if (known->second.told)
+        known->second.told->erase(std::string(pattern));
     const auto it = known->second.patterns.find(pattern);
     if (it == known->second.patterns.end())
         return;

@@ -5,7 +5,9 @@
 //
 // Each member tells the others when its first session subscribes to a pattern and when its last
 // one leaves it, and sends its whole set now and then and when it (re)joins: a set replaces what
-// was known of the member, so a lost change heals at the next one, and a member not heard from
+// was known of the member, so a lost change heals at the next one. A set may come in parts, and
+// what it no longer names is forgotten only once it is complete, so that no pattern it still
+// holds is missing while its parts arrive. A member not heard from
 // for `expiry` is forgotten (it died without saying goodbye). Until the sets of the others have
 // had time to arrive after this member joined or came back from an outage, every channel counts
 // as wanted: a member that cannot know yet publishes everything, as one without this knowledge
@@ -20,6 +22,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -48,10 +51,13 @@ class MemberInterest {
     // Ends the doubt once its time has passed.
     void settle(Clock::time_point now);
 
-    // `member`'s whole set of patterns, which replaces what was known, or continues one that
-    // came in several parts when `continued`.
+    // The first part of `member`'s whole set of patterns, or the next part when `continued`.
+    // Its patterns count at once; what was known and the set does not name is forgotten when
+    // the set is complete(), or when the next set begins.
     void replace(std::string_view member, const std::vector<std::string_view>& patterns,
                  bool continued, Clock::time_point now);
+    // `member` has told all of its set.
+    void complete(std::string_view member);
     // One pattern more or less for `member`.
     void add(std::string_view member, std::string_view pattern, Clock::time_point now);
     void remove(std::string_view member, std::string_view pattern);
@@ -65,8 +71,12 @@ class MemberInterest {
   private:
     struct Member {
         std::set<std::string, std::less<>> patterns;
+        // While a set is being told: what it named so far, and what the member added since.
+        std::optional<std::set<std::string, std::less<>>> told;
         Clock::time_point heard;
     };
+    // Forgets what `known` holds beyond the set it has told; true when the union changed.
+    bool completeLocked(Member& known) ORVALE_REQUIRES(mutex_);
     bool has(std::string_view pattern) const ORVALE_REQUIRES_SHARED(mutex_);
     Member& member(std::string_view name, Clock::time_point now) ORVALE_REQUIRES(mutex_);
     // Counts one member more or less for `pattern`; true when the union gained or lost it.
