@@ -312,8 +312,8 @@ void ClusteredServer::answerWaiters(Clock::time_point now) {
 
 std::optional<ClusterStats> ClusteredServer::clusterStats() const {
     const NatsLinkStats link = link_->stats();
-    return ClusterStats{link.connected, link.published,  link.received,
-                        link.lost,      link.reconnects, others_.members().size()};
+    return ClusterStats{link.connected,  link.published,           link.received, link.lost,
+                        link.reconnects, others_.members().size(), link.dropped};
 }
 
 void ClusteredServer::countInterest(const std::string& clientId, const std::string& pattern,

@@ -27,6 +27,24 @@ struct Options {
     natsOptions* handle = nullptr;
 };
 
+std::uint64_t droppedBy(natsSubscription* subscription) {
+    int64_t dropped = 0;
+    natsSubscription_GetDropped(subscription, &dropped);
+    return static_cast<std::uint64_t>(dropped);
+}
+
+// NATS calls this once each time a subscription starts dropping, not once per drop.
+void onAsyncError(natsConnection*, natsSubscription* subscription, natsStatus status, void*) {
+    if (status == NATS_SLOW_CONSUMER && subscription)
+        logger.log(log::warning,
+                   "Cluster link: this member reads the others' messages too slowly, and NATS "
+                   "drops them (",
+                   droppedBy(subscription), " so far on ",
+                   natsSubscription_GetSubject(subscription), ")");
+    else
+        logger.log(log::warning, "Cluster link: ", natsStatus_GetText(status));
+}
+
 void check(natsStatus status, const char* what) {
     if (status != NATS_OK)
         throw std::runtime_error(std::string(what) + ": " + natsStatus_GetText(status));
@@ -61,6 +79,7 @@ NatsLink::NatsLink(NatsLinkOptions options, OnMessage onMessage)
     natsOptions_SetDisconnectedCB(o, &NatsLink::onDisconnected, this);
     natsOptions_SetReconnectedCB(o, &NatsLink::onReconnected, this);
     natsOptions_SetClosedCB(o, &NatsLink::onClosed, this);
+    natsOptions_SetErrorHandler(o, &onAsyncError, nullptr);
     const natsStatus status = natsConnection_Connect(&connection_, o);
     if (status != NATS_OK)
         throw std::runtime_error("Cannot reach the cluster at " + joined(options_.urls) + ": " +
@@ -121,6 +140,8 @@ bool NatsLink::addInterest(const std::string& pattern) {
     }
     ++running_;
     natsSubscription_SetOnCompleteCB(subscription.handle, &NatsLink::onSubscriptionDone, this);
+    natsSubscription_SetPendingLimits(subscription.handle, options_.pendingMessages,
+                                      options_.pendingBytes);
     return true;
 }
 
@@ -130,6 +151,7 @@ void NatsLink::removeInterest(const std::string& pattern) {
     if (it == subscriptions_.end() || --it->second.uses > 0)
         return;
     // The handler may still be running on a delivery thread: Destroy only drops this reference.
+    droppedBefore_ += droppedBy(it->second.handle);
     natsSubscription_Unsubscribe(it->second.handle);
     natsSubscription_Destroy(it->second.handle);
     subscriptions_.erase(it);
@@ -144,6 +166,9 @@ NatsLinkStats NatsLink::stats() const {
     stats.reconnects = reconnects_;
     common::MutexLock lock(mutex_);
     stats.subscriptions = subscriptions_.size();
+    stats.dropped = droppedBefore_;
+    for (const auto& [pattern, subscription] : subscriptions_)
+        stats.dropped += droppedBy(subscription.handle);
     return stats;
 }
 

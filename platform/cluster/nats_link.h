@@ -7,7 +7,9 @@
 // every `reconnectWait`), and it never sends a process its own publishes back (no echo), so a
 // message reaches each member once. While the link is down, publishes are kept in a buffer of
 // `reconnectBufferBytes` and sent on reconnection; what does not fit is counted as lost and
-// logged once per outage.
+// logged once per outage. A member that reads what arrives more slowly than it comes lets
+// NATS drop the newest beyond `pendingMessages` or `pendingBytes` waiting for it; those drops are
+// counted and logged once each time it falls behind.
 //
 // Thread safety: every function may be called from any thread at once. `onMessage` runs on the
 // NATS library's delivery thread, one message at a time, in the order the connection received
@@ -39,6 +41,9 @@ struct NatsLinkOptions {
     std::chrono::milliseconds reconnectWait{250};
     std::size_t reconnectBufferBytes = 8 * 1024 * 1024;
     std::chrono::milliseconds connectTimeout{2000};
+    // What may wait for onMessage, per subscription, before NATS drops what comes next.
+    int pendingMessages = 65536;
+    int pendingBytes = 64 * 1024 * 1024;
     // Told false when the link goes down and true when it comes back, on a NATS library thread.
     std::function<void(bool up)> onLinkChange;
 };
@@ -48,6 +53,7 @@ struct NatsLinkStats {
     std::uint64_t published = 0;
     std::uint64_t received = 0;
     std::uint64_t lost = 0;        // publishes that could be neither sent nor buffered
+    std::uint64_t dropped = 0;     // deliveries NATS dropped while onMessage fell behind
     std::uint64_t reconnects = 0;  // times the link came back after an outage
     std::size_t subscriptions = 0;
 };
@@ -96,6 +102,8 @@ class NatsLink {
     // NATS subscriptions whose handler may still run, and whether the connection's callbacks
     // are over: the destructor waits for both.
     std::size_t running_ ORVALE_GUARDED_BY(mutex_) = 0;
+    // Drops counted by NATS subscriptions since unsubscribed.
+    std::uint64_t droppedBefore_ ORVALE_GUARDED_BY(mutex_) = 0;
     bool closed_ ORVALE_GUARDED_BY(mutex_) = false;
     std::condition_variable finished_;
 

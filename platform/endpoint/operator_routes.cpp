@@ -163,6 +163,9 @@ std::string metricsText(const Hub& hub) {
                    "Messages received from the cluster.", cluster->received);
         out.single("orvale_cluster_lost_messages_total", "counter",
                    "Messages for the cluster lost while its link was down.", cluster->lost);
+        out.single("orvale_cluster_dropped_messages_total", "counter",
+                   "Messages from the cluster dropped because this hub read them too slowly.",
+                   cluster->dropped);
         out.single("orvale_cluster_reconnects_total", "counter",
                    "Times the link to the cluster came back after an outage.", cluster->reconnects);
         out.single("orvale_cluster_members", "gauge",
@@ -203,6 +206,7 @@ std::string statusJson(const Hub& hub) {
     if (figures.cluster)
         status["cluster"] = {{"connected", figures.cluster->connected},
                              {"lost", figures.cluster->lost},
+                             {"dropped", figures.cluster->dropped},
                              {"reconnects", figures.cluster->reconnects},
                              {"members", figures.cluster->members}};
     else

@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <future>
+
 #include "cluster/nats_link.h"
 #include "cluster/publish_batch.h"
 #include "cluster/subjects.h"
@@ -134,6 +137,34 @@ TEST(ClusterLink, SubjectsAndBatchesCarryEveryFieldAndLinksResumeThroughAnotherN
     nats.kill(1);
     ASSERT_TRUE(waitUntil([&] { return b.stats().reconnects == 1; }, 10s));
     EXPECT_TRUE(settle(a, atB, "o.after"));
+
+    // A member that reads too slowly loses what NATS cannot hold for it, counts it and says so.
+    // Its reader holds the first message (for 5 s at most) while at most four more wait.
+    orvale::test::LogCapture log;
+    orvale::test::Inbox probes;
+    std::promise<void> open;
+    const std::shared_future<void> opened = open.get_future().share();
+    std::atomic<std::uint64_t> taken{0};
+    auto options = on(nats.urls(2));
+    options.pendingMessages = 4;
+    NatsLink slow(options, [&](std::string_view subject, std::string_view payload) {
+        if (payload == "probe")
+            return probes.add(std::string(subject) + " probe");
+        opened.wait_for(5s);
+        ++taken;
+    });
+    ASSERT_TRUE(slow.addInterest("o.slow"));
+    ASSERT_TRUE(settle(a, probes, "o.slow"));
+    for (int i = 0; i < 50; ++i)
+        a.publish("o.slow", "m");
+    a.flush(5s);
+    EXPECT_TRUE(waitUntil([&] { return slow.stats().dropped >= 45; }));
+    open.set_value();
+    EXPECT_TRUE(waitUntil([&] { return taken + slow.stats().dropped == 50; }))
+        << taken << " read, " << slow.stats().dropped << " dropped";
+    EXPECT_EQ(log.count("Cluster link: this member reads the others' messages too slowly, and "
+                        "NATS drops them ("),
+              1u);
 
     // A server that cannot reach its cluster names it.
     const std::string url = "nats://127.0.0.1:" + std::to_string(orvale::tools::freeLoopbackPort());

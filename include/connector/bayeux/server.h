@@ -42,6 +42,9 @@ struct ClusterStats {
     std::uint64_t lost = 0;        // sent while the link was down, beyond its reconnect buffer
     std::uint64_t reconnects = 0;  // outages the link came back from
     std::size_t members = 0;       // other members heard from lately
+    // What NATS dropped of the others' messages because this member read them too slowly; its
+    // unit is `received`'s.
+    std::uint64_t dropped = 0;
 };
 
 class BayeuxServer {
