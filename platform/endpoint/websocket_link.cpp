@@ -3,6 +3,8 @@
 // Everything here runs on the connection's I/O thread; sessions reach it only through the Link
 // calls, which post. Frames are read one at a time; replies and deliveries collect in `out_`
 // and leave as one JSON array per write, so a busy socket batches whatever arrives meanwhile.
+// The write waits for the end of the thread's turn (io_turns.h): a client whose frames are
+// already there has them all read and answered in one write, instead of a write per frame.
 // Reading pauses while too much output waits, so a client that sends faster than it reads is
 // held back by its own backlog, and while a frame's subscriptions are not yet known to the rest
 // of the cluster: its replies, and what follows them, wait until they are.
@@ -36,6 +38,7 @@
 #include "connections.h"
 #include "connector/log/diagnostic_logger.h"
 #include "hub.h"
+#include "server/deferred_wakes.h"
 
 namespace connector::bayeux::endpoint {
 
@@ -53,6 +56,8 @@ const log::basic_diagnostic_logger<char> logger("connector::bayeux::endpoint");
 constexpr std::size_t kHighWater = 1024 * 1024;
 // Buffers larger than this are given back once their frame has gone.
 constexpr std::size_t kKeptBuffer = 16 * 1024;
+// Output that waits for the end of a turn at most; more is written at once.
+constexpr std::size_t kTurnOutput = 8 * 1024;
 
 template <class Stream>
 constexpr bool kSecure = std::is_same_v<Stream, TlsStream>;
@@ -176,6 +181,8 @@ class WebSocketLink final : public Link,
                                      readBuffer_.size());
         FrameOutcome outcome;
         try {
+            // Deliveries that were ready before this frame go out before its replies.
+            gatherDeliveries();
             outcome = hub_->handleFrame(frame, self(), sender_, out_);
         } catch (const std::exception& e) {
             // Only resource exhaustion gets here; this client is dropped, the hub goes on.
@@ -204,14 +211,14 @@ class WebSocketLink final : public Link,
             readPaused_ = true;
             return;
         }
-        flush();
         readOn();
+        flushSoon();
     }
 
     void onSubscriptionsShared() {
         awaitingCluster_ = false;
-        flush();
         readOn();
+        flushSoon();
     }
 
     // Reads the next frame unless too much output waits.
@@ -240,18 +247,45 @@ class WebSocketLink final : public Link,
         flush();
     }
 
+    // Flushes when the thread's turn ends, or at once outside a turn or once enough waits.
+    void flushSoon() {
+        if (!DeferredWakes::active() || out_.bytes() > kTurnOutput)
+            return flush();
+        if (closed_ || flushQueued_)
+            return;
+        flushQueued_ = true;
+        turnEnd().push_back(this->shared_from_this());
+        DeferredWakes::atEnd(&flushAtTurnEnd);
+    }
+
+    // The links of this thread that flush when its turn ends.
+    static std::vector<std::shared_ptr<WebSocketLink>>& turnEnd() {
+        thread_local std::vector<std::shared_ptr<WebSocketLink>> links;
+        return links;
+    }
+
+    static void flushAtTurnEnd() {
+        std::vector<std::shared_ptr<WebSocketLink>> links;
+        links.swap(turnEnd());
+        for (const auto& link : links) {
+            link->flushQueued_ = false;
+            try {
+                link->flush();
+            } catch (const std::exception& e) {
+                // Resource exhaustion, as in onRead; the other links of the turn still flush.
+                logger.log(log::error, "Closing a WebSocket after a failure: ", e.what());
+                link->abort();
+            }
+        }
+    }
+
     // Sends everything waiting as one frame unless a write is under way.
     void flush() {
         if (closed_)
             return;
         if (writing_ || awaitingCluster_)
             return checkOutput();
-        if (!ready_.empty()) {
-            const std::shared_ptr<Link> link = self();
-            for (const auto& session : ready_)
-                hub_->appendDeliveries(*session, link, out_);
-            ready_.clear();
-        }
+        gatherDeliveries();
         if (!out_.empty()) {
             writeCount_ = out_.count();
             writeBuffer_ = out_.close(std::move(spare_));
@@ -264,6 +298,16 @@ class WebSocketLink final : public Link,
                             });
         }
         checkOutput();
+    }
+
+    // Moves the deliveries of the sessions that are ready into the output.
+    void gatherDeliveries() {
+        if (ready_.empty())
+            return;
+        const std::shared_ptr<Link> link = self();
+        for (const auto& session : ready_)
+            hub_->appendDeliveries(*session, link, out_);
+        ready_.clear();
     }
 
     // Closes the connection once the output waiting for its peer passes the bound.
@@ -375,6 +419,7 @@ class WebSocketLink final : public Link,
     bool writing_ = false;
     bool readPaused_ = false;
     bool awaitingCluster_ = false;  // the last frame's replies wait for the cluster
+    bool flushQueued_ = false;      // in turnEnd(), to flush when this thread's turn ends
     bool closed_ = false;
 };
 

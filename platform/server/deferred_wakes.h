@@ -18,7 +18,8 @@ class DeferredWakes {
     // Whether a scope is open on this thread.
     static bool active();
     // Runs `hook` when the outermost scope on this thread ends, before its wakes, once however
-    // often it was added: a server that gathers a batch's publishes sends them then.
+    // often it was added, in the order hooks were first added: a server that gathers a batch's
+    // publishes sends them then, and a connection writes what the batch made it.
     static void atEnd(void (*hook)());
 
     DeferredWakes(const DeferredWakes&) = delete;

@@ -85,9 +85,12 @@ DeferredWakes::~DeferredWakes() {
         return;
     }
     // A hook's publishes still belong to the scope: their wakes are held until it is done.
-    while (!detail::held.hooks.empty()) {
-        const auto hook = detail::held.hooks.back();
-        detail::held.hooks.pop_back();
+    // Hooks run in the order they were added: a turn's publishes leave for the cluster before
+    // the answers that accept them.
+    auto& hooks = detail::held.hooks;
+    while (!hooks.empty()) {
+        const auto hook = hooks.front();
+        hooks.erase(hooks.begin());
         hook();
     }
     --detail::held.depth;
