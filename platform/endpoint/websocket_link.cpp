@@ -181,8 +181,10 @@ class WebSocketLink final : public Link,
                                      readBuffer_.size());
         FrameOutcome outcome;
         try {
-            // Deliveries that were ready before this frame go out before its replies.
-            gatherDeliveries();
+            // Deliveries that were ready before this frame go out before its replies. During a
+            // write they wait in their sessions' queues, whose bounds hold them, as before.
+            if (!writing_)
+                gatherDeliveries();
             outcome = hub_->handleFrame(frame, self(), sender_, out_);
         } catch (const std::exception& e) {
             // Only resource exhaustion gets here; this client is dropped, the hub goes on.
