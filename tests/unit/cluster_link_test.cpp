@@ -162,7 +162,9 @@ TEST(ClusterLink, SubjectsAndBatchesCarryEveryFieldAndLinksResumeThroughAnotherN
     open.set_value();
     EXPECT_TRUE(waitUntil([&] { return taken + slow.stats().dropped == 50; }))
         << taken << " read, " << slow.stats().dropped << " dropped";
-    EXPECT_EQ(log.count("Cluster link: this member reads the others' messages too slowly, and "
+    // Once per spell of drops: a second spell begins if the reader takes one before the burst
+    // is over.
+    EXPECT_GE(log.count("Cluster link: this member reads the others' messages too slowly, and "
                         "NATS drops them ("),
               1u);
 
