@@ -187,10 +187,7 @@ class WebSocketLink final : public Link,
                 gatherDeliveries();
             outcome = hub_->handleFrame(frame, self(), sender_, out_);
         } catch (const std::exception& e) {
-            // Only resource exhaustion gets here; this client is dropped, the hub goes on.
-            logger.log(log::error, "Closing a WebSocket after a failure: ", e.what());
-            abort();
-            return;
+            return failed(e);
         }
         if (outcome.tooManyMessages || outcome.closeForCookie) {
             // Refused whole, as a frame over the byte limit is: the client learns it by the close,
@@ -274,9 +271,7 @@ class WebSocketLink final : public Link,
             try {
                 link->flush();
             } catch (const std::exception& e) {
-                // Resource exhaustion, as in onRead; the other links of the turn still flush.
-                logger.log(log::error, "Closing a WebSocket after a failure: ", e.what());
-                link->abort();
+                link->failed(e);  // the other links of the turn still flush
             }
         }
     }
@@ -392,6 +387,12 @@ class WebSocketLink final : public Link,
         out_ = FrameBuilder();
         meter_.set(writing_ ? writeBuffer_.size() : 0);
         idleTimer_.cancel();
+    }
+
+    // Only resource exhaustion gets here: this client is dropped, the hub goes on.
+    void failed(const std::exception& e) {
+        logger.log(log::error, "Closing a WebSocket after a failure: ", e.what());
+        abort();
     }
 
     void abort() {
