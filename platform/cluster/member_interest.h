@@ -7,12 +7,12 @@
 // one leaves it, and sends its whole set now and then and when it (re)joins: a set replaces what
 // was known of the member, so a lost change heals at the next one. A set may come in parts, and
 // what it no longer names is forgotten only once it is complete, so that no pattern it still
-// holds is missing while its parts arrive. A member not heard from
-// for `expiry` is forgotten (it died without saying goodbye). Until the sets of the others have
-// had time to arrive after this member joined or came back from an outage, every channel counts
-// as wanted: a member that cannot know yet publishes everything, as one without this knowledge
-// would. Knowing too much costs only a publish nobody takes; knowing too little would lose one,
-// so every doubt falls on the side of publishing.
+// holds is missing while its parts arrive. A member not heard from for `expiry` is forgotten (it
+// died without saying goodbye). Until the sets of the others have had time to arrive after this
+// member joined or came back from an outage, every channel counts as wanted: a member that
+// cannot know yet publishes everything, as one without this knowledge would. Knowing too much
+// costs only a publish nobody takes; knowing too little would lose one, so every doubt falls on
+// the side of publishing.
 //
 // Thread safety: every function may be called from any thread at once. `mutex_` guards the
 // sets; wanted() takes it shared, and not at all while nothing is wanted anywhere.
