@@ -1,8 +1,9 @@
 #include "subprocess.h"
 
+#include "spawn.h"
+
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,8 +16,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <thread>
-
-extern char** environ;
 
 namespace orvale::tools {
 
@@ -65,38 +64,19 @@ ChildProcess::ChildProcess(std::vector<std::string> argv, Errors errors) : progr
     if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 ||
         (capture && pipe2(err, O_CLOEXEC) != 0))
         throw std::runtime_error("cannot make a pipe: " + std::string(std::strerror(errno)));
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
     // stdin stays open while this object lives: some children end when it closes.
-    posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    if (capture)
-        posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
-    posix_spawn_file_actions_addclosefrom_np(&actions, 3);
-    // The child starts with the default signal mask, whatever this process blocks.
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t none;
-    sigemptyset(&none);
-    posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
-    std::vector<char*> args;
-    for (auto& arg : argv)
-        args.push_back(arg.data());
-    args.push_back(nullptr);
-    const int result = posix_spawnp(&pid_, args[0], &actions, &attributes, args.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
+    try {
+        pid_ = spawnTiedChild(argv, in[0], out[1], capture ? err[1] : -1);
+    } catch (...) {
+        for (int fd : {in[0], in[1], out[0], out[1], err[0], err[1]})
+            if (fd >= 0)
+                ::close(fd);
+        throw;
+    }
     for (int fd : {in[0], out[1], err[1]})
         if (fd >= 0)
             ::close(fd);
     stdin_ = in[1];
-    if (result != 0) {
-        for (int fd : {stdin_, out[0], err[0]})
-            if (fd >= 0)
-                ::close(fd);
-        throw std::runtime_error("cannot start " + program_ + ": " + std::strerror(result));
-    }
     {
         MutexLock lock(children().mutex);
         children().pids.insert(pid_);

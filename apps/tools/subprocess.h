@@ -27,7 +27,8 @@ class ChildProcess {
     enum class Errors { Capture, Inherit };
 
     // Starts `argv[0]` (searched in PATH) with the default signal mask and none of this
-    // process's other descriptors (a hub's listener, the load's sockets).
+    // process's other descriptors (a hub's listener, the load's sockets). The child is killed
+    // when this process ends, even by SIGKILL.
     explicit ChildProcess(std::vector<std::string> argv, Errors errors = Errors::Capture);
     // Closes the child's stdin, asks it to end (SIGTERM), kills it after two seconds, reaps it.
     ~ChildProcess();
