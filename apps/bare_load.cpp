@@ -43,8 +43,7 @@ class Subscriber {
     }
     ~Subscriber() {
         boost::asio::post(io_, [this] {
-            client_.sendDisconnect();
-            client_.close();
+            client_.sendAsync(client_.disconnectFrame(), [this] { client_.close(); });
         });
         thread_.join();
     }
@@ -71,7 +70,7 @@ class Subscriber {
             last_.store(nowNanos());
         delivered_.store(count);
         if (occurrences(frame, "\"/meta/connect\"") > 0)
-            client_.sendConnect();
+            client_.sendAsync(client_.connectFrame());
     }
 
     boost::asio::io_context io_;

@@ -7,6 +7,7 @@
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http/field.hpp>
 #include <boost/beast/websocket/stream.hpp>
+#include <deque>
 #include <functional>
 #include <stdexcept>
 
@@ -25,6 +26,8 @@ struct RawClient::Stream {
     websocket::response_type upgrade;
     beast::flat_buffer buffer;
     std::string outgoing;
+    // Frames of sendAsync, the first being written; each with what runs once it is.
+    std::deque<std::pair<std::string, std::function<void()>>> queued;
 };
 
 HubAddress parseHubUrl(const std::string& url) {
@@ -133,6 +136,24 @@ bool RawClient::send(std::string_view frame, Millis timeout) {
         timeout);
 }
 
+void RawClient::sendAsync(std::string frame, std::function<void()> written) {
+    stream_->queued.emplace_back(std::move(frame), std::move(written));
+    if (stream_->queued.size() == 1)
+        writeQueued();
+}
+
+void RawClient::writeQueued() {
+    stream_->ws.async_write(asio::buffer(stream_->queued.front().first),
+                            [this](error_code, std::size_t) {
+                                auto written = std::move(stream_->queued.front().second);
+                                stream_->queued.pop_front();
+                                if (!stream_->queued.empty())
+                                    writeQueued();
+                                if (written)
+                                    written();
+                            });
+}
+
 bool RawClient::ping(Millis timeout) {
     return complete([&](auto handler) { stream_->ws.async_ping({}, handler); }, timeout);
 }
@@ -191,7 +212,7 @@ void RawClient::readFrames(std::shared_ptr<std::string> needle, std::function<vo
         const auto data = stream_->buffer.data();
         const std::string_view frame(static_cast<const char*>(data.data()), data.size());
         if (!clientId_.empty() && frame.find("\"/meta/connect\"") != frame.npos)
-            sendConnect();
+            sendAsync(connectFrame());
         if (frame.find(*needle) != frame.npos) {
             done();
             return;
@@ -227,13 +248,13 @@ bool RawClient::subscribeAndConnect(const std::string& channel, Millis timeout) 
     return true;
 }
 
-void RawClient::sendConnect() {
-    send(R"([{"channel":"/meta/connect","connectionType":"websocket","clientId":")" + clientId_ +
-         "\"}]");
+std::string RawClient::connectFrame() const {
+    return R"([{"channel":"/meta/connect","connectionType":"websocket","clientId":")" + clientId_ +
+           "\"}]";
 }
 
-void RawClient::sendDisconnect() {
-    send(R"([{"channel":"/meta/disconnect","clientId":")" + clientId_ + "\"}]");
+std::string RawClient::disconnectFrame() const {
+    return R"([{"channel":"/meta/disconnect","clientId":")" + clientId_ + "\"}]";
 }
 
 std::string RawClient::publishMessage(const std::string& channel, std::string_view jsonData) const {

@@ -59,6 +59,10 @@ class RawClient {
 
     // Writes one text frame; false (and the socket closed) when it could not be written in time.
     bool send(std::string_view frame, Millis timeout = kWait);
+    // Writes one text frame in the background, after those queued before it, then calls
+    // `written` on the io thread however the write ended. For handlers already running on the
+    // io thread, which a blocking send() would have run the io_context again from within.
+    void sendAsync(std::string frame, std::function<void()> written = {});
     bool ping(Millis timeout = kWait);
     // The next frame, valid until the next read; nothing (and the socket closed) when `timeout`
     // passes first, nothing when the hub closed the connection.
@@ -82,9 +86,11 @@ class RawClient {
     std::optional<std::string> handshake(Millis timeout);
     // Subscribes to `channel` and sends the connect that the hub holds; false on refusal.
     bool subscribeAndConnect(const std::string& channel, Millis timeout);
-    void sendConnect();
+    void sendConnect() { send(connectFrame()); }
     // Ends the session, so that the server forgets it at once rather than when it times out.
-    void sendDisconnect();
+    void sendDisconnect() { send(disconnectFrame()); }
+    std::string connectFrame() const;
+    std::string disconnectFrame() const;
     std::string publishMessage(const std::string& channel, std::string_view jsonData) const;
     // The same, appended to `frame`.
     void appendPublish(std::string& frame, const std::string& channel,
@@ -103,6 +109,7 @@ class RawClient {
     template <class Start>
     bool complete(Start&& start, Millis timeout);
     void readFrames(std::shared_ptr<std::string> needle, std::function<void()> done);
+    void writeQueued();
 
     boost::asio::io_context& io_;
     std::unique_ptr<Stream> stream_;
