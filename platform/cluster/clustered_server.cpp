@@ -159,7 +159,12 @@ void ClusteredServer::acceptPublish(std::shared_ptr<const PublishRequest> reques
     if (last.server != this || last.version != version || last.channel != name) {
         const ChannelName channel(name);
         last.shared = !channel.isMeta() && !channel.isService() && !channel.isPattern() &&
-                      others_.wanted(name) && subjectOf(kChannels, name, last.subject);
+                      others_.wanted(name);
+        if (last.shared && !subjectOf(kChannels, name, last.subject)) {
+            last.shared = false;
+            if (channel.isValid())
+                noteUnshared(name);
+        }
         last.server = this;
         last.version = version;
         last.channel.assign(name);
@@ -322,8 +327,11 @@ void ClusteredServer::countInterest(const std::string& clientId, const std::stri
     if (!name.isValid() || name.isMeta() || name.isService())
         return;
     auto subject = subjectOf(kChannels, pattern);
-    if (!subject)
+    if (!subject) {
+        if (add)
+            noteUnshared(pattern);
         return;
+    }
     if (!clientId.empty()) {
         auto& patterns = patternsOf_[clientId];
         if (add) {
@@ -354,6 +362,16 @@ void ClusteredServer::countInterest(const std::string& clientId, const std::stri
     interest_.erase(pattern);
     link_->removeInterest(*subject);
     tell('U', pattern);
+}
+
+void ClusteredServer::noteUnshared(std::string_view channel) {
+    const std::uint64_t n = ++unshared_;
+    if ((n & (n - 1)) != 0)
+        return;
+    constexpr std::size_t kShown = 64;
+    logger.log(log::warning,
+               "Cluster: a channel too long for a NATS subject stays on this member (", n,
+               " so far): ", channel.substr(0, kShown), channel.size() > kShown ? "..." : "");
 }
 
 void ClusteredServer::tell(char kind, std::string_view text) {

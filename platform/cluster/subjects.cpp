@@ -51,8 +51,10 @@ bool subjectOf(std::string_view prefix, std::string_view channel, std::string& s
             subject.push_back(kHex[byte >> 4]);
             subject.push_back(kHex[byte & 15]);
         }
+        if (subject.size() > kLongestSubject)
+            return false;
     }
-    return true;
+    return subject.size() <= kLongestSubject;
 }
 
 std::optional<std::string> channelOf(std::string_view prefix, std::string_view subject) {

@@ -74,6 +74,12 @@ TEST(ClusterLink, SubjectsAndBatchesCarryEveryFieldAndLinksResumeThroughAnotherN
             EXPECT_EQ(channelOf("o", *subject), std::string(c.channel));
         }
     }
+    // NATS is never given a subject longer than the longest, counted after escapes.
+    const std::string longest = "/" + std::string(kLongestSubject - 2, 'x');
+    EXPECT_EQ(subjectOf("o", longest).value_or("").size(), kLongestSubject);
+    for (const std::string& tooLong :
+         {longest + "x", "/" + std::string(kLongestSubject / 3 + 1, ' '), longest + "/*"})
+        EXPECT_FALSE(subjectOf("o", tooLong));
     for (const char* foreign : {"p.chat", "o", "o.a.*", "o.a%2", "o.a%ZZ", "o..a"})
         EXPECT_FALSE(channelOf("o", foreign)) << foreign;
 

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "cluster/clustered_server.h"
+#include "cluster/subjects.h"
 #include "connector/bayeux/server.h"
 #include "log_capture.h"
 #include "nats_servers.h"
@@ -113,6 +114,24 @@ TEST(ClusteredServer, SendsOnlyWhatOthersWantAndMembersShareChannelsOnceInOrder)
     EXPECT_EQ(sent("/x/1", 0), 0u);
     b->acceptSubscribe(std::make_shared<SubscribeRequest>("/x/**", "b"));
     EXPECT_EQ(sent("/x/1/2", 1), 1u);
+    {
+        // A channel too long for a NATS subject stays on its member: neither subscribing to it
+        // nor publishing on it cuts a member off the cluster.
+        orvale::test::LogCapture log;
+        const std::string tooLong = "/x/" + std::string(cluster::kLongestSubject, 'l');
+        b->acceptSubscribe(std::make_shared<SubscribeRequest>(tooLong, "b"));
+        const auto before = a->clusterStats()->published;
+        publish(*a, tooLong, "0");
+        EXPECT_EQ(a->clusterStats()->published, before);
+        const std::size_t heard = session->count("/x/1/2");
+        EXPECT_EQ(sent("/x/1/2", 1), 1u);
+        EXPECT_TRUE(waitUntil([&] { return session->count("/x/1/2") > heard; }));
+        EXPECT_TRUE(waitUntil([&] {
+            return log.count(
+                       "Cluster: a channel too long for a NATS subject stays on this "
+                       "member (1 so far): /x/llll") == 2;
+        }));
+    }
     b.reset();
     EXPECT_EQ(sent("/x/1/2", 0), 0u);
     EXPECT_EQ(a->clusterStats()->members, 0u);
