@@ -176,8 +176,8 @@ void ClusteredServer::acceptPublish(std::shared_ptr<const PublishRequest> reques
     // another on one subject; any other message sends the batch first, so that a publisher's
     // order holds across channels too.
     Gathered& batch = gathered;
-    if (batch.server &&
-        (batch.server != this || batch.subject != subject || batch.messages.size() > kMessageBytes))
+    if (batch.server && (batch.server != this || batch.subject != subject ||
+                         batch.messages.size() + request->getJson().size() > kMessageBytes))
         sendGathered();
     if (!batch.server) {
         batch.server = this;

@@ -118,6 +118,16 @@ void NatsLink::publish(const std::string& subject, std::string_view payload, std
         return;
     }
     lost_ += messages;
+    if (status == NATS_MAX_PAYLOAD) {
+        // The link is up: only this message is lost, logged at every power of two.
+        const std::uint64_t n = ++tooLarge_;
+        if ((n & (n - 1)) == 0)
+            logger.log(log::warning, "Cluster: a message of ", payload.size(),
+                       " bytes is larger than the NATS servers accept (",
+                       natsConnection_GetMaxPayload(connection_),
+                       "), and the other members lose it (", n, " so far)");
+        return;
+    }
     if (!lossLogged_.exchange(true))
         logger.log(log::warning, "Cluster link down: messages for other members are lost (",
                    natsStatus_GetText(status), ")");

@@ -112,6 +112,7 @@ class NatsLink {
     std::atomic<std::uint64_t> published_{0};
     std::atomic<std::uint64_t> received_{0};
     std::atomic<std::uint64_t> lost_{0};
+    std::atomic<std::uint64_t> tooLarge_{0};          // publishes larger than NATS accepts
     std::atomic<std::uint64_t> lostBeforeOutage_{0};  // lost_ when the last outage began
     std::atomic<std::uint64_t> reconnects_{0};
 };

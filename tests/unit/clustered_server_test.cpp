@@ -123,6 +123,12 @@ TEST(ClusteredServer, SendsOnlyWhatOthersWantAndMembersShareChannelsOnceInOrder)
         const auto before = a->clusterStats()->published;
         publish(*a, tooLong, "0");
         EXPECT_EQ(a->clusterStats()->published, before);
+        // So does a message larger than NATS accepts: it is lost to the others, counted and
+        // logged, and the link stays up.
+        const auto lost = a->clusterStats()->lost;
+        publish(*a, "/x/1/2", "\"" + std::string(std::size_t{1} << 20, 'm') + "\"");
+        EXPECT_EQ(a->clusterStats()->lost, lost + 1);
+        EXPECT_EQ(log.count("Cluster: a message of "), 1u);
         const std::size_t heard = session->count("/x/1/2");
         EXPECT_EQ(sent("/x/1/2", 1), 1u);
         EXPECT_TRUE(waitUntil([&] { return session->count("/x/1/2") > heard; }));

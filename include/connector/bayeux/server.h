@@ -36,10 +36,11 @@ class BayeuxSession {
 
 // A cluster member's link to the others, since it joined.
 struct ClusterStats {
-    bool connected = false;        // false while the link is down and reconnecting
-    std::uint64_t published = 0;   // channels' messages sent to the other members
-    std::uint64_t received = 0;    // what NATS delivered from the others
-    std::uint64_t lost = 0;        // sent while the link was down, beyond its reconnect buffer
+    bool connected = false;       // false while the link is down and reconnecting
+    std::uint64_t published = 0;  // channels' messages sent to the other members
+    std::uint64_t received = 0;   // what NATS delivered from the others
+    // Sent while the link was down, beyond its reconnect buffer, or larger than NATS accepts.
+    std::uint64_t lost = 0;
     std::uint64_t reconnects = 0;  // outages the link came back from
     std::size_t members = 0;       // other members heard from lately
     // What NATS dropped of the others' messages because this member read them too slowly; its
