@@ -18,6 +18,7 @@ const char* const kUsage =
                    [--cert FILE --key FILE] [--connect-timeout MS] [--session-timeout MS]
                    [--max-sessions N] [--max-sessions-per-connection N] [--max-connections N]
                    [--max-queue-bytes B] [--max-output-bytes B] [--max-messages-per-frame N]
+                   [--max-subscriptions N] [--max-channel-bytes B]
                    [--connect-grace MS] [--ws-idle-timeout MS] [--log-format text|json]
                    [--cluster nats://H:P[,nats://H:P...]] [--allow-origin O[,O...]] [--deflate]
                    [--operator-routes]
@@ -42,6 +43,10 @@ SIGTERM.
                          a WebSocket frame or HTTP body of more messages is refused whole:
                          the WebSocket is closed (1009), the HTTP request answered 413 and its
                          connection closed (default 1000)
+  --max-subscriptions N  channels one session may be subscribed to at once; more get
+                         "403:<channel>:Too many subscriptions" (default 1000)
+  --max-channel-bytes B  the longest channel name a subscribe or publish may carry; longer
+                         ones get "405::Channel name too long" (default 1024)
   --connect-grace MS     a session that sends no /meta/connect this long after its handshake
                          ends (default 10000)
   --max-connections N    connections beyond N are closed on arrival (default 100000)
@@ -80,14 +85,29 @@ pages only (another port of the same host, say).
 }  // namespace
 
 int runServe(const Words& words) {
-    const Args args(
-        words,
-        {"--host", "--port", "--path", "--api-key", "--cert", "--key", "--connect-timeout",
-         "--session-timeout", "--max-sessions", "--max-connections", "--max-queue-bytes",
-         "--max-output-bytes", "--ws-idle-timeout", "--max-sessions-per-connection",
-         "--max-messages-per-frame", "--connect-grace", "--log-format", "--cluster",
-         "--allow-origin"},
-        {"--help", "--deflate", "--operator-routes"});
+    const Args args(words,
+                    {"--host",
+                     "--port",
+                     "--path",
+                     "--api-key",
+                     "--cert",
+                     "--key",
+                     "--connect-timeout",
+                     "--session-timeout",
+                     "--max-sessions",
+                     "--max-connections",
+                     "--max-queue-bytes",
+                     "--max-output-bytes",
+                     "--ws-idle-timeout",
+                     "--max-sessions-per-connection",
+                     "--max-messages-per-frame",
+                     "--max-subscriptions",
+                     "--max-channel-bytes",
+                     "--connect-grace",
+                     "--log-format",
+                     "--cluster",
+                     "--allow-origin"},
+                    {"--help", "--deflate", "--operator-routes"});
     if (args.has("--help")) {
         std::cout << kUsage;
         return 0;
@@ -125,6 +145,10 @@ int runServe(const Words& words) {
         args.number("--max-sessions-per-connection", options.maxSessionsPerConnection, 1, 10000000);
     options.maxMessagesPerFrame =
         args.number("--max-messages-per-frame", options.maxMessagesPerFrame, 1, 10000000);
+    options.maxSubscriptionsPerSession =
+        args.number("--max-subscriptions", options.maxSubscriptionsPerSession, 1, 10000000);
+    options.maxChannelBytes =
+        args.number("--max-channel-bytes", options.maxChannelBytes, 2, 1 << 20);
     options.connectGrace = std::chrono::milliseconds(
         args.number("--connect-grace", options.connectGrace.count(), 1, 86400000));
     for (std::string origins = args.value("--allow-origin", ""); !origins.empty();) {

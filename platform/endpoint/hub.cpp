@@ -75,8 +75,11 @@ constexpr std::uint64_t kTimeEvery = 8;
 constexpr std::chrono::seconds kSampleEvery{1};
 
 // The reply to a subscription change or publish on a channel this client may not use, if any.
-std::optional<std::string> channelProblem(const ChannelName& name, bool pattern) {
+std::optional<std::string> channelProblem(const ChannelName& name, bool pattern,
+                                          std::size_t longest) {
     const std::string_view channel = name.text();
+    if (channel.size() > longest)
+        return "405::Channel name too long";
     if (name.isMeta())
         return "403:" + std::string(channel) + ":Forbidden channel";
     if (!name.isValid() || (name.isPattern() && !pattern))
@@ -411,14 +414,19 @@ template <class Request, class Response>
 bool Hub::changeSubscription(const Request& request, const std::shared_ptr<RemoteSession>& session,
                              FrameBuilder& out) {
     const std::string& channel = request.getChannel();
-    if (auto problem = channelProblem(ChannelName(channel), true)) {
+    if (auto problem = channelProblem(ChannelName(channel), true, options_.maxChannelBytes)) {
         refuse(out, request, std::move(*problem));
         return false;
     }
-    const auto change = std::is_same_v<Request, SubscribeRequest> ? session->subscribe(channel)
-                                                                  : session->unsubscribe(channel);
+    const auto change = std::is_same_v<Request, SubscribeRequest>
+                            ? session->subscribe(channel, options_.maxSubscriptionsPerSession)
+                            : session->unsubscribe(channel);
     if (change == RemoteSession::Change::Closed) {
         refuseUnknownClient(out, request);
+        return false;
+    }
+    if (change == RemoteSession::Change::Full) {
+        refuse(out, request, "403:" + channel + ":Too many subscriptions");
         return false;
     }
     if (change == RemoteSession::Change::Done) {
@@ -434,7 +442,7 @@ bool Hub::changeSubscription(const Request& request, const std::shared_ptr<Remot
 void Hub::publish(std::unique_ptr<PublishRequest> request, FrameBuilder& out,
                   FramePublishes& publishes) {
     const ChannelName channel(request->getChannel());
-    if (auto problem = channelProblem(channel, false)) {
+    if (auto problem = channelProblem(channel, false, options_.maxChannelBytes)) {
         refuse(out, *request, std::move(*problem));
         return;
     }

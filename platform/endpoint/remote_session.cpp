@@ -175,12 +175,15 @@ void RemoteSession::takeDeliveries(const std::shared_ptr<Link>& link, bool answe
                    std::make_move_iterator(taken.end()));
 }
 
-RemoteSession::Change RemoteSession::subscribe(const std::string& channel) {
+RemoteSession::Change RemoteSession::subscribe(const std::string& channel, std::size_t most) {
     common::MutexLock lock(mutex_);
     if (closed_)
         return Change::Closed;
-    if (!subscriptions_.insert(channel).second)
+    if (subscriptions_.count(channel))
         return Change::Unchanged;
+    if (subscriptions_.size() >= most)
+        return Change::Full;
+    subscriptions_.insert(channel);
     calls_.emplace_back(Call::Subscribe, channel);
     return Change::Done;
 }

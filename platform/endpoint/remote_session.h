@@ -107,9 +107,10 @@ class RemoteSession final : public BayeuxSession,
     void takeDeliveries(const std::shared_ptr<Link>& link, bool answeringConnect,
                         std::vector<Delivery>& out);
 
-    enum class Change { Done, Unchanged, Closed };
+    // Full: the session already holds `most` subscriptions, and this one is not among them.
+    enum class Change { Done, Unchanged, Closed, Full };
     // Record a subscription change and queue the server call that makes it.
-    Change subscribe(const std::string& channel);
+    Change subscribe(const std::string& channel, std::size_t most);
     Change unsubscribe(const std::string& channel);
 
     // What close() took away: the messages still queued and the subscriptions.

@@ -133,6 +133,8 @@ TEST_F(EndpointTest, WebSocketSessionsAndBurstsAreServedInOrderAndErrorRepliesNa
         {subscribe(id, "e", "/meta/connect"), "403:/meta/connect:Forbidden channel"},
         {subscribe(id, "e", "/a/*/b"), "405:/a/*/b:Invalid channel"},
         {subscribe(id, "e", "a", "/meta/unsubscribe"), "405:a:Invalid channel"},
+        {publish(id, "e", "/" + std::string(1024, 'c'), "1"), "405::Channel name too long"},
+        {subscribe(id, "e", "/" + std::string(1024, 'c')), "405::Channel name too long"},
     };
     for (const auto& [frame, expected] : refusals) {
         auto reply = ws.call(frame, "e");
@@ -175,6 +177,7 @@ TEST_F(EndpointTest, LimitsHoldAndSessionsEndWithTheirSubscriptionsOverPlainAndT
         o.maxSessions = 2;
         o.maxConnections = 2;
         o.maxMessageBytes = 4096;
+        o.maxSubscriptionsPerSession = 2;
     });
     LogCapture log;
     RawWebSocket ws(port);
@@ -212,6 +215,14 @@ TEST_F(EndpointTest, LimitsHoldAndSessionsEndWithTheirSubscriptionsOverPlainAndT
     EXPECT_TRUE(
         successful(RawHttp(port, cookiePair(ws.setCookie()))
                        .call(publish(made[1], "7", "/big", quote(std::string(100, 'x'))), "7")));
+    // A session holds two subscriptions at most here: one it holds may be asked for again, and
+    // one dropped makes room.
+    for (const char* channel : {"/s/1", "/s/2", "/s/1"})
+        EXPECT_TRUE(successful(ws.call(subscribe(made[0], "s", channel), "s"))) << channel;
+    EXPECT_EQ(error(ws.call(subscribe(made[0], "s", "/s/3"), "s")),
+              "403:/s/3:Too many subscriptions");
+    ASSERT_TRUE(successful(ws.call(subscribe(made[0], "u", "/s/2", "/meta/unsubscribe"), "u")));
+    EXPECT_TRUE(successful(ws.call(subscribe(made[0], "s", "/s/3"), "s")));
     ASSERT_TRUE(successful(ws.call(meta("/meta/disconnect", made[0], "d"), "d")));
     EXPECT_TRUE(successful(ws.call(handshake("8", key), "8")));
 

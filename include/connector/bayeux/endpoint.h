@@ -43,6 +43,13 @@ struct EndpointOptions {
     // nothing of it handled: a WebSocket is closed (1009), an HTTP request answered 413 and its
     // connection closed.
     std::size_t maxMessagesPerFrame = 1000;
+    // Channels one session may be subscribed to at once: a subscribe beyond them gets
+    // "403:<channel>:Too many subscriptions". With maxChannelBytes, this bounds what one session's
+    // subscriptions hold, here and, in a cluster, on every member.
+    std::size_t maxSubscriptionsPerSession = 1000;
+    // The longest channel name a subscribe or publish may carry; a longer one gets
+    // "405::Channel name too long".
+    std::size_t maxChannelBytes = 1024;
     // Connections beyond this are closed as soon as they are accepted.
     std::size_t maxConnections = 100000;
     std::chrono::milliseconds connectTimeout{25000};  // how long a /meta/connect is held
