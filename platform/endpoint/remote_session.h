@@ -78,6 +78,7 @@ class RemoteSession final : public BayeuxSession,
 
     // QueueingSession: the server calls this on the publishing thread.
     void queuePublish(const std::shared_ptr<const PublishRequest>& request) override;
+    bool hearsSubscriptions() const override { return false; }
 
     const std::string& id() const { return id_; }
 

@@ -13,6 +13,7 @@
 #include <string>
 #include <thread>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -105,6 +106,8 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
             weak, session.get(), std::move(id), nextWorker_++ % workers_.size(),
             dynamic_cast<QueueingSession*>(session.get()));
         byAddress_.emplace(session.get(), record.get());
+        if (!record->queueing || record->queueing->hearsSubscriptions())
+            hearing_.insert(record.get());
         const std::string& key = record->id;
         byId_.emplace(key, std::move(record));
         if (retirement)
@@ -258,6 +261,7 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
             retirement = std::make_shared<Retirement>();
         record.removed.store(true, std::memory_order_release);
         tree_.removeAll(record, retirement->nodes);
+        hearing_.erase(&record);
         if (auto it = byAddress_.find(record.address);
             it != byAddress_.end() && it->second == &record) {
             byAddress_.erase(it);
@@ -278,13 +282,14 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
         }
     }
 
-    // Queues `request` for every registered session, with one queue lock per thread.
+    // Queues `request` for every session that hears subscription changes, with one queue lock
+    // per thread.
     template <class Request>
     void announceLocked(const std::shared_ptr<const Request>& request) ORVALE_REQUIRES(treeMutex_) {
-        for (auto& [id, record] : byId_) {
+        for (SessionRecord* record : hearing_) {
             Delivery delivery;
             delivery.what = request;
-            delivery.record = record.get();
+            delivery.record = record;
             announceScratch_[record->worker].push_back(std::move(delivery));
         }
         for (std::size_t w = 0; w < workers_.size(); ++w) {
@@ -373,6 +378,8 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
         ORVALE_GUARDED_BY(treeMutex_);
     std::unordered_map<const BayeuxSession*, SessionRecord*> byAddress_
         ORVALE_GUARDED_BY(treeMutex_);
+    // The registered sessions that hear subscription changes.
+    std::unordered_set<SessionRecord*> hearing_ ORVALE_GUARDED_BY(treeMutex_);
     // One per thread, empty between uses.
     std::vector<std::vector<Delivery>> announceScratch_ ORVALE_GUARDED_BY(treeMutex_);
     std::size_t nextWorker_ ORVALE_GUARDED_BY(treeMutex_) = 0;

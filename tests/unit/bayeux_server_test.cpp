@@ -28,6 +28,10 @@ struct QueueingRecordingSession : RecordingSession, connector::bayeux::QueueingS
         record({}, *request, true);
     }
 };
+struct DeafSession : QueueingRecordingSession {
+    using QueueingRecordingSession::QueueingRecordingSession;
+    bool hearsSubscriptions() const override { return false; }
+};
 
 std::shared_ptr<PublishRequest> message(const std::string& channel, const std::string& json) {
     auto request = std::make_shared<PublishRequest>(channel, connector::common::DataBuffer(json));
@@ -199,8 +203,10 @@ TEST(BayeuxServerTest, DeliveriesToMatchingExpiredThrowingAndQueueingSessions) {
     EXPECT_TRUE(logs.contains("Session thrower threw from deliver: listener failed"));
 
     // A queueing session has each publish once, on the publishing thread, before acceptPublish
-    // returns.
+    // returns; one that does not hear subscription changes is told none.
     auto queueing = join<QueueingRecordingSession>(*server, "q");
+    auto deaf = join<DeafSession>(*server, "deaf");
+    subscribe(*server, "deaf", "/q/a");
     auto plain = join(*server, "p");
     subscribe(*server, "q", "/q/*");
     subscribe(*server, "q", "/q/**");
@@ -230,10 +236,13 @@ TEST(BayeuxServerTest, DeliveriesToMatchingExpiredThrowingAndQueueingSessions) {
     for (const auto& r : plain->received())
         EXPECT_NE(r.thread, std::this_thread::get_id());
     EXPECT_TRUE(waitUntil([&] { return queueing->announced.size() >= 4; }));
+    EXPECT_EQ(deaf->count(), 2u * kEach);
+    EXPECT_FALSE(
+        waitUntil([&] { return deaf->announced.size() > 0; }, std::chrono::milliseconds(100)));
 
     queueing.reset();  // an expired queueing session is dropped like any other
     server->acceptPublish(message("/q/b", "1"));
-    EXPECT_TRUE(waitUntil([&] { return server->sessionCount() == 5; }));
+    EXPECT_TRUE(waitUntil([&] { return server->sessionCount() == 6; }));
 }
 
 // Destruction delivers what was accepted to live sessions only. Sessions may call the server from

@@ -3,9 +3,10 @@
 //
 // Sessions register by weak reference. Subscribe and unsubscribe requests name their session by
 // client id; each is recorded in the channel tree at once and then announced to every registered
-// session. A published message is matched at once against the tree and queued for each matching
-// session; deliveries run on the server's own threads, never under its locks, in publication
-// order for each (publisher, subscriber) pair.
+// session (but a hub's own sessions of remote clients, which have no use for them). A published
+// message is matched at once against the tree and queued for each matching session; deliveries run
+// on the server's own threads, never under its locks, in publication order for each (publisher,
+// subscriber) pair.
 //
 // Thread safety: a BayeuxServer may be called from any thread at once, also from inside a
 // session's deliver. It calls a session's deliver on its delivery threads, never under a lock.
