@@ -10,12 +10,29 @@ namespace connector::bayeux::detail {
 
 namespace {
 
-// Fills the pattern texts of a node from its channel path ("" for the root).
-void nameSlots(ChannelNode& node, std::string path) {
-    node.one.text = path + "/*";
-    node.any.text = path + "/**";
-    node.exact.text = std::move(path);
+void placeSlots(ChannelNode& node) {
     node.exact.node = node.one.node = node.any.node = &node;
+}
+
+// Spells the pattern of a slot that is about to get its first member. Only held patterns are
+// spelled: a text for every slot of every node on a deep channel's path cost memory quadratic
+// in its depth. Once spelled, a text stays while its node lives, since queued deliveries point
+// at it.
+void spell(PatternSlot& slot) {
+    if (!slot.text.empty())
+        return;
+    std::vector<const std::string*> segments;
+    for (const ChannelNode* node = slot.node; node->parent; node = node->parent)
+        segments.push_back(&node->segment);
+    for (auto it = segments.rbegin(); it != segments.rend(); ++it) {
+        slot.text += '/';
+        slot.text += **it;
+    }
+    const ChannelNode& node = *slot.node;
+    if (&slot == &node.one)
+        slot.text += "/*";
+    else if (&slot == &node.any)
+        slot.text += "/**";
 }
 
 void appendMembers(const PatternSlot& slot, std::vector<Match>& out) {
@@ -26,7 +43,7 @@ void appendMembers(const PatternSlot& slot, std::vector<Match>& out) {
 }  // namespace
 
 ChannelTree::ChannelTree() : root_(std::make_unique<ChannelNode>()) {
-    nameSlots(*root_, "");
+    placeSlots(*root_);
 }
 
 PatternSlot* ChannelTree::findSlot(std::string_view pattern, bool create) {
@@ -48,7 +65,7 @@ PatternSlot* ChannelTree::findSlot(std::string_view pattern, bool create) {
             auto child = std::make_unique<ChannelNode>();
             child->parent = node;
             child->segment = std::string(segment);
-            nameSlots(*child, node->exact.text + "/" + child->segment);
+            placeSlots(*child);
             const std::string_view key = child->segment;  // views the child's own string
             it = node->children.emplace(key, std::move(child)).first;
             ++nodes_;
@@ -64,6 +81,7 @@ bool ChannelTree::subscribe(SessionRecord& record, std::string_view pattern) {
         return false;
     auto [it, added] = record.held.try_emplace(slot);
     if (added) {
+        spell(*slot);
         it->second.index = static_cast<std::uint32_t>(slot->members.size());
         slot->members.push_back(&record);
     }

@@ -4,8 +4,8 @@
 // Each node holds the sessions subscribed to its own channel exactly, to one more level below
 // it (`/a/*`) and to any depth below it (`/a/**`). Matching a published channel walks one path
 // from the root, so it costs time proportional to the channel's depth plus the number of
-// matches, however many subscriptions exist elsewhere. Every pattern text lives once, in its
-// node, and deliveries point at it instead of copying it.
+// matches, however many subscriptions exist elsewhere. Every held pattern's text lives once, in
+// its node, and deliveries point at it instead of copying it.
 //
 // Not thread-safe: the server guards a tree and every SessionRecord::held with its tree lock.
 // Nodes emptied by an unsubscribe are handed back to the caller instead of being freed, because
@@ -30,7 +30,7 @@ struct SessionRecord;
 
 // The sessions holding one pattern, in no particular order.
 struct PatternSlot {
-    std::string text;  // the pattern, e.g. "/a/b/*"
+    std::string text;  // the pattern, e.g. "/a/b/*", once the slot has had a member
     ChannelNode* node = nullptr;
     std::vector<SessionRecord*> members;
 };
