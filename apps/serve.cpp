@@ -18,7 +18,7 @@ const char* const kUsage =
                    [--cert FILE --key FILE] [--connect-timeout MS] [--session-timeout MS]
                    [--max-sessions N] [--max-sessions-per-connection N] [--max-connections N]
                    [--max-queue-bytes B] [--max-output-bytes B] [--max-messages-per-frame N]
-                   [--max-subscriptions N] [--max-channel-bytes B]
+                   [--max-subscriptions N] [--max-channel-bytes B] [--max-channel-segments N]
                    [--connect-grace MS] [--ws-idle-timeout MS] [--log-format text|json]
                    [--cluster nats://H:P[,nats://H:P...]] [--allow-origin O[,O...]] [--deflate]
                    [--operator-routes]
@@ -45,8 +45,10 @@ SIGTERM.
                          connection closed (default 1000)
   --max-subscriptions N  channels one session may be subscribed to at once; more get
                          "403:<channel>:Too many subscriptions" (default 1000)
-  --max-channel-bytes B  the longest channel name a subscribe or publish may carry; longer
-                         ones get "405::Channel name too long" (default 1024)
+  --max-channel-bytes B, --max-channel-segments N
+                         the longest channel name, and the most segments, a subscribe or
+                         publish may carry; beyond them it gets "405::Channel name too long"
+                         (defaults 1024 and 16)
   --connect-grace MS     a session that sends no /meta/connect this long after its handshake
                          ends (default 10000)
   --max-connections N    connections beyond N are closed on arrival (default 100000)
@@ -103,6 +105,7 @@ int runServe(const Words& words) {
                      "--max-messages-per-frame",
                      "--max-subscriptions",
                      "--max-channel-bytes",
+                     "--max-channel-segments",
                      "--connect-grace",
                      "--log-format",
                      "--cluster",
@@ -149,6 +152,8 @@ int runServe(const Words& words) {
         args.number("--max-subscriptions", options.maxSubscriptionsPerSession, 1, 10000000);
     options.maxChannelBytes =
         args.number("--max-channel-bytes", options.maxChannelBytes, 2, 1 << 20);
+    options.maxChannelSegments =
+        args.number("--max-channel-segments", options.maxChannelSegments, 1, 1024);
     options.connectGrace = std::chrono::milliseconds(
         args.number("--connect-grace", options.connectGrace.count(), 1, 86400000));
     for (std::string origins = args.value("--allow-origin", ""); !origins.empty();) {

@@ -76,9 +76,11 @@ constexpr std::chrono::seconds kSampleEvery{1};
 
 // The reply to a subscription change or publish on a channel this client may not use, if any.
 std::optional<std::string> channelProblem(const ChannelName& name, bool pattern,
-                                          std::size_t longest) {
+                                          const EndpointOptions& options) {
     const std::string_view channel = name.text();
-    if (channel.size() > longest)
+    if (channel.size() > options.maxChannelBytes ||
+        static_cast<std::size_t>(std::count(channel.begin(), channel.end(), '/')) >
+            options.maxChannelSegments)
         return "405::Channel name too long";
     if (name.isMeta())
         return "403:" + std::string(channel) + ":Forbidden channel";
@@ -414,7 +416,7 @@ template <class Request, class Response>
 bool Hub::changeSubscription(const Request& request, const std::shared_ptr<RemoteSession>& session,
                              FrameBuilder& out) {
     const std::string& channel = request.getChannel();
-    if (auto problem = channelProblem(ChannelName(channel), true, options_.maxChannelBytes)) {
+    if (auto problem = channelProblem(ChannelName(channel), true, options_)) {
         refuse(out, request, std::move(*problem));
         return false;
     }
@@ -442,7 +444,7 @@ bool Hub::changeSubscription(const Request& request, const std::shared_ptr<Remot
 void Hub::publish(std::unique_ptr<PublishRequest> request, FrameBuilder& out,
                   FramePublishes& publishes) {
     const ChannelName channel(request->getChannel());
-    if (auto problem = channelProblem(channel, false, options_.maxChannelBytes)) {
+    if (auto problem = channelProblem(channel, false, options_)) {
         refuse(out, *request, std::move(*problem));
         return;
     }

@@ -135,6 +135,7 @@ TEST_F(EndpointTest, WebSocketSessionsAndBurstsAreServedInOrderAndErrorRepliesNa
         {subscribe(id, "e", "a", "/meta/unsubscribe"), "405:a:Invalid channel"},
         {publish(id, "e", "/" + std::string(1024, 'c'), "1"), "405::Channel name too long"},
         {subscribe(id, "e", "/" + std::string(1024, 'c')), "405::Channel name too long"},
+        {subscribe(id, "e", "/a/b/c/d/e/f/g/h/i/j/k/l/m/n/o/p/q"), "405::Channel name too long"},
     };
     for (const auto& [frame, expected] : refusals) {
         auto reply = ws.call(frame, "e");

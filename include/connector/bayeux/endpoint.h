@@ -44,12 +44,14 @@ struct EndpointOptions {
     // connection closed.
     std::size_t maxMessagesPerFrame = 1000;
     // Channels one session may be subscribed to at once: a subscribe beyond them gets
-    // "403:<channel>:Too many subscriptions". With maxChannelBytes, this bounds what one session's
-    // subscriptions hold, here and, in a cluster, on every member.
+    // "403:<channel>:Too many subscriptions". With the two bounds below, this bounds what one
+    // session's subscriptions hold (at most about 8 MB at the defaults, most of it one node of the
+    // server's channel tree per segment), here and, in a cluster, on every member.
     std::size_t maxSubscriptionsPerSession = 1000;
-    // The longest channel name a subscribe or publish may carry; a longer one gets
-    // "405::Channel name too long".
+    // The longest channel name, and the most segments ("/a/b" has two), a subscribe or publish
+    // may carry; beyond them it gets "405::Channel name too long".
     std::size_t maxChannelBytes = 1024;
+    std::size_t maxChannelSegments = 16;
     // Connections beyond this are closed as soon as they are accepted.
     std::size_t maxConnections = 100000;
     std::chrono::milliseconds connectTimeout{25000};  // how long a /meta/connect is held
