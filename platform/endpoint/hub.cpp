@@ -449,6 +449,14 @@ void Hub::publish(std::unique_ptr<PublishRequest> request, FrameBuilder& out,
         return;
     }
     appendPublishAck(out, request->getChannel(), request->getId());
+    // Past its answer, a publish needs only its channel and data: what else its client sent goes
+    // now, before the message waits in queues whose bound counts what they deliver.
+    if (!request->getId().empty())
+        request->setId({});
+    if (!request->getExt().empty())
+        request->setExt({});
+    if (request->getAdvice() && !request->getAdvice()->reconnect.empty())
+        request->setAdvice({});
     ++publishes.accepted;
     if (publishes.run != 0 && publishes.channel != request->getChannel())
         countPublishes(publishes);

@@ -16,6 +16,7 @@
 
 #include "connector/log/diagnostic_logger.h"
 #include "endpoint_clients.h"
+#include "recording_session.h"
 #include "test_certificates.h"
 
 namespace connector::bayeux::endpoint_test {
@@ -121,6 +122,22 @@ TEST_F(EndpointTest, WebSocketSessionsAndBurstsAreServedInOrderAndErrorRepliesNa
         EXPECT_EQ(error(reply), "402::Unknown client") << frame;
         EXPECT_EQ(advice(reply), R"({"reconnect":"handshake","interval":0})") << frame;
     }
+
+    // The server keeps a publish's channel and data alone, whatever else came with it.
+    auto kept = std::make_shared<RecordingSession>("kept");
+    std::atomic<int> extras{0};
+    kept->onPublish = [&](const PublishRequest& r) {
+        extras += !r.getId().empty() || !r.getExt().empty() ||
+                  !r.getAdvice().value_or(Advice{}).reconnect.empty();
+    };
+    server->registerSession(kept);
+    server->acceptSubscribe(std::make_shared<SubscribeRequest>("/kept", "kept"));
+    ASSERT_TRUE(successful(ws.call(R"([{"channel":"/kept","clientId":")" + id +
+                                       R"(","id":"k","data":1,"ext":{"pad":"xxxx"},)"
+                                       R"("advice":{"reconnect":"xxxx"}}])",
+                                   "k")));
+    ASSERT_TRUE(waitUntil([&] { return kept->count() == 1; }));
+    EXPECT_EQ(extras, 0);
 
     // Refusals name the channel of the request they answer.
     const std::pair<std::string, std::string> refusals[] = {
