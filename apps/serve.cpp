@@ -17,6 +17,7 @@ const char* const kUsage =
     R"(usage: orvale serve [--host H] [--port P] [--path /bayeux] [--api-key K]
                    [--cert FILE --key FILE] [--connect-timeout MS] [--session-timeout MS]
                    [--max-sessions N] [--max-sessions-per-connection N] [--max-connections N]
+                   [--max-connections-per-address N]
                    [--max-queue-bytes B] [--max-output-bytes B] [--max-messages-per-frame N]
                    [--max-subscriptions N] [--max-channel-bytes B] [--max-channel-segments N]
                    [--connect-grace MS] [--ws-idle-timeout MS] [--log-format text|json]
@@ -52,6 +53,9 @@ SIGTERM.
   --connect-grace MS     a session that sends no /meta/connect this long after its handshake
                          ends (default 10000)
   --max-connections N    connections beyond N are closed on arrival (default 100000)
+  --max-connections-per-address N
+                         connections beyond N from one client address are closed on arrival
+                         (default 0: no bound, as proxies and NAT share addresses)
   --max-queue-bytes B    bytes of messages queued for one session (default 4194304); a full
                          queue drops its oldest messages and the session's next /meta/connect
                          reply carries ext.dropped, the number lost
@@ -98,6 +102,7 @@ int runServe(const Words& words) {
                      "--session-timeout",
                      "--max-sessions",
                      "--max-connections",
+                     "--max-connections-per-address",
                      "--max-queue-bytes",
                      "--max-output-bytes",
                      "--ws-idle-timeout",
@@ -138,6 +143,8 @@ int runServe(const Words& words) {
         args.number("--session-timeout", options.sessionTimeout.count(), 1, 86400000));
     options.maxSessions = args.number("--max-sessions", options.maxSessions, 1, 10000000);
     options.maxConnections = args.number("--max-connections", options.maxConnections, 1, 10000000);
+    options.maxConnectionsPerAddress =
+        args.number("--max-connections-per-address", options.maxConnectionsPerAddress, 0, 10000000);
     constexpr std::uint64_t kGiB = std::uint64_t{1} << 30;
     options.maxQueueBytes = args.number("--max-queue-bytes", options.maxQueueBytes, 1024, kGiB);
     options.maxOutputBytes =

@@ -107,7 +107,8 @@ class EndpointImpl final : public BayeuxEndpoint {
     EndpointImpl(std::shared_ptr<BayeuxServer> server, EndpointOptions options)
         : tls_(makeTls(options)),
           sweepEvery_(sweepInterval(options)),
-          maxConnections_(std::max<std::size_t>(options.maxConnections, 1)) {
+          maxConnections_(std::max<std::size_t>(options.maxConnections, 1)),
+          maxPerAddress_(options.maxConnectionsPerAddress) {
         if (!server)
             throw std::invalid_argument("The endpoint needs a Bayeux server");
         hub_ = std::make_shared<Hub>(std::move(server), options);
@@ -223,8 +224,20 @@ class EndpointImpl final : public BayeuxEndpoint {
             return;
         }
         refusing_ = false;
+        std::string address;
+        if (maxPerAddress_ > 0) {
+            address = socket.remote_endpoint(ignored).address().to_string();
+            if (!hub_->gauges()->addresses.add(address, maxPerAddress_)) {
+                // Logged at every power of two, so that a flood cannot flood the log too.
+                if (const std::uint64_t n = ++refusedByAddress_; (n & (n - 1)) == 0)
+                    logger.log(log::warning, "Refused a connection from ", address, ", which has ",
+                               maxPerAddress_, " open already (", n, " refused so far)");
+                socket.close(ignored);
+                return;
+            }
+        }
         socket.set_option(tcp::no_delay(true), ignored);
-        endpoint::ConnectionSlot slot(hub_->gauges());
+        endpoint::ConnectionSlot slot(hub_->gauges(), std::move(address));
         try {
             if (tls_)
                 endpoint::serveHttp(endpoint::TlsStream(std::move(socket), *tls_), hub_,
@@ -255,6 +268,8 @@ class EndpointImpl final : public BayeuxEndpoint {
     const std::shared_ptr<asio::ssl::context> tls_;
     const std::chrono::milliseconds sweepEvery_;
     const std::size_t maxConnections_;
+    const std::size_t maxPerAddress_;     // 0: no bound
+    std::uint64_t refusedByAddress_ = 0;  // used on the accepting thread only
     std::shared_ptr<Hub> hub_;
     std::vector<std::unique_ptr<Loop>> loops_;
     // On loops_[0]; reset before the loops go.

@@ -5,9 +5,11 @@
 // operator routes read them. Lock-free: every counter is a relaxed atomic, since readers want a
 // recent value, not one consistent with the others, and nothing on the delivery path may wait.
 //
-// ConnectionSlot holds one unit of `connections` for as long as a connection lives, moving with
-// it from the HTTP link to the WebSocket link it upgrades to. OutputMeter keeps one connection's
-// share of `outputBytes`. Both belong to the connection's I/O thread.
+// ConnectionSlot holds one unit of `connections` (and of its address's count in `addresses`, when
+// addresses are counted) for as long as a connection lives, moving with it from the HTTP link to
+// the WebSocket link it upgrades to. OutputMeter keeps one connection's share of `outputBytes`.
+// Both belong to the connection's I/O thread. AddressCounts is the one member behind a mutex,
+// taken once when a connection opens and once when it closes.
 
 #include <array>
 #include <atomic>
@@ -15,10 +17,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 
 #include "channel_tally.h"
+#include "connector/common/mutex.h"
 #include "histogram.h"
 
 namespace connector::bayeux::endpoint {
@@ -48,8 +53,36 @@ inline constexpr std::array<std::uint64_t, 16> kLatencyBounds = {
 inline constexpr std::array<std::uint64_t, 8> kQueueBounds = {0,    1,     10,     100,
                                                               1000, 10000, 100000, 1000000};
 
+// Open connections per client address, for maxConnectionsPerAddress.
+class AddressCounts {
+  public:
+    // Counts one more connection from `address`; false, counting nothing, when `most` are open.
+    bool add(const std::string& address, std::size_t most) {
+        common::MutexLock lock(mutex_);
+        auto it = counts_.try_emplace(address, 0).first;
+        if (it->second >= most) {
+            if (it->second == 0)
+                counts_.erase(it);
+            return false;
+        }
+        ++it->second;
+        return true;
+    }
+    void remove(const std::string& address) {
+        common::MutexLock lock(mutex_);
+        auto it = counts_.find(address);
+        if (it != counts_.end() && --it->second == 0)
+            counts_.erase(it);
+    }
+
+  private:
+    common::Mutex mutex_;
+    std::unordered_map<std::string, std::size_t> counts_ ORVALE_GUARDED_BY(mutex_);
+};
+
 struct Gauges {
     std::atomic<std::size_t> connections{0};
+    AddressCounts addresses;
     std::atomic<std::size_t> webSocketConnections{0};  // of `connections`
     std::atomic<std::size_t> outputBytes{0};
     // Deliveries lost: to full session queues, still queued when their session expired, and in
@@ -86,16 +119,23 @@ struct Gauges {
 class ConnectionSlot {
   public:
     ConnectionSlot() = default;
-    explicit ConnectionSlot(std::shared_ptr<Gauges> gauges) : gauges_(std::move(gauges)) {
+    // `address`, when not empty, has been counted in gauges->addresses for this connection.
+    explicit ConnectionSlot(std::shared_ptr<Gauges> gauges, std::string address = {})
+        : gauges_(std::move(gauges)), address_(std::move(address)) {
         if (gauges_)
             gauges_->connections.fetch_add(1, std::memory_order_relaxed);
     }
     ConnectionSlot(ConnectionSlot&& other) noexcept
-        : gauges_(std::move(other.gauges_)), webSocket_(std::exchange(other.webSocket_, false)) {}
+        : gauges_(std::move(other.gauges_)),
+          address_(std::move(other.address_)),
+          webSocket_(std::exchange(other.webSocket_, false)) {
+        other.address_.clear();
+    }
     ConnectionSlot& operator=(ConnectionSlot&& other) noexcept {
         if (this != &other) {
             release();
             gauges_ = std::move(other.gauges_);
+            address_ = std::exchange(other.address_, std::string());
             webSocket_ = std::exchange(other.webSocket_, false);
         }
         return *this;
@@ -119,12 +159,16 @@ class ConnectionSlot {
             gauges_->connections.fetch_sub(1, std::memory_order_relaxed);
             if (webSocket_)
                 gauges_->webSocketConnections.fetch_sub(1, std::memory_order_relaxed);
+            if (!address_.empty())
+                gauges_->addresses.remove(address_);
         }
         gauges_.reset();
+        address_.clear();
         webSocket_ = false;
     }
 
     std::shared_ptr<Gauges> gauges_;
+    std::string address_;
     bool webSocket_ = false;
 };
 

@@ -289,6 +289,15 @@ TEST_F(EndpointTest, LimitsHoldAndSessionsEndWithTheirSubscriptionsOverPlainAndT
         EXPECT_FALSE(poll.call(connect(id, "4", 0, "long-polling"), "4").value().contains("ext"));
     }
 
+    // One address may hold as many connections as allowed; one closed makes room again.
+    start([](EndpointOptions& o) { o.maxConnectionsPerAddress = 1; });
+    auto first = std::make_unique<RawWebSocket>(port);
+    EXPECT_THROW(RawWebSocket refused(port), std::runtime_error);
+    EXPECT_EQ(log.count("Refused a connection from 127.0.0.1, which has 1 open already"), 1u);
+    first.reset();
+    ASSERT_TRUE(waitUntil([&] { return endpoint->stats().connections == 0; }));
+    EXPECT_NO_THROW(RawWebSocket again(port));
+
     // Sessions expired or live at a stop lose their subscriptions; TLS serves the same protocol.
     start([](EndpointOptions& o) { o.sessionTimeout = 300ms; });
     orvale::test::Inbox heard, published;  // subscriptions as "+/a" and "-/a", and publishes

@@ -54,6 +54,11 @@ struct EndpointOptions {
     std::size_t maxChannelSegments = 16;
     // Connections beyond this are closed as soon as they are accepted.
     std::size_t maxConnections = 100000;
+    // Connections one client address may hold open; beyond it they are closed as soon as they
+    // are accepted. 0 (the default): no bound, since proxies and NAT put many clients behind one
+    // address. Set it where clients reach the endpoint directly, so that one host cannot take
+    // every connection and, through them, every session.
+    std::size_t maxConnectionsPerAddress = 0;
     std::chrono::milliseconds connectTimeout{25000};  // how long a /meta/connect is held
     std::chrono::milliseconds sessionTimeout{45000};  // a session without connect expires
     // A session that has not sent its first /meta/connect this long after its handshake expires
