@@ -5,8 +5,9 @@
 
 namespace orvale::tools {
 
-// A port nothing listens on now; the kernel does not hand it out again at once.
-// std::runtime_error when none can be had.
+// A port nothing listens on now, chosen below the kernel's range for outgoing connections so
+// that none of those takes it before its server binds it. std::runtime_error when none can be
+// had.
 int freeLoopbackPort();
 // Whether something accepts connections on 127.0.0.1:`port`.
 bool acceptsOnLoopback(int port);

@@ -51,23 +51,34 @@ double NatsServers::cpuSeconds() const {
 }
 
 void NatsServers::start(int node) {
-    std::vector<std::string> argv{"nats-server", "-a", "127.0.0.1", "-p",
-                                  std::to_string(ports_[node].client)};
-    // A lone node needs no route listener.
-    if (ports_.size() > 1) {
-        std::string routes;
-        for (int i = 0; i < static_cast<int>(ports_.size()); ++i)
-            if (i != node)
-                routes += (routes.empty() ? "" : ",") + at(ports_[i].route);
-        argv.insert(argv.end(), {"--cluster_name", "orvale", "--cluster", at(ports_[node].route),
-                                 "--routes", routes});
-    }
-    servers_[node] = std::make_unique<ChildProcess>(argv);
     using namespace std::chrono_literals;
-    for (const auto deadline = std::chrono::steady_clock::now() + 10s;
-         !acceptsOnLoopback(ports_[node].client); std::this_thread::sleep_for(10ms))
-        if (std::chrono::steady_clock::now() > deadline)
-            throw std::runtime_error("nats-server did not start: " + servers_[node]->errors());
+    // A port taken between its choice and the server's bind ends the server at once; it starts
+    // again on new ports, which the nodes started after it are given as routes.
+    for (int attempt = 1;; ++attempt) {
+        std::vector<std::string> argv{"nats-server", "-a", "127.0.0.1", "-p",
+                                      std::to_string(ports_[node].client)};
+        // A lone node needs no route listener.
+        if (ports_.size() > 1) {
+            std::string routes;
+            for (int i = 0; i < static_cast<int>(ports_.size()); ++i)
+                if (i != node)
+                    routes += (routes.empty() ? "" : ",") + at(ports_[i].route);
+            argv.insert(argv.end(), {"--cluster_name", "orvale", "--cluster",
+                                     at(ports_[node].route), "--routes", routes});
+        }
+        servers_[node] = std::make_unique<ChildProcess>(argv);
+        ChildProcess& server = *servers_[node];
+        const auto deadline = std::chrono::steady_clock::now() + 10s;
+        while (!acceptsOnLoopback(ports_[node].client) && !server.waitExit(0ms) &&
+               std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(10ms);
+        if (!server.waitExit(0ms) && acceptsOnLoopback(ports_[node].client))
+            return;
+        const std::string errors = server.errors();
+        if (attempt == 3 || errors.find("address already in use") == std::string::npos)
+            throw std::runtime_error("nats-server did not start: " + errors);
+        ports_[node] = {freeLoopbackPort(), freeLoopbackPort()};
+    }
 }
 
 }  // namespace orvale::tools
