@@ -17,9 +17,15 @@ using std::chrono::milliseconds;
 
 namespace {
 
+// A server's advice is honoured up to this: a longer wait outlives any session the server keeps,
+// and the client would sit connected, or reconnecting, to nothing.
+constexpr milliseconds kLongestAdvisedInterval{60000};
+
 // The least wait a server's advice asks for.
 milliseconds advisedInterval(const std::optional<bayeux::Advice>& advice) {
-    return milliseconds(advice ? std::max<std::int64_t>(advice->interval, 0) : 0);
+    return milliseconds(
+        advice ? std::clamp<std::int64_t>(advice->interval, 0, kLongestAdvisedInterval.count())
+               : 0);
 }
 
 const BayeuxFailure* bayeuxFailure(const std::exception& error) {

@@ -40,8 +40,11 @@ class Timer {
     }
 
     TickManager::Canceller schedule(Callback fn, std::int64_t delayMs) {
-        const auto deadline =
-            Clock::now() + std::chrono::milliseconds(std::max<std::int64_t>(0, delayMs));
+        // About 139 years: a longer delay (one a server advised, say) would overflow the clock's
+        // nanoseconds and come due at once.
+        constexpr std::int64_t kLongest = std::int64_t{1} << 42;
+        const auto deadline = Clock::now() + std::chrono::milliseconds(
+                                                 std::clamp<std::int64_t>(delayMs, 0, kLongest));
         UniqueLock lock(mutex_);
         if (stopped_) {
             lock.unlock();

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <mutex>
 #include <random>
 #include <thread>
@@ -59,6 +60,8 @@ TEST(DelayTest, TimersFireOnceInDeadlineOrderAndCancelWaitsForARunningCallbackUn
     std::atomic<int> firedKept{0}, firedCancelled{0}, cancelledOk{0};
     // Ahead of the cancelled timers, it keeps the timer thread from dropping them from the top.
     auto anchor = delay([](std::int64_t) {}, 50000);
+    // A delay too long for the clock is as good as never, not due at once.
+    auto never = delay([&](std::int64_t) { ++firedCancelled; }, INT64_MAX);
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
@@ -81,6 +84,7 @@ TEST(DelayTest, TimersFireOnceInDeadlineOrderAndCancelWaitsForARunningCallbackUn
     EXPECT_EQ(firedKept.load(), kThreads * kPerThread / 2);
     EXPECT_EQ(cancelledOk.load(), kThreads * kPerThread / 2);
     EXPECT_EQ(firedCancelled.load(), 0);
+    EXPECT_TRUE(never.cancel());
 
     // Cancelled or destroyed cancellers never fire; cancel() waits for a callback that already
     // runs, except from inside that callback.
