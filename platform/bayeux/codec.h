@@ -46,7 +46,10 @@ std::string encode(const BayeuxMessage& message);
 
 // Decodes what a server sends to a client: a message with `successful` is a response, its class
 // chosen by channel (any non-meta channel gives a PublishResponse); a message on a non-meta
-// channel with `data` and no `successful` is a delivered PublishRequest.
+// channel with `data` and no `successful` is a delivered PublishRequest. Of a frame's elements
+// that cannot be decoded, the first kMostServerErrors get an error each and the rest one more
+// that counts them.
+inline constexpr std::size_t kMostServerErrors = 16;
 Decoded decodeFromServer(std::string_view frame);
 
 // Decodes what a client sends to a server: meta requests by channel, and PublishRequests. A frame

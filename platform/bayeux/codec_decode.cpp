@@ -481,13 +481,27 @@ DecodeError elementError(const Fields& fields, std::size_t index, std::string re
     return error;
 }
 
+// Errors kept of one frame, beyond which they are only counted: a frame of thousands of bad
+// elements would otherwise cost an error, and a log line, for each.
+struct ErrorBudget {
+    std::size_t most;
+    std::size_t leftOut = 0;
+
+    void add(Decoded& out, DecodeError error) {
+        if (out.errors.size() < most)
+            out.errors.push_back(std::move(error));
+        else
+            ++leftOut;
+    }
+};
+
 void decodeElement(const std::vector<jr::Member>& members, std::size_t index,
-                   ElementDecoder decoder, Decoded& out) {
+                   ElementDecoder decoder, Decoded& out, ErrorBudget& budget) {
     const Fields fields(members);
     try {
         out.messages.push_back(decoder(fields));
     } catch (const Problem& problem) {
-        out.errors.push_back(elementError(fields, index, problem.what()));
+        budget.add(out, elementError(fields, index, problem.what()));
     }
 }
 
@@ -497,8 +511,10 @@ DecodeError frameError(std::string reason) {
 
 // One pass over the frame: each element is checked and decoded as it is read. Text that turns
 // out not to be JSON further on voids the whole frame, as if nothing had been decoded.
-Decoded decodeFrame(std::string_view frame, ElementDecoder decoder, std::size_t maxMessages) {
+Decoded decodeFrame(std::string_view frame, ElementDecoder decoder, std::size_t maxMessages,
+                    std::size_t maxErrors) {
     Decoded out;
+    ErrorBudget budget{maxErrors};
     if (frame.size() > kMaxFrameBytes) {
         out.errors.push_back(frameError("frame of " + std::to_string(frame.size()) +
                                         " bytes exceeds the limit of " +
@@ -527,10 +543,10 @@ Decoded decodeFrame(std::string_view frame, ElementDecoder decoder, std::size_t 
                     }
                     if (reader.peek() == '{') {
                         reader.object(1, members);
-                        decodeElement(members, index, decoder, out);
+                        decodeElement(members, index, decoder, out, budget);
                     } else {
                         reader.value(1);
-                        out.errors.push_back(DecodeError{index, {}, {}, "not an object"});
+                        budget.add(out, DecodeError{index, {}, {}, "not an object"});
                     }
                     if (reader.peek() != ',')
                         break;
@@ -540,7 +556,7 @@ Decoded decodeFrame(std::string_view frame, ElementDecoder decoder, std::size_t 
             }
         } else if (first == '{') {
             reader.object(0, members);
-            decodeElement(members, 0, decoder, out);
+            decodeElement(members, 0, decoder, out, budget);
         } else {
             reader.value(0);
             if (!reader.atEnd())
@@ -550,6 +566,9 @@ Decoded decodeFrame(std::string_view frame, ElementDecoder decoder, std::size_t 
         }
         if (!reader.atEnd())
             reader.fail("text after the value");
+        if (budget.leftOut > 0)
+            out.errors.push_back(
+                frameError(std::to_string(budget.leftOut) + " more messages could not be decoded"));
     } catch (const jr::SyntaxError& e) {
         out.messages.clear();
         out.errors.clear();
@@ -583,11 +602,12 @@ std::string DecodeError::text() const {
 }
 
 Decoded decodeFromServer(std::string_view frame) {
-    return decodeFrame(frame, &decodeServerMessage, SIZE_MAX);
+    return decodeFrame(frame, &decodeServerMessage, SIZE_MAX, kMostServerErrors);
 }
 
 Decoded decodeFromClient(std::string_view frame, std::size_t maxMessages) {
-    return decodeFrame(frame, &decodeClientMessage, maxMessages);
+    // Each error is answered, and the frame's size in messages is bounded already.
+    return decodeFrame(frame, &decodeClientMessage, maxMessages, SIZE_MAX);
 }
 
 }  // namespace connector::bayeux::codec

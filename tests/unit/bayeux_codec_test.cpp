@@ -231,6 +231,15 @@ TEST(BayeuxCodec, RoundTripsKeepsWhatPeersWroteAndGivesErrorsForWhatItCannotRead
             << decoded.errors[0].text();
     }
 
+    // A server's frame of many bad elements costs a bounded number of errors; the rest are counted.
+    std::string many = "[";
+    for (int i = 0; i < 1000; ++i)
+        many += "1,";
+    const auto flood = decodeFromServer(many + R"({"channel":"/ok","data":1}])");
+    EXPECT_EQ(flood.messages.size(), 1u);
+    ASSERT_EQ(flood.errors.size(), codec::kMostServerErrors + 1);
+    EXPECT_EQ(flood.errors.back().text(), "984 more messages could not be decoded");
+
     // A frame that cannot be read at all gives one error and no message.
     std::string deep =
         R"([{"channel":"/a","data":)" + std::string(200, '[') + std::string(200, ']') + "}]";
