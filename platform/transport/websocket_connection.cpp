@@ -93,8 +93,13 @@ class WebSocketConnection final
         websocket::stream_base::timeout timeouts{};
         // The connect and close deadlines are our own timer's; Beast's would only duplicate them.
         timeouts.handshake_timeout = websocket::stream_base::none();
-        timeouts.idle_timeout = websocket::stream_base::none();
-        timeouts.keep_alive_pings = false;
+        if (settings_.options.idleTimeoutMs > 0) {
+            timeouts.idle_timeout = std::chrono::milliseconds(settings_.options.idleTimeoutMs);
+            timeouts.keep_alive_pings = true;
+        } else {
+            timeouts.idle_timeout = websocket::stream_base::none();
+            timeouts.keep_alive_pings = false;
+        }
         ws_.set_option(timeouts);
     }
 
@@ -389,6 +394,14 @@ class WebSocketConnection final
             interruptConnect();
         } else if (phase_ == Phase::Open && !writing_) {
             flush();  // sends what is still queued first; the write's completion closes
+        } else if (phase_ == Phase::Open) {
+            // A peer that stopped reading never lets the write finish: the close waits for it
+            // as long as it would for the peer's close, no longer.
+            timer_.expires_after(kCloseTimeout);
+            timer_.async_wait([self = this->shared_from_this()](error_code ec) {
+                if (!ec && self->phase_ == Phase::Open)
+                    self->finish(false);
+            });
         }
     }
 

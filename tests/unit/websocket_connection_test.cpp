@@ -130,6 +130,20 @@ TEST(WebSocketConnection, BatchesInBoundedFramesLosingNothingAndClosesOnAFrameTo
         fast.send(publish("/late", "1"));
         ASSERT_TRUE(waitUntil([&] { return received() == kStream + 1; })) << pacing;
     }
+
+    // A server that reads nothing, so answers no ping, is cut off after the idle bound; and a
+    // close asked for while a write to it is stuck ends the connection all the same.
+    TestServer deaf(/*readAtOnce=*/false);
+    WebSocketTransportOptions idle;
+    idle.idleTimeoutMs = 300;
+    Client silent(deaf, idle);
+    EXPECT_TRUE(waitUntil([&] { return silent.completed(); }));
+    idle.idleTimeoutMs = 0;
+    Client stuck(deaf, idle);
+    stuck.send(publish("/big", "\"" + std::string(std::size_t{32} << 20, 'x') + "\""));
+    ASSERT_TRUE(waitUntil([&] { return stuck.session->unread() > 0; }));
+    stuck.outbound->onComplete();
+    EXPECT_TRUE(waitUntil([&] { return stuck.completed(); }));
 }
 
 }  // namespace

@@ -24,6 +24,11 @@ struct WebSocketTransportOptions {
     std::string caFile;
     // Time allowed for resolving, connecting and the TLS and WebSocket handshakes.
     std::size_t connectTimeoutMs = 10000;
+    // A connection that receives nothing for half this long is pinged, and one that still
+    // receives nothing (not even the pong) by the end of it is closed: a server that vanished
+    // without closing (a dead host, a cut network) would otherwise leave every request waiting
+    // for ever. Keep it above the server's connect hold (advice "timeout"). 0: no such bound.
+    std::size_t idleTimeoutMs = 60000;
     // While frames arrive less than this many microseconds apart, the socket is read at most
     // once per this interval, so that one wake-up takes in all that arrived meanwhile: a frame
     // waits at most this long, and only during such a stream. 0 reads every frame as it lands.
