@@ -68,6 +68,9 @@ void MessageServiceClientImpl::metaConnectAnswered(std::uint64_t generation,
         startReconnecting(lock, advisedInterval(advice));
         return;
     }
+    // The connection works: a later loss starts its waits afresh. Not before, so that a server
+    // that takes handshakes and drops what follows is met with the growing waits.
+    attempts_ = 0;
     lock.unlock();
     const milliseconds interval = advisedInterval(advice);
     if (interval.count() > 0)
@@ -92,7 +95,6 @@ void MessageServiceClientImpl::metaConnectFailed(std::uint64_t generation,
 
 void MessageServiceClientImpl::startReconnecting(common::UniqueLock& lock, milliseconds floor) {
     DroppedTransport dropped = dropTransportLocked();
-    attempts_ = 0;
     logger_.log(log::warning, "Connection lost, reconnecting to: ", endpoint());
     setState(ConnectionState::RECONNECTING, lock);
     dropped.release("Connection to " + endpoint() + " closed");
@@ -232,7 +234,6 @@ void MessageServiceClientImpl::finishReconnecting(std::uint64_t round) {
     common::UniqueLock lock(mutex_);
     if (!roundIsCurrent(round))
         return;
-    attempts_ = 0;
     logger_.log(log::warning, "Reconnected to: ", endpoint());
     setState(ConnectionState::CONNECTED, lock);
     sendMetaConnect();
