@@ -10,8 +10,12 @@ namespace connector::bayeux::detail {
 
 namespace {
 
-void placeSlots(ChannelNode& node) {
-    node.exact.node = node.one.node = node.any.node = &node;
+NodeSlots& slotsOf(ChannelNode& node) {
+    if (!node.slots) {
+        node.slots = std::make_unique<NodeSlots>();
+        node.slots->exact.node = node.slots->one.node = node.slots->any.node = &node;
+    }
+    return *node.slots;
 }
 
 // Spells the pattern of a slot that is about to get its first member. Only held patterns are
@@ -28,10 +32,10 @@ void spell(PatternSlot& slot) {
         slot.text += '/';
         slot.text += **it;
     }
-    const ChannelNode& node = *slot.node;
-    if (&slot == &node.one)
+    const NodeSlots& slots = *slot.node->slots;
+    if (&slot == &slots.one)
         slot.text += "/*";
-    else if (&slot == &node.any)
+    else if (&slot == &slots.any)
         slot.text += "/**";
 }
 
@@ -42,19 +46,17 @@ void appendMembers(const PatternSlot& slot, std::vector<Match>& out) {
 
 }  // namespace
 
-ChannelTree::ChannelTree() : root_(std::make_unique<ChannelNode>()) {
-    placeSlots(*root_);
-}
+ChannelTree::ChannelTree() : root_(std::make_unique<ChannelNode>()) {}
 
 PatternSlot* ChannelTree::findSlot(std::string_view pattern, bool create) {
     const ChannelName name(pattern);
     if (!name.isRooted())
         return nullptr;
-    PatternSlot ChannelNode::*member = &ChannelNode::exact;
+    PatternSlot NodeSlots::*member = &NodeSlots::exact;
     if (name.wildcard() == ChannelName::Wildcard::one)
-        member = &ChannelNode::one;
+        member = &NodeSlots::one;
     else if (name.wildcard() == ChannelName::Wildcard::any)
-        member = &ChannelNode::any;
+        member = &NodeSlots::any;
 
     ChannelNode* node = root_.get();
     for (std::string_view segment : name.baseSegments()) {
@@ -65,14 +67,15 @@ PatternSlot* ChannelTree::findSlot(std::string_view pattern, bool create) {
             auto child = std::make_unique<ChannelNode>();
             child->parent = node;
             child->segment = std::string(segment);
-            placeSlots(*child);
             const std::string_view key = child->segment;  // views the child's own string
             it = node->children.emplace(key, std::move(child)).first;
             ++nodes_;
         }
         node = it->second.get();
     }
-    return &(node->*member);
+    if (!node->slots && !create)
+        return nullptr;
+    return &(slotsOf(*node).*member);
 }
 
 bool ChannelTree::subscribe(SessionRecord& record, std::string_view pattern) {
@@ -125,15 +128,17 @@ void ChannelTree::match(std::string_view channel, std::vector<Match>& out) const
     const auto segments = name.segments();
     for (auto it = segments.begin(); it != segments.end(); ++it) {
         const bool last = it.last();
-        appendMembers(node->any, out);
-        if (last)
-            appendMembers(node->one, out);
+        if (node->slots) {
+            appendMembers(node->slots->any, out);
+            if (last)
+                appendMembers(node->slots->one, out);
+        }
         auto child = node->children.find(*it);
         if (child == node->children.end())
             return;
         node = child->second.get();
-        if (last)
-            appendMembers(node->exact, out);
+        if (last && node->slots)
+            appendMembers(node->slots->exact, out);
     }
 }
 

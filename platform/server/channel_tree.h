@@ -35,17 +35,25 @@ struct PatternSlot {
     std::vector<SessionRecord*> members;
 };
 
+// The three patterns a node stands for.
+struct NodeSlots {
+    PatternSlot exact;  // "/a/b"
+    PatternSlot one;    // "/a/b/*"
+    PatternSlot any;    // "/a/b/**"
+};
+
 struct ChannelNode {
     ChannelNode* parent = nullptr;
     std::string segment;  // the key in the parent's children map views this string
-    PatternSlot exact;    // "/a/b"
-    PatternSlot one;      // "/a/b/*"
-    PatternSlot any;      // "/a/b/**"
+    // Made when one of the node's patterns is first held, and kept while the node lives: most
+    // nodes only lead to deeper ones, and the slots were most of a node's size.
+    std::unique_ptr<NodeSlots> slots;
     std::unordered_map<std::string_view, std::unique_ptr<ChannelNode>> children;
 
     bool unused() const {
-        return exact.members.empty() && one.members.empty() && any.members.empty() &&
-               children.empty();
+        return children.empty() &&
+               (!slots || (slots->exact.members.empty() && slots->one.members.empty() &&
+                           slots->any.members.empty()));
     }
 };
 

@@ -54,7 +54,7 @@ TEST_F(ChannelTreeTest, HoldsAreCountedAndNodesPrunedWhenUnusedOrRemovedAll) {
     EXPECT_EQ(retired.size(), 2u) << "c and b; a still leads to x";
     EXPECT_EQ(tree_.nodeCount(), 3u);
     // Retired nodes still hold their pattern texts for deliveries queued before.
-    EXPECT_EQ(retired.front()->exact.text, "/a/b/c");
+    EXPECT_EQ(retired.front()->slots->exact.text, "/a/b/c");
 
     EXPECT_FALSE(tree_.unsubscribe(s, "/never", retired));
     EXPECT_FALSE(tree_.unsubscribe(record("other"), "/a/x", retired));

@@ -45,7 +45,7 @@ struct EndpointOptions {
     std::size_t maxMessagesPerFrame = 1000;
     // Channels one session may be subscribed to at once: a subscribe beyond them gets
     // "403:<channel>:Too many subscriptions". With the two bounds below, this bounds what one
-    // session's subscriptions hold (at most about 8 MB at the defaults, most of it one node of the
+    // session's subscriptions hold (at most about 6 MB at the defaults, most of it one node of the
     // server's channel tree per segment), here and, in a cluster, on every member.
     std::size_t maxSubscriptionsPerSession = 1000;
     // The longest channel name, and the most segments ("/a/b" has two), a subscribe or publish
