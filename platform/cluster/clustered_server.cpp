@@ -365,8 +365,8 @@ void ClusteredServer::countInterest(const std::string& clientId, const std::stri
 }
 
 void ClusteredServer::noteUnshared(std::string_view channel) {
-    const std::uint64_t n = ++unshared_;
-    if ((n & (n - 1)) != 0)
+    const std::uint64_t n = unshared_.next();
+    if (n == 0)
         return;
     constexpr std::size_t kShown = 64;
     logger.log(log::warning,

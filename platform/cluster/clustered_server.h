@@ -44,6 +44,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "common/doubling_log.h"
 #include "connector/bayeux/server.h"
 #include "connector/common/mutex.h"
 #include "member_interest.h"
@@ -101,8 +102,7 @@ class ClusteredServer final : public BayeuxServer {
     void keepMembership();
     // Sends the publishes this thread gathered for the cluster as one message.
     static void sendGathered();
-    // Logs a subscription or publish on a channel too long to share, the first time and then
-    // at every power of two, so that a client repeating one cannot flood the log.
+    // Logs a subscription or publish on a channel too long to share, as unshared_ says.
     void noteUnshared(std::string_view channel);
 
     const std::shared_ptr<BayeuxServer> inner_;
@@ -118,7 +118,7 @@ class ClusteredServer final : public BayeuxServer {
     const std::string acknowledgements_;
     // The number of the last first subscription told to the others.
     std::atomic<std::uint64_t> told_{0};
-    std::atomic<std::uint64_t> unshared_{0};  // channels too long to share, met so far
+    common::DoublingLog unshared_;  // channels too long to share, met so far
 
     common::Mutex interestMutex_;
     // Sessions subscribed here, per pattern.

@@ -119,9 +119,8 @@ void NatsLink::publish(const std::string& subject, std::string_view payload, std
     }
     lost_ += messages;
     if (status == NATS_MAX_PAYLOAD) {
-        // The link is up: only this message is lost, logged at every power of two.
-        const std::uint64_t n = ++tooLarge_;
-        if ((n & (n - 1)) == 0)
+        // The link is up: only this message is lost.
+        if (const std::uint64_t n = tooLarge_.next())
             logger.log(log::warning, "Cluster: a message of ", payload.size(),
                        " bytes is larger than the NATS servers accept (",
                        natsConnection_GetMaxPayload(connection_),

@@ -27,6 +27,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/doubling_log.h"
 #include "connector/common/mutex.h"
 
 struct __natsConnection;
@@ -112,7 +113,7 @@ class NatsLink {
     std::atomic<std::uint64_t> published_{0};
     std::atomic<std::uint64_t> received_{0};
     std::atomic<std::uint64_t> lost_{0};
-    std::atomic<std::uint64_t> tooLarge_{0};          // publishes larger than NATS accepts
+    common::DoublingLog tooLarge_;                    // publishes larger than NATS accepts
     std::atomic<std::uint64_t> lostBeforeOutage_{0};  // lost_ when the last outage began
     std::atomic<std::uint64_t> reconnects_{0};
 };

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "accept_backoff.h"
+#include "common/doubling_log.h"
 #include "connections.h"
 #include "connector/common/mutex.h"
 #include "connector/log/diagnostic_logger.h"
@@ -228,8 +229,7 @@ class EndpointImpl final : public BayeuxEndpoint {
         if (maxPerAddress_ > 0) {
             address = socket.remote_endpoint(ignored).address().to_string();
             if (!hub_->gauges()->addresses.add(address, maxPerAddress_)) {
-                // Logged at every power of two, so that a flood cannot flood the log too.
-                if (const std::uint64_t n = ++refusedByAddress_; (n & (n - 1)) == 0)
+                if (const std::uint64_t n = refusedByAddress_.next())
                     logger.log(log::warning, "Refused a connection from ", address, ", which has ",
                                maxPerAddress_, " open already (", n, " refused so far)");
                 socket.close(ignored);
@@ -268,8 +268,8 @@ class EndpointImpl final : public BayeuxEndpoint {
     const std::shared_ptr<asio::ssl::context> tls_;
     const std::chrono::milliseconds sweepEvery_;
     const std::size_t maxConnections_;
-    const std::size_t maxPerAddress_;     // 0: no bound
-    std::uint64_t refusedByAddress_ = 0;  // used on the accepting thread only
+    const std::size_t maxPerAddress_;  // 0: no bound
+    common::DoublingLog refusedByAddress_;
     std::shared_ptr<Hub> hub_;
     std::vector<std::unique_ptr<Loop>> loops_;
     // On loops_[0]; reset before the loops go.
