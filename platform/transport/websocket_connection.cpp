@@ -93,13 +93,9 @@ class WebSocketConnection final
         websocket::stream_base::timeout timeouts{};
         // The connect and close deadlines are our own timer's; Beast's would only duplicate them.
         timeouts.handshake_timeout = websocket::stream_base::none();
-        if (settings_.options.idleTimeoutMs > 0) {
-            timeouts.idle_timeout = std::chrono::milliseconds(settings_.options.idleTimeoutMs);
-            timeouts.keep_alive_pings = true;
-        } else {
-            timeouts.idle_timeout = websocket::stream_base::none();
-            timeouts.keep_alive_pings = false;
-        }
+        const std::chrono::milliseconds idle(settings_.options.idleTimeoutMs);
+        timeouts.idle_timeout = idle.count() > 0 ? idle : websocket::stream_base::none();
+        timeouts.keep_alive_pings = idle.count() > 0;
         ws_.set_option(timeouts);
     }
 
@@ -397,11 +393,7 @@ class WebSocketConnection final
         } else if (phase_ == Phase::Open) {
             // A peer that stopped reading never lets the write finish: the close waits for it
             // as long as it would for the peer's close, no longer.
-            timer_.expires_after(kCloseTimeout);
-            timer_.async_wait([self = this->shared_from_this()](error_code ec) {
-                if (!ec && self->phase_ == Phase::Open)
-                    self->finish(false);
-            });
+            armCloseDeadline();
         }
     }
 
@@ -409,13 +401,19 @@ class WebSocketConnection final
         if (phase_ != Phase::Open)
             return;
         phase_ = Phase::Closing;
+        armCloseDeadline();
+        ws_.async_close(websocket::close_code::normal,
+                        [self = this->shared_from_this()](error_code ec) { self->finish(!ec); });
+    }
+
+    // Ends the connection uncleanly unless it has ended within kCloseTimeout; arming it again
+    // moves the deadline.
+    void armCloseDeadline() {
         timer_.expires_after(kCloseTimeout);
         timer_.async_wait([self = this->shared_from_this()](error_code ec) {
             if (!ec)
                 self->finish(false);
         });
-        ws_.async_close(websocket::close_code::normal,
-                        [self = this->shared_from_this()](error_code ec) { self->finish(!ec); });
     }
 
     // Ends the connection once: closes the socket and completes the inbound stream.
