@@ -69,10 +69,11 @@ void NatsServers::start(int node) {
         servers_[node] = std::make_unique<ChildProcess>(argv);
         ChildProcess& server = *servers_[node];
         const auto deadline = std::chrono::steady_clock::now() + 10s;
-        while (!acceptsOnLoopback(ports_[node].client) && !server.waitExit(0ms) &&
+        bool ready = false;
+        while (!(ready = acceptsOnLoopback(ports_[node].client)) && !server.waitExit(0ms) &&
                std::chrono::steady_clock::now() < deadline)
             std::this_thread::sleep_for(10ms);
-        if (!server.waitExit(0ms) && acceptsOnLoopback(ports_[node].client))
+        if (ready)
             return;
         const std::string errors = server.errors();
         if (attempt == 3 || errors.find("address already in use") == std::string::npos)
