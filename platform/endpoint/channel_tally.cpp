@@ -1,4 +1,5 @@
-// Publishes counted by channel in a fixed table of lock-free slots.
+// Publishes counted by channel in a bounded table that lets a newly busy channel displace the
+// least counted one.
 
 #include "channel_tally.h"
 
@@ -7,54 +8,47 @@
 
 namespace connector::bayeux::endpoint {
 
-namespace {
+ChannelTally::ChannelTally() : shards_(std::make_unique<Shard[]>(kShards)) {}
 
-// Slots tried after the one a channel hashes to.
-constexpr std::size_t kProbes = 8;
-
-}  // namespace
-
-ChannelTally::ChannelTally() : slots_(std::make_unique<Slot[]>(kSlots)) {}
-
-ChannelTally::~ChannelTally() {
-    for (std::size_t i = 0; i < kSlots; ++i)
-        delete slots_[i].name.load(std::memory_order_relaxed);
-}
+ChannelTally::~ChannelTally() = default;
 
 void ChannelTally::count(std::string_view channel, std::uint64_t times) {
     if (channel.size() > kLongestName) {
         untracked_.fetch_add(times, std::memory_order_relaxed);
         return;
     }
-    // Never 0, which marks a free slot.
-    const std::uint64_t hash = std::hash<std::string_view>()(channel) | 1;
-    for (std::size_t probe = 0; probe <= kProbes; ++probe) {
-        Slot& slot = slots_[(hash + probe) & (kSlots - 1)];
-        std::uint64_t seen = slot.hash.load(std::memory_order_acquire);
-        if (seen == 0 && slot.hash.compare_exchange_strong(seen, hash, std::memory_order_acq_rel)) {
-            slot.name.store(new std::string(channel), std::memory_order_release);
-            seen = hash;
-        }
-        if (seen != hash)
-            continue;
-        // A slot claimed a moment ago may not show its name yet: the claimant's channel is
-        // almost surely this one, since the hashes agree.
-        const std::string* name = slot.name.load(std::memory_order_acquire);
-        if (name == nullptr || *name == channel) {
-            slot.count.fetch_add(times, std::memory_order_relaxed);
+    const std::uint64_t hash = std::hash<std::string_view>()(channel);
+    Shard& shard = shards_[hash % kShards];
+    common::MutexLock lock(shard.mutex);
+    for (std::size_t i = 0; i < shard.used; ++i)
+        if (shard.hashes[i] == hash && shard.entries[i].channel == channel) {
+            shard.entries[i].count += times;
             return;
         }
+    std::size_t slot = shard.used;
+    std::uint64_t inherited = 0;
+    if (slot < kPerShard) {
+        ++shard.used;
+    } else {
+        slot = 0;
+        for (std::size_t i = 1; i < kPerShard; ++i)
+            if (shard.entries[i].count < shard.entries[slot].count)
+                slot = i;
+        inherited = shard.entries[slot].count;
     }
-    untracked_.fetch_add(times, std::memory_order_relaxed);
+    shard.hashes[slot] = hash;
+    Entry& entry = shard.entries[slot];
+    entry.channel.assign(channel);
+    entry.count = inherited + times;
+    entry.overcount = inherited;
 }
 
 std::vector<ChannelTally::Entry> ChannelTally::busiest(std::size_t n) const {
     std::vector<Entry> entries;
-    for (std::size_t i = 0; i < kSlots; ++i) {
-        const std::string* name = slots_[i].name.load(std::memory_order_acquire);
-        const std::uint64_t count = slots_[i].count.load(std::memory_order_relaxed);
-        if (name != nullptr && count != 0)
-            entries.push_back(Entry{*name, count});
+    for (std::size_t s = 0; s < kShards; ++s) {
+        const Shard& shard = shards_[s];
+        common::MutexLock lock(shard.mutex);
+        entries.insert(entries.end(), shard.entries, shard.entries + shard.used);
     }
     const std::size_t keep = std::min(n, entries.size());
     std::partial_sort(entries.begin(), entries.begin() + static_cast<std::ptrdiff_t>(keep),

@@ -200,8 +200,12 @@ std::string statusJson(const Hub& hub) {
     status["latency"] = {{"count", g.latency.count()},
                          {"sumSeconds", static_cast<double>(g.latency.sum()) * 1e-9}};
     json::array busiest;
-    for (const auto& entry : g.channels.busiest(kBusiest))
-        busiest.push_back({{"channel", entry.channel}, {"published", entry.count}});
+    for (const auto& entry : g.channels.busiest(kBusiest)) {
+        json::object shown{{"channel", entry.channel}, {"published", entry.count}};
+        if (entry.overcount != 0)  // it took the place of channels counted less
+            shown["overcount"] = entry.overcount;
+        busiest.push_back(std::move(shown));
+    }
     status["busiestChannels"] = std::move(busiest);
     if (figures.cluster)
         status["cluster"] = {{"connected", figures.cluster->connected},
