@@ -42,6 +42,7 @@ MessageServiceClientImpl::MessageServiceClientImpl(const std::string& name, Opti
       context_(std::move(context)),
       address_(std::move(address)),
       reconnect_(readReconnectSettings(options_)),
+      requestTimeout_(readRequestTimeout(options_)),
       clock_(defaultReconnectClock()) {}
 
 MessageServiceClientImpl::~MessageServiceClientImpl() {

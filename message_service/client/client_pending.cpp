@@ -72,9 +72,30 @@ std::shared_ptr<MessageServiceClientImpl::OutboundPublisher> MessageServiceClien
     }
     pending.id = std::to_string(nextMessageId_.fetch_add(1));
     request.setId(pending.id);
+    if (requestTimeout_ && !dynamic_cast<const bayeux::ConnectRequest*>(&request))
+        pending.deadline = common::delay(
+            [weak = weak_from_this(), id = pending.id](std::int64_t) {
+                if (auto self = weak.lock())
+                    self->requestTimedOut(id);
+            },
+            requestTimeout_->count());
     request.setClientId(clientId_);
     pendingRequests_.push_back(std::move(pending));
     return outboundPublisher_;
+}
+
+void MessageServiceClientImpl::requestTimedOut(const std::string& id) {
+    std::optional<PendingRequest> expired;
+    {
+        common::MutexLock lock(mutex_);
+        for (std::size_t i = 0; i < pendingRequests_.size() && !expired; ++i)
+            if (pendingRequests_[i].id == id)
+                expired = pendingRequests_.take(i);
+    }
+    // Released here, on the timer thread, whose own timer it cancels without waiting.
+    if (expired)
+        expired->fail("Bayeux message " + id + " was not answered within " +
+                      std::to_string(requestTimeout_->count()) + " ms");
 }
 
 }  // namespace connector::message_service

@@ -28,7 +28,7 @@ Future<PublishResult> MessageServiceClientImpl::publishWithContext(
     Promise<PublishResult> promise;
     Future<PublishResult> published = promise.getFuture();
     if (auto publisher =
-            file(*request, PendingRequest{{}, PendingPublish(std::move(promise), channel)}))
+            file(*request, PendingRequest{{}, PendingPublish(std::move(promise), channel), {}}))
         publisher->next(std::move(request));
     return published;
 }

@@ -16,7 +16,7 @@ Future<std::unique_ptr<Resp>> MessageServiceClientImpl::send(std::unique_ptr<Req
     Promise<MessagePtr> promise;
     Future<MessagePtr> response = promise.getFuture();
     std::string id;
-    if (auto publisher = file(*request, PendingRequest{{}, std::move(promise)})) {
+    if (auto publisher = file(*request, PendingRequest{{}, std::move(promise), {}})) {
         id = request->getId();
         publisher->next(std::move(request));
     }

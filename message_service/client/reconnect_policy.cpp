@@ -48,6 +48,12 @@ ReconnectSettings readReconnectSettings(const Options& options) {
     return settings;
 }
 
+std::optional<std::chrono::milliseconds> readRequestTimeout(const Options& options) {
+    if (!options.count("request.timeoutMs"))
+        return std::nullopt;
+    return readDelay(options, "request.timeoutMs", std::chrono::milliseconds(0));
+}
+
 std::chrono::milliseconds backoffCeiling(const ReconnectSettings& settings, unsigned attempt) {
     // Past 2^20 times the initial delay every ceiling is the maximum anyway.
     const auto doubled = settings.initialDelay * (std::int64_t{1} << std::min(attempt, 20u));

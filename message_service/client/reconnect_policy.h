@@ -1,6 +1,7 @@
 #pragma once
 // How a client service comes back after losing its server: the options that turn reconnection
-// on and bound its waits, the backoff between attempts, and what a server's answer asks for.
+// on and bound its waits, the backoff between attempts, and what a server's answer asks for;
+// and how long a request may wait for its answer.
 //
 // Thread safety: plain functions and values; defaultReconnectClock() may be used from any thread.
 
@@ -17,6 +18,10 @@ namespace connector::message_service {
 // Reads "reconnect" ("on" or "off"), "reconnect.initialDelayMs" and "reconnect.maxDelayMs".
 // Throws std::invalid_argument naming the option when a value is not understood.
 ReconnectSettings readReconnectSettings(const Options& options);
+
+// Reads "request.timeoutMs", a whole number of milliseconds from 1; unset when absent. Throws
+// std::invalid_argument naming the option when the value is not understood.
+std::optional<std::chrono::milliseconds> readRequestTimeout(const Options& options);
 
 // The ceiling of the wait before attempt `attempt` (from 0): initialDelay doubled per attempt,
 // never above maxDelay. The wait itself is drawn below it (full jitter).

@@ -7,7 +7,7 @@
 // held: the code copies under the lock, releases, then calls, so that any of them may call back
 // into the service. Continuations hold the instance only weakly.
 //
-// Without the option "reconnect" = "on" the client has no timers and never reconnects: a lost
+// Without the option "reconnect" = "on" the client never reconnects: a lost
 // transport leaves it DISCONNECTED, a failed meta connect ends the loop. With it, a connection
 // once established is resumed: on a lost transport, a failed meta connect or a server's advice
 // to handshake it becomes RECONNECTING, opens a new transport and handshakes after a backoff
@@ -129,6 +129,9 @@ class MessageServiceClientImpl : public MessageService,
     struct PendingRequest {
         std::string id;
         std::variant<Promise<MessagePtr>, PendingPublish> completion;
+        // With the option "request.timeoutMs", the timer that fails the request unanswered.
+        // Declared last, so that it is cancelled before an abandoned promise fails.
+        common::TickManager::Canceller deadline;
 
         // The successful answer; never called with mutex_ held.
         void succeed(MessagePtr&& answer);
@@ -146,6 +149,8 @@ class MessageServiceClientImpl : public MessageService,
     std::shared_ptr<OutboundPublisher> file(bayeux::BayeuxMessage& request,
                                             PendingRequest&& pending) ORVALE_EXCLUDES(mutex_);
     void sendMetaConnect() ORVALE_EXCLUDES(mutex_);
+    // The deadline of the request `id` has passed: it fails, if it is still pending.
+    void requestTimedOut(const std::string& id) ORVALE_EXCLUDES(mutex_);
     // Asks the Context for a new transport to the endpoint.
     Future<MessagePtr> openTransport();
     Future<ConnectionState> handle(std::unique_ptr<bayeux::ConnectTransportResponse>&& response);
@@ -247,6 +252,10 @@ class MessageServiceClientImpl : public MessageService,
     std::uint64_t nextSubscriptionId_ ORVALE_GUARDED_BY(mutex_) = 0;
 
     const ReconnectSettings reconnect_;
+    // The option "request.timeoutMs": a request other than the meta connect, which the server
+    // holds, fails when it has waited this long for its answer. Unset (the default): requests
+    // wait until their answer comes or their connection ends.
+    const std::optional<std::chrono::milliseconds> requestTimeout_;
     ReconnectClock clock_ ORVALE_GUARDED_BY(mutex_);
     // Advanced by every attempt and by whatever ends reconnection.
     std::uint64_t reconnectRound_ ORVALE_GUARDED_BY(mutex_) = 0;

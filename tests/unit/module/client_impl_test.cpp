@@ -284,5 +284,39 @@ TEST_F(ClientTest, SubscriptionsFollowTheirHandles) {
     EXPECT_EQ(deliveredTo("/orvale/a/b"), Strings{"again /a/b 1"});
 }
 
+// With "request.timeoutMs", a request left unanswered fails on its own, the meta connect that the
+// server holds excepted; an answer coming later finds nothing to complete.
+TEST_F(ClientTest, WithARequestTimeoutAnUnansweredRequestFailsButTheHeldConnectWaits) {
+    for (const char* bad : {"0", "-1", "ten", ""}) {
+        EXPECT_EQ(failureText([&] {
+                      make({{"endpoint", "ws://test/bayeux"}, {"request.timeoutMs", bad}});
+                  }),
+                  std::string(
+                      "Option request.timeoutMs must be a whole number of milliseconds from 1: ") +
+                      bad);
+    }
+    auto client = make({{"endpoint", "ws://test/bayeux"}, {"request.timeoutMs", "100"}});
+    connect(client);
+    ASSERT_NE(transport->sent<bx::ConnectRequest>(1), nullptr);
+    auto answered = client->publish("/a", "1");
+    answer<bx::PublishResponse>(2);
+    auto published = client->publish("/b", "1");
+    auto subscribed = client->subscribe("/c", record("c"));
+    EXPECT_EQ(failureText(published), "Bayeux message 3 was not answered within 100 ms");
+    EXPECT_EQ(
+        capture.count("Error publishing on /b, Bayeux message 3 was not answered within 100 ms"),
+        1u);
+    EXPECT_EQ(failureText(subscribed), "Bayeux message 4 was not answered within 100 ms");
+    EXPECT_TRUE(answered.get().success);
+    // The connect, sent before either, is still held: no other went out, and none failed.
+    EXPECT_EQ(transport->sentCount(), 5u);
+    EXPECT_EQ(client->getState(), ConnectionState::CONNECTED);
+    transport->reply(response<bx::PublishResponse>("3"));
+    EXPECT_TRUE(capture.contains("Unexpected message: connector::bayeux::PublishResponse"));
+    answer<bx::ConnectStreamResponse>(1);
+    ASSERT_TRUE(transport->waitSent(6));
+    EXPECT_NE(transport->sent<bx::ConnectRequest>(5), nullptr);
+}
+
 }  // namespace
 }  // namespace connector::message_service
