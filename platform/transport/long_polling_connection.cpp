@@ -6,7 +6,6 @@
 #include "long_polling_connection.h"
 
 #include <boost/asio/connect.hpp>
-#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
@@ -20,13 +19,9 @@
 #include <optional>
 #include <thread>
 
-#include "connector/common/mutex.h"
+#include "client_connection.h"
 #include "connector/log/diagnostic_logger.h"
 #include "http_reply.h"
-#include "inbound_publisher.h"
-#include "io_thread.h"
-#include "outbound_encoding.h"
-#include "stream_handles.h"
 #include "tls_client.h"
 
 namespace connector::bayeux::transport {
@@ -58,65 +53,18 @@ constexpr bool kSecure = std::is_same_v<Stream, TlsStream>;
 
 template <class Stream>
 class LongPollingConnection final
-    : public Connection,
-      public std::enable_shared_from_this<LongPollingConnection<Stream>> {
+    : public ClientConnection<LongPollingConnection<Stream>, LongPollingSettings> {
+    using Base = ClientConnection<LongPollingConnection<Stream>, LongPollingSettings>;
+    friend Base;
+    using Phase = typename Base::Phase;
+    using Base::closeRequested_, Base::context_, Base::inbound_, Base::mutex_, Base::phase_,
+        Base::settings_, Base::timer_;
+
   public:
     LongPollingConnection(LongPollingSettings settings, Promise<MessagePtr> promise)
-        : context_(settings.context),
-          io_(settings.io),
-          settings_(std::move(settings)),
-          resolver_(*context_),
-          timer_(*context_),
-          connectPromise_(std::move(promise)),
-          closed_(std::make_shared<DoneSignal>()) {}
-
-    void start() {
-        inbound_ = makeConnectionInbound(io_, [weak = this->weak_from_this()] {
-            if (auto self = weak.lock())
-                self->close();
-        });
-        post([self = this->shared_from_this()] { self->beginConnect(); });
-    }
-
-    // The message is encoded here, on the sending thread; a meta connect is queued for the
-    // connection that may be held, everything else for the other one.
-    void send(MessagePtr message) override {
-        thread_local EncodedMessages encoded;
-        encoded.clear();
-        if (!encodeOutbound(message.get(), settings_.state.get(), settings_.url, encoded) ||
-            encoded.ends.empty())
-            return;
-        bool schedule = false;
-        {
-            common::MutexLock lock(mutex_);
-            if (closeRequested_)
-                return;
-            std::size_t begin = 0;
-            for (const auto& [end, isConnect] : encoded.ends) {
-                (isConnect ? connects_ : requests_)
-                    .push_back(encoded.text.substr(begin, end - begin));
-                begin = end;
-            }
-            schedule = !pumpPosted_;
-            pumpPosted_ = true;
-        }
-        if (schedule)
-            post([self = this->shared_from_this()] { self->pump(); });
-    }
-
-    void close() override {
-        {
-            common::MutexLock lock(mutex_);
-            if (closeRequested_)
-                return;
-            closeRequested_ = true;
-        }
-        post([self = this->shared_from_this()] { self->onCloseRequested(); });
-    }
+        : Base(std::move(settings), std::move(promise)) {}
 
   private:
-    enum class Phase { Connecting, Open, Closing, Closed };
-
     // One keep-alive HTTP connection and the request it carries.
     struct Lane {
         std::optional<Stream> stream;
@@ -130,69 +78,41 @@ class LongPollingConnection final
         std::optional<HttpResponseParser> parser;
     };
 
-    void post(std::function<void()> task) {
-        if (auto thread = io_.lock())
-            thread->post(std::move(task));
+    // ---- queueing, on the sending thread
+
+    // A meta connect is queued for the connection that may be held, everything else for the
+    // other one.
+    bool queueLocked(const EncodedMessages& encoded) ORVALE_REQUIRES(mutex_) {
+        std::size_t begin = 0;
+        for (const auto& [end, isConnect] : encoded.ends) {
+            (isConnect ? connects_ : requests_).push_back(encoded.text.substr(begin, end - begin));
+            begin = end;
+        }
+        return !std::exchange(pumpPosted_, true);
     }
+    void drain() { pump(); }
 
     // ---- connecting: the first connection must open before the client gets its streams
 
-    void beginConnect() {
-        if (phase_ != Phase::Connecting)
-            return;
-        timer_.expires_after(std::chrono::milliseconds(settings_.options.connectTimeoutMs));
-        timer_.async_wait([self = this->shared_from_this()](error_code ec) {
-            if (ec || self->phase_ != Phase::Connecting)
-                return;
-            self->timedOut_ = true;
-            self->resolver_.cancel();
-            self->closeLane(self->requestLane_);
-        });
-        resolver_.async_resolve(
-            settings_.parts.host, settings_.parts.port,
-            [self = this->shared_from_this()](error_code ec, tcp::resolver::results_type results) {
-                if (ec || self->interrupted())
-                    return self->failConnect(ec);
-                self->endpoints_ = std::move(results);
-                self->openLane(self->requestLane_, [self](error_code ec) { self->onOpened(ec); });
-            });
+    void interruptConnect() { closeLane(requestLane_); }
+
+    void onResolved(tcp::resolver::results_type results) {
+        endpoints_ = std::move(results);
+        openLane(requestLane_,
+                 [self = this->shared_from_this()](error_code ec) { self->onOpened(ec); });
     }
 
     void onOpened(error_code ec) {
-        if (ec || interrupted())
-            return failConnect(ec);
-        timer_.cancel();
-        phase_ = Phase::Open;
+        if (ec || this->interrupted())
+            return this->failConnect(ec);
+        this->opened();
         // Between requests nothing of the socket's is pending to keep the connection alive, so
         // it keeps itself until it has finished.
         self_ = this->shared_from_this();
-        logger.log(foundation::log::trace, "Connected to ", settings_.url);
-        connectPromise_.setValue(makeStreams(this->weak_from_this(), inbound_, closed_));
+        this->handOverStreams();
     }
 
-    bool interrupted() const { return timedOut_ || aborted_; }
-
-    void failConnect(error_code ec) {
-        std::string cause;
-        if (timedOut_)
-            cause = "timed out after " + std::to_string(settings_.options.connectTimeoutMs) + " ms";
-        else if (aborted_)
-            cause = "the transport was shut down";
-        else
-            cause = describe(ec, requestLane_);
-        phase_ = Phase::Closed;
-        timer_.cancel();
-        closeLane(requestLane_);
-        {
-            common::MutexLock lock(mutex_);
-            closeRequested_ = true;
-        }
-        closed_->resolve(false);
-        logger.log(foundation::log::trace, "Cannot connect to ", settings_.url, ": ", cause);
-        connectPromise_.setException(
-            std::runtime_error("Cannot connect to " + settings_.url + ": " + cause));
-    }
-
+    std::string describe(error_code ec) { return describe(ec, requestLane_); }
     std::string describe(error_code ec, Lane& lane) {
         if constexpr (kSecure<Stream>)
             if (lane.stream)
@@ -364,15 +284,7 @@ class LongPollingConnection final
             logger.log(foundation::log::error, "Dropped what could not be decoded from ",
                        settings_.url, ": ", problem,
                        "; body: ", response.body().substr(0, kQuotedBytes));
-        if (reply.messages.size() == 1) {
-            inbound_->push(std::move(reply.messages.front()));
-        } else if (reply.messages.size() > 1) {
-            auto container = std::make_unique<BayeuxContainer>();
-            container->messages().reserve(reply.messages.size());
-            for (auto& message : reply.messages)
-                container->messages().push_back(std::move(message));
-            inbound_->push(std::move(container));
-        }
+        this->pushInbound(reply.messages);
         pump();
     }
 
@@ -401,14 +313,8 @@ class LongPollingConnection final
 
     // ---- closing
 
-    void onCloseRequested() {
-        if (phase_ == Phase::Connecting) {
-            aborted_ = true;
-            resolver_.cancel();
-            closeLane(requestLane_);
-        } else {
-            pump();  // sends what is still queued first; its answer ends the connection
-        }
+    void onCloseWhileOpen() {
+        pump();  // sends what is still queued first; its answer ends the connection
     }
 
     // Ends the connection once: closes both sockets and completes the inbound stream.
@@ -431,28 +337,14 @@ class LongPollingConnection final
         const auto released = std::move(self_);  // the caller holds its own reference
     }
 
-    // First member: the io_context object outlives the sockets, resolver and timer below.
-    const std::shared_ptr<asio::io_context> context_;
-    const std::weak_ptr<IoThread> io_;
-    const LongPollingSettings settings_;
-    tcp::resolver resolver_;
     tcp::resolver::results_type endpoints_;
-    asio::steady_timer timer_;  // the connect deadline, then the close deadline
-    Lane connectLane_;          // the /meta/connect, which the server may hold
-    Lane requestLane_;          // everything else
-    Promise<MessagePtr> connectPromise_;
-    std::shared_ptr<InboundPublisher> inbound_;
-    const std::shared_ptr<DoneSignal> closed_;
-    Phase phase_ = Phase::Connecting;
+    Lane connectLane_;                             // the /meta/connect, which the server may hold
+    Lane requestLane_;                             // everything else
     std::shared_ptr<LongPollingConnection> self_;  // set while open
-    bool timedOut_ = false;
-    bool aborted_ = false;
 
-    common::Mutex mutex_;
-    std::deque<std::string> connects_ ORVALE_GUARDED_BY(mutex_);  // encoded messages
-    std::deque<std::string> requests_ ORVALE_GUARDED_BY(mutex_);
-    bool pumpPosted_ ORVALE_GUARDED_BY(mutex_) = false;
-    bool closeRequested_ ORVALE_GUARDED_BY(mutex_) = false;
+    std::deque<std::string> connects_ ORVALE_GUARDED_BY(this->mutex_);  // encoded messages
+    std::deque<std::string> requests_ ORVALE_GUARDED_BY(this->mutex_);
+    bool pumpPosted_ ORVALE_GUARDED_BY(this->mutex_) = false;
 };
 
 }  // namespace

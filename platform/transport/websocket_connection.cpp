@@ -6,7 +6,6 @@
 #include "websocket_connection.h"
 
 #include <boost/asio/connect.hpp>
-#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/ssl/ssl_stream.hpp>
@@ -19,15 +18,11 @@
 #include <vector>
 
 #include "bayeux/codec.h"
-#include "connector/common/mutex.h"
+#include "client_connection.h"
 #include "connector/log/diagnostic_logger.h"
 #include "http_reply.h"
-#include "inbound_publisher.h"
-#include "io_thread.h"
-#include "outbound_encoding.h"
 #include "outbound_frames.h"
 #include "paced_socket.h"
-#include "stream_handles.h"
 #include "tls_client.h"
 
 namespace connector::bayeux::transport {
@@ -59,30 +54,27 @@ constexpr std::size_t kBatchFrameMessages = 500;
 // interval after the last one: fewer, larger frames cost the sender, the server and the receiver
 // less per message. A slower stream is never held.
 constexpr std::size_t kFastStreamFrame = 8;
-// A sending thread's encoding buffer is given back after a message larger than this.
-constexpr std::size_t kKeptEncodeBuffer = 256 * 1024;
 
 template <class NextLayer>
 constexpr bool kSecure = !std::is_same_v<NextLayer, PacedSocket>;
 
 template <class NextLayer>
 class WebSocketConnection final
-    : public Connection,
-      public std::enable_shared_from_this<WebSocketConnection<NextLayer>> {
+    : public ClientConnection<WebSocketConnection<NextLayer>, WebSocketSettings> {
+    using Base = ClientConnection<WebSocketConnection<NextLayer>, WebSocketSettings>;
+    friend Base;
+    using Phase = typename Base::Phase;
+    using Base::closeRequested_, Base::context_, Base::inbound_, Base::mutex_, Base::phase_,
+        Base::settings_, Base::timer_;
+
   public:
     template <class... StreamArgs>
-    WebSocketConnection(ConnectionSettings settings, Promise<MessagePtr> promise,
+    WebSocketConnection(WebSocketSettings settings, Promise<MessagePtr> promise,
                         StreamArgs&&... streamArgs)
-        : context_(settings.context),
-          io_(settings.io),
-          settings_(std::move(settings)),
-          resolver_(*context_),
+        : Base(std::move(settings), std::move(promise)),
           ws_(std::forward<StreamArgs>(streamArgs)...),
-          timer_(*context_),
           paceTimer_(*context_),
-          writePacing_(settings_.options.writePacingUs),
-          connectPromise_(std::move(promise)),
-          closed_(std::make_shared<DoneSignal>()) {
+          writePacing_(settings_.options.writePacingUs) {
         ws_.read_message_max(settings_.options.maxFrameBytes);
         ws_.auto_fragment(false);
         // A client masks what it sends through this buffer, one write to the socket per buffer
@@ -99,92 +91,30 @@ class WebSocketConnection final
         ws_.set_option(timeouts);
     }
 
-    void start() {
-        inbound_ = makeConnectionInbound(io_, [weak = this->weak_from_this()] {
-            if (auto self = weak.lock())
-                self->close();
-        });
-        post([self = this->shared_from_this()] { self->beginConnect(); });
-    }
-
-    // The message is encoded here, on the sending thread, and released where it was made; the
-    // I/O thread only writes the frames.
-    void send(MessagePtr message) override {
-        // A meta connect travels alone: servers answer a frame only when all of it is answered,
-        // and they hold a connect for up to their timeout, so anything batched with it would
-        // wait that long (and a disconnect beside it would never be answered at all).
-        thread_local EncodedMessages encoded;
-        encoded.clear();
-        if (!encodeOutbound(message.get(), settings_.state.get(), settings_.url, encoded) ||
-            encoded.ends.empty())
-            return;
-        bool schedule = false;
-        {
-            common::MutexLock lock(mutex_);
-            if (closeRequested_)
-                return;
-            std::size_t begin = 0;
-            for (const auto& [end, alone] : encoded.ends) {
-                pending_.add(std::string_view(encoded.text).substr(begin, end - begin), alone);
-                begin = end;
-            }
-            schedule = !flushPosted_;
-            flushPosted_ = true;
-        }
-        if (encoded.text.capacity() > kKeptEncodeBuffer)
-            encoded.text = std::string();
-        if (schedule)
-            post([self = this->shared_from_this()] { self->flush(); });
-    }
-
-    void close() override {
-        {
-            common::MutexLock lock(mutex_);
-            if (closeRequested_)
-                return;
-            closeRequested_ = true;
-        }
-        post([self = this->shared_from_this()] { self->onCloseRequested(); });
-    }
-
   private:
-    enum class Phase { Connecting, Open, Closing, Closed };
+    // ---- queueing, on the sending thread
 
-    // Runs `task` on the I/O thread; nothing runs once the service has stopped it, since the
-    // service closed every connection before.
-    void post(std::function<void()> task) {
-        if (auto thread = io_.lock())
-            thread->post(std::move(task));
+    // A meta connect travels alone: servers answer a frame only when all of it is answered, and
+    // they hold a connect for up to their timeout, so anything batched with it would wait that
+    // long (and a disconnect beside it would never be answered at all).
+    bool queueLocked(const EncodedMessages& encoded) ORVALE_REQUIRES(mutex_) {
+        std::size_t begin = 0;
+        for (const auto& [end, alone] : encoded.ends) {
+            pending_.add(std::string_view(encoded.text).substr(begin, end - begin), alone);
+            begin = end;
+        }
+        return !std::exchange(flushPosted_, true);
     }
+    void drain() { flush(); }
 
     // ---- connecting
 
-    void beginConnect() {
-        if (phase_ != Phase::Connecting)
-            return;
-        timer_.expires_after(std::chrono::milliseconds(settings_.options.connectTimeoutMs));
-        timer_.async_wait([self = this->shared_from_this()](error_code ec) {
-            if (ec || self->phase_ != Phase::Connecting)
-                return;
-            self->timedOut_ = true;
-            self->interruptConnect();
-        });
-        resolver_.async_resolve(
-            settings_.parts.host, settings_.parts.port,
-            [self = this->shared_from_this()](error_code ec, tcp::resolver::results_type results) {
-                self->onResolved(ec, std::move(results));
-            });
-    }
-
     void interruptConnect() {
-        resolver_.cancel();
         error_code ignored;
         socket().close(ignored);
     }
 
-    void onResolved(error_code ec, const tcp::resolver::results_type& results) {
-        if (ec || interrupted())
-            return failConnect(ec);
+    void onResolved(const tcp::resolver::results_type& results) {
         asio::async_connect(socket(), results,
                             [self = this->shared_from_this()](error_code ec, const tcp::endpoint&) {
                                 self->onConnected(ec);
@@ -192,8 +122,8 @@ class WebSocketConnection final
     }
 
     void onConnected(error_code ec) {
-        if (ec || interrupted())
-            return failConnect(ec);
+        if (ec || this->interrupted())
+            return this->failConnect(ec);
         error_code ignored;
         socket().set_option(tcp::no_delay(true), ignored);
         if constexpr (kSecure<NextLayer>) {
@@ -208,8 +138,8 @@ class WebSocketConnection final
     }
 
     void onTlsHandshake(error_code ec) {
-        if (ec || interrupted())
-            return failConnect(ec);
+        if (ec || this->interrupted())
+            return this->failConnect(ec);
         // The upgrade carries the client's own headers and its cookies for this URL.
         std::string cookies;
         if (settings_.cookies)
@@ -230,40 +160,14 @@ class WebSocketConnection final
     void onHandshake(error_code ec) {
         storeCookies(upgradeResponse_.base(), settings_.cookies.get(), settings_.parts);
         upgradeResponse_ = {};
-        if (ec || interrupted())
-            return failConnect(ec);
-        timer_.cancel();
-        phase_ = Phase::Open;
-        logger.log(foundation::log::trace, "Connected to ", settings_.url);
+        if (ec || this->interrupted())
+            return this->failConnect(ec);
+        this->opened();
         readNext();
-        connectPromise_.setValue(makeStreams(this->weak_from_this(), inbound_, closed_));
+        this->handOverStreams();
     }
 
     tcp::socket& socket() { return beast::get_lowest_layer(ws_); }
-
-    bool interrupted() const { return timedOut_ || aborted_; }
-
-    void failConnect(error_code ec) {
-        std::string cause;
-        if (timedOut_)
-            cause = "timed out after " + std::to_string(settings_.options.connectTimeoutMs) + " ms";
-        else if (aborted_)
-            cause = "the transport was shut down";
-        else
-            cause = describe(ec);
-        phase_ = Phase::Closed;
-        timer_.cancel();
-        error_code ignored;
-        socket().close(ignored);
-        {
-            common::MutexLock lock(mutex_);
-            closeRequested_ = true;
-        }
-        closed_->resolve(false);
-        logger.log(foundation::log::trace, "Cannot connect to ", settings_.url, ": ", cause);
-        connectPromise_.setException(
-            std::runtime_error("Cannot connect to " + settings_.url + ": " + cause));
-    }
 
     std::string describe(error_code ec) {
         if constexpr (kSecure<NextLayer>)
@@ -304,15 +208,7 @@ class WebSocketConnection final
         if (readBuffer_.capacity() > kKeptReadBuffer)
             readBuffer_.shrink_to_fit();
 
-        if (decoded.messages.size() == 1) {
-            inbound_->push(std::move(decoded.messages.front()));
-        } else if (decoded.messages.size() > 1) {
-            auto container = std::make_unique<BayeuxContainer>();
-            container->messages().reserve(decoded.messages.size());
-            for (auto& message : decoded.messages)
-                container->messages().push_back(std::move(message));
-            inbound_->push(std::move(container));
-        }
+        this->pushInbound(decoded.messages);
         if (phase_ == Phase::Open || phase_ == Phase::Closing)
             readNext();
     }
@@ -384,11 +280,8 @@ class WebSocketConnection final
 
     // ---- closing
 
-    void onCloseRequested() {
-        if (phase_ == Phase::Connecting) {
-            aborted_ = true;
-            interruptConnect();
-        } else if (phase_ == Phase::Open && !writing_) {
+    void onCloseWhileOpen() {
+        if (phase_ == Phase::Open && !writing_) {
             flush();  // sends what is still queued first; the write's completion closes
         } else if (phase_ == Phase::Open) {
             // A peer that stopped reading never lets the write finish: the close waits for it
@@ -435,13 +328,7 @@ class WebSocketConnection final
         inbound_->complete(clean);  // its end then ends the outbound side too
     }
 
-    // First member: the io_context object outlives the socket, resolver and timer below.
-    const std::shared_ptr<asio::io_context> context_;
-    const std::weak_ptr<IoThread> io_;
-    const ConnectionSettings settings_;
-    tcp::resolver resolver_;
     websocket::stream<NextLayer> ws_;
-    asio::steady_timer timer_;      // the connect deadline, then the close deadline
     asio::steady_timer paceTimer_;  // releases a held frame
     const std::chrono::microseconds writePacing_;
     std::chrono::steady_clock::time_point lastFlush_;
@@ -452,24 +339,16 @@ class WebSocketConnection final
     std::deque<std::string> outgoing_;          // encoded frames; the front one is being written
     // Frames written since the last flush, whose buffers go back to pending_ for reuse.
     std::vector<std::string> written_;
-    Promise<MessagePtr> connectPromise_;
-    std::shared_ptr<InboundPublisher> inbound_;
-    const std::shared_ptr<DoneSignal> closed_;
-    Phase phase_ = Phase::Connecting;
     bool writing_ = false;
-    bool timedOut_ = false;
-    bool aborted_ = false;
 
-    common::Mutex mutex_;
-    OutboundFrames pending_ ORVALE_GUARDED_BY(mutex_) = OutboundFrames(kBatchFrameBytes,
-                                                                       kBatchFrameMessages);
-    bool flushPosted_ ORVALE_GUARDED_BY(mutex_) = false;
-    bool closeRequested_ ORVALE_GUARDED_BY(mutex_) = false;
+    OutboundFrames pending_ ORVALE_GUARDED_BY(this->mutex_) = OutboundFrames(kBatchFrameBytes,
+                                                                             kBatchFrameMessages);
+    bool flushPosted_ ORVALE_GUARDED_BY(this->mutex_) = false;
 };
 
 }  // namespace
 
-std::shared_ptr<Connection> openWebSocketConnection(ConnectionSettings settings,
+std::shared_ptr<Connection> openWebSocketConnection(WebSocketSettings settings,
                                                     Promise<MessagePtr> promise) {
     auto& io = *settings.context;
     const std::chrono::microseconds pace(settings.options.readPacingUs);

@@ -12,7 +12,7 @@ Address webSocketTransportAddress() {
 }
 
 ServiceHandler makeWebSocketTransport(WebSocketTransportOptions options) {
-    using Service = transport::TransportService<transport::ConnectionSettings>;
+    using Service = transport::TransportService<transport::WebSocketSettings>;
     auto service = std::make_shared<Service>(std::move(options), "The WebSocket transport",
                                              &transport::parseWebSocketUrl,
                                              &transport::openWebSocketConnection);
