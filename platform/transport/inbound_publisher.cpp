@@ -25,24 +25,6 @@ class NoSubscription : public reactive_streams::Subscription {
 
 }  // namespace
 
-// Handed to the subscriber; holds the publisher weakly so the subscriber never keeps it alive.
-class InboundPublisher::StreamSubscription : public reactive_streams::Subscription {
-  public:
-    explicit StreamSubscription(std::weak_ptr<InboundPublisher> publisher)
-        : publisher_(std::move(publisher)) {}
-    void request(std::uint64_t n) override {
-        if (auto publisher = publisher_.lock())
-            publisher->request(n);
-    }
-    void cancel() override {
-        if (auto publisher = publisher_.lock())
-            publisher->cancel();
-    }
-
-  private:
-    std::weak_ptr<InboundPublisher> publisher_;
-};
-
 InboundPublisher::InboundPublisher(Executor executor, std::function<void()> onCancel,
                                    OnExecutorThread onExecutorThread)
     : executor_(std::move(executor)),

@@ -50,7 +50,8 @@ class InboundPublisher : public reactive_streams::Publisher<MessagePtr>,
     void complete(bool clean);
 
   private:
-    class StreamSubscription;
+    using StreamSubscription = reactive_streams::WeakSubscription<InboundPublisher>;
+    friend StreamSubscription;
 
     void request(std::uint64_t n);
     void cancel();

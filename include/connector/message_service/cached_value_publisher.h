@@ -28,23 +28,8 @@ template <class T, class F = std::function<void()>>
 class CachedValuePublisher : public Publisher<T>,
                              public std::enable_shared_from_this<CachedValuePublisher<T, F>> {
   public:
-    // Forwards demand and cancellation to its publisher while the publisher lives.
-    class CachedValueSubscription : public Subscription {
-      public:
-        explicit CachedValueSubscription(std::weak_ptr<CachedValuePublisher> publisher)
-            : publisher_(std::move(publisher)) {}
-        void request(std::uint64_t n) override {
-            if (auto publisher = publisher_.lock())
-                publisher->request(n);
-        }
-        void cancel() override {
-            if (auto publisher = publisher_.lock())
-                publisher->cancel();
-        }
-
-      private:
-        std::weak_ptr<CachedValuePublisher> publisher_;
-    };
+    using CachedValueSubscription = WeakSubscription<CachedValuePublisher>;
+    friend CachedValueSubscription;
 
     // A negative capacity means unbounded.
     CachedValuePublisher(F onDone, int capacity)

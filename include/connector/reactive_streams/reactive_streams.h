@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <exception>
 #include <memory>
+#include <utility>
 
 #include "connector/future.h"
 
@@ -17,6 +18,26 @@ class Subscription {
     virtual ~Subscription() = default;
     virtual void request(std::uint64_t n) = 0;
     virtual void cancel() = 0;
+};
+
+// What a publisher of type P hands its subscriber: forwards demand and cancellation to the
+// publisher while it lives, holding it weakly, so that the subscriber never keeps it alive. P
+// befriends it when its request() and cancel() are private.
+template <class P>
+class WeakSubscription : public Subscription {
+  public:
+    explicit WeakSubscription(std::weak_ptr<P> publisher) : publisher_(std::move(publisher)) {}
+    void request(std::uint64_t n) override {
+        if (auto publisher = publisher_.lock())
+            publisher->request(n);
+    }
+    void cancel() override {
+        if (auto publisher = publisher_.lock())
+            publisher->cancel();
+    }
+
+  private:
+    std::weak_ptr<P> publisher_;
 };
 
 template <class T>
