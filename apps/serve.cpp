@@ -17,7 +17,7 @@ const char* const kUsage =
     R"(usage: orvale serve [--host H] [--port P] [--path /bayeux] [--api-key K]
                    [--cert FILE --key FILE] [--connect-timeout MS] [--session-timeout MS]
                    [--max-sessions N] [--max-sessions-per-connection N] [--max-connections N]
-                   [--max-connections-per-address N]
+                   [--max-connections-per-address N] [--max-sessions-per-address N]
                    [--max-queue-bytes B] [--max-output-bytes B] [--max-messages-per-frame N]
                    [--max-subscriptions N] [--max-channel-bytes B] [--max-channel-segments N]
                    [--connect-grace MS] [--ws-idle-timeout MS] [--log-format text|json]
@@ -56,6 +56,11 @@ SIGTERM.
   --max-connections-per-address N
                          connections beyond N from one client address are closed on arrival
                          (default 0: no bound, as proxies and NAT share addresses)
+  --max-sessions-per-address N
+                         live sessions the clients at one address may hold; more get
+                         "503::Too many sessions from this address" (default 0: no bound); set
+                         it with --max-connections-per-address, since long-polling sessions
+                         outlive their connections
   --max-queue-bytes B    bytes of messages queued for one session (default 4194304); a full
                          queue drops its oldest messages and the session's next /meta/connect
                          reply carries ext.dropped, the number lost
@@ -103,6 +108,7 @@ int runServe(const Words& words) {
                      "--max-sessions",
                      "--max-connections",
                      "--max-connections-per-address",
+                     "--max-sessions-per-address",
                      "--max-queue-bytes",
                      "--max-output-bytes",
                      "--ws-idle-timeout",
@@ -145,6 +151,8 @@ int runServe(const Words& words) {
     options.maxConnections = args.number("--max-connections", options.maxConnections, 1, 10000000);
     options.maxConnectionsPerAddress =
         args.number("--max-connections-per-address", options.maxConnectionsPerAddress, 0, 10000000);
+    options.maxSessionsPerAddress =
+        args.number("--max-sessions-per-address", options.maxSessionsPerAddress, 0, 10000000);
     constexpr std::uint64_t kGiB = std::uint64_t{1} << 30;
     options.maxQueueBytes = args.number("--max-queue-bytes", options.maxQueueBytes, 1024, kGiB);
     options.maxOutputBytes =

@@ -109,7 +109,9 @@ class EndpointImpl final : public BayeuxEndpoint {
         : tls_(makeTls(options)),
           sweepEvery_(sweepInterval(options)),
           maxConnections_(std::max<std::size_t>(options.maxConnections, 1)),
-          maxPerAddress_(options.maxConnectionsPerAddress) {
+          maxPerAddress_(options.maxConnectionsPerAddress),
+          addressWanted_(options.maxConnectionsPerAddress > 0 ||
+                         options.maxSessionsPerAddress > 0) {
         if (!server)
             throw std::invalid_argument("The endpoint needs a Bayeux server");
         hub_ = std::make_shared<Hub>(std::move(server), options);
@@ -226,8 +228,9 @@ class EndpointImpl final : public BayeuxEndpoint {
         }
         refusing_ = false;
         std::string address;
-        if (maxPerAddress_ > 0) {
+        if (addressWanted_)
             address = socket.remote_endpoint(ignored).address().to_string();
+        if (maxPerAddress_ > 0) {
             if (!hub_->gauges()->addresses.add(address, maxPerAddress_)) {
                 if (const std::uint64_t n = refusedByAddress_.next())
                     logger.log(log::warning, "Refused a connection from ", address, ", which has ",
@@ -237,7 +240,7 @@ class EndpointImpl final : public BayeuxEndpoint {
             }
         }
         socket.set_option(tcp::no_delay(true), ignored);
-        endpoint::ConnectionSlot slot(hub_->gauges(), std::move(address));
+        endpoint::ConnectionSlot slot(hub_->gauges(), std::move(address), maxPerAddress_ > 0);
         try {
             if (tls_)
                 endpoint::serveHttp(endpoint::TlsStream(std::move(socket), *tls_), hub_,
@@ -269,6 +272,7 @@ class EndpointImpl final : public BayeuxEndpoint {
     const std::chrono::milliseconds sweepEvery_;
     const std::size_t maxConnections_;
     const std::size_t maxPerAddress_;  // 0: no bound
+    const bool addressWanted_;         // a bound per address needs each peer's address
     common::DoublingLog refusedByAddress_;
     std::shared_ptr<Hub> hub_;
     std::vector<std::unique_ptr<Loop>> loops_;

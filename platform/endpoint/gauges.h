@@ -28,8 +28,15 @@
 
 namespace connector::bayeux::endpoint {
 
-enum class HandshakeOutcome { Accepted, Unauthorized, SessionLimit, ConnectionLimit, ShuttingDown };
-inline constexpr std::size_t kHandshakeOutcomes = 5;
+enum class HandshakeOutcome {
+    Accepted,
+    Unauthorized,
+    SessionLimit,
+    ConnectionLimit,
+    ShuttingDown,
+    AddressLimit
+};
+inline constexpr std::size_t kHandshakeOutcomes = 6;
 
 // The error codes refusals are counted by; the last counts any other.
 inline constexpr std::array<std::string_view, 7> kRefusalCodes = {"400", "402", "403",  "405",
@@ -119,15 +126,18 @@ struct Gauges {
 class ConnectionSlot {
   public:
     ConnectionSlot() = default;
-    // `address`, when not empty, has been counted in gauges->addresses for this connection.
-    explicit ConnectionSlot(std::shared_ptr<Gauges> gauges, std::string address = {})
-        : gauges_(std::move(gauges)), address_(std::move(address)) {
+    // `address`: the peer's, when a bound per address needs it (else empty); `counted`: it has
+    // been counted in gauges->addresses for this connection.
+    explicit ConnectionSlot(std::shared_ptr<Gauges> gauges, std::string address = {},
+                            bool counted = false)
+        : gauges_(std::move(gauges)), address_(std::move(address)), counted_(counted) {
         if (gauges_)
             gauges_->connections.fetch_add(1, std::memory_order_relaxed);
     }
     ConnectionSlot(ConnectionSlot&& other) noexcept
         : gauges_(std::move(other.gauges_)),
           address_(std::move(other.address_)),
+          counted_(std::exchange(other.counted_, false)),
           webSocket_(std::exchange(other.webSocket_, false)) {
         other.address_.clear();
     }
@@ -136,6 +146,7 @@ class ConnectionSlot {
             release();
             gauges_ = std::move(other.gauges_);
             address_ = std::exchange(other.address_, std::string());
+            counted_ = std::exchange(other.counted_, false);
             webSocket_ = std::exchange(other.webSocket_, false);
         }
         return *this;
@@ -145,6 +156,7 @@ class ConnectionSlot {
     ~ConnectionSlot() { release(); }
 
     const std::shared_ptr<Gauges>& gauges() const { return gauges_; }
+    const std::string& address() const { return address_; }
 
     // The connection now speaks WebSocket.
     void upgraded() {
@@ -159,16 +171,18 @@ class ConnectionSlot {
             gauges_->connections.fetch_sub(1, std::memory_order_relaxed);
             if (webSocket_)
                 gauges_->webSocketConnections.fetch_sub(1, std::memory_order_relaxed);
-            if (!address_.empty())
+            if (counted_)
                 gauges_->addresses.remove(address_);
         }
         gauges_.reset();
         address_.clear();
+        counted_ = false;
         webSocket_ = false;
     }
 
     std::shared_ptr<Gauges> gauges_;
     std::string address_;
+    bool counted_ = false;
     bool webSocket_ = false;
 };
 

@@ -59,7 +59,7 @@ class HttpLink final : public Link, public std::enable_shared_from_this<HttpLink
           hub_(std::move(hub)),
           slot_(std::move(slot)),
           meter_(hub_->gauges()),
-          sender_(hub_->sender(Transport::LongPolling)) {}
+          sender_(hub_->sender(Transport::LongPolling, {}, slot_.address())) {}
 
     void start() {
         if constexpr (kSecure<Stream>) {

@@ -121,12 +121,16 @@ Advice Hub::connectAdvice() const {
     return Advice{"retry", 0, static_cast<std::int64_t>(options_.connectTimeout.count())};
 }
 
-Sender Hub::sender(Transport transport, CarriedIds browser) {
+Sender Hub::sender(Transport transport, CarriedIds browser, const std::string& address) {
     Sender sender;
     sender.transport = transport;
     sender.connection = lastConnection_.fetch_add(1, std::memory_order_relaxed) + 1;
     sender.browser = std::move(browser);
     sender.sessions = std::make_shared<ConnectionSessions>();
+    if (options_.maxSessionsPerAddress > 0 && !address.empty()) {
+        sender.address = address;
+        sender.addressSessions = addressSessions_.of(address);
+    }
     return sender;
 }
 
@@ -251,12 +255,26 @@ bool Hub::awaitCluster(const std::shared_ptr<Link>& link) {
     return waiting;
 }
 
-bool Hub::takeConnectionSession(const HandshakeRequest& request, const Sender& sender,
-                                FrameBuilder& out) {
+bool Hub::takeSession(const HandshakeRequest& request, const Sender& sender, FrameBuilder& out) {
+    const auto& address = sender.addressSessions;
+    if (address &&
+        address->live.fetch_add(1, std::memory_order_relaxed) >= options_.maxSessionsPerAddress) {
+        address->live.fetch_sub(1, std::memory_order_relaxed);
+        if (const std::uint64_t n = refusedByAddress_.next())
+            logger.log(log::warning, "Refused a handshake from ", sender.address, ", which has ",
+                       options_.maxSessionsPerAddress, " sessions already (", n,
+                       " refused so far)");
+        gauges_->countHandshake(HandshakeOutcome::AddressLimit);
+        refuse(out, request, "503::Too many sessions from this address",
+               Advice{"handshake", kRetryHandshakeMs, -1});
+        return false;
+    }
     if (sender.sessions->live.fetch_add(1, std::memory_order_relaxed) <
         options_.maxSessionsPerConnection)
         return true;
     sender.sessions->live.fetch_sub(1, std::memory_order_relaxed);
+    if (address)
+        address->live.fetch_sub(1, std::memory_order_relaxed);
     // Once for each connection: a flood of handshakes does not flood the log.
     if (!sender.sessions->refused.exchange(true, std::memory_order_relaxed))
         logger.log(log::warning, "Refused handshakes over a connection that has ",
@@ -267,6 +285,12 @@ bool Hub::takeConnectionSession(const HandshakeRequest& request, const Sender& s
     return false;
 }
 
+void Hub::giveBackSession(const Sender& sender) {
+    sender.sessions->live.fetch_sub(1, std::memory_order_relaxed);
+    if (sender.addressSessions)
+        sender.addressSessions->live.fetch_sub(1, std::memory_order_relaxed);
+}
+
 void Hub::handshake(const HandshakeRequest& request, const Sender& sender, FrameBuilder& out,
                     FrameOutcome& outcome) {
     if (!options_.apiKey.empty() && !sameKey(apiKeyOf(request.getExt()), options_.apiKey)) {
@@ -275,11 +299,12 @@ void Hub::handshake(const HandshakeRequest& request, const Sender& sender, Frame
         refuse(out, request, "403::Unauthorized", Advice{"none", 0, -1});
         return;
     }
-    if (!takeConnectionSession(request, sender, out))
+    if (!takeSession(request, sender, out))
         return;
     RemoteSession::Owner owner;
     owner.connection = sender.transport == Transport::WebSocket ? sender.connection : 0;
     owner.madeBy = sender.sessions;
+    owner.fromAddress = sender.addressSessions;
     if (!sender.browser.empty()) {
         owner.browser =
             sender.browser.polling.empty() ? sender.browser.webSocket : sender.browser.polling;
@@ -294,14 +319,14 @@ void Hub::handshake(const HandshakeRequest& request, const Sender& sender, Frame
         common::WriterLock lock(mutex_);
         if (!accepting_) {
             lock.unlock();
-            sender.sessions->live.fetch_sub(1, std::memory_order_relaxed);
+            giveBackSession(sender);
             gauges_->countHandshake(HandshakeOutcome::ShuttingDown);
             refuse(out, request, "503::Shutting down", Advice{"handshake", kRetryHandshakeMs, -1});
             return;
         }
         if (sessions_.size() >= options_.maxSessions) {
             lock.unlock();
-            sender.sessions->live.fetch_sub(1, std::memory_order_relaxed);
+            giveBackSession(sender);
             logger.log(log::warning, "Refused a handshake: ", options_.maxSessions,
                        " sessions already");
             gauges_->countHandshake(HandshakeOutcome::SessionLimit);

@@ -13,7 +13,8 @@
 // carried no browser id that starts by naming a session made over long-polling is left
 // unanswered for the link to close, so that the client sends it again with the cookie the
 // handshake's answer set (FrameOutcome::closeForCookie). A connection may have at most
-// maxSessionsPerConnection live sessions, and a frame at most maxMessagesPerFrame messages.
+// maxSessionsPerConnection live sessions, the connections of one address together at most
+// maxSessionsPerAddress (when set), and a frame at most maxMessagesPerFrame messages.
 //
 // Any thread may call it; each link calls it from its own I/O thread. `mutex_` is shared for
 // lookups, exclusive for changes. A session's lock may be taken under it, never the reverse.
@@ -27,7 +28,9 @@
 #include <unordered_map>
 #include <vector>
 
+#include "address_sessions.h"
 #include "browser_id.h"
+#include "common/doubling_log.h"
 #include "connector/bayeux/endpoint.h"
 #include "connector/common/mutex.h"
 #include "gauges.h"
@@ -54,6 +57,9 @@ struct Sender {
     // A WebSocket whose upgrade carried no id: the id it has, its answer gave it.
     bool upgradeCarriedNone = false;
     std::shared_ptr<ConnectionSessions> sessions;
+    // With maxSessionsPerAddress: the peer's address and the count its connections share.
+    std::string address;
+    std::shared_ptr<ConnectionSessions> addressSessions;
 };
 
 // What the hub holds at one moment, for the operator routes.
@@ -88,8 +94,8 @@ class Hub {
   public:
     Hub(std::shared_ptr<BayeuxServer> server, EndpointOptions options);
 
-    // A new connection's Sender.
-    Sender sender(Transport transport, CarriedIds browser = {});
+    // A new connection's Sender; `address` is the peer's, when the endpoint took it.
+    Sender sender(Transport transport, CarriedIds browser = {}, const std::string& address = {});
 
     // Handles one frame that arrived over `link`, appending the replies to `out`.
     FrameOutcome handleFrame(std::string_view frame, const std::shared_ptr<Link>& link,
@@ -118,9 +124,11 @@ class Hub {
   private:
     void handshake(const HandshakeRequest& request, const Sender& sender, FrameBuilder& out,
                    FrameOutcome& outcome);
-    // Takes one session of `sender`'s allowance; false, with the refusal appended, when spent.
-    bool takeConnectionSession(const HandshakeRequest& request, const Sender& sender,
-                               FrameBuilder& out);
+    // Takes one session of `sender`'s allowances, its connection's and its address's; false,
+    // with the refusal appended, when either is spent.
+    bool takeSession(const HandshakeRequest& request, const Sender& sender, FrameBuilder& out);
+    // Gives back what takeSession took, for a handshake refused after it.
+    static void giveBackSession(const Sender& sender);
     void connect(const ConnectRequest& request, const std::shared_ptr<RemoteSession>& session,
                  const std::shared_ptr<Link>& link, Transport transport, FrameBuilder& out,
                  FrameOutcome& outcome);
@@ -166,6 +174,8 @@ class Hub {
     const EndpointOptions options_;
     const std::shared_ptr<Gauges> gauges_ = std::make_shared<Gauges>();
     const BrowserIds browsers_;
+    AddressSessions addressSessions_;
+    common::DoublingLog refusedByAddress_;  // handshakes refused for maxSessionsPerAddress
     std::atomic<std::uint64_t> lastConnection_{0};
     std::atomic<std::uint64_t> timedFrames_{0};  // frames of publishes seen, to time one in 8
 

@@ -23,8 +23,9 @@ namespace json = boost::json;
 // Busiest channels shown on the status page.
 constexpr std::size_t kBusiest = 10;
 
-const char* const kHandshakeOutcomeNames[kHandshakeOutcomes] = {
-    "accepted", "unauthorized", "session_limit", "connection_limit", "shutting_down"};
+const char* const kHandshakeOutcomeNames[kHandshakeOutcomes] = {"accepted",      "unauthorized",
+                                                                "session_limit", "connection_limit",
+                                                                "shutting_down", "address_limit"};
 
 std::uint64_t read(const std::atomic<std::uint64_t>& counter) {
     return counter.load(std::memory_order_relaxed);

@@ -103,7 +103,7 @@ class WebSocketLink final : public Link,
                                       !hub_->options().allowedOrigins.empty(),
                                       BrowserIds::kWebSocketCookie);
         }
-        sender_ = hub_->sender(Transport::WebSocket, std::move(browser));
+        sender_ = hub_->sender(Transport::WebSocket, std::move(browser), slot_.address());
         sender_.upgradeCarriedNone = carriedNone;
         if (sessions)
             sender_.sessions = std::move(sessions);

@@ -298,6 +298,17 @@ TEST_F(EndpointTest, LimitsHoldAndSessionsEndWithTheirSubscriptionsOverPlainAndT
     ASSERT_TRUE(waitUntil([&] { return endpoint->stats().connections == 0; }));
     EXPECT_NO_THROW(RawWebSocket again(port));
 
+    // So may it sessions, counting those made over long-polling after their connection closed.
+    start([](EndpointOptions& o) { o.maxSessionsPerAddress = 2; });
+    RawHttp owner(port);
+    const std::string kept = open(owner);
+    open(*std::make_unique<RawHttp>(port));
+    RawWebSocket late(port);
+    EXPECT_EQ(error(late.call(handshake("1"), "1")), "503::Too many sessions from this address");
+    EXPECT_EQ(log.count("Refused a handshake from 127.0.0.1, which has 2 sessions already"), 1u);
+    ASSERT_TRUE(successful(owner.call(meta("/meta/disconnect", kept, "2"), "2")));
+    EXPECT_TRUE(successful(late.call(handshake("3"), "3")));
+
     // Sessions expired or live at a stop lose their subscriptions; TLS serves the same protocol.
     start([](EndpointOptions& o) { o.sessionTimeout = 300ms; });
     orvale::test::Inbox heard, published;  // subscriptions as "+/a" and "-/a", and publishes

@@ -59,6 +59,11 @@ struct EndpointOptions {
     // address. Set it where clients reach the endpoint directly, so that one host cannot take
     // every connection and, through them, every session.
     std::size_t maxConnectionsPerAddress = 0;
+    // Live sessions the clients at one address may hold; beyond it a handshake gets
+    // "503::Too many sessions from this address". 0 (the default): no bound, for the same
+    // reason. Long-polling sessions outlive the connections that made them, so bounding
+    // connections alone does not keep one host from taking every session.
+    std::size_t maxSessionsPerAddress = 0;
     std::chrono::milliseconds connectTimeout{25000};  // how long a /meta/connect is held
     std::chrono::milliseconds sessionTimeout{45000};  // a session without connect expires
     // A session that has not sent its first /meta/connect this long after its handshake expires
