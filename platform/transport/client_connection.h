@@ -12,7 +12,8 @@
 // - onCloseWhileOpen(): a close was asked for once connected;
 // - queueLocked(encoded), on the sending thread, with mutex_ held: queues the messages; true
 //   when drain() must be posted;
-// - drain(): sends what is queued.
+// - drain(): sends what is queued;
+// - finish(clean): ends the connection, once.
 //
 // Thread safety: send() and close() may be called from any thread; mutex_ guards
 // closeRequested_ and what Derived queues; every other member belongs to the I/O thread, the
@@ -139,6 +140,16 @@ class ClientConnection : public Connection, public std::enable_shared_from_this<
             std::runtime_error("Cannot connect to " + settings_.url + ": " + cause));
     }
 
+    // Ends the connection uncleanly unless it has ended within kCloseTimeout, however long the
+    // peer takes to answer what is still under way; arming it again moves the deadline.
+    void armCloseDeadline() {
+        timer_.expires_after(kCloseTimeout);
+        timer_.async_wait([self = this->shared_from_this()](error_code ec) {
+            if (!ec)
+                self->finish(false);
+        });
+    }
+
     // Hands what one frame or body held to the client: one message alone, several as a batch.
     template <class Messages>
     void pushInbound(Messages& messages) {
@@ -176,6 +187,7 @@ class ClientConnection : public Connection, public std::enable_shared_from_this<
     bool closeRequested_ ORVALE_GUARDED_BY(mutex_) = false;
 
   private:
+    static constexpr std::chrono::seconds kCloseTimeout{2};
     // A sending thread's encoding buffer is given back after a message larger than this.
     static constexpr std::size_t kKeptEncodeBuffer = 256 * 1024;
 

@@ -36,8 +36,6 @@ using error_code = boost::system::error_code;
 
 const foundation::log::basic_diagnostic_logger<char> logger("connector::bayeux::transport");
 
-// Once closing, what is still unanswered is given up after this long.
-constexpr std::chrono::seconds kCloseTimeout{2};
 // A POST holds at most this many messages and bytes (one larger message goes alone), as a
 // WebSocket frame does: servers refuse a body of too many messages whole.
 constexpr std::size_t kBatchBytes = 64 * 1024;
@@ -190,11 +188,7 @@ class LongPollingConnection final
             return finish(true);
         if (phase_ == Phase::Open) {
             phase_ = Phase::Closing;
-            timer_.expires_after(kCloseTimeout);
-            timer_.async_wait([self = this->shared_from_this()](error_code ec) {
-                if (!ec)
-                    self->finish(false);
-            });
+            this->armCloseDeadline();
         }
     }
 

@@ -37,8 +37,6 @@ using error_code = boost::system::error_code;
 
 const foundation::log::basic_diagnostic_logger<char> logger("connector::bayeux::transport");
 
-// A peer that does not answer our close frame is cut off after this long.
-constexpr std::chrono::seconds kCloseTimeout{2};
 // Bytes of an undecodable frame quoted in the log line.
 constexpr std::size_t kQuotedFrameBytes = 200;
 // The read buffer is given back after a frame larger than this.
@@ -286,7 +284,7 @@ class WebSocketConnection final
         } else if (phase_ == Phase::Open) {
             // A peer that stopped reading never lets the write finish: the close waits for it
             // as long as it would for the peer's close, no longer.
-            armCloseDeadline();
+            this->armCloseDeadline();
         }
     }
 
@@ -294,19 +292,9 @@ class WebSocketConnection final
         if (phase_ != Phase::Open)
             return;
         phase_ = Phase::Closing;
-        armCloseDeadline();
+        this->armCloseDeadline();
         ws_.async_close(websocket::close_code::normal,
                         [self = this->shared_from_this()](error_code ec) { self->finish(!ec); });
-    }
-
-    // Ends the connection uncleanly unless it has ended within kCloseTimeout; arming it again
-    // moves the deadline.
-    void armCloseDeadline() {
-        timer_.expires_after(kCloseTimeout);
-        timer_.async_wait([self = this->shared_from_this()](error_code ec) {
-            if (!ec)
-                self->finish(false);
-        });
     }
 
     // Ends the connection once: closes the socket and completes the inbound stream.
