@@ -115,21 +115,24 @@ Run run(Pair& pair, const std::string& name, std::size_t subscribers, std::size_
     return {rate, (pair.hubCpu() - hub) * perDelivery, (pair.engineCpu() - engine) * perDelivery};
 }
 
-// Waits (at most ten seconds) until the servers of every pair have stopped using CPU, so that
-// what a run left behind (sessions to expire, queues to drain) does not fall on the next one.
-void settle(const std::vector<std::unique_ptr<Pair>>& pairs) {
-    auto cpu = [&] {
-        double total = 0;
-        for (const auto& pair : pairs)
-            total += pair->hubCpu() + pair->engineCpu();
-        return total;
-    };
+// Waits (at most ten seconds) until the servers have stopped using CPU, `cpu` their total, so
+// that what a run left behind (sessions to expire, queues to drain) does not fall on the next.
+void settle(const std::function<double()>& cpu) {
     for (int i = 0; i < 50; ++i) {
         const double before = cpu();
         std::this_thread::sleep_for(200ms);
         if (cpu() - before < 0.01)  // 5% of a core
             return;
     }
+}
+
+void settle(const std::vector<std::unique_ptr<Pair>>& pairs) {
+    settle([&] {
+        double total = 0;
+        for (const auto& pair : pairs)
+            total += pair->hubCpu() + pair->engineCpu();
+        return total;
+    });
 }
 
 Run median(std::vector<Run> runs) {
@@ -201,8 +204,13 @@ int runClusterBench(const ClusterBenchSettings& settings) {
                               {joined.firstLine(10s), settings.window}};
         for (auto& load : loads)
             load.throughput(1, std::min<std::size_t>(settings.messages, 5000));
+        // The engines of the pairs are still exiting as this begins: each run waits for quiet.
+        const auto hubsCpu = [&] {
+            return plain.cpuSeconds() + joined.cpuSeconds() + nats.cpuSeconds();
+        };
         for (std::size_t r = 0; r < settings.repeat; ++r)
             for (int i = 0; i < 2; ++i) {
+                settle(hubsCpu);
                 std::cerr << "bench: one hub" << (i ? " with --cluster" : "") << ": 1 -> 1\n";
                 alone[i].push_back({loads[i].throughput(1, settings.messages), 0, 0});
             }
