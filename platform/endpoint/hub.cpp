@@ -272,9 +272,7 @@ bool Hub::takeSession(const HandshakeRequest& request, const Sender& sender, Fra
     if (sender.sessions->live.fetch_add(1, std::memory_order_relaxed) <
         options_.maxSessionsPerConnection)
         return true;
-    sender.sessions->live.fetch_sub(1, std::memory_order_relaxed);
-    if (address)
-        address->live.fetch_sub(1, std::memory_order_relaxed);
+    giveBackSession(sender);
     // Once for each connection: a flood of handshakes does not flood the log.
     if (!sender.sessions->refused.exchange(true, std::memory_order_relaxed))
         logger.log(log::warning, "Refused handshakes over a connection that has ",
