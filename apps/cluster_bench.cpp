@@ -209,7 +209,8 @@ int runClusterBench(const ClusterBenchSettings& settings) {
             return plain.cpuSeconds() + joined.cpuSeconds() + nats.cpuSeconds();
         };
         for (std::size_t r = 0; r < settings.repeat; ++r)
-            for (int i = 0; i < 2; ++i) {
+            for (int k = 0; k < 2; ++k) {
+                const int i = (k + static_cast<int>(r)) % 2;  // either hub goes first by turns
                 settle(hubsCpu);
                 std::cerr << "bench: one hub" << (i ? " with --cluster" : "") << ": 1 -> 1\n";
                 alone[i].push_back({loads[i].throughput(1, settings.messages), 0, 0});
