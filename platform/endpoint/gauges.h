@@ -8,8 +8,8 @@
 // ConnectionSlot holds one unit of `connections` (and of its address's count in `addresses`, when
 // addresses are counted) for as long as a connection lives, moving with it from the HTTP link to
 // the WebSocket link it upgrades to. OutputMeter keeps one connection's share of `outputBytes`.
-// Both belong to the connection's I/O thread. AddressCounts is the one member behind a mutex,
-// taken once when a connection opens and once when it closes.
+// Both belong to the connection's I/O thread. The AddressCounts are the members behind a mutex,
+// taken once when a connection (or a session) opens and once when it ends.
 
 #include <array>
 #include <atomic>
@@ -60,10 +60,11 @@ inline constexpr std::array<std::uint64_t, 16> kLatencyBounds = {
 inline constexpr std::array<std::uint64_t, 8> kQueueBounds = {0,    1,     10,     100,
                                                               1000, 10000, 100000, 1000000};
 
-// Open connections per client address, for maxConnectionsPerAddress.
+// Open connections, or live sessions, per client address, for maxConnectionsPerAddress and
+// maxSessionsPerAddress.
 class AddressCounts {
   public:
-    // Counts one more connection from `address`; false, counting nothing, when `most` are open.
+    // Counts one more for `address`; false, counting nothing, when it has `most` already.
     bool add(const std::string& address, std::size_t most) {
         common::MutexLock lock(mutex_);
         auto it = counts_.try_emplace(address, 0).first;
@@ -89,7 +90,8 @@ class AddressCounts {
 
 struct Gauges {
     std::atomic<std::size_t> connections{0};
-    AddressCounts addresses;
+    AddressCounts addresses;                           // connections, with maxConnectionsPerAddress
+    AddressCounts sessionsByAddress;                   // sessions, with maxSessionsPerAddress
     std::atomic<std::size_t> webSocketConnections{0};  // of `connections`
     std::atomic<std::size_t> outputBytes{0};
     // Deliveries lost: to full session queues, still queued when their session expired, and in

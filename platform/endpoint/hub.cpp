@@ -127,10 +127,8 @@ Sender Hub::sender(Transport transport, CarriedIds browser, const std::string& a
     sender.connection = lastConnection_.fetch_add(1, std::memory_order_relaxed) + 1;
     sender.browser = std::move(browser);
     sender.sessions = std::make_shared<ConnectionSessions>();
-    if (options_.maxSessionsPerAddress > 0 && !address.empty()) {
+    if (options_.maxSessionsPerAddress > 0)
         sender.address = address;
-        sender.addressSessions = addressSessions_.of(address);
-    }
     return sender;
 }
 
@@ -256,10 +254,8 @@ bool Hub::awaitCluster(const std::shared_ptr<Link>& link) {
 }
 
 bool Hub::takeSession(const HandshakeRequest& request, const Sender& sender, FrameBuilder& out) {
-    const auto& address = sender.addressSessions;
-    if (address &&
-        address->live.fetch_add(1, std::memory_order_relaxed) >= options_.maxSessionsPerAddress) {
-        address->live.fetch_sub(1, std::memory_order_relaxed);
+    if (!sender.address.empty() &&
+        !gauges_->sessionsByAddress.add(sender.address, options_.maxSessionsPerAddress)) {
         if (const std::uint64_t n = refusedByAddress_.next())
             logger.log(log::warning, "Refused a handshake from ", sender.address, ", which has ",
                        options_.maxSessionsPerAddress, " sessions already (", n,
@@ -285,8 +281,8 @@ bool Hub::takeSession(const HandshakeRequest& request, const Sender& sender, Fra
 
 void Hub::giveBackSession(const Sender& sender) {
     sender.sessions->live.fetch_sub(1, std::memory_order_relaxed);
-    if (sender.addressSessions)
-        sender.addressSessions->live.fetch_sub(1, std::memory_order_relaxed);
+    if (!sender.address.empty())
+        gauges_->sessionsByAddress.remove(sender.address);
 }
 
 void Hub::handshake(const HandshakeRequest& request, const Sender& sender, FrameBuilder& out,
@@ -302,7 +298,7 @@ void Hub::handshake(const HandshakeRequest& request, const Sender& sender, Frame
     RemoteSession::Owner owner;
     owner.connection = sender.transport == Transport::WebSocket ? sender.connection : 0;
     owner.madeBy = sender.sessions;
-    owner.fromAddress = sender.addressSessions;
+    owner.address = sender.address;
     if (!sender.browser.empty()) {
         owner.browser =
             sender.browser.polling.empty() ? sender.browser.webSocket : sender.browser.polling;

@@ -28,7 +28,6 @@
 #include <unordered_map>
 #include <vector>
 
-#include "address_sessions.h"
 #include "browser_id.h"
 #include "common/doubling_log.h"
 #include "connector/bayeux/endpoint.h"
@@ -57,9 +56,9 @@ struct Sender {
     // A WebSocket whose upgrade carried no id: the id it has, its answer gave it.
     bool upgradeCarriedNone = false;
     std::shared_ptr<ConnectionSessions> sessions;
-    // With maxSessionsPerAddress: the peer's address and the count its connections share.
+    // With maxSessionsPerAddress: the peer's address, whose sessions Gauges::sessionsByAddress
+    // counts.
     std::string address;
-    std::shared_ptr<ConnectionSessions> addressSessions;
 };
 
 // What the hub holds at one moment, for the operator routes.
@@ -128,7 +127,7 @@ class Hub {
     // with the refusal appended, when either is spent.
     bool takeSession(const HandshakeRequest& request, const Sender& sender, FrameBuilder& out);
     // Gives back what takeSession took, for a handshake refused after it.
-    static void giveBackSession(const Sender& sender);
+    void giveBackSession(const Sender& sender);
     void connect(const ConnectRequest& request, const std::shared_ptr<RemoteSession>& session,
                  const std::shared_ptr<Link>& link, Transport transport, FrameBuilder& out,
                  FrameOutcome& outcome);
@@ -174,7 +173,6 @@ class Hub {
     const EndpointOptions options_;
     const std::shared_ptr<Gauges> gauges_ = std::make_shared<Gauges>();
     const BrowserIds browsers_;
-    AddressSessions addressSessions_;
     common::DoublingLog refusedByAddress_;  // handshakes refused for maxSessionsPerAddress
     std::atomic<std::uint64_t> lastConnection_{0};
     std::atomic<std::uint64_t> timedFrames_{0};  // frames of publishes seen, to time one in 8

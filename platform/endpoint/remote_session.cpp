@@ -223,8 +223,8 @@ bool RemoteSession::close(ReleaseReason reason, Ending* ending) {
     }
     if (owner_.madeBy)
         owner_.madeBy->live.fetch_sub(1, std::memory_order_relaxed);
-    if (owner_.fromAddress)
-        owner_.fromAddress->live.fetch_sub(1, std::memory_order_relaxed);
+    if (!owner_.address.empty() && gauges_)
+        gauges_->sessionsByAddress.remove(owner_.address);
     return true;
 }
 

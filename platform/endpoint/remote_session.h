@@ -61,8 +61,9 @@ class RemoteSession final : public BayeuxSession,
         std::string browser;           // the browser id of the client that made it
         // The count of the connection it was handshaken over, which it leaves when it ends.
         std::shared_ptr<ConnectionSessions> madeBy;
-        // The count of its client's address, with maxSessionsPerAddress; left the same way.
-        std::shared_ptr<ConnectionSessions> fromAddress;
+        // With maxSessionsPerAddress: its client's address, whose count in
+        // Gauges::sessionsByAddress it leaves the same way.
+        std::string address;
     };
 
     // The registration with the server is the first queued server call.
