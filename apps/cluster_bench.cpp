@@ -204,7 +204,7 @@ int runClusterBench(const ClusterBenchSettings& settings) {
                               {joined.firstLine(10s), settings.window}};
         for (auto& load : loads)
             load.throughput(1, std::min<std::size_t>(settings.messages, 5000));
-        // The engines of the pairs are still exiting as this begins: each run waits for quiet.
+        // Each run waits for the hubs and nats-server to go quiet, as the cross-node runs do.
         const auto hubsCpu = [&] {
             return plain.cpuSeconds() + joined.cpuSeconds() + nats.cpuSeconds();
         };
