@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -85,7 +86,11 @@ std::string findProgram(const std::string& program) {
             end = dirs.size();
         std::string candidate = dirs.substr(start, end - start);
         candidate = (candidate.empty() ? "." : candidate) + "/" + program;
-        if (::access(candidate.c_str(), X_OK) == 0)
+        // A directory passes the access test too (it can be searched), yet cannot be run: the
+        // search goes on past it, as execvp's does.
+        struct stat info;
+        if (::stat(candidate.c_str(), &info) == 0 && S_ISREG(info.st_mode) &&
+            ::access(candidate.c_str(), X_OK) == 0)
             return candidate;
         start = end + 1;
     }

@@ -3,9 +3,11 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <stdexcept>
 #include <string>
 
@@ -52,6 +54,26 @@ TEST(SpawnTiedChild, ProgramThatCannotStartFailsWithItsReason) {
             EXPECT_EQ(error.what(), "cannot start " + std::string(program) + ": " + reason);
         }
     }
+}
+
+// A directory named like the program, earlier in PATH, is passed over as the shell passes it.
+TEST(SpawnTiedChild, ProgramIsFoundPastADirectoryOfItsName) {
+    char dir[] = "/tmp/orvale-spawn-XXXXXX";
+    ASSERT_NE(::mkdtemp(dir), nullptr);
+    const std::string shadow = std::string(dir) + "/true";
+    ASSERT_EQ(::mkdir(shadow.c_str(), 0755), 0);
+    const std::string path = std::getenv("PATH");
+    ::setenv("PATH", (std::string(dir) + ":" + path).c_str(), 1);
+    int status = -1;
+    try {
+        ::waitpid(spawnTiedChild({"true"}, STDIN_FILENO, STDOUT_FILENO, -1), &status, 0);
+    } catch (const std::runtime_error& error) {
+        ADD_FAILURE() << error.what();
+    }
+    ::setenv("PATH", path.c_str(), 1);
+    ::rmdir(shadow.c_str());
+    ::rmdir(dir);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
 }  // namespace
