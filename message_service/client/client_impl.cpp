@@ -41,6 +41,7 @@ MessageServiceClientImpl::MessageServiceClientImpl(const std::string& name, Opti
       options_(requireEndpoint(std::move(options), logger_)),
       context_(std::move(context)),
       address_(std::move(address)),
+      maxPendingBytes_(readMaxPendingBytes(options_)),
       reconnect_(readReconnectSettings(options_)),
       requestTimeout_(readRequestTimeout(options_)),
       clock_(defaultReconnectClock()) {}

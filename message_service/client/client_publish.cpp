@@ -22,13 +22,26 @@ Future<PublishResult> MessageServiceClientImpl::publishWithContext(
     if (auto refused = beginPublish(valid, channel, *this, jsonLogger_, data))
         return std::move(*refused);
 
+    CountedBytes counted;
+    if (maxPendingBytes_) {
+        const std::size_t bytes = channel.size() + data.size();
+        // Counted before the test, so that racing publishers cannot all pass through one room.
+        std::size_t pendingBefore = 0;
+        counted = CountedBytes(pendingBytes_, bytes, pendingBefore);
+        if (pendingBefore > 0 && pendingBefore + bytes > *maxPendingBytes_)
+            return makeFailedFuture<PublishResult>(std::runtime_error(
+                "MessageService has " + std::to_string(pendingBefore) +
+                " bytes of publishes unanswered, and publish.maxPendingBytes is " +
+                std::to_string(*maxPendingBytes_) + ": publish again once some are answered."));
+    }
     auto request =
         std::make_unique<bayeux::PublishRequest>(toWireChannel(channel), std::move(data));
     request->setContextState(context);
     Promise<PublishResult> promise;
     Future<PublishResult> published = promise.getFuture();
-    if (auto publisher =
-            file(*request, PendingRequest{{}, PendingPublish(std::move(promise), channel), {}}))
+    if (auto publisher = file(
+            *request, PendingRequest{
+                          {}, PendingPublish(std::move(promise), channel, std::move(counted)), {}}))
         publisher->next(std::move(request));
     return published;
 }

@@ -11,19 +11,25 @@ namespace connector::message_service {
 
 namespace {
 
-std::chrono::milliseconds readDelay(const Options& options, const std::string& key,
-                                    std::chrono::milliseconds fallback) {
+// The option `key` as a whole number from 1 of `unit`; unset when absent.
+std::optional<long> readPositive(const Options& options, const std::string& key, const char* unit) {
     auto found = options.find(key);
     if (found == options.end())
-        return fallback;
+        return std::nullopt;
     const std::string& text = found->second;
     const bool digits =
         !text.empty() && text.size() <= 9 &&
         std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isdigit(c) != 0; });
     if (!digits || std::stol(text) == 0)
-        throw std::invalid_argument("Option " + key +
-                                    " must be a whole number of milliseconds from 1: " + text);
-    return std::chrono::milliseconds(std::stol(text));
+        throw std::invalid_argument("Option " + key + " must be a whole number of " + unit +
+                                    " from 1: " + text);
+    return std::stol(text);
+}
+
+std::chrono::milliseconds readDelay(const Options& options, const std::string& key,
+                                    std::chrono::milliseconds fallback) {
+    const auto value = readPositive(options, key, "milliseconds");
+    return value ? std::chrono::milliseconds(*value) : fallback;
 }
 
 }  // namespace
@@ -49,9 +55,15 @@ ReconnectSettings readReconnectSettings(const Options& options) {
 }
 
 std::optional<std::chrono::milliseconds> readRequestTimeout(const Options& options) {
-    if (!options.count("request.timeoutMs"))
-        return std::nullopt;
-    return readDelay(options, "request.timeoutMs", std::chrono::milliseconds(0));
+    if (const auto value = readPositive(options, "request.timeoutMs", "milliseconds"))
+        return std::chrono::milliseconds(*value);
+    return std::nullopt;
+}
+
+std::optional<std::size_t> readMaxPendingBytes(const Options& options) {
+    if (const auto value = readPositive(options, "publish.maxPendingBytes", "bytes"))
+        return static_cast<std::size_t>(*value);
+    return std::nullopt;
 }
 
 std::chrono::milliseconds backoffCeiling(const ReconnectSettings& settings, unsigned attempt) {

@@ -1,7 +1,7 @@
 #pragma once
 // How a client service comes back after losing its server: the options that turn reconnection
 // on and bound its waits, the backoff between attempts, and what a server's answer asks for;
-// and how long a request may wait for its answer.
+// how long a request may wait for its answer, and how many bytes of publishes may wait for theirs.
 //
 // Thread safety: plain functions and values; defaultReconnectClock() may be used from any thread.
 
@@ -22,6 +22,10 @@ ReconnectSettings readReconnectSettings(const Options& options);
 // Reads "request.timeoutMs", a whole number of milliseconds from 1; unset when absent. Throws
 // std::invalid_argument naming the option when the value is not understood.
 std::optional<std::chrono::milliseconds> readRequestTimeout(const Options& options);
+
+// Reads "publish.maxPendingBytes", a whole number of bytes from 1; unset when absent. Throws
+// std::invalid_argument naming the option when the value is not understood.
+std::optional<std::size_t> readMaxPendingBytes(const Options& options);
 
 // The ceiling of the wait before attempt `attempt` (from 0): initialDelay doubled per attempt,
 // never above maxDelay. The wait itself is drawn below it (full jitter).

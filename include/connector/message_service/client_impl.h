@@ -112,11 +112,39 @@ class MessageServiceClientImpl : public MessageService,
     using OutboundPublisher = reactive_streams::CachedValuePublisher<MessagePtr>;
     using InboundSubscriber = reactive_streams::CallbackSubscriber<MessagePtr>;
 
+    // The bytes of one publish, counted in a total from when it is sent until its entry goes,
+    // however it goes: answered, failed, timed out or dropped with its transport.
+    class CountedBytes {
+      public:
+        CountedBytes() = default;
+        // Adds `bytes` to `total`; `before` gets what the total was.
+        CountedBytes(std::atomic<std::size_t>& total, std::size_t bytes, std::size_t& before)
+            : total_(&total), bytes_(bytes) {
+            before = total.fetch_add(bytes, std::memory_order_relaxed);
+        }
+        CountedBytes(CountedBytes&& other) noexcept
+            : total_(std::exchange(other.total_, nullptr)), bytes_(other.bytes_) {}
+        CountedBytes& operator=(CountedBytes&& other) noexcept {
+            std::swap(total_, other.total_);
+            std::swap(bytes_, other.bytes_);
+            return *this;
+        }
+        ~CountedBytes() {
+            if (total_)
+                total_->fetch_sub(bytes_, std::memory_order_relaxed);
+        }
+
+      private:
+        std::atomic<std::size_t>* total_ = nullptr;
+        std::size_t bytes_ = 0;
+    };
+
     // A publish completes its caller's promise straight from the answer, with no chain of
     // futures: it checks the answer's type and logs a failure on the module logger itself.
     struct PendingPublish {
-        PendingPublish(Promise<PublishResult>&& promise, const std::string& channel)
-            : promise(std::move(promise)), channel(channel) {}
+        PendingPublish(Promise<PublishResult>&& promise, const std::string& channel,
+                       CountedBytes&& counted)
+            : promise(std::move(promise)), channel(channel), counted(std::move(counted)) {}
         PendingPublish(PendingPublish&&) = default;
         PendingPublish& operator=(PendingPublish&&) = default;
         // Still pending here only when the service is destroyed: fails like an abandoned promise.
@@ -124,6 +152,7 @@ class MessageServiceClientImpl : public MessageService,
 
         Promise<PublishResult> promise;
         std::string channel;  // as the caller named it, for the failure line
+        CountedBytes counted;
     };
     // A request waiting for its answer: any other request resolves a promise of the raw answer.
     struct PendingRequest {
@@ -238,6 +267,13 @@ class MessageServiceClientImpl : public MessageService,
     std::shared_ptr<InboundSubscriber> inboundSubscriber_ ORVALE_GUARDED_BY(mutex_);
     // Tells a current transport from a replaced one.
     std::uint64_t transportGeneration_ ORVALE_GUARDED_BY(mutex_) = 0;
+    // The option "publish.maxPendingBytes": a publish that would take the bytes of publishes
+    // sent and not yet answered above it fails at once, unless none is pending. Unset (the
+    // default): a host that publishes faster than the connection carries queues without bound.
+    const std::optional<std::size_t> maxPendingBytes_;
+    // The channel and data bytes of the publishes pending now; counted only with the bound set.
+    // Declared before pendingRequests_, whose entries count themselves out when destroyed.
+    std::atomic<std::size_t> pendingBytes_{0};
     // In sending order. Answers come mostly in that order behind the one long-held meta connect,
     // so taking one moves at most that connect.
     common::RingQueue<PendingRequest> pendingRequests_ ORVALE_GUARDED_BY(mutex_);

@@ -287,14 +287,14 @@ TEST_F(ClientTest, SubscriptionsFollowTheirHandles) {
 // With "request.timeoutMs", a request left unanswered fails on its own, the meta connect that the
 // server holds excepted; an answer coming later finds nothing to complete.
 TEST_F(ClientTest, WithARequestTimeoutAnUnansweredRequestFailsButTheHeldConnectWaits) {
-    for (const char* bad : {"0", "-1", "ten", ""}) {
-        EXPECT_EQ(failureText([&] {
-                      make({{"endpoint", "ws://test/bayeux"}, {"request.timeoutMs", bad}});
-                  }),
-                  std::string(
-                      "Option request.timeoutMs must be a whole number of milliseconds from 1: ") +
-                      bad);
-    }
+    for (const auto& [option, unit] : {std::pair{"request.timeoutMs", "milliseconds"},
+                                       std::pair{"publish.maxPendingBytes", "bytes"}})
+        for (const char* bad : {"0", "-1", "ten", ""})
+            EXPECT_EQ(failureText([&, option = option] {
+                          make({{"endpoint", "ws://test/bayeux"}, {option, bad}});
+                      }),
+                      std::string("Option ") + option + " must be a whole number of " + unit +
+                          " from 1: " + bad);
     auto client = make({{"endpoint", "ws://test/bayeux"}, {"request.timeoutMs", "100"}});
     connect(client);
     ASSERT_NE(transport->sent<bx::ConnectRequest>(1), nullptr);
@@ -316,6 +316,38 @@ TEST_F(ClientTest, WithARequestTimeoutAnUnansweredRequestFailsButTheHeldConnectW
     answer<bx::ConnectStreamResponse>(1);
     ASSERT_TRUE(transport->waitSent(6));
     EXPECT_NE(transport->sent<bx::ConnectRequest>(5), nullptr);
+}
+
+// With "publish.maxPendingBytes", a publish that would take the channel and data bytes of the
+// publishes awaiting their answers past the bound fails at once; answers, and failures, make room.
+TEST_F(ClientTest, WithAPendingBoundAPublishBeyondItFailsUntilAnswersMakeRoom) {
+    auto client = make({{"endpoint", "ws://test/bayeux"},
+                        {"publish.maxPendingBytes", "20"},
+                        {"request.timeoutMs", "200"}});
+    connect(client);
+    auto first = client->publish("/a", "12345678");   // 10 bytes
+    auto second = client->publish("/b", "12345678");  // 20: at the bound, not past it
+    auto third = client->publish("/c", "1");
+    EXPECT_EQ(failureText(third),
+              "MessageService has 20 bytes of publishes unanswered, and publish.maxPendingBytes "
+              "is 20: publish again once some are answered.");
+    EXPECT_EQ(transport->sentCount(), 4u);  // the refused publish was never sent
+    answer<bx::PublishResponse>(2);
+    EXPECT_TRUE(first.get().success);
+    auto fourth = client->publish("/c", "1");
+    answer<bx::PublishResponse>(3);
+    answer<bx::PublishResponse>(4);
+    EXPECT_TRUE(second.get().success);
+    EXPECT_TRUE(fourth.get().success);
+    // Alone, a publish larger than the bound goes; one that times out makes room as well.
+    auto large = client->publish("/d", std::string(100, 'x'));
+    EXPECT_EQ(failureText(client->publish("/e", "1")),
+              "MessageService has 102 bytes of publishes unanswered, and publish.maxPendingBytes "
+              "is 20: publish again once some are answered.");
+    EXPECT_EQ(failureText(large), "Bayeux message 5 was not answered within 200 ms");
+    auto after = client->publish("/e", "1");
+    answer<bx::PublishResponse>(6);
+    EXPECT_TRUE(after.get().success);
 }
 
 }  // namespace
