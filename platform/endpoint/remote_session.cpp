@@ -179,11 +179,11 @@ RemoteSession::Change RemoteSession::subscribe(const std::string& channel, std::
     common::MutexLock lock(mutex_);
     if (closed_)
         return Change::Closed;
-    if (subscriptions_.count(channel))
-        return Change::Unchanged;
+    // One lookup unless the session is full, when a channel it already holds is still no change.
     if (subscriptions_.size() >= most)
-        return Change::Full;
-    subscriptions_.insert(channel);
+        return subscriptions_.count(channel) ? Change::Unchanged : Change::Full;
+    if (!subscriptions_.insert(channel).second)
+        return Change::Unchanged;
     calls_.emplace_back(Call::Subscribe, channel);
     return Change::Done;
 }
