@@ -340,6 +340,7 @@ std::unique_ptr<BayeuxMessage> decodeServerMessage(const Fields& fields) {
         auto publish = std::make_unique<PublishRequest>();
         publish->setChannel(std::move(channel));
         publish->setJson(fields.data(true));
+        publish->setDataValidated();
         message = std::move(publish);
     } else if (isMetaChannel(channel)) {
         throw Problem("message on " + channel + " has no successful field");
@@ -356,6 +357,7 @@ std::unique_ptr<BayeuxMessage> decodeClientMessage(const Fields& fields) {
     if (!isMetaChannel(channel)) {
         auto publish = std::make_unique<PublishRequest>();
         publish->setJson(fields.data(true));
+        publish->setDataValidated();
         publish->setChannel(std::move(channel));
         message = std::move(publish);
     } else if (channel == meta::handshake) {

@@ -385,6 +385,16 @@ Number number(std::string_view text) {
     return out;
 }
 
+bool isJson(std::string_view text, std::size_t maxDepth) {
+    try {
+        Reader reader(text, maxDepth);
+        reader.value(0);
+        return reader.atEnd();
+    } catch (const SyntaxError&) {
+        return false;
+    }
+}
+
 std::vector<Value> elements(std::string_view validatedArray) {
     std::vector<Value> out;
     Reader reader(validatedArray, std::numeric_limits<std::size_t>::max());

@@ -82,6 +82,10 @@ class Reader {
     const std::size_t maxDepth_;
 };
 
+// Whether `text` is one JSON value, nested at most `maxDepth` deep, with nothing but whitespace
+// around it.
+bool isJson(std::string_view text, std::size_t maxDepth);
+
 // The unescaped text of a validated string value or key.
 std::string unescape(std::string_view escaped);
 inline std::string text(const Value& string) {

@@ -60,6 +60,7 @@ std::optional<std::vector<std::shared_ptr<PublishRequest>>> readBatch(std::strin
         publish->setClientId(std::string(clientId));
         publish->setExt(std::string(ext));
         publish->setJson(std::string(data));
+        publish->setDataValidated();  // the sending member let only JSON go
         out.push_back(std::move(publish));
     }
     return out;

@@ -17,7 +17,9 @@
 #include <utility>
 #include <vector>
 
+#include "bayeux/json_reader.h"
 #include "channel_tree.h"
+#include "common/doubling_log.h"
 #include "connector/common/mutex.h"
 #include "connector/log/diagnostic_logger.h"
 #include "delivery_queue.h"
@@ -38,6 +40,8 @@ std::size_t threadsFor(std::size_t requested) {
         return requested;
     return std::clamp<std::size_t>(std::thread::hardware_concurrency(), 1, 4);
 }
+
+common::DoublingLog notJson;  // publishes kept in the process, their data not being JSON
 
 bool sameOwner(const std::weak_ptr<BayeuxSession>& a, const std::weak_ptr<BayeuxSession>& b) {
     return !a.owner_before(b) && !b.owner_before(a);
@@ -167,6 +171,8 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
                                        4>
             direct;
         queueMatches(request, direct);
+        if (!direct.empty() && !mayLeaveProcess(*request))
+            direct.clear();
         for (auto& [session, queue] : direct) {
             try {
                 queue->queuePublish(request);
@@ -387,6 +393,18 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
 };
 
 }  // namespace detail
+
+bool mayLeaveProcess(const PublishRequest& request) {
+    // As deep as the hub's decoder reads.
+    constexpr std::size_t kMaxDepth = 64;
+    const std::string& data = request.getJson();
+    if (request.isDataValidated() || data.empty() || codec::json_reader::isJson(data, kMaxDepth))
+        return true;
+    if (const std::uint64_t n = detail::notJson.next())
+        detail::logger().log(foundation::log::warning, "Kept a publish on ", request.getChannel(),
+                             " in this process: its data is not JSON (", n, " so far)");
+    return false;
+}
 
 InProcessBayeuxServer::InProcessBayeuxServer(BayeuxServerOptions options)
     : core_(std::make_shared<detail::ServerCore>(detail::threadsFor(options.threads))) {

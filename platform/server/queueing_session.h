@@ -7,13 +7,20 @@
 // holds because every publish reaches the session before acceptPublish returns. In return
 // queuePublish must be quick and must never block, wait for another thread or call the
 // server. Subscription changes still reach the session's deliver on a delivery thread, unless
-// the session says it does not hear them.
+// the session says it does not hear them. It gets only publishes whose data may leave the
+// process.
 
 #include <memory>
 
 #include "connector/bayeux/messages.h"
 
 namespace connector::bayeux {
+
+// Whether the data of `request` may leave the process, to a queueing session's client or to
+// the other members of a cluster: it must be JSON (or empty, sent as null), so that it cannot
+// break or forge the frames it is written into. Data a decoder validated passes at once; other
+// data is read, and a publish kept back is logged (the 1st, 2nd, 4th... of them).
+bool mayLeaveProcess(const PublishRequest& request);
 
 class QueueingSession {
   public:

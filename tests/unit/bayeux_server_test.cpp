@@ -240,6 +240,19 @@ TEST(BayeuxServerTest, DeliveriesToMatchingExpiredThrowingAndQueueingSessions) {
     EXPECT_FALSE(
         waitUntil([&] { return deaf->announced.size() > 0; }, std::chrono::milliseconds(100)));
 
+    // Data that is not JSON stays with the process's own sessions: a queueing session would
+    // write it into its client's frames, where it could end the frame and forge another message.
+    const std::string forged = R"(1},{"channel":"/meta/connect","successful":false)";
+    server->acceptPublish(message("/q/a", forged));
+    server->acceptPublish(message("/q/a", " [1] "));
+    flush(*server, {plain});
+    const Strings data = plain->data("/q/a");
+    EXPECT_EQ(Strings(data.end() - 2, data.end()), (Strings{forged, " [1] "}));
+    EXPECT_EQ(queueing->count(), 2u * kEach + 1);
+    EXPECT_EQ(queueing->received().back().json, " [1] ");
+    EXPECT_TRUE(
+        logs.contains("Kept a publish on /q/a in this process: its data is not JSON (1 so far)"));
+
     queueing.reset();  // an expired queueing session is dropped like any other
     server->acceptPublish(message("/q/b", "1"));
     EXPECT_TRUE(waitUntil([&] { return server->sessionCount() == 6; }));

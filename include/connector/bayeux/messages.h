@@ -245,7 +245,15 @@ class PublishRequest : public BayeuxRequest {
     void setChannel(std::string channel) { channel_ = std::move(channel); }
     // The data field as JSON text.
     const std::string& getJson() const { return data_; }
-    void setJson(std::string json) { data_ = std::move(json); }
+    void setJson(std::string json) {
+        data_ = std::move(json);
+        dataValidated_ = false;
+    }
+    // True once the data is known to be JSON, as a decoder that read it off the wire says. What
+    // leaves the process (to a hub's clients, to the other members of a cluster) must be JSON:
+    // data not marked so, a host's, is checked before it goes.
+    bool isDataValidated() const { return dataValidated_; }
+    void setDataValidated() { dataValidated_ = true; }
     // When a hub received it from a client, in nanoseconds of the steady clock; 0 when it did not
     // come from one. The hub measures its delivery latency from it.
     std::int64_t getReceivedAt() const { return receivedAt_; }
@@ -255,6 +263,7 @@ class PublishRequest : public BayeuxRequest {
     std::string channel_;
     std::string data_;
     std::int64_t receivedAt_ = 0;
+    bool dataValidated_ = false;
 };
 
 class PublishResponse : public BayeuxResponse {
