@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <limits>
 
 #include "connector/bayeux/channel.h"
 #include "connector/common/random_string.h"
 #include "connector/log/diagnostic_logger.h"
 #include "publish_batch.h"
 #include "server/deferred_wakes.h"
+#include "server/queueing_session.h"
 #include "subjects.h"
 
 namespace connector::bayeux::cluster {
@@ -45,6 +47,34 @@ std::string_view field(std::string_view& rest) {
     const std::string_view out = rest.substr(0, end);
     rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
     return out;
+}
+
+// A set of patterns is one pattern per line: a pattern's own newlines, which a channel may hold,
+// and the '%' that escapes them travel as %0A and %25.
+void appendLine(std::string& set, std::string_view pattern) {
+    for (const char c : pattern) {
+        if (c == '\n')
+            set += "%0A";
+        else if (c == '%')
+            set += "%25";
+        else
+            set += c;
+    }
+}
+
+std::string readLine(std::string_view line) {
+    std::string pattern;
+    pattern.reserve(line.size());
+    for (std::size_t i = 0; i < line.size(); ++i) {
+        const std::string_view escape = line.substr(i, 3);
+        if (escape == "%0A" || escape == "%25") {
+            pattern += escape == "%0A" ? '\n' : '%';
+            i += 2;
+        } else {
+            pattern += line[i];
+        }
+    }
+    return pattern;
 }
 
 }  // namespace
@@ -86,6 +116,8 @@ ClusteredServer::~ClusteredServer() {
     membership_.join();
     tell('Q', {});
     link_->flush(std::chrono::milliseconds(200));
+    // Stopped before it is released: a handler still running may answer through link_.
+    link_->stop();
     link_.reset();
     // Nobody acknowledges anything now: whoever waits is answered.
     answerWaiters(Clock::time_point::max());
@@ -169,7 +201,7 @@ void ClusteredServer::acceptPublish(std::shared_ptr<const PublishRequest> reques
         last.version = version;
         last.channel.assign(name);
     }
-    if (!last.shared)
+    if (!last.shared || !mayLeaveProcess(*request))
         return;
     const std::string& subject = last.subject;
     // Publishes accepted in one batch (a client's frame) travel together while they follow one
@@ -197,14 +229,24 @@ void ClusteredServer::sendGathered() {
     if (!batch.server)
         return;
     ClusteredServer& self = *batch.server;
+    // The number is written last, into room left for the longest one, and the batch is
+    // published under the same lock: no thread's batch can overtake another's number.
+    constexpr std::size_t kDigits = std::numeric_limits<std::uint64_t>::digits10 + 1;
     thread_local std::string payload;
     payload.assign(self.origin_);
     payload += '\n';
-    char digits[24];
-    payload.append(digits, std::to_chars(digits, digits + sizeof digits, ++self.sequence_).ptr);
+    const std::size_t number = payload.size();
+    payload.append(kDigits, '0');
     payload += '\n';
     payload += batch.messages;
-    self.link_->publish(batch.subject, payload, batch.count);
+    {
+        common::MutexLock lock(self.sendMutex_);
+        char digits[kDigits];
+        const auto written = static_cast<std::size_t>(
+            std::to_chars(digits, digits + kDigits, ++self.sequence_).ptr - digits);
+        payload.replace(number + kDigits - written, written, digits, written);
+        self.link_->publish(batch.subject, payload, batch.count);
+    }
     batch.server = nullptr;
     batch.count = 0;
 }
@@ -394,7 +436,7 @@ void ClusteredServer::tellPatterns(char kind) {
         }
         if (!part.empty())
             part += '\n';
-        part += pattern;
+        appendLine(part, pattern);
     }
     tell(kind, part);
     // Whoever has the whole set acknowledges every subscription told so far.
@@ -458,9 +500,10 @@ void ClusteredServer::onMembership(std::string_view origin, std::string_view res
     } else if (kind == "U") {
         others_.remove(origin, rest);
     } else if (kind == "H" || kind == "S" || kind == "T") {
-        std::vector<std::string_view> patterns;
+        std::vector<std::string> lines;
         while (!rest.empty())
-            patterns.push_back(field(rest));
+            lines.push_back(readLine(field(rest)));
+        const std::vector<std::string_view> patterns(lines.begin(), lines.end());
         others_.replace(origin, patterns, kind == "T", now);
         // A member that (re)joined learns the others' patterns in return.
         if (kind == "H")

@@ -21,16 +21,17 @@
 //   the other NATS servers before a message sent after it.
 // - Exactly once: NATS never echoes a member's publishes back; a message that reaches a member
 //   through several of its subscriptions (a channel matching two patterns) is injected once, by
-//   its publisher's sequence number. The publisher's threads number their messages before they
-//   hand them to NATS, so numbers may arrive slightly out of order: a window of recent numbers
-//   tells a repeat from a late one.
+//   its publisher's sequence number. A batch is numbered and handed to NATS under one lock, so
+//   numbers arrive in order (NATS keeps a connection's order), and a window of recent numbers
+//   tells a repeat from a new one.
 //
 // Thread safety: as any BayeuxServer. `interestMutex_` guards the interest counts and keeps
 // what the member tells the others about them in the order it changed (NATS subscriptions are
-// made and the news published under it; nats.c calls nothing of ours from either). `mutex_`
-// guards the sequence numbers seen, `sharedMutex_` the acknowledgements and those waiting for
-// them. The inner server is called under none of them; `stateMutex_` guards only the membership
-// thread's flags. Callbacks given to whenSubscriptionsShared run on the membership thread.
+// made and the news published under it; nats.c calls nothing of ours from either). `sendMutex_`
+// guards the sequence number of what this member sends, `mutex_` the numbers seen, `sharedMutex_`
+// the acknowledgements and those waiting for them. The inner server is called under none of them;
+// `stateMutex_` guards only the membership thread's flags. Callbacks given to
+// whenSubscriptionsShared run on the membership thread.
 
 #include <bitset>
 #include <chrono>
@@ -110,7 +111,8 @@ class ClusteredServer final : public BayeuxServer {
     // Names this member in what it sends; random, so restarts never look alike.
     const std::string origin_;
     std::unique_ptr<NatsLink> link_;
-    std::atomic<std::uint64_t> sequence_{0};
+    common::Mutex sendMutex_;
+    std::uint64_t sequence_ ORVALE_GUARDED_BY(sendMutex_) = 0;
     MemberInterest others_;
     // Set when the link came back: the membership thread says hello again.
     std::atomic<bool> rejoined_{false};

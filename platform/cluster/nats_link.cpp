@@ -89,13 +89,22 @@ NatsLink::NatsLink(NatsLinkOptions options, OnMessage onMessage)
 }
 
 NatsLink::~NatsLink() {
+    stop();
+    natsConnection_Destroy(connection_);
+}
+
+void NatsLink::stop() {
     {
         common::MutexLock lock(mutex_);
+        if (stopped_)
+            return;
+        stopped_ = true;
         for (auto& [pattern, subscription] : subscriptions_)
             natsSubscription_Unsubscribe(subscription.handle);
     }
-    // Closing is no outage: nothing to log.
+    // Closing is no outage: nothing to log, not even what a handler publishes meanwhile.
     connected_ = false;
+    lossLogged_ = true;
     natsConnection_Close(connection_);
     {
         common::UniqueLock lock(mutex_);
@@ -107,7 +116,6 @@ NatsLink::~NatsLink() {
             natsSubscription_Destroy(subscription.handle);
         subscriptions_.clear();
     }
-    natsConnection_Destroy(connection_);
 }
 
 void NatsLink::publish(const std::string& subject, std::string_view payload, std::size_t messages) {
@@ -147,8 +155,10 @@ bool NatsLink::addInterest(const std::string& pattern) {
         subscriptions_.erase(pattern);
         return false;
     }
-    ++running_;
-    natsSubscription_SetOnCompleteCB(subscription.handle, &NatsLink::onSubscriptionDone, this);
+    // Counted only when its end will be told: a subscription already closed runs nothing more.
+    if (natsSubscription_SetOnCompleteCB(subscription.handle, &NatsLink::onSubscriptionDone,
+                                         this) == NATS_OK)
+        ++running_;
     natsSubscription_SetPendingLimits(subscription.handle, options_.pendingMessages,
                                       options_.pendingBytes);
     return true;
@@ -195,6 +205,9 @@ void NatsLink::onDelivery(natsConnection*, natsSubscription*, natsMsg* message, 
         self->onMessage_(subject, payload);
     } catch (const std::exception& e) {
         logger.log(log::error, "Dropped a message from the cluster: ", e.what());
+    } catch (...) {
+        // Nothing may pass through nats.c's thread; the message is released all the same.
+        logger.log(log::error, "Dropped a message from the cluster: unknown error");
     }
     natsMsg_Destroy(message);
 }

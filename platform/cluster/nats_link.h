@@ -67,6 +67,9 @@ class NatsLink {
     // reached.
     NatsLink(NatsLinkOptions options, OnMessage onMessage);
     ~NatsLink();
+    // Unsubscribes, closes the connection and waits until no handler runs any more: what the
+    // handlers use may go once it returns. Later calls do nothing.
+    void stop();
     NatsLink(const NatsLink&) = delete;
     NatsLink& operator=(const NatsLink&) = delete;
 
@@ -106,6 +109,7 @@ class NatsLink {
     // Drops counted by NATS subscriptions since unsubscribed.
     std::uint64_t droppedBefore_ ORVALE_GUARDED_BY(mutex_) = 0;
     bool closed_ ORVALE_GUARDED_BY(mutex_) = false;
+    bool stopped_ ORVALE_GUARDED_BY(mutex_) = false;
     std::condition_variable finished_;
 
     std::atomic<bool> connected_{false};

@@ -114,6 +114,13 @@ TEST(ClusteredServer, SendsOnlyWhatOthersWantAndMembersShareChannelsOnceInOrder)
     EXPECT_EQ(sent("/x/1", 0), 0u);
     b->acceptSubscribe(std::make_shared<SubscribeRequest>("/x/**", "b"));
     EXPECT_EQ(sent("/x/1/2", 1), 1u);
+    // A channel may hold a newline, which the sets of patterns that members retell must keep:
+    // told as two lines, this one would become "/**" for everything, and itself be forgotten.
+    b->acceptSubscribe(std::make_shared<SubscribeRequest>("/n%\n/**", "b"));
+    ASSERT_TRUE(shared(*b));
+    EXPECT_EQ(sent("/y", 1), 0u);  // 3 s: the sets are retold every 300 ms here
+    EXPECT_EQ(sent("/n%\n/1", 1), 1u);
+    b->acceptUnsubscribe(std::make_shared<UnsubscribeRequest>("/n%\n/**", "b"));
     {
         // A channel too long for a NATS subject stays on its member: neither subscribing to it
         // nor publishing on it cuts a member off the cluster.
@@ -122,6 +129,9 @@ TEST(ClusteredServer, SendsOnlyWhatOthersWantAndMembersShareChannelsOnceInOrder)
         b->acceptSubscribe(std::make_shared<SubscribeRequest>(tooLong, "b"));
         const auto before = a->clusterStats()->published;
         publish(*a, tooLong, "0");
+        EXPECT_EQ(a->clusterStats()->published, before);
+        // So does data that is not JSON: the others would write it into their clients' frames.
+        publish(*a, "/x/1/2", "{");
         EXPECT_EQ(a->clusterStats()->published, before);
         // So does a message larger than NATS accepts: it is lost to the others, counted and
         // logged, and the link stays up.
@@ -196,6 +206,28 @@ TEST(ClusteredServer, SendsOnlyWhatOthersWantAndMembersShareChannelsOnceInOrder)
         EXPECT_EQ(stats.lost, 0u);
     }
     EXPECT_EQ(members[1]->session->count("/service/echo"), 0u);
+}
+
+// A member leaves while the others' news keeps coming: what its handler is answering at that
+// moment still finds the link, which stops before it goes.
+TEST(ClusteredServer, LeavesWhileAnsweringTheOthers) {
+    orvale::tools::NatsServers nats(1);
+    cluster::NatsLinkOptions options;
+    options.urls = nats.urls(0);
+    cluster::NatsLink peer(options, [](auto, auto) {});
+    std::atomic<bool> done{false};
+    std::thread chatter([&] {
+        // Each "N" asks every member for an acknowledgement.
+        for (int n = 1; !done; ++n)
+            peer.publish("orvale_cluster.subscriptions", "peer\nN\n" + std::to_string(n), 0);
+    });
+    for (int i = 0; i < 30; ++i) {
+        auto member = std::make_shared<cluster::ClusteredServer>(
+            makeBayeuxServer(), nats.urls(0), cluster::MembershipTimings{100ms, 300ms, 1000ms});
+        EXPECT_TRUE(waitUntil([&] { return member->clusterStats()->received > 100; }));
+    }
+    done = true;
+    chatter.join();
 }
 
 }  // namespace
