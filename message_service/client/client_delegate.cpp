@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "common/module_logger.h"
+#include "common/service_records.h"
 #include "connector/message_service/client_impl.h"
 #include "connector/message_service/factory_delegator.h"
 
@@ -45,7 +46,7 @@ Future<std::shared_ptr<MessageService>> MessageServiceFactoryClientDelegate::cre
         return makeFailedFuture<Result>(error);
     {
         common::MutexLock registry(instancesMutex_);
-        if (auto existing = instances_[name].lock())
+        if (auto existing = liveInstance(instances_, name))
             return makeReadyFuture<Result>(std::move(existing));
     }
     Options copy = options;
@@ -60,7 +61,7 @@ Future<std::shared_ptr<MessageService>> MessageServiceFactoryClientDelegate::cre
                 throw std::runtime_error("Unknown error connecting message service.");
             {
                 common::MutexLock registry(self->instancesMutex_);
-                self->instances_[name] = instance;
+                registerInstance(self->instances_, name, instance);
             }
             return instance;
         });
@@ -70,7 +71,7 @@ std::shared_ptr<MessageService> MessageServiceFactoryClientDelegate::getMessageS
     const std::string& name) {
     common::MutexLock lock(mutex_);
     common::MutexLock registry(instancesMutex_);
-    return instances_[name].lock();
+    return liveInstance(instances_, name);
 }
 
 }  // namespace connector::message_service
