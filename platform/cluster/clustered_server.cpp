@@ -4,6 +4,7 @@
 #include <cctype>
 #include <charconv>
 #include <limits>
+#include <system_error>
 
 #include "connector/bayeux/channel.h"
 #include "connector/common/random_string.h"
@@ -466,14 +467,33 @@ void ClusteredServer::keepMembership() {
         others_.expire(now - timings_.expiry);
         answerWaiters(now);
         lock.lock();
-        while (!answers_.empty()) {
+        if (!answers_.empty()) {
             std::vector<std::function<void()>> answers;
             answers.swap(answers_);
             lock.unlock();
-            for (auto& answer : answers)
-                answer();
+            runAnswers(std::move(answers));
             lock.lock();
         }
+    }
+}
+
+void ClusteredServer::runAnswers(std::vector<std::function<void()>> answers) {
+    // An answer completes a caller's future, and its continuations run where it completes: one
+    // that waits for another subscription, or drops the last reference to this server, must
+    // not do so on the membership thread, which alone would answer it, or which would join
+    // itself. Answers come once per pattern new to the member, so a thread each time is cheap.
+    // Shared, so that the answers are still here should no thread start.
+    auto batch = std::make_shared<std::vector<std::function<void()>>>(std::move(answers));
+    auto run = [batch] {
+        for (auto& answer : *batch)
+            answer();
+    };
+    try {
+        std::thread(run).detach();
+    } catch (const std::system_error& e) {
+        logger.log(log::warning,
+                   "Cluster: answering subscriptions on the membership thread: ", e.what());
+        run();
     }
 }
 

@@ -31,7 +31,7 @@
 // guards the sequence number of what this member sends, `mutex_` the numbers seen, `sharedMutex_`
 // the acknowledgements and those waiting for them. The inner server is called under none of them;
 // `stateMutex_` guards only the membership thread's flags. Callbacks given to
-// whenSubscriptionsShared run on the membership thread.
+// whenSubscriptionsShared run on a thread of their own, never on the membership thread.
 
 #include <bitset>
 #include <chrono>
@@ -90,6 +90,8 @@ class ClusteredServer final : public BayeuxServer {
     // Hands the callbacks whose members all acknowledged, left or were waited for until `now`
     // to the membership thread, or, once it has stopped, runs them.
     void answerWaiters(Clock::time_point now) ORVALE_EXCLUDES(sharedMutex_);
+    // Runs the callbacks of answered waiters on a thread of their own.
+    static void runAnswers(std::vector<std::function<void()>> answers);
     // Counts `pattern` for `clientId` up or down; the first session in makes the NATS
     // subscription and tells the others, the last one out drops it and tells them.
     void countInterest(const std::string& clientId, const std::string& pattern, bool add)

@@ -208,6 +208,48 @@ TEST(ClusteredServer, SendsOnlyWhatOthersWantAndMembersShareChannelsOnceInOrder)
     EXPECT_EQ(members[1]->session->count("/service/echo"), 0u);
 }
 
+// The answer to a subscription may wait for another subscription's answer, or drop the last
+// reference to its member: neither may stop the thread that answers subscriptions.
+TEST(ClusteredServer, AnAnswerMayWaitForAnotherOrEndItsMember) {
+    orvale::tools::NatsServers nats(1);
+    auto join = [&] {
+        return std::make_shared<cluster::ClusteredServer>(
+            makeBayeuxServer(), nats.urls(0), cluster::MembershipTimings{100ms, 300ms, 1000ms});
+    };
+    // A member that never acknowledges: a subscription waits for it until the membership
+    // thread's first look past `settle` (100 ms here), and then no longer.
+    cluster::NatsLinkOptions options;
+    options.urls = nats.urls(0);
+    std::vector<std::unique_ptr<cluster::NatsLink>> phantoms;
+    auto phantom = [&](cluster::ClusteredServer& member) {
+        const std::size_t before = member.clusterStats()->members;
+        phantoms.push_back(std::make_unique<cluster::NatsLink>(options, [](auto, auto) {}));
+        phantoms.back()->publish("orvale_cluster.subscriptions",
+                                 "phantom" + std::to_string(phantoms.size()) + "\nH\n", 0);
+        return waitUntil([&] { return member.clusterStats()->members == before + 1; });
+    };
+    auto b = join();
+    auto session = std::make_shared<RecordingSession>("s");
+    b->registerSession(session);
+    ASSERT_TRUE(phantom(*b));
+    b->acceptSubscribe(std::make_shared<SubscribeRequest>("/first", "s"));
+    std::atomic<bool> second{false}, ended{false};
+    cluster::ClusteredServer& member = *b;
+    auto keeper = std::make_shared<std::shared_ptr<cluster::ClusteredServer>>(std::move(b));
+    ASSERT_TRUE(member.whenSubscriptionsShared([&, keeper] {
+        if (phantom(member)) {
+            member.acceptSubscribe(std::make_shared<SubscribeRequest>("/second", "s"));
+            auto done = std::make_shared<std::atomic<bool>>(false);
+            second = member.whenSubscriptionsShared([done] { *done = true; }) &&
+                     waitUntil([&] { return done->load(); });
+        }
+        keeper->reset();  // the last reference: the member leaves from here
+        ended = true;
+    }));
+    EXPECT_TRUE(waitUntil([&] { return ended.load(); }, 10s));
+    EXPECT_TRUE(second);
+}
+
 // A member leaves while the others' news keeps coming: what its handler is answering at that
 // moment still finds the link, which stops before it goes.
 TEST(ClusteredServer, LeavesWhileAnsweringTheOthers) {
