@@ -376,15 +376,19 @@ void ClusteredServer::countInterest(const std::string& clientId, const std::stri
         return;
     }
     if (!clientId.empty()) {
-        auto& patterns = patternsOf_[clientId];
         if (add) {
-            patterns.insert(pattern);
+            patternsOf_[clientId].insert(pattern);
         } else {
-            const auto it = patterns.find(pattern);
             // A session drops only what it holds: an unknown unsubscribe changes no count.
-            if (it == patterns.end())
+            const auto session = patternsOf_.find(clientId);
+            if (session == patternsOf_.end())
                 return;
-            patterns.erase(it);
+            const auto it = session->second.find(pattern);
+            if (it == session->second.end())
+                return;
+            session->second.erase(it);
+            if (session->second.empty())
+                patternsOf_.erase(session);
         }
     }
     std::size_t& count = interest_[pattern];
@@ -464,7 +468,8 @@ void ClusteredServer::keepMembership() {
             nextRefresh = now + timings_.refresh;
         }
         others_.settle(now);
-        others_.expire(now - timings_.expiry);
+        for (const std::string& gone : others_.expire(now - timings_.expiry))
+            forgetSeen(gone);
         answerWaiters(now);
         lock.lock();
         if (!answers_.empty()) {
@@ -495,6 +500,12 @@ void ClusteredServer::runAnswers(std::vector<std::function<void()>> answers) {
                    "Cluster: answering subscriptions on the membership thread: ", e.what());
         run();
     }
+}
+
+void ClusteredServer::forgetSeen(std::string_view origin) {
+    common::MutexLock lock(mutex_);
+    if (const auto it = seen_.find(origin); it != seen_.end())
+        seen_.erase(it);
 }
 
 void ClusteredServer::onMembership(std::string_view origin, std::string_view rest) {
@@ -530,6 +541,7 @@ void ClusteredServer::onMembership(std::string_view origin, std::string_view res
             tellPatterns('S');
     } else if (kind == "Q") {
         others_.forget(origin);
+        forgetSeen(origin);
     }
 }
 

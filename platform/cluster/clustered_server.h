@@ -90,6 +90,8 @@ class ClusteredServer final : public BayeuxServer {
     // Hands the callbacks whose members all acknowledged, left or were waited for until `now`
     // to the membership thread, or, once it has stopped, runs them.
     void answerWaiters(Clock::time_point now) ORVALE_EXCLUDES(sharedMutex_);
+    // Drops the sequence numbers seen from a member that left or was taken for dead.
+    void forgetSeen(std::string_view origin) ORVALE_EXCLUDES(mutex_);
     // Runs the callbacks of answered waiters on a thread of their own.
     static void runAnswers(std::vector<std::function<void()>> answers);
     // Counts `pattern` for `clientId` up or down; the first session in makes the NATS

@@ -133,14 +133,18 @@ void MemberInterest::forget(std::string_view name) {
         drop(it);
 }
 
-void MemberInterest::expire(Clock::time_point before) {
+std::vector<std::string> MemberInterest::expire(Clock::time_point before) {
+    std::vector<std::string> expired;
     common::WriterLock lock(mutex_);
     for (auto it = members_.begin(); it != members_.end();) {
         const auto next = std::next(it);
-        if (it->second.heard < before)
+        if (it->second.heard < before) {
+            expired.push_back(it->first);
             drop(it);
+        }
         it = next;
     }
+    return expired;
 }
 
 std::vector<std::string> MemberInterest::members() const {

@@ -62,8 +62,8 @@ class MemberInterest {
     void add(std::string_view member, std::string_view pattern, Clock::time_point now);
     void remove(std::string_view member, std::string_view pattern);
     void forget(std::string_view member);
-    // Forgets the members last heard from before `before`.
-    void expire(Clock::time_point before);
+    // Forgets the members last heard from before `before`, and returns their names.
+    std::vector<std::string> expire(Clock::time_point before);
 
     // The other members heard from lately.
     std::vector<std::string> members() const;

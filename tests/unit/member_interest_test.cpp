@@ -57,7 +57,7 @@ TEST(MemberInterest, MatchingSetsReplaceChangesAndDoubt) {
     interest.remove("n", "/unknown");
     EXPECT_FALSE(interest.wanted("/a"));
     // m was last heard a minute ago: it expires, n stays until it says goodbye.
-    interest.expire(now - 1s);
+    EXPECT_EQ(interest.expire(now - 1s), std::vector<std::string>{"m"});
     EXPECT_EQ(interest.members(), std::vector<std::string>{"n"});
     EXPECT_FALSE(interest.wanted("/d"));
     EXPECT_TRUE(interest.wanted("/b"));
