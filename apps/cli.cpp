@@ -12,6 +12,9 @@ Args::Args(const std::vector<std::string>& words, const std::set<std::string>& v
             positional_.push_back(word);
             continue;
         }
+        // Given twice, an option would keep its last value and silently drop the first.
+        if (has(word))
+            throw UsageError(word + " is given twice");
         if (flags.count(word)) {
             flags_.insert(word);
         } else if (valued.count(word)) {

@@ -1,11 +1,15 @@
 // orvale serve: a Bayeux hub until SIGINT or SIGTERM.
 
+#include <sys/resource.h>
+
+#include <fstream>
 #include <iostream>
 #include <thread>
 
 #include "cli.h"
 #include "commands.h"
 #include "connector/bayeux/endpoint.h"
+#include "connector/log/diagnostic_logger.h"
 #include "console_log.h"
 #include "signals.h"
 
@@ -14,7 +18,7 @@ namespace orvale::app {
 namespace {
 
 const char* const kUsage =
-    R"(usage: orvale serve [--host H] [--port P] [--path /bayeux] [--api-key K]
+    R"(usage: orvale serve [--host H] [--port P] [--path /bayeux] [--api-key K | --api-key-file F]
                    [--cert FILE --key FILE] [--connect-timeout MS] [--session-timeout MS]
                    [--max-sessions N] [--max-sessions-per-connection N] [--max-connections N]
                    [--max-connections-per-address N] [--max-sessions-per-address N]
@@ -32,8 +36,9 @@ SIGTERM.
   --port P               port (default 8080; 0 picks a free one)
   --path /bayeux         path of the endpoint (default /bayeux)
   --api-key K            handshakes must carry ext.orvapikey equal to K
+  --api-key-file F       the same, K being the first line of F (out of sight of ps)
   --cert, --key          PEM certificate and key: serve wss:// and https://
-  --connect-timeout MS   how long a /meta/connect is held (default 25000)
+  --connect-timeout MS   how long a /meta/connect is held (default 25000; from 1)
   --session-timeout MS   a session without /meta/connect for this long ends (default 45000)
   --max-sessions N       handshakes beyond N sessions are refused (default 100000)
   --max-sessions-per-connection N
@@ -52,7 +57,8 @@ SIGTERM.
                          (defaults 1024 and 16)
   --connect-grace MS     a session that sends no /meta/connect this long after its handshake
                          ends (default 10000)
-  --max-connections N    connections beyond N are closed on arrival (default 100000)
+  --max-connections N    connections beyond N are closed on arrival (default 100000, or
+                         fewer to stay within the limit of open files)
   --max-connections-per-address N
                          connections beyond N from one client address are closed on arrival
                          (default 0: no bound, as proxies and NAT share addresses)
@@ -93,6 +99,55 @@ so that the allowed sites' pages can long-poll; over plain HTTP browsers send th
 pages only (another port of the same host, say).
 )";
 
+// The key handshakes must carry, from --api-key or the first line of --api-key-file (which
+// keeps it out of the process list); empty when neither is given. An empty key given is refused:
+// it would be taken for no key, and the hub would serve anyone.
+std::string apiKey(const Args& args) {
+    if (args.has("--api-key") && args.has("--api-key-file"))
+        throw UsageError("--api-key and --api-key-file exclude each other");
+    std::string key = args.value("--api-key", "");
+    if (const auto file = args.value("--api-key-file")) {
+        std::ifstream in(*file);
+        if (!in)
+            throw Failure("Cannot read the API key file " + *file);
+        std::getline(in, key);
+        if (!key.empty() && key.back() == '\r')
+            key.pop_back();
+    }
+    if (key.empty() && (args.has("--api-key") || args.has("--api-key-file")))
+        throw UsageError(
+            "the API key is empty: give one, or leave the option out to serve "
+            "without one");
+    return key;
+}
+
+// Each connection takes a file descriptor. The soft limit of open files, often 1024, is raised
+// to the hard one; connections past what it then allows would fail to be accepted rather than be
+// closed on arrival as counted. So the default bound stays below it, and a bound given above it
+// is warned of.
+std::size_t boundByFileLimit(std::size_t maxConnections, bool given) {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return maxConnections;
+    if (limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+        getrlimit(RLIMIT_NOFILE, &limit);
+    }
+    // Some descriptors go to the process itself: its log, its listening sockets, a cluster link.
+    constexpr rlim_t kOwnFiles = 64;
+    if (limit.rlim_cur == RLIM_INFINITY || limit.rlim_cur >= maxConnections + kOwnFiles)
+        return maxConnections;
+    const std::size_t allowed = limit.rlim_cur > kOwnFiles ? limit.rlim_cur - kOwnFiles : 1;
+    if (!given)
+        return allowed;
+    static const foundation::log::basic_diagnostic_logger<char> logger("orvale::serve");
+    logger.log(foundation::log::warning, "The limit of open files (", limit.rlim_cur,
+               ") is below --max-connections (", maxConnections, "): connections past about ",
+               allowed, " will fail to be accepted; raise it (ulimit -n)");
+    return maxConnections;
+}
+
 }  // namespace
 
 int runServe(const Words& words) {
@@ -101,6 +156,7 @@ int runServe(const Words& words) {
                      "--port",
                      "--path",
                      "--api-key",
+                     "--api-key-file",
                      "--cert",
                      "--key",
                      "--connect-timeout",
@@ -138,17 +194,19 @@ int runServe(const Words& words) {
     options.path = args.value("--path", options.path);
     if (options.path.empty() || options.path[0] != '/')
         throw UsageError("--path must start with '/'");
-    options.apiKey = args.value("--api-key", "");
+    options.apiKey = apiKey(args);
     options.certFile = args.value("--cert", "");
     options.keyFile = args.value("--key", "");
     if (options.certFile.empty() != options.keyFile.empty())
         throw UsageError("--cert and --key go together");
     options.connectTimeout = std::chrono::milliseconds(
-        args.number("--connect-timeout", options.connectTimeout.count(), 0, 3600000));
+        args.number("--connect-timeout", options.connectTimeout.count(), 1, 3600000));
     options.sessionTimeout = std::chrono::milliseconds(
         args.number("--session-timeout", options.sessionTimeout.count(), 1, 86400000));
     options.maxSessions = args.number("--max-sessions", options.maxSessions, 1, 10000000);
-    options.maxConnections = args.number("--max-connections", options.maxConnections, 1, 10000000);
+    options.maxConnections =
+        boundByFileLimit(args.number("--max-connections", options.maxConnections, 1, 10000000),
+                         args.has("--max-connections"));
     options.maxConnectionsPerAddress =
         args.number("--max-connections-per-address", options.maxConnectionsPerAddress, 0, 10000000);
     options.maxSessionsPerAddress =
@@ -202,8 +260,10 @@ int runServe(const Words& words) {
         throw Failure(e.what());
     }
     const bool secure = !options.certFile.empty();
-    std::cout << (secure ? "wss://" : "ws://") << options.host << ":" << endpoint->port()
-              << options.path << std::endl;
+    // An IPv6 address goes in brackets, as a URL spells it.
+    const bool bracketed = options.host.find(':') != std::string::npos;
+    std::cout << (secure ? "wss://" : "ws://") << (bracketed ? "[" : "") << options.host
+              << (bracketed ? "]" : "") << ":" << endpoint->port() << options.path << std::endl;
     const std::atomic<bool> never{false};
     waitForStop(never);
     endpoint->stop();

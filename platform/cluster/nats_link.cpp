@@ -14,10 +14,20 @@ namespace log = foundation::log;
 
 const log::basic_diagnostic_logger<char> logger("connector::bayeux::cluster");
 
+// `url` as logs may show it: a user and password before the host become "***".
+std::string shown(std::string_view url) {
+    const auto scheme = url.find("://");
+    const auto start = scheme == std::string_view::npos ? 0 : scheme + 3;
+    const auto at = url.find('@', start);
+    if (at == std::string_view::npos || url.find('/', start) < at)
+        return std::string(url);
+    return std::string(url.substr(0, start)).append("***").append(url.substr(at));
+}
+
 std::string joined(const std::vector<std::string>& urls) {
     std::string text;
     for (const auto& url : urls)
-        text += (text.empty() ? "" : ",") + url;
+        text += (text.empty() ? "" : ",") + shown(url);
     return text;
 }
 
@@ -229,7 +239,7 @@ void NatsLink::onReconnected(natsConnection* connection, void* closure) {
     char url[256] = "";
     natsConnection_GetConnectedUrl(connection, url, sizeof url);
     const std::uint64_t lost = self->lost_.load();
-    logger.log(log::warning, "Cluster link back, through ", url, "; ",
+    logger.log(log::warning, "Cluster link back, through ", shown(url), "; ",
                lost - self->lostBeforeOutage_.load(), " messages lost in the outage, ", lost,
                " since joining");
     if (self->options_.onLinkChange)

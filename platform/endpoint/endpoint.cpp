@@ -29,6 +29,7 @@
 #include "connector/log/diagnostic_logger.h"
 #include "hub.h"
 #include "io_turns.h"
+#include "operator_routes.h"
 
 namespace connector::bayeux {
 
@@ -114,6 +115,9 @@ class EndpointImpl final : public BayeuxEndpoint {
                          options.maxSessionsPerAddress > 0) {
         if (!server)
             throw std::invalid_argument("The endpoint needs a Bayeux server");
+        if (options.operatorRoutes && endpoint::isOperatorRoute(options.path))
+            throw std::invalid_argument("The endpoint's path " + options.path +
+                                        " is taken by an operator route");
         hub_ = std::make_shared<Hub>(std::move(server), options);
         // One thread serves every connection on a small machine, where the server's delivery
         // threads need the other cores; a second one pays off from four cores on.

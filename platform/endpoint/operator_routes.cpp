@@ -219,6 +219,11 @@ std::string statusJson(const Hub& hub) {
     return json::serialize(status);
 }
 
+bool isOperatorRoute(std::string_view path) {
+    return path == "/metrics" || path == "/healthz" || path == "/readyz" || path == "/status" ||
+           path == "/status.json";
+}
+
 std::optional<OperatorAnswer> answerOperatorRequest(const Hub& hub, const HttpRequest& request) {
     const auto target = request.target();
     const auto path = target.substr(0, target.find('?'));

@@ -13,6 +13,7 @@
 #include <boost/beast/http/status.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "connections.h"
 
@@ -28,6 +29,9 @@ struct OperatorAnswer {
 
 // The answer to `request` when it names an operator route, else nothing.
 std::optional<OperatorAnswer> answerOperatorRequest(const Hub& hub, const HttpRequest& request);
+
+// Whether `path` is one of the operator routes, which the Bayeux endpoint's path must not be.
+bool isOperatorRoute(std::string_view path);
 
 // The exposition of every metric, and the figures of the status page as JSON.
 std::string metricsText(const Hub& hub);

@@ -3,6 +3,7 @@
 // program, `orvale` commands and `orvale serve`.
 
 #include <gtest/gtest.h>
+#include <algorithm>
 
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
@@ -25,7 +26,9 @@ inline std::unique_ptr<ChildProcess> orvale(std::vector<std::string> args) {
 // `orvale serve` on a free port; its URL is known once the constructor returns.
 struct ServeProcess {
     explicit ServeProcess(std::vector<std::string> extra = {}) {
-        extra.insert(extra.begin(), {"serve", "--port", "0"});
+        if (std::find(extra.begin(), extra.end(), "--port") == extra.end())
+            extra.insert(extra.begin(), {"--port", "0"});
+        extra.insert(extra.begin(), "serve");
         process = orvale(std::move(extra));
         url = process->firstLine(10s).value_or("");
         if (url.empty())
