@@ -18,6 +18,7 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <future>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -72,6 +73,8 @@ std::shared_ptr<asio::ssl::context> makeTls(const EndpointOptions& options) {
 // The most handlers an I/O thread runs before it wakes the delivery threads: enough for a busy
 // publisher's window of a thousand publishes (a read and a write for each frame of them).
 constexpr std::size_t kHandlersPerTurn = 128;
+// How long a stopping endpoint lets its loops send the replies that tell clients to come back.
+constexpr std::chrono::milliseconds kStopGrace{500};
 
 class Loop {
   public:
@@ -83,6 +86,20 @@ class Loop {
         io_.stop();
         if (thread_.joinable())
             thread_.join();
+    }
+    // Runs what was posted before now, then what that started (a reply's write, say), for at
+    // most `bound`: true when the loop got that far.
+    bool settle(std::chrono::steady_clock::time_point bound) {
+        if (std::this_thread::get_id() == thread_.get_id())
+            return false;  // it would wait for itself
+        for (int round = 0; round < 2; ++round) {
+            auto done = std::make_shared<std::promise<void>>();
+            auto ran = done->get_future();
+            asio::post(io_, [done] { done->set_value(); });
+            if (ran.wait_until(bound) != std::future_status::ready)
+                return false;
+        }
+        return true;
     }
 
   private:
@@ -159,6 +176,11 @@ class EndpointImpl final : public BayeuxEndpoint {
             return;
         stopped_ = true;
         hub_->shutdown();
+        // The loops run the stopping replies the hub has just posted, so that held connects and
+        // late handshakes hear "handshake" before their connections close.
+        const auto bound = std::chrono::steady_clock::now() + kStopGrace;
+        for (auto& loop : loops_)
+            loop->settle(bound);
         for (auto& loop : loops_)
             loop->stop();
         acceptor_.reset();

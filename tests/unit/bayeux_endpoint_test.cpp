@@ -348,6 +348,9 @@ TEST_F(EndpointTest, LimitsHoldAndSessionsEndWithTheirSubscriptionsOverPlainAndT
     ASSERT_TRUE(waitUntil([&] { return published.has(R"(/in {"n":1})"); }));
     const auto servedPort = endpoint->port();
     endpoint->stop();
+    // The held connect was answered before the connection closed: come back with a handshake.
+    EXPECT_NE(advice(live.await(withId("c"))).find(R"("reconnect":"handshake")"),
+              std::string::npos);
     EXPECT_EQ(endpoint->sessionCount(), 0u);
     EXPECT_EQ(endpoint->port(), servedPort);
     EXPECT_TRUE(waitUntil([&] { return heard.has("-/exp/d"); }));
