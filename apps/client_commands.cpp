@@ -55,6 +55,7 @@ int runSub(const Words& words) {
     const std::uint64_t count = args.number("--count", 0, 1, UINT64_MAX);
     const std::string& url = args.positional()[0];
 
+    std::optional<StopWhileStarting> starting(std::in_place);
     ClientFactory factory;
     // Kept across a restart of the endpoint; gone only when the endpoint refuses it.
     auto service =
@@ -96,6 +97,7 @@ int runSub(const Words& words) {
         auto subscribed = service->subscribe(channel, print);
         subscriptions.push_back(await(subscribed, 10s, "cannot subscribe to " + channel));
     }
+    starting.reset();
     waitForStop(done);
     bool finished = false;
     {

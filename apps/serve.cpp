@@ -4,6 +4,7 @@
 
 #include <fstream>
 #include <iostream>
+#include <optional>
 #include <thread>
 
 #include "cli.h"
@@ -247,6 +248,7 @@ int runServe(const Words& words) {
         serverOptions.clusterUrls.push_back(urls.substr(0, comma));
         urls = comma == std::string::npos ? std::string() : urls.substr(comma + 1);
     }
+    std::optional<StopWhileStarting> starting(std::in_place);  // joining a cluster takes seconds
     std::shared_ptr<connector::bayeux::BayeuxServer> server;
     try {
         server = connector::bayeux::makeBayeuxServer(serverOptions);
@@ -265,6 +267,7 @@ int runServe(const Words& words) {
     std::cout << (secure ? "wss://" : "ws://") << (bracketed ? "[" : "") << options.host
               << (bracketed ? "]" : "") << ":" << endpoint->port() << options.path << std::endl;
     const std::atomic<bool> never{false};
+    starting.reset();
     waitForStop(never);
     endpoint->stop();
     return 0;

@@ -44,21 +44,41 @@ bool waitForStop(const std::atomic<bool>& done) {
     return false;
 }
 
+[[noreturn]] void endNow(int signal) {
+    stopping.store(true);
+    // What the run's threads report from here on is its own teardown, not news.
+    const int quiet = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (quiet >= 0)
+        ::dup2(quiet, STDERR_FILENO);
+    // Children left running would outlive the run: hubs and engines holding ports and CPU.
+    tools::ChildProcess::endAll();
+    std::_Exit(128 + signal);
+}
+
 void endOnStop() {
     std::thread([] {
         const sigset_t set = stopSignals();
         int signal = 0;
         while (sigwait(&set, &signal) != 0) {
         }
-        stopping.store(true);
-        // What the run's threads report from here on is its own teardown, not news.
-        const int quiet = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-        if (quiet >= 0)
-            ::dup2(quiet, STDERR_FILENO);
-        // Children left running would outlive the run: hubs and engines holding ports and CPU.
-        tools::ChildProcess::endAll();
-        std::_Exit(128 + signal);
+        endNow(signal);
     }).detach();
+}
+
+StopWhileStarting::StopWhileStarting()
+    : watcher_([this] {
+          const sigset_t set = stopSignals();
+          const timespec slice{0, 20 * 1000 * 1000};
+          while (!started_.load()) {
+              const int signal = sigtimedwait(&set, nullptr, &slice);
+              if (signal > 0)
+                  endNow(signal);
+          }
+      }) {}
+
+StopWhileStarting::~StopWhileStarting() {
+    started_.store(true);
+    watcher_.join();
 }
 
 int exitUnlessStopping(int status) {

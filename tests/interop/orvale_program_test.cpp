@@ -1,6 +1,12 @@
 // The orvale program as users run it: serve, sub and pub (client services against a hub in
 // another process), demo, exit statuses and error lines.
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -58,6 +64,24 @@ TEST(OrvaleProgramTest, AStoppedBenchEndsItsChildren) {
             });
         },
         5s));
+
+    // A sub still connecting, to a server that takes the connection and never answers, ends on
+    // SIGINT at once, not when its connect gives up.
+    const int silent = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    ASSERT_EQ(::bind(silent, reinterpret_cast<sockaddr*>(&address), size), 0);
+    ASSERT_EQ(::listen(silent, 1), 0);
+    ::getsockname(silent, reinterpret_cast<sockaddr*>(&address), &size);
+    auto sub = orvale(
+        {"sub", "ws://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/bayeux", "/a"});
+    pollfd waiting{silent, POLLIN, 0};
+    ASSERT_EQ(::poll(&waiting, 1, 5000), 1);  // the sub is connecting
+    sub->kill(SIGINT);
+    EXPECT_EQ(run(*sub, 2s), 130);
+    ::close(silent);
 }
 
 // Sub prints what pub publishes (exact and wildcard), outlives a hub restart on the same port and
