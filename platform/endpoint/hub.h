@@ -189,6 +189,16 @@ class Hub {
     std::int64_t subscriptions_ ORVALE_GUARDED_BY(channelsMutex_) = 0;
     std::size_t channels_ ORVALE_GUARDED_BY(channelsMutex_) = 0;  // with a positive count
 
+    // Sessions by transport, counted by a walk of sessions_ at most once a second however often
+    // the operator routes ask; taken before mutex_.
+    struct TransportCount {
+        Clock::time_point at{};
+        std::size_t webSocket = 0;
+        std::size_t longPolling = 0;
+    };
+    mutable common::Mutex countMutex_;
+    mutable TransportCount transportCount_ ORVALE_GUARDED_BY(countMutex_);
+
     // The links whose frames wait for the cluster. They are kept here, not by the server's
     // callback, so that shutdown lets them go while their I/O threads still run; a callback that
     // comes later finds nothing to wake. A link is woken under `mutex` (the wake only posts), so

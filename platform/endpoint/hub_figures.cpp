@@ -31,10 +31,21 @@ void Hub::countSubscriptions(const std::vector<std::string>& channels, bool adde
 HubFigures Hub::figures() const {
     HubFigures figures;
     {
+        common::MutexLock counting(countMutex_);
+        const auto now = Clock::now();
+        // A probe polling /readyz, or many scrapers, must not walk every session each time.
+        if (now - transportCount_.at >= std::chrono::seconds(1)) {
+            TransportCount count{now};
+            common::ReaderLock lock(mutex_);
+            for (const auto& entry : sessions_)
+                ++(entry.second->overWebSocket() ? count.webSocket : count.longPolling);
+            transportCount_ = count;
+        }
+        figures.webSocketSessions = transportCount_.webSocket;
+        figures.longPollingSessions = transportCount_.longPolling;
+    }
+    {
         common::ReaderLock lock(mutex_);
-        for (const auto& entry : sessions_)
-            ++(entry.second->overWebSocket() ? figures.webSocketSessions
-                                             : figures.longPollingSessions);
         figures.accepting = accepting_ && sessions_.size() < options_.maxSessions;
     }
     {
