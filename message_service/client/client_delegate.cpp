@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "common/module_logger.h"
-#include "common/service_records.h"
 #include "connector/message_service/client_impl.h"
 #include "connector/message_service/factory_delegator.h"
 
@@ -46,7 +45,7 @@ Future<std::shared_ptr<MessageService>> MessageServiceFactoryClientDelegate::cre
         return makeFailedFuture<Result>(error);
     {
         common::MutexLock registry(instancesMutex_);
-        if (auto existing = liveInstance(instances_, name))
+        if (auto existing = instances_[name].lock())
             return makeReadyFuture<Result>(std::move(existing));
     }
     Options copy = options;
@@ -61,7 +60,7 @@ Future<std::shared_ptr<MessageService>> MessageServiceFactoryClientDelegate::cre
                 throw std::runtime_error("Unknown error connecting message service.");
             {
                 common::MutexLock registry(self->instancesMutex_);
-                registerInstance(self->instances_, name, instance);
+                self->instances_[name] = instance;
             }
             return instance;
         });
@@ -71,7 +70,7 @@ std::shared_ptr<MessageService> MessageServiceFactoryClientDelegate::getMessageS
     const std::string& name) {
     common::MutexLock lock(mutex_);
     common::MutexLock registry(instancesMutex_);
-    return liveInstance(instances_, name);
+    return instances_[name].lock();
 }
 
 }  // namespace connector::message_service

@@ -20,26 +20,6 @@
 
 namespace connector::message_service {
 
-// The live instance registered under `name` in a registry of weak pointers, or null; looking
-// a name up adds no entry for it.
-template <class Registry>
-auto liveInstance(const Registry& registry, const std::string& name) {
-    const auto found = registry.find(name);
-    return found == registry.end() ? decltype(found->second.lock())() : found->second.lock();
-}
-
-// Registers `instance` under `name`. The entries of instances gone are dropped whenever the
-// registry reaches a power of two (from 16): memory follows the live instances, at amortised
-// constant cost, however many names come and go.
-template <class Registry, class Instance>
-void registerInstance(Registry& registry, const std::string& name, const Instance& instance) {
-    const std::size_t size = registry.size();
-    if (size >= 16 && (size & (size - 1)) == 0)
-        for (auto it = registry.begin(); it != registry.end();)
-            it = it->second.expired() ? registry.erase(it) : std::next(it);
-    registry[name] = instance;
-}
-
 // (wire channel, holder) pairs taken out of a table, in table order.
 using TakenHolders = std::vector<std::pair<std::string, std::shared_ptr<SubscriptionHolder>>>;
 

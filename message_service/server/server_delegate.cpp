@@ -2,7 +2,6 @@
 
 #include "common/channel_rules.h"
 #include "common/module_logger.h"
-#include "common/service_records.h"
 #include "connector/message_service/factory_delegator.h"
 #include "connector/message_service/server_impl.h"
 
@@ -40,10 +39,11 @@ Future<std::shared_ptr<MessageService>> MessageServiceFactoryServerDelegate::cre
     }
     if (auto error = checkServiceName(name))
         return makeFailedFuture<std::shared_ptr<MessageService>>(error);
-    if (auto existing = liveInstance(instances_, name))
+    auto& entry = instances_[name];
+    if (auto existing = entry.lock())
         return makeReadyFuture<std::shared_ptr<MessageService>>(existing);
     auto instance = std::make_shared<MessageServiceServerImpl>(name, bayeuxServer_);
-    registerInstance(instances_, name, instance);
+    entry = instance;
     Promise<std::shared_ptr<MessageService>> promise;
     auto future = promise.getFuture();
     promise.setValue(std::move(instance));
@@ -53,7 +53,7 @@ Future<std::shared_ptr<MessageService>> MessageServiceFactoryServerDelegate::cre
 std::shared_ptr<MessageService> MessageServiceFactoryServerDelegate::getMessageService(
     const std::string& name) {
     common::MutexLock lock(mutex_);
-    return liveInstance(instances_, name);
+    return instances_[name].lock();
 }
 
 }  // namespace connector::message_service
