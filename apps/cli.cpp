@@ -1,6 +1,7 @@
 #include "cli.h"
 
 #include <charconv>
+#include <fstream>
 
 namespace orvale::app {
 
@@ -48,6 +49,23 @@ std::uint64_t Args::number(const std::string& name, std::uint64_t fallback, std:
     if (!text)
         return fallback;
     return parseNumber(*text, name, min, max);
+}
+
+std::string apiKey(const Args& args) {
+    if (args.has("--api-key") && args.has("--api-key-file"))
+        throw UsageError("--api-key and --api-key-file exclude each other");
+    std::string key = args.value("--api-key", "");
+    if (const auto file = args.value("--api-key-file")) {
+        std::ifstream in(*file);
+        if (!in)
+            throw Failure("Cannot read the API key file " + *file);
+        std::getline(in, key);
+        if (!key.empty() && key.back() == '\r')
+            key.pop_back();
+    }
+    if (key.empty() && (args.has("--api-key") || args.has("--api-key-file")))
+        throw UsageError("the API key is empty: give one, or leave the option out");
+    return key;
 }
 
 std::uint64_t parseNumber(const std::string& text, const std::string& what, std::uint64_t min,

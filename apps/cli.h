@@ -42,6 +42,11 @@ class Args {
     std::set<std::string> flags_;
 };
 
+// The API key from --api-key or from the first line of --api-key-file (which keeps it out of
+// the process list); empty when neither is given. An empty key given is refused: a hub would
+// take it for no key and serve anyone.
+std::string apiKey(const Args& args);
+
 // The value of `text` as a whole number in [min, max], or UsageError naming `what`.
 std::uint64_t parseNumber(const std::string& text, const std::string& what, std::uint64_t min,
                           std::uint64_t max);

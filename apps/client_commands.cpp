@@ -20,7 +20,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
-const char* const kSubUsage = R"(usage: orvale sub URL CHANNEL... [--count N] [--api-key K]
+const char* const kSubUsage =
+    R"(usage: orvale sub URL CHANNEL... [--count N] [--api-key K | --api-key-file F]
 
 Subscribes to each application CHANNEL (such as /chat/room or /chat/*) at the Bayeux endpoint
 URL (such as ws://127.0.0.1:8080/bayeux, or http://… for long-polling) and prints one JSON
@@ -31,21 +32,25 @@ When the connection is lost it reconnects and subscribes again, waiting between 
 
   --count N      exit after N messages
   --api-key K    the endpoint's API key
+  --api-key-file F
+                 the same, from the first line of F (out of sight of ps)
 )";
 
-const char* const kPubUsage = R"(usage: orvale pub URL CHANNEL JSON [--api-key K]
+const char* const kPubUsage = R"(usage: orvale pub URL CHANNEL JSON [--api-key K | --api-key-file F]
 
 Publishes the JSON text on the application CHANNEL (such as /chat/room) at the Bayeux endpoint
 URL (such as ws://127.0.0.1:8080/bayeux, or http://… for long-polling) and exits once the
 endpoint has accepted it.
 
   --api-key K    the endpoint's API key
+  --api-key-file F
+                 the same, from the first line of F (out of sight of ps)
 )";
 
 }  // namespace
 
 int runSub(const Words& words) {
-    const Args args(words, {"--count", "--api-key"}, {"--help"});
+    const Args args(words, {"--count", "--api-key", "--api-key-file"}, {"--help"});
     if (args.has("--help")) {
         std::cout << kSubUsage;
         return 0;
@@ -58,8 +63,7 @@ int runSub(const Words& words) {
     std::optional<StopWhileStarting> starting(std::in_place);
     ClientFactory factory;
     // Kept across a restart of the endpoint; gone only when the endpoint refuses it.
-    auto service =
-        factory.connect("orvale-sub", url, args.value("--api-key", ""), 10s, {{"reconnect", "on"}});
+    auto service = factory.connect("orvale-sub", url, apiKey(args), 10s, {{"reconnect", "on"}});
     std::atomic<bool> done{false};
     std::atomic<bool> lost{false};
     auto states = service
@@ -112,7 +116,7 @@ int runSub(const Words& words) {
 }
 
 int runPub(const Words& words) {
-    const Args args(words, {"--api-key"}, {"--help"});
+    const Args args(words, {"--api-key", "--api-key-file"}, {"--help"});
     if (args.has("--help")) {
         std::cout << kPubUsage;
         return 0;
@@ -128,7 +132,7 @@ int runPub(const Words& words) {
         throw UsageError("the message is not valid JSON: " + ec.message());
 
     ClientFactory factory;
-    auto service = factory.connect("orvale-pub", url, args.value("--api-key", ""));
+    auto service = factory.connect("orvale-pub", url, apiKey(args));
     auto published = service->publish(channel, std::string(json));
     await(published, 10s, "cannot publish on " + channel);
     auto disconnected = service->disconnect();

@@ -2,7 +2,6 @@
 
 #include <sys/resource.h>
 
-#include <fstream>
 #include <iostream>
 #include <optional>
 #include <thread>
@@ -99,28 +98,6 @@ handshake answers, BAYEUX_BROWSER_WS on WebSocket upgrade answers. Anything else
 so that the allowed sites' pages can long-poll; over plain HTTP browsers send them to same-site
 pages only (another port of the same host, say).
 )";
-
-// The key handshakes must carry, from --api-key or the first line of --api-key-file (which
-// keeps it out of the process list); empty when neither is given. An empty key given is refused:
-// it would be taken for no key, and the hub would serve anyone.
-std::string apiKey(const Args& args) {
-    if (args.has("--api-key") && args.has("--api-key-file"))
-        throw UsageError("--api-key and --api-key-file exclude each other");
-    std::string key = args.value("--api-key", "");
-    if (const auto file = args.value("--api-key-file")) {
-        std::ifstream in(*file);
-        if (!in)
-            throw Failure("Cannot read the API key file " + *file);
-        std::getline(in, key);
-        if (!key.empty() && key.back() == '\r')
-            key.pop_back();
-    }
-    if (key.empty() && (args.has("--api-key") || args.has("--api-key-file")))
-        throw UsageError(
-            "the API key is empty: give one, or leave the option out to serve "
-            "without one");
-    return key;
-}
 
 // Each connection takes a file descriptor. The soft limit of open files, often 1024, is raised
 // to the hard one; connections past what it then allows would fail to be accepted rather than be

@@ -136,7 +136,6 @@ TEST(OrvaleProgramTest, FailuresExitNonZeroWithOneLine) {
         std::filesystem::temp_directory_path() / ("orvale-key-" + std::to_string(getpid()));
     std::ofstream(keyFile) << "k3y\r\nignored\n";
     ServeProcess keyed({"--api-key-file", keyFile.string(), "--log-format", "json"});
-    std::filesystem::remove(keyFile);
     ServeProcess plain;
     const std::string closed = "ws://127.0.0.1:1/bayeux";
     const struct {
@@ -147,6 +146,7 @@ TEST(OrvaleProgramTest, FailuresExitNonZeroWithOneLine) {
         {{"pub", keyed.url, "/a", "1"}, 1, "403::Unauthorized"},
         {{"pub", keyed.url, "/a", "1", "--api-key", "nope"}, 1, "403::Unauthorized"},
         {{"pub", keyed.url, "/a", "1", "--api-key", "k3y"}, 0, ""},
+        {{"pub", keyed.url, "/a", "1", "--api-key-file", keyFile.string()}, 0, ""},
         {{"pub", closed, "/a", "1"}, 1, "Connection refused"},
         {{"pub", closed, "/a", "{not json"}, 2, "not valid JSON"},
         {{"pub", "not-a-url", "/a", "1"}, 1, "not-a-url"},
@@ -174,6 +174,7 @@ TEST(OrvaleProgramTest, FailuresExitNonZeroWithOneLine) {
         expectOneLine(*child, c.mentions);
         EXPECT_TRUE(child->lines().empty());
     }
+    std::filesystem::remove(keyFile);
     // The keyed hub logged its two refusals as one JSON object a line.
     EXPECT_TRUE(waitUntil([&] {
         const std::string errors = keyed.process->errors();
