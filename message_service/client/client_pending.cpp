@@ -37,6 +37,7 @@ void MessageServiceClientImpl::PendingRequest::succeed(MessagePtr&& answer) {
         return;
     }
     auto& publish = std::get<PendingPublish>(completion);
+    publish.counted.release();
     const Message& received = *answer;  // typeid of a plain reference: no call to evaluate
     if (typeid(received) != typeid(bayeux::PublishResponse) &&
         !dynamic_cast<const bayeux::PublishResponse*>(answer.get())) {
@@ -59,6 +60,7 @@ void MessageServiceClientImpl::PendingRequest::fail(const std::string& text,
         return;
     }
     auto& publish = std::get<PendingPublish>(completion);
+    publish.counted.release();
     failPublish(std::move(publish.promise), publish.channel, text);
 }
 

@@ -129,9 +129,13 @@ class MessageServiceClientImpl : public MessageService,
             std::swap(bytes_, other.bytes_);
             return *this;
         }
-        ~CountedBytes() {
+        ~CountedBytes() { release(); }
+        // Counts the bytes out now: before the publish's caller hears how it went, so that a
+        // caller who then publishes again finds the room.
+        void release() {
             if (total_)
                 total_->fetch_sub(bytes_, std::memory_order_relaxed);
+            total_ = nullptr;
         }
 
       private:
