@@ -26,22 +26,17 @@ sigset_t stopSignals() {
     return set;
 }
 
-}  // namespace
-
-void blockStopSignals() {
-    const sigset_t set = stopSignals();
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
-}
-
-bool waitForStop(const std::atomic<bool>& done) {
+// The stop signal that arrived, or 0 once `done` became true first.
+int awaitStopSignal(const std::atomic<bool>& done) {
     const sigset_t set = stopSignals();
     // A short timeout lets `done` end the wait without a signal of its own.
     const timespec slice{0, 20 * 1000 * 1000};
     while (!done.load()) {
-        if (sigtimedwait(&set, nullptr, &slice) > 0)
-            return true;
+        const int signal = sigtimedwait(&set, nullptr, &slice);
+        if (signal > 0)
+            return signal;
     }
-    return false;
+    return 0;
 }
 
 [[noreturn]] void endNow(int signal) {
@@ -53,6 +48,17 @@ bool waitForStop(const std::atomic<bool>& done) {
     // Children left running would outlive the run: hubs and engines holding ports and CPU.
     tools::ChildProcess::endAll();
     std::_Exit(128 + signal);
+}
+
+}  // namespace
+
+void blockStopSignals() {
+    const sigset_t set = stopSignals();
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+bool waitForStop(const std::atomic<bool>& done) {
+    return awaitStopSignal(done) != 0;
 }
 
 void endOnStop() {
@@ -67,13 +73,8 @@ void endOnStop() {
 
 StopWhileStarting::StopWhileStarting()
     : watcher_([this] {
-          const sigset_t set = stopSignals();
-          const timespec slice{0, 20 * 1000 * 1000};
-          while (!started_.load()) {
-              const int signal = sigtimedwait(&set, nullptr, &slice);
-              if (signal > 0)
-                  endNow(signal);
-          }
+          if (const int signal = awaitStopSignal(started_))
+              endNow(signal);
       }) {}
 
 StopWhileStarting::~StopWhileStarting() {
