@@ -219,31 +219,40 @@ std::string statusJson(const Hub& hub) {
     return json::serialize(status);
 }
 
+namespace {
+
+enum class Route { Metrics, Health, Ready, Page, Figures };
+
+// The operator route at `path`, if there is one: the one list of their paths.
+std::optional<Route> routeAt(std::string_view path) {
+    if (path == "/metrics")
+        return Route::Metrics;
+    if (path == "/healthz")
+        return Route::Health;
+    if (path == "/readyz")
+        return Route::Ready;
+    if (path == "/status")
+        return Route::Page;
+    if (path == "/status.json")
+        return Route::Figures;
+    return std::nullopt;
+}
+
+}  // namespace
+
 bool isOperatorRoute(std::string_view path) {
-    return path == "/metrics" || path == "/healthz" || path == "/readyz" || path == "/status" ||
-           path == "/status.json";
+    return routeAt(path).has_value();
 }
 
 std::optional<OperatorAnswer> answerOperatorRequest(const Hub& hub, const HttpRequest& request) {
     const auto target = request.target();
     const auto path = target.substr(0, target.find('?'));
-    enum class Route { Metrics, Health, Ready, Page, Figures };
-    Route route;
-    if (path == "/metrics")
-        route = Route::Metrics;
-    else if (path == "/healthz")
-        route = Route::Health;
-    else if (path == "/readyz")
-        route = Route::Ready;
-    else if (path == "/status")
-        route = Route::Page;
-    else if (path == "/status.json")
-        route = Route::Figures;
-    else
+    const auto route = routeAt(std::string_view(path.data(), path.size()));
+    if (!route)
         return std::nullopt;
     if (request.method() != http::verb::get)
         return plain(http::status::method_not_allowed, "");
-    switch (route) {
+    switch (*route) {
         case Route::Metrics:
             return OperatorAnswer{http::status::ok, metricsText(hub),
                                   "text/plain; version=0.0.4; charset=utf-8"};
