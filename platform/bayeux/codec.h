@@ -18,6 +18,10 @@
 
 namespace connector::bayeux::codec {
 
+// JSON nested deeper than this is refused: it bounds the recursion of parsing and
+// re-serializing, and what the hub reads off the wire or sends on it stays within it.
+inline constexpr std::size_t kMaxDepth = 64;
+
 // Why part of a frame was left out.
 struct DecodeError {
     // The message's position in the frame; empty when the whole frame was refused.

@@ -24,8 +24,6 @@ namespace {
 
 // Larger frames are refused before parsing; the transport's own limit is normally lower.
 constexpr std::size_t kMaxFrameBytes = std::size_t{64} << 20;
-// Nesting deeper than this is refused: it bounds the recursion of parsing and re-serializing.
-constexpr std::size_t kMaxDepth = 64;
 
 // What is wrong with one element; caught per element so the rest of the frame still decodes.
 struct Problem : std::runtime_error {

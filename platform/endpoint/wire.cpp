@@ -19,7 +19,7 @@ namespace {
 // Parsing limits for the error paths; the frame size is already bounded by the connection.
 json::parse_options parseOptions() {
     json::parse_options options;
-    options.max_depth = 64;
+    options.max_depth = codec::kMaxDepth;
     return options;
 }
 

@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "bayeux/codec.h"
 #include "bayeux/json_reader.h"
 #include "channel_tree.h"
 #include "common/doubling_log.h"
@@ -395,10 +396,9 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
 }  // namespace detail
 
 bool mayLeaveProcess(const PublishRequest& request) {
-    // As deep as the hub's decoder reads.
-    constexpr std::size_t kMaxDepth = 64;
     const std::string& data = request.getJson();
-    if (request.isDataValidated() || data.empty() || codec::json_reader::isJson(data, kMaxDepth))
+    if (request.isDataValidated() || data.empty() ||
+        codec::json_reader::isJson(data, codec::kMaxDepth))
         return true;
     if (const std::uint64_t n = detail::notJson.next())
         detail::logger().log(foundation::log::warning, "Kept a publish on ", request.getChannel(),
